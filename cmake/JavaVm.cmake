@@ -1,0 +1,25 @@
+# Finds the JDK: JAVA_HOME when it is set, else the one that Debian installs. Gives JNI::JVM for the
+# programs and Java_JAVAC_EXECUTABLE for the classes beside them.
+
+if(NOT "$ENV{JAVA_HOME}" STREQUAL "")
+  set(java_home "$ENV{JAVA_HOME}")
+else()
+  file(GLOB debian_jdks "/usr/lib/jvm/java-*-openjdk-*")
+  find_path(java_home include/jni.h NO_CACHE HINTS /usr/lib/jvm/default-java ${debian_jdks})
+endif()
+
+# Another JDK than last time: what was found in the old one is void.
+if(NOT java_home STREQUAL JAVA_HOME_IN_USE)
+  unset(JAVA_INCLUDE_PATH CACHE)
+  unset(JAVA_INCLUDE_PATH2 CACHE)
+  unset(JAVA_JVM_LIBRARY CACHE)
+  unset(Java_JAVAC_EXECUTABLE CACHE)
+  set(JAVA_HOME_IN_USE "${java_home}" CACHE INTERNAL "The JDK that the paths below were found in")
+endif()
+
+# FindJNI does not find Debian's JDK unaided; it takes what is known already.
+find_path(JAVA_INCLUDE_PATH jni.h PATHS "${java_home}/include" NO_DEFAULT_PATH)
+find_path(JAVA_INCLUDE_PATH2 jni_md.h PATHS "${java_home}/include/linux" NO_DEFAULT_PATH)
+find_library(JAVA_JVM_LIBRARY jvm PATHS "${java_home}/lib/server" NO_DEFAULT_PATH)
+find_program(Java_JAVAC_EXECUTABLE javac PATHS "${java_home}/bin" NO_DEFAULT_PATH)
+find_package(JNI REQUIRED COMPONENTS JVM)

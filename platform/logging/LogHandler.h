@@ -1,0 +1,28 @@
+// A named entry point for log events.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "LogClient.h"
+
+class LogHandler : public LogHandlerClient {
+ public:
+  // Handlers are made by Logger::GetLogHandler, one for each name.
+  explicit LogHandler(const std::string& name);
+
+  // Appends a client; from now on it gets every event, after the clients added before it. The
+  // caller keeps ownership, and the client must outlive the handler. A handler that is its own
+  // client, directly or through others, would pass an event round for ever.
+  void AddLogClient(LogHandlerClient* client);
+
+  // Passes the event on to each client, in the order in which they were added. A handler without
+  // clients is silent.
+  void HandleEvent(const LogEvent& event) override;
+
+  const std::string& GetName() const;
+
+ private:
+  std::string name_;
+  std::vector<LogHandlerClient*> clients_;
+};

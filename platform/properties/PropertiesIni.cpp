@@ -1,0 +1,295 @@
+#include "PropertiesIni.h"
+
+#include <optional>
+#include <string_view>
+
+#include "FileReplacement.h"
+
+namespace {
+
+constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
+constexpr std::string_view BLANKS = " \t";
+// Not a literal's pointer: the NUL belongs to it.
+constexpr std::string_view LINE_BREAKERS("\r\n\0", 3);
+
+std::string_view Trim(std::string_view text) {
+  const std::size_t first = text.find_first_not_of(BLANKS);
+  if (first == std::string_view::npos) {
+    return text.substr(text.size());
+  }
+  return text.substr(first, text.find_last_not_of(BLANKS) - first + 1);
+}
+
+bool StartsWith(std::string_view text, std::string_view start) {
+  return text.substr(0, start.size()) == start;
+}
+
+bool IsComment(std::string_view line) {
+  const std::string_view text = Trim(line);
+  return !text.empty() && (text.front() == ';' || text.front() == '#');
+}
+
+// The name when the line begins a section.
+std::optional<std::string_view> ParseSection(std::string_view line) {
+  const std::string_view text = Trim(line);
+  const std::size_t end = text.find(']');
+  if (text.empty() || text.front() != '[' || end == std::string_view::npos) {
+    return std::nullopt;
+  }
+  return Trim(text.substr(1, end - 1));
+}
+
+struct Entry {
+  std::string_view key;
+  std::string_view value;  // as it stands in the file; empty, it is where a value would stand
+};
+
+std::optional<Entry> ParseEntry(std::string_view line) {
+  const std::size_t separator = line.find('=');
+  if (separator == std::string_view::npos || IsComment(line) || ParseSection(line)) {
+    return std::nullopt;
+  }
+  return Entry{Trim(line.substr(0, separator)), Trim(line.substr(separator + 1))};
+}
+
+// Walks the lines of a text, knowing the section of each. The line that begins a section is in it.
+class LineReader {
+ public:
+  explicit LineReader(std::string_view text)
+      : text_(text), next_(StartsWith(text, BYTE_ORDER_MARK) ? BYTE_ORDER_MARK.size() : 0) {}
+
+  // Goes to the next line; false when there is none.
+  bool Next() {
+    if (next_ == text_.size()) {
+      return false;
+    }
+    const std::size_t newline = text_.find('\n', next_);
+    const bool isTerminated = newline != std::string_view::npos;
+    const std::size_t end = isTerminated ? newline : text_.size();
+    line_ = text_.substr(next_, end - next_);
+    if (!line_.empty() && line_.back() == '\r') {
+      line_.remove_suffix(1);
+    }
+    next_ = isTerminated ? end + 1 : end;
+    if (const auto section = ParseSection(line_)) {
+      section_ = *section;
+    }
+    return true;
+  }
+
+  std::string_view Line() const { return line_; }  // without its line end
+  std::string_view Section() const { return section_; }
+  std::size_t NextOffset() const { return next_; }  // behind the line end
+
+ private:
+  std::string_view text_;
+  std::size_t next_;
+  std::string_view line_;
+  std::string_view section_;
+};
+
+std::string_view LineEnd(std::string_view text) {
+  const std::size_t newline = text.find('\n');
+  const bool isCrLf = newline != std::string_view::npos && newline > 0 && text[newline - 1] == '\r';
+  return isCrLf ? "\r\n" : "\n";
+}
+
+bool IsTerminated(std::string_view text) {
+  return text.empty() || text == BYTE_ORDER_MARK || text.back() == '\n';
+}
+
+// What ends the last line of a text that is not terminated.
+std::string_view MissingLineEnd(std::string_view text) {
+  return text.back() == '\r' ? "\n" : LineEnd(text);
+}
+
+bool IsWritableSection(std::string_view name) {
+  return name.find_first_of(LINE_BREAKERS) == std::string_view::npos &&
+         name.find(']') == std::string_view::npos;
+}
+
+bool IsWritableKey(std::string_view name) {
+  constexpr std::string_view OTHER_LINES = "[;#";
+  return !name.empty() && name.find_first_of(LINE_BREAKERS) == std::string_view::npos &&
+         name.find('=') == std::string_view::npos &&
+         OTHER_LINES.find(name.front()) == std::string_view::npos;
+}
+
+std::string Quote(const std::string& value) {
+  std::string quoted = "\"";
+  for (const char character : value) {
+    switch (character) {
+      case '"':
+        quoted += "\\\"";
+        break;
+      case '\\':
+        quoted += "\\\\";
+        break;
+      case '\n':
+        quoted += "\\n";
+        break;
+      case '\r':
+        quoted += "\\r";
+        break;
+      case '\0':
+        quoted += "\\0";
+        break;
+      default:
+        quoted += character;
+    }
+  }
+  return quoted + '"';
+}
+
+// The value as it stands in the file.
+std::string Encode(const std::string& value) {
+  const bool isVerbatim = Trim(value).size() == value.size() && !StartsWith(value, "\"") &&
+                          value.find_first_of(LINE_BREAKERS) == std::string::npos;
+  return isVerbatim ? value : Quote(value);
+}
+
+// What stands behind a backslash; other characters than ours keep theirs, as in "C:\temp".
+std::string Unescape(char character) {
+  switch (character) {
+    case '"':
+    case '\\':
+      return std::string(1, character);
+    case 'n':
+      return "\n";
+    case 'r':
+      return "\r";
+    case '0':
+      return std::string(1, '\0');
+    default:
+      return std::string("\\") + character;
+  }
+}
+
+// The value that `stored` stands for. Where the quotes do not enclose it all, they are part of it.
+std::string Decode(std::string_view stored) {
+  if (!StartsWith(stored, "\"")) {
+    return std::string(stored);
+  }
+  std::string value;
+  for (std::size_t i = 1; i < stored.size(); ++i) {
+    if (stored[i] == '"') {
+      return i + 1 == stored.size() ? value : std::string(stored);
+    }
+    if (stored[i] == '\\' && i + 1 < stored.size()) {
+      value += Unescape(stored[++i]);
+    } else {
+      value += stored[i];
+    }
+  }
+  return std::string(stored);
+}
+
+// `text` with a new section of one line at its end.
+std::string AppendSection(std::string text, const std::string& header, const std::string& entry) {
+  const std::string lineEnd(LineEnd(text));
+  const bool wasTerminated = IsTerminated(text);
+  if (!wasTerminated) {
+    text += MissingLineEnd(text);
+  }
+  std::string_view lastLine;
+  bool hasLines = false;
+  for (LineReader reader(text); reader.Next(); hasLines = true) {
+    lastLine = reader.Line();
+  }
+  if (hasLines && !Trim(lastLine).empty()) {
+    text += lineEnd;
+  }
+  return text + header + lineEnd + entry + (wasTerminated ? lineEnd : "");
+}
+
+// `text` with a new line at `offset`, where a line ends.
+std::string InsertLine(std::string text, std::size_t offset, const std::string& line) {
+  const std::string lineEnd(LineEnd(text));
+  const bool isBehindOpenLine = offset == text.size() && !IsTerminated(text);
+  const std::string inserted =
+      isBehindOpenLine ? std::string(MissingLineEnd(text)) + line : line + lineEnd;
+  return text.insert(offset, inserted);
+}
+
+}  // namespace
+
+bool PropertiesIni::Load(const std::string& path) {
+  if (ReadFile(path, text_) == ReadResult::kUnreadable) {
+    unreadablePath_ = path;
+    return false;
+  }
+  if (path == unreadablePath_) {
+    unreadablePath_.clear();
+  }
+  return true;
+}
+
+void PropertiesIni::SetProperty(const std::string& section, const std::string& key,
+                                const std::string& value) {
+  const std::string sectionName(Trim(section));
+  const std::string keyName(Trim(key));
+  if (!IsWritableSection(sectionName) || !IsWritableKey(keyName)) {
+    return;
+  }
+  const std::string stored = Encode(value);
+
+  std::string edited;
+  std::size_t copied = 0;
+  bool isFound = false;
+  std::optional<std::size_t> sectionEnd;
+  if (sectionName.empty()) {
+    sectionEnd = StartsWith(text_, BYTE_ORDER_MARK) ? BYTE_ORDER_MARK.size() : 0;
+  }
+  for (LineReader reader(text_); reader.Next();) {
+    if (reader.Section() != sectionName) {
+      continue;
+    }
+    if (!Trim(reader.Line()).empty()) {
+      sectionEnd = reader.NextOffset();
+    }
+    const auto entry = ParseEntry(reader.Line());
+    if (entry && entry->key == keyName) {
+      isFound = true;
+      const auto begin = static_cast<std::size_t>(entry->value.data() - text_.data());
+      edited.append(text_, copied, begin - copied).append(stored);
+      copied = begin + entry->value.size();
+    }
+  }
+
+  const std::string line = keyName + "=" + stored;
+  if (isFound) {
+    text_ = edited.append(text_, copied, std::string::npos);
+  } else if (sectionEnd) {
+    text_ = InsertLine(std::move(text_), *sectionEnd, line);
+  } else {
+    text_ = AppendSection(std::move(text_), "[" + sectionName + "]", line);
+  }
+}
+
+std::string PropertiesIni::GetProperty(const std::string& section, const std::string& key) const {
+  const std::string_view sectionName = Trim(section);
+  const std::string_view keyName = Trim(key);
+  for (LineReader reader(text_); reader.Next();) {
+    const auto entry = ParseEntry(reader.Line());
+    if (entry && reader.Section() == sectionName && entry->key == keyName) {
+      return Decode(entry->value);
+    }
+  }
+  return "";
+}
+
+bool PropertiesIni::Store(const std::string& path, const std::string& header) {
+  if (!unreadablePath_.empty() && path == unreadablePath_) {
+    return false;
+  }
+  if (header.empty()) {
+    return ReplaceFile(path, text_);
+  }
+  const std::string lineEnd(LineEnd(text_));
+  std::string comment;
+  for (LineReader reader(header); reader.Next();) {
+    comment.append("# ").append(reader.Line()).append(lineEnd);
+  }
+  const std::size_t top = StartsWith(text_, BYTE_ORDER_MARK) ? BYTE_ORDER_MARK.size() : 0;
+  return ReplaceFile(path, std::string(text_).insert(top, comment));
+}

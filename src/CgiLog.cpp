@@ -1,0 +1,45 @@
+#include "CgiLog.h"
+
+#include <iomanip>
+
+#include "LogClient.h"
+#include "LogEvent.h"
+#include "LogLevelManager.h"
+#include "Logger.h"
+
+LogHandler* GetCgiLogHandler() {
+  static bool isSetUp = false;
+  LogHandler* const handler = Logger::GetLogHandler("cgi");
+  if (isSetUp) {
+    return handler;
+  }
+
+  handler->AddLogClient(Logger::GetDefaultLogHandler());
+  // The client and its layout are never freed: they log to the very end of the process.
+  auto* const file = new LogClientFile(CGI_LOG_FILE, true);
+  file->SetLayout(new JniLayout);
+  handler->AddLogClient(file);
+
+  Logger::GetLogLevelManager()->AddLogLevel(LOG_LEVEL_DEBUG, "DEBUG");
+  Logger::GetLogLevelManager()->AddLogLevel(LOG_LEVEL_INFO, "INFO");
+  Logger::GetLogLevelManager()->AddLogLevel(LOG_LEVEL_WARN, "WARN");
+  Logger::GetLogLevelManager()->AddLogLevel(LOG_LEVEL_ERROR, "ERROR");
+  Logger::GetLogLevelManager()->AddLogLevel(LOG_LEVEL_FATAL, "FATAL");
+
+  Logger::GetLogHandler("JVEMO")->AddLogClient(handler);
+
+  isSetUp = true;
+  return handler;
+}
+
+void JniLayout::FormatAndAppend(std::ostream& out, const LogEvent& event) {
+  // A width that the stream brings along would pad the first column.
+  out << std::setw(0) << std::left << std::setfill(' ');
+  out << event.GetDateTimeUsec() << "  ";
+  out << std::setw(10) << event.GetLogLevelName();
+  out << std::setw(15) << event.handlerName;
+  out << std::setw(6) << event.processId;
+  out << std::setw(25) << event.GetFileName();
+  out << std::setw(6) << event.line;
+  out << event.message << "\n";
+}

@@ -1,0 +1,41 @@
+// The log of the CGI programs: one handler, one file, one line layout.
+//
+// A log statement names its own source file and a number:
+//
+//   LogFormater(LOG_LEVEL_DEBUG, "src/SetObdConf", 30).Log(GetCgiLogHandler(), "%s", "main");
+//
+// The numbers are stable names of the statements for the readers of the log. They were line numbers
+// once; they do not follow the source, and a new statement takes a free number.
+#pragma once
+
+#include <cstdint>
+
+#include "LogFormater.h"
+#include "LogHandler.h"
+#include "LogLayout.h"
+
+constexpr std::uint32_t LOG_LEVEL_DEBUG = 10;
+constexpr std::uint32_t LOG_LEVEL_INFO = 20;
+constexpr std::uint32_t LOG_LEVEL_WARN = 30;
+constexpr std::uint32_t LOG_LEVEL_ERROR = 40;
+constexpr std::uint32_t LOG_LEVEL_FATAL = 50;
+
+// The log file, shared by every program of the family and by their Java side.
+constexpr char CGI_LOG_FILE[] = "/tmp/cgi.log";
+
+// The handler "cgi", never null, owned by the logging library. The first call wires it to the
+// library's default handler and to the log file, registers the five levels, and makes it a client
+// of the handler "JVEMO"; what was logged to "JVEMO" before that reached nobody. Single-threaded. A
+// log file that cannot be opened is reported on standard error; logging then goes on silently.
+LogHandler* GetCgiLogHandler();
+
+// One event as one line of the log file: date and time, level, handler, process, source file,
+// number, message. The columns are padded with blanks, never cut.
+class JniLayout : public LogLayout {
+ public:
+  ~JniLayout() override = default;
+
+  // Numbers are written in the base that `out` is set to. Leaves `out` left-adjusted, filling with
+  // blanks, its width spent; everything else stays as it was.
+  void FormatAndAppend(std::ostream& out, const LogEvent& event) override;
+};

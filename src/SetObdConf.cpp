@@ -1,0 +1,88 @@
+// The page "Set CanDetectTimeout": stores the submitted form field in the settings file of the
+// diagnostic runtime. One process serves one request.
+
+#include <cgicc/Cgicc.h>
+#include <cgicc/HTMLClasses.h>
+
+#include <iostream>
+#include <string>
+
+#include "CgiLog.h"
+#include "JavaVmWrapper.h"
+#include "PropertiesIni.h"
+#include "VemoHtml.h"
+
+namespace {
+
+constexpr char SOURCE[] = "src/SetObdConf";
+constexpr char SETTINGS_FILE[] = "/app/tarn-belox/runvex/obd.conf";
+
+// Elements without content open or close their tag by turns, see VemoHtml.h. The paragraph that the
+// success text opens at its end stays open, and so does the content block of the warning: readers
+// of the pages know them so.
+
+void PrintNavigation() {
+  std::cout
+      << cgicc::div().set("class", "navi")
+      << cgicc::a("Home").set("class", "small").set("href", "/index.html") << " / "
+      << cgicc::a("Device Information").set("class", "small").set("href", "channeldeviceconfig.cgi")
+      << " / "
+      << cgicc::a("Set CanDetectTimeout").set("class", "small").set("href", "setobdconf.cgi")
+      << cgicc::div() << std::endl;
+}
+
+void PrintBackButton() {
+  LogFormater(LOG_LEVEL_DEBUG, SOURCE, 88).Log(GetCgiLogHandler(), "%s", "PrintBackButton");
+  std::cout << cgicc::form().set("action", "channeldeviceconfig.cgi")
+            << cgicc::input().set("type", "submit").set("value", " Back ").set("class", "mybutton")
+            << cgicc::form() << std::endl;
+}
+
+void PrintWarning(const std::string& message) {
+  std::cout << cgicc::p().set("class", "warn") << message << cgicc::p();
+  PrintBackButton();
+}
+
+// Echoes the value before the settings file is touched, so that a page cut there shows how far the
+// request came. What the settings file says to it is not looked at.
+void SetOption(const std::string& value) {
+  std::cout << cgicc::p() << "Set CanDetectTimeout to " << value << " ms." << std::endl;
+
+  PropertiesIni settings;
+  settings.Load(SETTINGS_FILE);
+  settings.SetProperty("SETTINGS", "VEMODCanDetectTimeout", value);
+  settings.Store(SETTINGS_FILE, "");
+
+  std::cout << cgicc::p() << "Set new option was successful." << cgicc::br() << "\n"
+            << "To activate the new setting " << cgicc::a("reboot").set("href", "reboot.cgi")
+            << " the device." << cgicc::p() << std::endl;
+  std::cout << cgicc::div() << std::endl;
+}
+
+}  // namespace
+
+// Nothing is caught here: unwinding would write the frame's closing below a page that was cut.
+int main() {
+  LogFormater(LOG_LEVEL_DEBUG, SOURCE, 30).Log(GetCgiLogHandler(), "%s", "main");
+
+  const VemoHtml frame("SetObdConf");
+  JavaVmWrapper javaVm;
+  if (!javaVm.OpenJavaVM()) {
+    return 1;
+  }
+
+  PrintNavigation();
+  std::cout << cgicc::h2("Set CanDetectTimeout") << std::endl;
+  std::cout << cgicc::div().set("class", "content") << std::endl;
+
+  cgicc::Cgicc request(nullptr);
+  const cgicc::form_iterator option = request.getElement("CanDetectTimeout");
+  if (option == request.getElements().end()) {
+    LogFormater(LOG_LEVEL_ERROR, SOURCE, 50)
+        .Log(GetCgiLogHandler(), "Option CanDetectTimeout not set");
+    PrintWarning("Option CanDetectTimeout not set");
+    return 1;
+  }
+  SetOption(option->getValue());
+  return 0;
+}

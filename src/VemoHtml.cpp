@@ -1,0 +1,53 @@
+#include "VemoHtml.h"
+
+#include <cgicc/HTMLClasses.h>
+#include <cgicc/HTMLDoctype.h>
+#include <cgicc/HTTPHTMLHeader.h>
+
+#include <iostream>
+
+// An element without content opens or closes its tag by turns, see the header.
+
+VemoHtml::VemoHtml(const std::string& name) {
+  std::cout << cgicc::HTTPHTMLHeader() << std::endl;
+  PrintHtmlHead(name);
+  std::cout << cgicc::body() << std::endl;
+  PrintLogos();
+}
+
+VemoHtml::~VemoHtml() {
+  std::cout << cgicc::body() << std::endl;
+  std::cout << cgicc::html() << std::endl;
+}
+
+void VemoHtml::PrintHtmlHead(const std::string& name) {
+  std::cout << cgicc::HTMLDoctype(cgicc::HTMLDoctype::eStrict) << std::endl;
+  std::cout << cgicc::html() << std::endl;
+  std::cout << cgicc::head() << std::endl;
+  std::cout << cgicc::meta()
+                   .set("http-equiv", "content-type")
+                   .set("content", "text/html;charset=iso-8859-1")
+            << std::endl;
+  std::cout << cgicc::meta().set("http-equiv", "cache-control").set("content", "no-cache")
+            << std::endl;
+
+  std::cout << cgicc::title() << "VEMO Web Server";
+  if (!name.empty()) {
+    std::cout << " - " << name;
+  }
+  std::cout << cgicc::title() << std::endl;
+
+  std::cout
+      << cgicc::link().set("href", "/css/all.css").set("rel", "stylesheet").set("media", "screen")
+      << std::endl;
+  std::cout << cgicc::head() << std::endl;
+}
+
+void VemoHtml::PrintLogos() {
+  std::cout
+      << cgicc::p()
+      << cgicc::img().set("src", "/images/kesta.jpg").set("alt", "KESTA AG").set("align", "left")
+      << cgicc::img().set("src", "/images/tarn.gif").set("alt", "TARN BELOX").set("align", "right")
+      << cgicc::p() << std::endl;
+  std::cout << cgicc::div().set("style", "clear:both") << cgicc::div() << std::endl;
+}
