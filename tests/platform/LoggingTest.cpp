@@ -1,0 +1,250 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <sstream>
+
+#include "Files.h"
+#include "LogClient.h"
+#include "LogEvent.h"
+#include "LogFormater.h"
+#include "LogHandler.h"
+#include "LogLayout.h"
+#include "LogLevelManager.h"
+#include "Logger.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+
+class RememberingClient : public LogHandlerClient {
+ public:
+  void HandleEvent(const LogEvent& event) override { events.push_back(event); }
+  std::vector<LogEvent> events;
+};
+
+class MessageInBrackets : public LogLayout {
+ public:
+  void FormatAndAppend(std::ostream& out, const LogEvent& event) override {
+    out << "[" << event.message << "]\n";
+  }
+};
+
+LogEvent EventWithMessage(const std::string& message) {
+  LogEvent event;
+  event.message = message;
+  return event;
+}
+
+TEST(Logger, GivesTheSameHandlerForTheSameName) {
+  LogHandler* const handler = Logger::GetLogHandler("one");
+  EXPECT_EQ(Logger::GetLogHandler("one"), handler);
+  EXPECT_NE(Logger::GetLogHandler("other"), handler);
+  EXPECT_EQ(handler->GetName(), "one");
+}
+
+TEST(Logger, DefaultHandlerIsSilentUntilItGetsAClient) {
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  LogFormater(10, "src/X", 1).Log(Logger::GetDefaultLogHandler(), "unheard");
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+
+  static RememberingClient client;  // stays a client to the end of the process
+  Logger::GetDefaultLogHandler()->AddLogClient(&client);
+  LogFormater(10, "src/X", 1).Log(Logger::GetDefaultLogHandler(), "heard");
+  ASSERT_EQ(client.events.size(), 1u);
+  EXPECT_EQ(client.events[0].message, "heard");
+}
+
+TEST(LogHandler, PassesEveryEventToEachClientInOrder) {
+  LogHandler handler("h");
+  std::string order;
+  struct Marker : LogHandlerClient {
+    Marker(std::string& order, char mark) : order(order), mark(mark) {}
+    void HandleEvent(const LogEvent&) override { order += mark; }
+    std::string& order;
+    char mark;
+  } first(order, '1'), second(order, '2');
+  handler.AddLogClient(&first);
+  handler.AddLogClient(&second);
+  handler.HandleEvent(LogEvent());
+  handler.HandleEvent(LogEvent());
+  EXPECT_EQ(order, "1212");
+}
+
+TEST(LogHandler, AsAClientKeepsTheNameOfTheHandlerLoggedTo) {
+  LogHandler outer("outer");
+  LogHandler inner("inner");
+  RememberingClient client;
+  outer.AddLogClient(&inner);
+  inner.AddLogClient(&client);
+  LogFormater(20, "src/X", 2).Log(&outer, "through both");
+  ASSERT_EQ(client.events.size(), 1u);
+  EXPECT_EQ(client.events[0].handlerName, "outer");
+}
+
+TEST(LogFormater, StampsTheEvent) {
+  LogHandler handler("h");
+  RememberingClient client;
+  handler.AddLogClient(&client);
+  LogFormater(40, "src/Somewhere", -7).Log(&handler, "%s %d%%", "text", 42);
+  ASSERT_EQ(client.events.size(), 1u);
+  const LogEvent& event = client.events[0];
+  EXPECT_EQ(event.level, 40u);
+  EXPECT_EQ(event.GetFileName(), "src/Somewhere");
+  EXPECT_EQ(event.line, -7);
+  EXPECT_EQ(event.handlerName, "h");
+  EXPECT_EQ(event.processId, getpid());
+  EXPECT_EQ(event.message, "text 42%");
+}
+
+TEST(LogFormater, LogsANullTextAsPrintfPrintsIt) {
+  LogHandler handler("h");
+  RememberingClient client;
+  handler.AddLogClient(&client);
+  const char* volatile nothing = nullptr;
+  LogFormater(10, "src/X", 1).Log(&handler, "text: %s", nothing);
+  ASSERT_EQ(client.events.size(), 1u);
+  EXPECT_EQ(client.events[0].message, "text: (null)");
+}
+
+TEST(LogFormater, LogsAMessageOfAnyLengthWhole) {
+  LogHandler handler("h");
+  RememberingClient client;
+  handler.AddLogClient(&client);
+  for (const std::size_t length : {0u, 1u, 255u, 256u, 4095u, 4096u, 1u << 20}) {
+    const std::string text(length, 'x');
+    LogFormater(10, "src/X", 1).Log(&handler, "<%s>", text.c_str());
+    EXPECT_EQ(client.events.back().message, "<" + text + ">");
+  }
+}
+
+TEST(LogFormater, LogsAFormatThatPrintfRefusesAsItStands) {
+  LogHandler handler("h");
+  RememberingClient client;
+  handler.AddLogClient(&client);
+  // No such character in the "C" locale.
+  LogFormater(10, "src/X", 1).Log(&handler, "wide %ls", L"\x20ac");
+  ASSERT_EQ(client.events.size(), 1u);
+  EXPECT_EQ(client.events[0].message, "wide %ls");
+}
+
+TEST(LogEvent, TellsItsLocalTimeWithMicroseconds) {
+  setenv("TZ", "UTC-2", 1);  // two hours east
+  tzset();
+  LogEvent event;
+  event.time = {1700000000, 42};
+  EXPECT_EQ(event.GetDateTimeUsec(), "2023-11-15 00:13:20.000042");
+  unsetenv("TZ");
+  tzset();
+}
+
+TEST(LogEvent, IsOfThisMomentAndThisProcess) {
+  const LogEvent event;
+  EXPECT_LE(std::abs(event.time.tv_sec - std::time(nullptr)), 5);
+  EXPECT_EQ(event.processId, getpid());
+}
+
+TEST(LogLevelManager, GivesTheNameOrElseTheNumber) {
+  LogEvent event;
+  event.level = 12345;
+  EXPECT_EQ(event.GetLogLevelName(), "12345");
+  Logger::GetLogLevelManager()->AddLogLevel(12345, "NAMED");
+  EXPECT_EQ(event.GetLogLevelName(), "NAMED");
+  Logger::GetLogLevelManager()->AddLogLevel(12345, "RENAMED");
+  EXPECT_EQ(event.GetLogLevelName(), "RENAMED");
+}
+
+class LogClientFileTest : public testing::Test {
+ protected:
+  void SetUp() override { std::filesystem::remove(path); }
+  const std::string path = "/tmp/client.log";
+};
+
+TEST_F(LogClientFileTest, WritesTheMessageAloneWithoutALayout) {
+  LogClientFile client(path, true);
+  client.HandleEvent(EventWithMessage("one"));
+  client.HandleEvent(EventWithMessage("two"));
+  EXPECT_EQ(ReadText(path), "one\ntwo\n");
+}
+
+TEST_F(LogClientFileTest, FormatsWithItsLayout) {
+  MessageInBrackets layout;
+  LogClientFile client(path, true);
+  client.SetLayout(&layout);
+  client.HandleEvent(EventWithMessage("one"));
+  EXPECT_EQ(ReadText(path), "[one]\n");
+}
+
+TEST_F(LogClientFileTest, AppendsOrBeginsAnew) {
+  WriteText(path, "earlier\n");
+  LogClientFile(path, true).HandleEvent(EventWithMessage("appended"));
+  EXPECT_EQ(ReadText(path), "earlier\nappended\n");
+  LogClientFile(path, false).HandleEvent(EventWithMessage("anew"));
+  EXPECT_EQ(ReadText(path), "anew\n");
+}
+
+TEST_F(LogClientFileTest, AppendsBehindWhatOthersWroteMeanwhile) {
+  LogClientFile client(path, true);
+  client.HandleEvent(EventWithMessage("mine"));
+  std::filesystem::resize_file(path, 0);
+  WriteText(path, "theirs\n");
+  client.HandleEvent(EventWithMessage("mine again"));
+  EXPECT_EQ(ReadText(path), "theirs\nmine again\n");
+}
+
+TEST_F(LogClientFileTest, SaysOnceThatItCannotOpen) {
+  testing::internal::CaptureStderr();
+  testing::internal::CaptureStdout();
+  LogClientFile client("/nowhere/client.log", true);
+  client.HandleEvent(EventWithMessage("one"));
+  client.HandleEvent(EventWithMessage("two"));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Can't open log file /nowhere/client.log: No such file or directory\n");
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+}
+
+TEST_F(LogClientFileTest, SaysOnceThatItCannotWrite) {
+  testing::internal::CaptureStderr();
+  LogClientFile client("/dev/full", true);
+  client.HandleEvent(EventWithMessage("one"));
+  client.HandleEvent(EventWithMessage("two"));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Can't write log file /dev/full: No space left on device\n");
+}
+
+// The descriptor of the file at `path` in this process; -1 when it is not open.
+int DescriptorOf(const std::string& path) {
+  for (int descriptor = 0; descriptor < 64; ++descriptor) {
+    std::error_code error;
+    if (std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor), error) ==
+        path) {
+      return descriptor;
+    }
+  }
+  return -1;
+}
+
+TEST_F(LogClientFileTest, StaysOffTheStandardDescriptors) {
+  for (int closed = STDIN_FILENO; closed <= STDERR_FILENO; ++closed) {
+    const int saved = fcntl(closed, F_DUPFD_CLOEXEC, 100);
+    close(closed);
+    {
+      LogClientFile client(path, true);
+      EXPECT_GT(DescriptorOf(path), STDERR_FILENO);
+      EXPECT_EQ(fcntl(closed, F_GETFD), -1) << "still closed";
+      EXPECT_NE(fcntl(DescriptorOf(path), F_GETFD) & FD_CLOEXEC, 0);
+      EXPECT_NE(fcntl(DescriptorOf(path), F_GETFL) & O_APPEND, 0);
+    }
+    EXPECT_EQ(DescriptorOf(path), -1) << "closed with the client";
+    dup2(saved, closed);
+    close(saved);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,34 @@
+#include "Files.h"
+
+#include <fstream>
+#include <sstream>
+
+std::string ReadText(const std::filesystem::path& path) {
+  std::ostringstream text;
+  text << std::ifstream(path, std::ios::binary).rdbuf();
+  return text.str();
+}
+
+void WriteText(const std::filesystem::path& path, const std::string& text) {
+  std::filesystem::create_directories(path.parent_path());
+  std::ofstream(path, std::ios::binary) << text;
+}
+
+void ResetDevice() {
+  const auto folder = std::filesystem::path(SETTINGS_FILE).parent_path();
+  std::filesystem::create_directories(folder);
+  std::filesystem::permissions(folder, std::filesystem::perms(0755));
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    std::filesystem::remove_all(entry);
+  }
+  std::filesystem::remove_all(LOG_FILE);
+}
+
+std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) {
+    lines.push_back(line);
+  }
+  return lines;
+}

@@ -1,0 +1,21 @@
+// Files of the sandbox, in one call each.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+constexpr char SETTINGS_FILE[] = "/app/tarn-belox/runvex/obd.conf";
+constexpr char LOG_FILE[] = "/tmp/cgi.log";
+
+// The whole content; empty when there is no such file.
+std::string ReadText(const std::filesystem::path& path);
+
+// Makes the folder too.
+void WriteText(const std::filesystem::path& path, const std::string& text);
+
+// /app with the runtime's folder but no settings file, no log file.
+void ResetDevice();
+
+// The text's lines, without their newlines; an unterminated last line counts.
+std::vector<std::string> Lines(const std::string& text);

@@ -1,0 +1,32 @@
+// Reading the log file as its readers do: by columns.
+#pragma once
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+struct LogLine {
+  std::string dateTime;  // "YYYY-MM-DD HH:MM:SS.uuuuuu"
+  std::string level;
+  std::string handler;
+  int processId = 0;
+  std::string fileName;
+  int line = 0;
+  std::string message;
+};
+
+// The columns of the line; a line that is not in the layout fails the test and gives an empty one.
+LogLine ParseLogLine(const std::string& line);
+
+// What a statement says, time, handler and process aside: "ERROR src/SetObdConf 50 message".
+std::string Summary(const LogLine& line);
+
+// The statements of a log text in their order, each as its Summary. Lines that no statement wrote
+// (the Java VM's) are left out.
+std::vector<std::string> Statements(const std::string& log);
+
+// The same of the log file.
+std::vector<std::string> LoggedStatements();
+
+// The lines of the log file that no statement wrote.
+std::vector<std::string> ForeignLines();

@@ -1,0 +1,49 @@
+// Runs the tests of one binary inside the device's sandbox, so that they and the programs they
+// start have an /app and a /tmp of their own. Outside it, the binary starts itself again inside.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace {
+
+bool HasArgument(int argc, char** argv, const std::string& wanted) {
+  for (int i = 1; i < argc; ++i) {
+    if (argv[i] == wanted) {
+      return true;
+    }
+  }
+  return false;
+}
+
+[[noreturn]] void RestartInSandbox(int argc, char** argv) {
+  const auto self = std::filesystem::read_symlink("/proc/self/exe");
+  const std::string inside = "/build" / self.lexically_relative(BUILD_FOLDER);
+  std::vector<std::string> words = {SOURCE_FOLDER "/device/sandbox", BUILD_FOLDER,
+                                    "--private-network", "--", inside};
+  words.insert(words.end(), argv + 1, argv + argc);
+  std::vector<char*> arguments;
+  for (std::string& word : words) {
+    arguments.push_back(word.data());
+  }
+  arguments.push_back(nullptr);
+  execv(arguments[0], arguments.data());
+  std::perror(arguments[0]);
+  std::exit(EXIT_FAILURE);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const bool isInside = std::getenv("VEMO_SANDBOX") != nullptr;
+  if (!isInside && !HasArgument(argc, argv, "--gtest_list_tests")) {
+    RestartInSandbox(argc, argv);
+  }
+  testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}
