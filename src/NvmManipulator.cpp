@@ -1,0 +1,388 @@
+#include "NvmManipulator.h"
+
+#include <arpa/inet.h>
+#include <libxml/parser.h>
+#include <libxml/xmlmemory.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <memory>
+
+#include "CgiLog.h"
+
+namespace {
+
+constexpr char SOURCE[] = "src/NvmManipulator";
+
+// --- Requests
+
+constexpr char PACKET_HEAD[] =
+    "<?xml version='1.0'?>\n"
+    "<!DOCTYPE wddxPacket SYSTEM 'http://www.openwddx.org/downloads/dtd/wddx_dtd_10.txt'>\n"
+    "<wddxPacket version='1.0'>\n";
+constexpr char PACKET_END[] = "</wddxPacket>";
+constexpr char STRUCT_HEAD[] =
+    "<header/>\n"
+    "<data>\n"
+    "<struct>\n"
+    "<var name='DeviceOwner'><string>VEMO_WEB</string></var>\n";
+constexpr char STRUCT_END[] =
+    "</struct>\n"
+    "</data>\n";
+
+// --- Transport
+
+// A connection to the service, or -1, logged.
+int Connect(const std::string& address) {
+  const int connection = socket(AF_INET, SOCK_STREAM, 0);
+  if (connection == -1) {
+    const int error = errno;
+    LogFormater(LOG_LEVEL_ERROR, SOURCE, 159)
+        .Log(GetCgiLogHandler(), "socket %s", std::strerror(error));
+    return -1;
+  }
+  sockaddr_in service{};
+  service.sin_family = AF_INET;
+  service.sin_port = htons(NVM_SERVICE_PORT);
+  service.sin_addr.s_addr = inet_addr(address.c_str());
+  if (connect(connection, reinterpret_cast<const sockaddr*>(&service), sizeof service) == -1) {
+    const int error = errno;
+    LogFormater(LOG_LEVEL_ERROR, SOURCE, 168)
+        .Log(GetCgiLogHandler(), "connect %s", std::strerror(error));
+    close(connection);
+    return -1;
+  }
+  return connection;
+}
+
+// What one receive brought, as text: it ends at the first zero byte, the one behind the data at the
+// latest.
+struct Chunk {
+  // The number of bytes, zero bytes included; 0 at the end of the connection, -1 on a failure,
+  // which leaves the text as it was.
+  int Receive(int connection) {
+    const auto count = static_cast<int>(recv(connection, text, sizeof text - 1, 0));
+    if (count >= 0) {
+      text[count] = '\0';
+    }
+    return count;
+  }
+
+  char text[4096 + 1] = "";
+};
+
+// --- Replies
+
+struct XmlFree {
+  void operator()(xmlChar* text) const { xmlFree(text); }
+};
+using XmlText = std::unique_ptr<xmlChar, XmlFree>;
+
+const char* Characters(const XmlText& text) {
+  return reinterpret_cast<const char*>(text.get());
+}
+
+XmlText GetName(xmlNodePtr node) {
+  return XmlText(xmlGetProp(node, reinterpret_cast<const xmlChar*>("name")));
+}
+
+bool Equals(const XmlText& text, const char* wanted) {
+  return text != nullptr && std::strcmp(Characters(text), wanted) == 0;
+}
+
+std::string GetContent(xmlNodePtr node) {
+  const XmlText content(xmlNodeGetContent(node));
+  return content != nullptr ? Characters(content) : "";
+}
+
+}  // namespace
+
+NvmManipulator::NvmManipulator() : doc(nullptr) {}
+
+NvmManipulator::~NvmManipulator() {
+  xmlFreeDoc(doc);
+  xmlCleanupParser();
+  xmlMemoryDump();
+}
+
+std::string NvmManipulator::GetEmptyPacket() {
+  return std::string(PACKET_HEAD) + "<header/>\n<data/>\n" + PACKET_END;
+}
+
+std::string NvmManipulator::GetAllocatePacket() {
+  return std::string(PACKET_HEAD) + STRUCT_HEAD +
+         "<var name='IfhClientIpAddr'><string>0</string></var>\n"
+         "<var name='IfhClientTcpPorts'><string>IP_PORT_ANY</string></var>\n" +
+         STRUCT_END + PACKET_END;
+}
+
+std::string NvmManipulator::GetReleasePacket() {
+  return std::string(PACKET_HEAD) + STRUCT_HEAD + STRUCT_END + PACKET_END;
+}
+
+std::string NvmManipulator::BuildRequest() {
+  std::string body;
+  if (functionName == "nvmGetDeviceStatus") {
+    body = GetEmptyPacket();
+  }
+  if (functionName == "nvmReleaseDevice") {
+    body = GetReleasePacket();
+  }
+  if (functionName == "nvmAllocateDevice") {
+    body = GetAllocatePacket();
+  }
+  if (body.empty()) {
+    LogFormater(LOG_LEVEL_ERROR, SOURCE, 116).Log(GetCgiLogHandler(), "Wrong command");
+    return "";
+  }
+
+  char length[16];
+  std::snprintf(length, sizeof length, "%d", static_cast<int>(body.size()));
+  // The service takes its requests as GET with a body, and USER_AGENT is the agent's whole name.
+  return "GET /nVm?FunctionName=" + functionName +
+         " HTTP/1.1\r\n"
+         "Host: " +
+         address +
+         "\r\n"
+         "Accept: */*\r\n"
+         "User-Agent: USER_AGENT\r\n"
+         "Content-type: text/xml\r\n"
+         "Content-length: " +
+         length + "\r\n\r\n" + body;
+}
+
+int NvmManipulator::SendToNvm(const std::string& serviceAddress, const std::string& function,
+                              std::string& replyText) {
+  LogFormater(LOG_LEVEL_DEBUG, SOURCE, 148).Log(GetCgiLogHandler(), "%s", "SendToNvm");
+  if (serviceAddress.empty() || function.empty()) {
+    return -1;
+  }
+  LogFormater(LOG_LEVEL_DEBUG, SOURCE, 151)
+      .Log(GetCgiLogHandler(), "%s %s", serviceAddress.c_str(), function.c_str());
+  functionName = function;
+  address = serviceAddress;
+  reply.clear();
+
+  const int connection = Connect(address);
+  if (connection == -1) {
+    return -1;
+  }
+  const std::string request = BuildRequest();
+  if (request.empty()) {
+    return -1;  // the connection ends with the process
+  }
+  if (send(connection, request.data(), request.size(), 0) == -1) {
+    const int error = errno;
+    LogFormater(LOG_LEVEL_ERROR, SOURCE, 178)
+        .Log(GetCgiLogHandler(), "send %s", std::strerror(error));
+    close(connection);
+    return -1;
+  }
+
+  Chunk chunk;
+  chunk.Receive(connection);
+  LogFormater(LOG_LEVEL_DEBUG, SOURCE, 185).Log(GetCgiLogHandler(), "Receive:\n%s", chunk.text);
+  const char* const lengthHeader = std::strstr(chunk.text, "content-length");
+  if (lengthHeader == nullptr) {
+    return -1;  // the connection ends with the process
+  }
+  int announced = 0;
+  std::sscanf(lengthHeader, "content-length: %d", &announced);
+  LogFormater(LOG_LEVEL_DEBUG, SOURCE, 191).Log(GetCgiLogHandler(), "ConLen: %d", announced);
+
+  int count = 0;
+  if (const char* const body = std::strstr(chunk.text, "<?xml version='1.0'?>")) {
+    reply = body;
+    count = static_cast<int>(reply.size());
+  }
+  // The announced number of bytes alone ends this: a service that hangs up early keeps it going,
+  // and a failure counts back and appends the last chunk once more.
+  while (count < announced) {
+    count += chunk.Receive(connection);
+    reply += chunk.text;
+  }
+
+  replyText = reply;
+  close(connection);
+  return 0;
+}
+
+xmlNodePtr NvmManipulator::FindChildNode(xmlNodePtr node, const std::string& name) {
+  if (node == nullptr) {
+    return nullptr;
+  }
+  for (xmlNodePtr child = node->children; child != nullptr; child = child->next) {
+    if (child->name != nullptr && name == reinterpret_cast<const char*>(child->name)) {
+      return child;
+    }
+  }
+  return nullptr;
+}
+
+xmlNodePtr NvmManipulator::GetVarNode(const std::string& name) {
+  LogFormater(LOG_LEVEL_DEBUG, SOURCE, 281)
+      .Log(GetCgiLogHandler(), "%s %s", "GetVarNode", name.c_str());
+  if (reply.empty()) {
+    return nullptr;
+  }
+  if (doc != nullptr) {
+    xmlFreeDoc(doc);
+  }
+  doc = xmlReadMemory(reply.data(), static_cast<int>(reply.size()), "noname.xml", nullptr,
+                      XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
+  if (doc == nullptr) {
+    return nullptr;
+  }
+  const xmlNodePtr variables =
+      FindChildNode(FindChildNode(xmlDocGetRootElement(doc), "data"), "struct");
+  if (variables == nullptr) {
+    return nullptr;
+  }
+  for (xmlNodePtr variable = variables->children; variable != nullptr; variable = variable->next) {
+    const XmlText variableName = GetName(variable);
+    LogFormater(LOG_LEVEL_DEBUG, SOURCE, 292)
+        .Log(GetCgiLogHandler(), "%s", Characters(variableName));
+    if (Equals(variableName, name.c_str())) {
+      return variable;
+    }
+  }
+  return nullptr;
+}
+
+xmlNodePtr NvmManipulator::GetStatusNodeTree() {
+  LogFormater(LOG_LEVEL_DEBUG, SOURCE, 236).Log(GetCgiLogHandler(), "%s", "GetStatusNodeTree");
+  return GetVarNode("Status");
+}
+
+void NvmManipulator::GetStatusMessages(std::string& code, std::string& msg) {
+  LogFormater(LOG_LEVEL_DEBUG, SOURCE, 248).Log(GetCgiLogHandler(), "%s", "GetStatusMessages");
+  const xmlNodePtr status = GetStatusNodeTree();
+  if (status == nullptr || status->children == nullptr) {
+    return;
+  }
+  for (xmlNodePtr variable = status->children->children; variable != nullptr;
+       variable = variable->next) {
+    const XmlText variableName = GetName(variable);
+    LogFormater(LOG_LEVEL_DEBUG, SOURCE, 255)
+        .Log(GetCgiLogHandler(), "%s", Characters(variableName));
+    if (Equals(variableName, "code")) {
+      code = GetContent(variable);
+    } else if (Equals(variableName, "msg")) {
+      msg = GetContent(variable);
+    }
+  }
+}
+
+std::string NvmManipulator::GetSingleVar(const std::string& name) {
+  LogFormater(LOG_LEVEL_DEBUG, SOURCE, 313)
+      .Log(GetCgiLogHandler(), "%s %s", "GetSingleVar", name.c_str());
+  const xmlNodePtr variable = GetVarNode(name);
+  if (variable == nullptr || variable->children == nullptr) {
+    return "";
+  }
+  return GetContent(variable->children);
+}
+
+namespace {
+
+// --- Allocation
+
+constexpr char STATUS_FILE[] = "/tmp/cgirep.txt";
+
+xmlExternalEntityLoader defaultEntityLoader;
+
+// Opens the status file and nothing that it refers to: a reply must not send us to the network.
+xmlParserInputPtr LoadStatusFileAlone(const char* url, const char* id, xmlParserCtxtPtr context) {
+  if (url == nullptr || std::strcmp(url, STATUS_FILE) != 0) {
+    return nullptr;
+  }
+  return defaultEntityLoader(url, id, context);
+}
+
+xmlDocPtr ReadStatusFile() {
+  defaultEntityLoader = xmlGetExternalEntityLoader();
+  xmlSetExternalEntityLoader(LoadStatusFileAlone);
+  const xmlDocPtr status =
+      xmlReadFile(STATUS_FILE, nullptr, XML_PARSE_NOENT | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
+  xmlSetExternalEntityLoader(defaultEntityLoader);
+  return status;
+}
+
+void PrintReply(const std::string& reply) {
+  std::printf("\n\n%s\n", reply.c_str());
+}
+
+// The numbers are marks that readers of the trace know.
+void CheckStatusFile() {
+  std::printf("%d\n", 332);
+  const xmlDocPtr status = ReadStatusFile();
+  std::printf("%d\n", 335);
+  xmlFreeDoc(status);
+  std::printf("%d\n", 337);
+  xmlCleanupParser();
+  std::printf("%d\n", 339);
+  xmlMemoryDump();
+  std::printf("%d\n", 341);
+}
+
+// Finds the value of the variable "IsAllocated", which must not be the last one of the reply;
+// traces it. False, said on standard output, when it is not there.
+bool FindIsAllocated(const std::string& reply, std::string& value) {
+  const std::size_t begin = reply.find("<var name=\"IsAllocated\">");
+  if (begin == std::string::npos) {
+    std::puts("Start 1 nicht gefunden!");
+    return false;
+  }
+  const std::size_t end = reply.find("<var name", begin + 1);
+  if (end == std::string::npos) {
+    std::puts("End 1 nicht gefunden!");
+    return false;
+  }
+  const std::string variable = reply.substr(begin, end - begin);
+  std::printf("%d %d %s\n", static_cast<int>(begin), static_cast<int>(end), variable.c_str());
+
+  const std::size_t openingTag = variable.find("<string>");
+  if (openingTag == std::string::npos) {
+    std::puts("Start 2 nicht gefunden!");
+    return false;
+  }
+  const std::size_t closingTag = variable.find("</string>", openingTag);
+  if (closingTag == std::string::npos) {
+    std::puts("End 2 nicht gefunden!");
+    return false;
+  }
+  const std::size_t valueBegin = openingTag + std::strlen("<string>");
+  value = variable.substr(valueBegin, closingTag - valueBegin);
+  std::puts(value.c_str());
+  return true;
+}
+
+}  // namespace
+
+int ToggleDeviceAllocation() {
+  std::string reply;
+  NvmManipulator nvm;
+  nvm.SendToNvm(NVM_SERVICE_ADDRESS, "nvmGetDeviceStatus", reply);
+  PrintReply(reply);
+  std::ofstream(STATUS_FILE) << reply << std::endl;
+  CheckStatusFile();
+
+  std::string isAllocated;
+  if (!FindIsAllocated(reply, isAllocated)) {
+    return -1;
+  }
+  reply.clear();
+  nvm.SendToNvm(NVM_SERVICE_ADDRESS, isAllocated == "0" ? "nvmAllocateDevice" : "nvmReleaseDevice",
+                reply);
+  PrintReply(reply);
+
+  reply.clear();
+  nvm.SendToNvm(NVM_SERVICE_ADDRESS, "nvmGetDeviceStatus", reply);
+  PrintReply(reply);
+  return 0;
+}
