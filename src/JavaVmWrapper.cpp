@@ -1,5 +1,7 @@
 #include "JavaVmWrapper.h"
 
+#include <arpa/inet.h>
+
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -130,4 +132,72 @@ void JavaVmWrapper::ChangeStdErr() {
     return;
   }
   env->CallStaticVoidMethod(systemClass, setErr, printStream);
+}
+
+// The static method of the configuration class; null, logged, when there is none.
+jmethodID JavaVmWrapper::FindFunction(const char* method, const char* signature, int entryLine,
+                                      int notFoundLine) {
+  LogFormater(LOG_LEVEL_DEBUG, SOURCE, entryLine)
+      .Log(GetCgiLogHandler(), "%s %s", "CallFunction", method);
+  const jmethodID function = env->GetStaticMethodID(configClass, method, signature);
+  if (function == nullptr) {
+    LogMethodNotFound(notFoundLine, method);
+  }
+  return function;
+}
+
+bool JavaVmWrapper::CallTextFunction(const char* method, std::string& result, int entryLine,
+                                     int notFoundLine) {
+  const jmethodID function = FindFunction(method, "()Ljava/lang/String;", entryLine, notFoundLine);
+  if (function == nullptr) {
+    return false;
+  }
+  const auto text = static_cast<jstring>(env->CallStaticObjectMethod(configClass, function));
+  result = env->GetStringUTFChars(text, nullptr);
+  return true;
+}
+
+bool JavaVmWrapper::CallNumberFunction(const char* method, int& result, int entryLine,
+                                       int notFoundLine) {
+  const jmethodID function = FindFunction(method, "()I", entryLine, notFoundLine);
+  if (function == nullptr) {
+    return false;
+  }
+  result = env->CallStaticIntMethod(configClass, function);
+  return true;
+}
+
+bool JavaVmWrapper::CallFunction(const std::string& method, std::string& result) {
+  return CallTextFunction(method.c_str(), result, 226, 232);
+}
+
+bool JavaVmWrapper::CallFunction(const char* method, std::string& result) {
+  return CallTextFunction(method, result, 249, 255);
+}
+
+bool JavaVmWrapper::CallFunction(const std::string& method, int& result) {
+  return CallNumberFunction(method.c_str(), result, 273, 277);
+}
+
+bool JavaVmWrapper::CallFunction(const char* method, int& result) {
+  return CallNumberFunction(method, result, 293, 297);
+}
+
+std::string JavaVmWrapper::GetLanIp4Address() {
+  LogFormater(LOG_LEVEL_DEBUG, SOURCE, 313).Log(GetCgiLogHandler(), "%s", "GetLanIp4Address");
+  std::string result;
+  CallFunction("getLanIp4AddressS", result);
+  return result;
+}
+
+std::string JavaVmWrapper::GetWlanIp4Address() {
+  LogFormater(LOG_LEVEL_DEBUG, SOURCE, 327).Log(GetCgiLogHandler(), "%s", "GetWlanIp4Address");
+  std::string result;
+  CallFunction("getWlanIp4AddressS", result);
+  return result;
+}
+
+bool IsIp4Address(const std::string& text) {
+  in_addr scratch;
+  return inet_aton(text.c_str(), &scratch) != 0;
 }

@@ -7,6 +7,8 @@
 
 #include <jni.h>
 
+#include <string>
+
 class JavaVmWrapper {
  public:
   // Makes no VM yet.
@@ -33,8 +35,39 @@ class JavaVmWrapper {
   // stays pending. Needs the VM.
   void ChangeStdErr();
 
+  // The operations from here on need an OpenJavaVM that returned true.
+
+  // Calls the configuration class's static method of that name, without arguments, for a text
+  // (String; up to its first zero byte, in JNI's modified UTF-8) or a number (int). True when there
+  // is such a method, with what it returned in `result`. False when there is none: logged as ERROR,
+  // `result` untouched, the exception of the look-up left pending.
+  //
+  // The method must return a text, not null, and a text method must not throw: neither is checked.
+  // An exception that a number method throws stays pending, and the number means nothing then. A
+  // text's characters are held until the VM is destroyed. The two forms of each pair differ in the
+  // numbers of their log statements alone.
+  bool CallFunction(const std::string& method, std::string& result);
+  bool CallFunction(const char* method, std::string& result);
+  bool CallFunction(const std::string& method, int& result);
+  bool CallFunction(const char* method, int& result);
+
+  // The address of the wired and of the wireless interface, as the configuration class tells it;
+  // empty when the class has no such method.
+  std::string GetLanIp4Address();
+  std::string GetWlanIp4Address();
+
  protected:
   JNIEnv* env;         // of the thread that called OpenJavaVM; null until the VM exists
   JavaVM* jvm;         // null until the VM exists
   jclass configClass;  // set by OpenJavaVM once the VM exists; null when the class was not found
+
+ private:
+  jmethodID FindFunction(const char* method, const char* signature, int entryLine,
+                         int notFoundLine);
+  bool CallTextFunction(const char* method, std::string& result, int entryLine, int notFoundLine);
+  bool CallNumberFunction(const char* method, int& result, int entryLine, int notFoundLine);
 };
+
+// Whether the C library's inet_aton takes the text for an IPv4 address, shortened, octal and
+// hexadecimal forms included.
+bool IsIp4Address(const std::string& text);

@@ -51,3 +51,18 @@ void VemoHtml::PrintLogos() {
       << cgicc::p() << std::endl;
   std::cout << cgicc::div().set("style", "clear:both") << cgicc::div() << std::endl;
 }
+
+void VemoHtml::PrintWarningPage(const std::string& heading, const std::string& linkText,
+                                const std::string& linkUrl, const std::string& warning) {
+  std::cout << cgicc::div().set("class", "navi")
+            << cgicc::a("Home").set("class", "small").set("href", "/index.html") << " / "
+            << cgicc::a(linkText).set("class", "small").set("href", linkUrl) << cgicc::div()
+            << std::endl;
+  std::cout << cgicc::h2(heading) << std::endl;
+  std::cout << cgicc::div().set("class", "content") << std::endl;
+  std::cout << cgicc::p().set("class", "warn") << warning << cgicc::p();
+  std::cout << cgicc::form().set("action", linkUrl)
+            << cgicc::input().set("type", "submit").set("value", " Back ").set("class", "mybutton")
+            << cgicc::form() << std::endl;
+  std::cout << cgicc::div() << std::endl;
+}

@@ -28,4 +28,10 @@ class VemoHtml {
 
   // Writes the two logos and the line that ends their floating.
   static void PrintLogos();
+
+  // Writes the body of a warning page: the navigation (the home page, then `linkText` leading to
+  // `linkUrl`), the heading, the warning and a Back button that leads to `linkUrl` too. To be
+  // called while the frame lives, with no `div`, `p` or `form` open.
+  void PrintWarningPage(const std::string& heading, const std::string& linkText,
+                        const std::string& linkUrl, const std::string& warning);
 };
