@@ -9,13 +9,13 @@ else()
 endif()
 
 # Another JDK than last time: what was found in the old one is void.
-if(NOT java_home STREQUAL JAVA_HOME_IN_USE)
+if(DEFINED JAVA_HOME_IN_USE AND NOT java_home STREQUAL JAVA_HOME_IN_USE)
   unset(JAVA_INCLUDE_PATH CACHE)
   unset(JAVA_INCLUDE_PATH2 CACHE)
   unset(JAVA_JVM_LIBRARY CACHE)
   unset(Java_JAVAC_EXECUTABLE CACHE)
-  set(JAVA_HOME_IN_USE "${java_home}" CACHE INTERNAL "The JDK that the paths below were found in")
 endif()
+set(JAVA_HOME_IN_USE "${java_home}" CACHE INTERNAL "The JDK that the paths below were found in")
 
 # FindJNI does not find Debian's JDK unaided; it takes what is known already.
 find_path(JAVA_INCLUDE_PATH jni.h PATHS "${java_home}/include" NO_DEFAULT_PATH)

@@ -13,11 +13,11 @@ namespace {
 constexpr char SOURCE[] = "src/JavaVmWrapper";
 constexpr char CONFIG_CLASS[] = "com/tarn/vemo/config/ConfigVemo";
 
-void LogClassNotFound(std::int32_t line, const char* name) {
+void LogClassNotFound(int line, const char* name) {
   LogFormater(LOG_LEVEL_ERROR, SOURCE, line).Log(GetCgiLogHandler(), "Class '%s' not found", name);
 }
 
-void LogMethodNotFound(std::int32_t line, const char* name) {
+void LogMethodNotFound(int line, const char* name) {
   LogFormater(LOG_LEVEL_ERROR, SOURCE, line)
       .Log(GetCgiLogHandler(), "Methode '%s' not found", name);
 }

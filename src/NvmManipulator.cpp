@@ -91,8 +91,8 @@ XmlText GetName(xmlNodePtr node) {
   return XmlText(xmlGetProp(node, reinterpret_cast<const xmlChar*>("name")));
 }
 
-bool Equals(const XmlText& text, const char* wanted) {
-  return text != nullptr && std::strcmp(Characters(text), wanted) == 0;
+bool Equals(const XmlText& text, const std::string& wanted) {
+  return text != nullptr && wanted == Characters(text);
 }
 
 std::string GetContent(xmlNodePtr node) {
@@ -247,7 +247,7 @@ xmlNodePtr NvmManipulator::GetVarNode(const std::string& name) {
     const XmlText variableName = GetName(variable);
     LogFormater(LOG_LEVEL_DEBUG, SOURCE, 292)
         .Log(GetCgiLogHandler(), "%s", Characters(variableName));
-    if (Equals(variableName, name.c_str())) {
+    if (Equals(variableName, name)) {
       return variable;
     }
   }

@@ -7,7 +7,9 @@
 //   service that hangs up while it is sent to raises SIGPIPE.
 // - Some failures leave their connection open until the process ends; they are named at SendToNvm.
 // - While an object lives, and while ToggleDeviceAllocation runs, nothing else in the process may
-//   hold libxml2 documents: both clean up the state that libxml2 keeps for the whole process.
+//   hold libxml2 documents: both clean up the state that libxml2 keeps for the whole process. The
+//   toggle also takes the place of the process's entity loader while it reads its status file, so
+//   that nothing in a reply makes it reach for another file or for the network.
 // - Single-threaded.
 //
 // Everything is traced to the CGI log: progress as DEBUG, failures as ERROR.
@@ -78,7 +80,7 @@ class NvmManipulator {
 
 // Asks for the device's status, allocates it when it is free and releases it otherwise, and asks
 // for the status once more. Traces what it does on standard output, and leaves the first status
-// reply in
-// "/tmp/cgirep.txt", emptied before. Returns 0 when the allocation state was found in that reply,
-// whatever the exchanges then returned, and -1, said on standard output, when it was not.
+// reply in the file "/tmp/cgirep.txt", emptied before. Returns 0 when that reply tells whether the
+// device is allocated, whatever the exchanges then returned, and -1, said on standard output, when
+// it does not.
 int ToggleDeviceAllocation();

@@ -12,6 +12,12 @@
 #include "PropertiesIni.h"
 #include "VemoHtml.h"
 
+// Writes a form with one button, which leads back to the device's information page.
+void PrintBackButton();
+
+// Writes the warning and a Back button.
+void PrintWarning(const std::string& message);
+
 namespace {
 
 constexpr char SOURCE[] = "src/SetObdConf";
@@ -31,18 +37,6 @@ void PrintNavigation() {
       << cgicc::div() << std::endl;
 }
 
-void PrintBackButton() {
-  LogFormater(LOG_LEVEL_DEBUG, SOURCE, 88).Log(GetCgiLogHandler(), "%s", "PrintBackButton");
-  std::cout << cgicc::form().set("action", "channeldeviceconfig.cgi")
-            << cgicc::input().set("type", "submit").set("value", " Back ").set("class", "mybutton")
-            << cgicc::form() << std::endl;
-}
-
-void PrintWarning(const std::string& message) {
-  std::cout << cgicc::p().set("class", "warn") << message << cgicc::p();
-  PrintBackButton();
-}
-
 // Echoes the value before the settings file is touched, so that a page cut there shows how far the
 // request came. What the settings file says to it is not looked at.
 void SetOption(const std::string& value) {
@@ -60,6 +54,18 @@ void SetOption(const std::string& value) {
 }
 
 }  // namespace
+
+void PrintBackButton() {
+  LogFormater(LOG_LEVEL_DEBUG, SOURCE, 88).Log(GetCgiLogHandler(), "%s", "PrintBackButton");
+  std::cout << cgicc::form().set("action", "channeldeviceconfig.cgi")
+            << cgicc::input().set("type", "submit").set("value", " Back ").set("class", "mybutton")
+            << cgicc::form() << std::endl;
+}
+
+void PrintWarning(const std::string& message) {
+  std::cout << cgicc::p().set("class", "warn") << message << cgicc::p();
+  PrintBackButton();
+}
 
 // Nothing is caught here: unwinding would write the frame's closing below a page that was cut.
 int main() {

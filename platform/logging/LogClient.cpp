@@ -33,7 +33,7 @@ bool WriteAll(int descriptor, const std::string& text) {
     if (count < 0 && errno == EINTR) {
       continue;
     }
-    if (count < 0) {
+    if (count <= 0) {
       return false;
     }
     written += static_cast<std::size_t>(count);

@@ -40,7 +40,8 @@ class LogClientFile : public LogClient {
   // the log.
   //
   // A file that cannot be opened, or later not written, is reported on standard error once; after
-  // that the client is silent. The events it could not write are lost.
+  // that the client is silent. The events it could not write are lost. A refusal that the kernel
+  // makes a signal of stays one: a limit on the size of files, a standard error that nobody reads.
   LogClientFile(const std::string& path, bool append);
   ~LogClientFile() override;
   LogClientFile(const LogClientFile&) = delete;
