@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <system_error>
 
 namespace {
 
@@ -94,14 +95,15 @@ bool WriteAll(int descriptor, const std::string& text) {
 }
 
 // Follows the links that `path` ends in, to a file that may be missing. False when they go in a
-// circle.
+// circle or cannot be read.
 bool ResolveLinks(fs::path& path) {
   constexpr int MOST_LINKS = 40;
   for (int links = 0; links < MOST_LINKS; ++links) {
     std::error_code error;
     const fs::path target = fs::read_symlink(path, error);
     if (error) {
-      return true;
+      // No link, or nothing there.
+      return error == std::errc::invalid_argument || error == std::errc::no_such_file_or_directory;
     }
     path = path.parent_path() / target;
   }

@@ -215,12 +215,10 @@ std::string InsertLine(std::string text, std::size_t offset, const std::string& 
 
 bool PropertiesIni::Load(const std::string& path) {
   if (ReadFile(path, text_) == ReadResult::kUnreadable) {
-    unreadablePath_ = path;
+    unreadablePaths_.insert(path);
     return false;
   }
-  if (path == unreadablePath_) {
-    unreadablePath_.clear();
-  }
+  unreadablePaths_.erase(path);
   return true;
 }
 
@@ -279,7 +277,7 @@ std::string PropertiesIni::GetProperty(const std::string& section, const std::st
 }
 
 bool PropertiesIni::Store(const std::string& path, const std::string& header) {
-  if (!unreadablePath_.empty() && path == unreadablePath_) {
+  if (unreadablePaths_.count(path) != 0) {
     return false;
   }
   if (header.empty()) {

@@ -16,14 +16,14 @@
 //   rest of the line behind the first `=`.
 // - Names are compared exactly. Blanks (spaces and tabs) around names and values mean nothing.
 // - A value stands verbatim, unless it holds a CR, LF or NUL, begins or ends with a blank, or
-// begins
-//   with a double quote: then it stands in double quotes, with \" \\ \n \r \0 for these characters.
-//   So no value adds a line, a key or a section.
+//   begins with a double quote: then it stands in double quotes, with \" \\ \n \r \0 for these
+//   characters. So no value adds a line, a key or a section.
 //
 // No lock is taken: of two processes that load and store the same file at the same time, the later
 // Store wins whole.
 #pragma once
 
+#include <set>
 #include <string>
 
 class PropertiesIni {
@@ -51,5 +51,5 @@ class PropertiesIni {
 
  private:
   std::string text_;
-  std::string unreadablePath_;
+  std::set<std::string> unreadablePaths_;
 };

@@ -1,8 +1,10 @@
 // Stands in front of the real Java VM library and answers JNI_CreateJavaVM itself, step by step as
 // the test wishes. Preloaded into the unmodified program. What the test sets in the environment:
 //
-// FAKE_VM_RESULT   what JNI_CreateJavaVM returns; 0 without it. Negative: no VM is given out.
-// FAKE_VM_FAILS    the calls that fail, by their number, as in "1" or "7 10"; see Call below
+// FAKE_VM_RESULT   what JNI_CreateJavaVM returns; 0 without it
+// FAKE_VM_LEAVES   what a negative result leaves behind: "vm", "env" or "vm env"; nothing without
+// it FAKE_VM_FAILS    the calls that fail, a line each, as far as they are to be told apart, as in
+//                  "FindClass java/io"; they give null and leave an exception pending
 // FAKE_VM_CALLS    a file to which every call is appended, a line each
 //
 // Functions that the program has no business to call are null.
@@ -12,77 +14,111 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <deque>
 #include <sstream>
 #include <string>
 
 namespace {
 
-int callCount = 0;
 bool isExceptionPending = false;
-int object;  // its address is every class, method and object
+
+// Every class, method and object is its own description, so that a recorded call tells what it was
+// given.
+std::deque<std::string> handles;
+
+template <typename Handle>
+Handle NewHandle(const std::string& description) {
+  return reinterpret_cast<Handle>(&handles.emplace_back(description));
+}
+
+std::string Describe(const void* handle) {
+  return handle != nullptr ? *static_cast<const std::string*>(handle) : "null";
+}
+
+std::string Describe(jmethodID method) {
+  return Describe(static_cast<const void*>(method));
+}
+
+std::string Setting(const char* name) {
+  const char* const value = std::getenv(name);
+  return value != nullptr ? value : "";
+}
 
 void Record(const std::string& call) {
-  const char* const path = std::getenv("FAKE_VM_CALLS");
-  if (path == nullptr) {
-    return;
-  }
-  if (std::FILE* const file = std::fopen(path, "a")) {
+  if (std::FILE* const file = std::fopen(Setting("FAKE_VM_CALLS").c_str(), "a")) {
     std::fprintf(file, "%s\n", call.c_str());
     std::fclose(file);
   }
 }
 
-bool MustFail(int number) {
-  const char* const list = std::getenv("FAKE_VM_FAILS");
-  std::istringstream numbers(list != nullptr ? list : "");
-  for (int failing; numbers >> failing;) {
-    if (failing == number) {
+bool MustFail(const std::string& call) {
+  std::istringstream failing(Setting("FAKE_VM_FAILS"));
+  for (std::string beginning; std::getline(failing, beginning);) {
+    if (call.rfind(beginning, 0) == 0) {
       return true;
     }
   }
   return false;
 }
 
-// Every call that gives something back has a number, from 1 in the order of the calls; one that
-// fails gives null and leaves an exception pending.
 template <typename Handle>
-Handle Call(const std::string& name) {
-  Record(name);
-  if (MustFail(++callCount)) {
+Handle Call(const std::string& call, const std::string& description) {
+  Record(call);
+  if (MustFail(call)) {
     isExceptionPending = true;
     return nullptr;
   }
-  return reinterpret_cast<Handle>(&object);
+  return NewHandle<Handle>(description);
+}
+
+// The arguments as the method's signature types them: objects and booleans.
+std::string DescribeArguments(jmethodID method, va_list arguments) {
+  const std::string signature = Describe(method);
+  std::string text;
+  for (auto i = signature.find('(') + 1; signature[i] != ')'; ++i) {
+    text += text.empty() ? "" : ", ";
+    if (signature[i] == 'L') {
+      text += Describe(va_arg(arguments, const void*));
+      i = signature.find(';', i);
+    } else {
+      text += va_arg(arguments, int) == JNI_TRUE ? "true" : "false";
+    }
+  }
+  return "(" + text + ")";
 }
 
 jclass FindClass(JNIEnv*, const char* name) {
-  return Call<jclass>(std::string("FindClass ") + name);
+  return Call<jclass>(std::string("FindClass ") + name, name);
 }
 
-jmethodID GetMethodId(JNIEnv*, jclass, const char* name, const char* signature) {
-  return Call<jmethodID>(std::string("GetMethodID ") + name + " " + signature);
+jmethodID GetMethodId(JNIEnv*, jclass type, const char* name, const char* signature) {
+  const std::string method = Describe(type) + "." + name + signature;
+  return Call<jmethodID>("GetMethodID " + method, method);
 }
 
-jmethodID GetStaticMethodId(JNIEnv*, jclass, const char* name, const char* signature) {
-  return Call<jmethodID>(std::string("GetStaticMethodID ") + name + " " + signature);
+jmethodID GetStaticMethodId(JNIEnv*, jclass type, const char* name, const char* signature) {
+  const std::string method = Describe(type) + "." + name + signature;
+  return Call<jmethodID>("GetStaticMethodID " + method, method);
 }
 
 jstring NewStringUtf(JNIEnv*, const char* text) {
-  return Call<jstring>(std::string("NewStringUTF ") + text);
+  return Call<jstring>(std::string("NewStringUTF ") + text, text);
 }
 
-jobject NewObjectV(JNIEnv*, jclass, jmethodID, va_list) {
-  return Call<jobject>("NewObjectV");
+jobject NewObjectV(JNIEnv*, jclass type, jmethodID constructor, va_list arguments) {
+  const std::string object = "new " + Describe(type);
+  return Call<jobject>(
+      "NewObjectV " + Describe(constructor) + DescribeArguments(constructor, arguments), object);
 }
 
-void CallStaticVoidMethodV(JNIEnv*, jclass, jmethodID, va_list) {
-  Record("CallStaticVoidMethodV");
+void CallStaticVoidMethodV(JNIEnv*, jclass, jmethodID method, va_list arguments) {
+  Call<jobject>("CallStaticVoidMethodV " + Describe(method) + DescribeArguments(method, arguments),
+                "nothing");
 }
 
 jthrowable ExceptionOccurred(JNIEnv*) {
   Record("ExceptionOccurred");
-  return isExceptionPending ? reinterpret_cast<jthrowable>(&object) : nullptr;
+  return isExceptionPending ? NewHandle<jthrowable>("exception") : nullptr;
 }
 
 void ExceptionDescribe(JNIEnv*) {
@@ -94,20 +130,22 @@ jint DestroyJavaVm(JavaVM*) {
   return JNI_OK;
 }
 
-void RecordArguments(const JavaVMInitArgs& arguments) {
+void RecordStart(const JavaVMInitArgs& arguments) {
   std::ostringstream text;
-  text << "JNI_CreateJavaVM version " << std::hex << arguments.version << std::dec
-       << " ignoreUnrecognized " << static_cast<int>(arguments.ignoreUnrecognized);
+  text << "JNI_CreateJavaVM version " << std::hex << arguments.version << std::dec << " options "
+       << arguments.nOptions << " ignoreUnrecognized "
+       << static_cast<int>(arguments.ignoreUnrecognized);
   Record(text.str());
   for (jint i = 0; i < arguments.nOptions; ++i) {
     Record(std::string("option ") + arguments.options[i].optionString);
   }
 }
 
-}  // namespace
+bool GivesOut(const char* what, jint result) {
+  return result >= 0 || Setting("FAKE_VM_LEAVES").find(what) != std::string::npos;
+}
 
-extern "C" JNIEXPORT jint JNICALL JNI_CreateJavaVM(JavaVM** vm, void** environment,
-                                                   void* arguments) {
+JNIEnv* Environment() {
   static JNINativeInterface_ functions{};
   functions.FindClass = FindClass;
   functions.GetMethodID = GetMethodId;
@@ -117,18 +155,28 @@ extern "C" JNIEXPORT jint JNICALL JNI_CreateJavaVM(JavaVM** vm, void** environme
   functions.CallStaticVoidMethodV = CallStaticVoidMethodV;
   functions.ExceptionOccurred = ExceptionOccurred;
   functions.ExceptionDescribe = ExceptionDescribe;
-  static JNIEnv_ environmentOfThread{&functions};
+  static JNIEnv_ environment{&functions};
+  return &environment;
+}
 
-  static JNIInvokeInterface_ invocation{};
-  invocation.DestroyJavaVM = DestroyJavaVm;
-  static JavaVM_ theVm{&invocation};
+JavaVM* Vm() {
+  static JNIInvokeInterface_ functions{};
+  functions.DestroyJavaVM = DestroyJavaVm;
+  static JavaVM_ vm{&functions};
+  return &vm;
+}
 
-  RecordArguments(*static_cast<JavaVMInitArgs*>(arguments));
-  const char* const wanted = std::getenv("FAKE_VM_RESULT");
-  const jint result = wanted != nullptr ? std::atoi(wanted) : JNI_OK;
-  if (result >= 0) {
-    *vm = &theVm;
-    *environment = &environmentOfThread;
+}  // namespace
+
+extern "C" JNIEXPORT jint JNICALL JNI_CreateJavaVM(JavaVM** vm, void** environment,
+                                                   void* arguments) {
+  RecordStart(*static_cast<JavaVMInitArgs*>(arguments));
+  const jint result = std::atoi(Setting("FAKE_VM_RESULT").c_str());
+  if (GivesOut("vm", result)) {
+    *vm = Vm();
+  }
+  if (GivesOut("env", result)) {
+    *environment = Environment();
   }
   return result;
 }

@@ -1,3 +1,4 @@
+#include <cgicc/HTMLClasses.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -13,20 +14,25 @@ using testing::Contains;
 using testing::HasSubstr;
 using testing::Not;
 
-// What is written to std::cout while it lives, with a mark wherever the stream was flushed.
+// What is written to std::cout while it lives, as a whole and flush by flush.
 class Page : private std::stringbuf {
  public:
   Page() : original_(std::cout.rdbuf(this)) {}
   ~Page() override { std::cout.rdbuf(original_); }
 
   std::string Text() const { return str(); }
-  int Flushes() const { return flushes_; }
+  const std::vector<std::string>& Flushed() const { return flushed_; }
 
  private:
-  int sync() override { return ++flushes_, 0; }
+  int sync() override {
+    flushed_.push_back(str().substr(flushedSize_));
+    flushedSize_ = str().size();
+    return 0;
+  }
 
   std::streambuf* original_;
-  int flushes_ = 0;
+  std::vector<std::string> flushed_;
+  std::size_t flushedSize_ = 0;
 };
 
 std::string FrameOf(const std::string& name) {
@@ -128,11 +134,107 @@ TEST(VemoHtml, AFrameInsideAFrameWritesClosingTags) {
   }
 }
 
-TEST(VemoHtml, EveryLineOfItsOwnIsFlushed) {
+TEST(VemoHtml, EveryLineIsFlushedAtItsEnd) {
   const Page page;
-  const std::string frame = (VemoHtml("X"), page.Text());
-  // 13 lines of the opening, 2 of the closing; the header ends its two lines without a flush.
-  EXPECT_EQ(page.Flushes(), 15);
+  { const VemoHtml frame("X"); }
+  std::vector<std::string> lines;
+  for (const std::string& line : Lines(page.Text())) {
+    lines.push_back(line + "\n");
+  }
+  // The frame flushes 12 lines of its opening and the 2 of its closing; cgicc flushes the
+  // header's 2.
+  EXPECT_EQ(lines.size(), 16u);
+  EXPECT_EQ(page.Flushed(), lines);
+}
+
+// A warning page's body, between the frame's opening and its closing.
+std::string WarningBody(const std::string& heading, const std::string& linkText,
+                        const std::string& linkUrl, const std::string& warning) {
+  const Page page;
+  VemoHtml frame("X");
+  const std::size_t begin = page.Text().size();
+  frame.PrintWarningPage(heading, linkText, linkUrl, warning);
+  return page.Text().substr(begin);
+}
+
+TEST(WarningPage, IsByteForByte) {
+  EXPECT_EQ(WarningBody("Heading", "Link text", "link.cgi", "A warning"),
+            "<div class=\"navi\" ><a class=\"small\" href=\"/index.html\" >Home</a> / "
+            "<a class=\"small\" href=\"link.cgi\" >Link text</a></div>\n"
+            "<h2>Heading</h2>\n"
+            "<div class=\"content\" >\n"
+            "<p class=\"warn\" >A warning</p><form action=\"link.cgi\" >"
+            "<input type=\"submit\" value=\" Back \" class=\"mybutton\"  /></form>\n"
+            "</div>\n");
+}
+
+TEST(WarningPage, NavigationBeginsWithHomeThenTheCallersLink) {
+  EXPECT_THAT(Lines(WarningBody("H", "Link", "u.cgi", "w"))[0],
+              "<div class=\"navi\" ><a class=\"small\" href=\"/index.html\" >Home</a> / "
+              "<a class=\"small\" href=\"u.cgi\" >Link</a></div>");
+}
+
+TEST(WarningPage, LeadsBackWhereTheSecondLinkLeads) {
+  const std::string body = WarningBody("H", "L", "somewhere.cgi", "w");
+  EXPECT_THAT(body, HasSubstr("href=\"somewhere.cgi\""));
+  EXPECT_THAT(body, HasSubstr("<form action=\"somewhere.cgi\" >"));
+}
+
+TEST(WarningPage, WarningAndBackButtonShareALineAndTheContentEndsOnTheNext) {
+  const auto lines = Lines(WarningBody("H", "L", "u", "w"));
+  ASSERT_EQ(lines.size(), 5u);
+  EXPECT_EQ(lines[3],
+            "<p class=\"warn\" >w</p><form action=\"u\" >"
+            "<input type=\"submit\" value=\" Back \" class=\"mybutton\"  /></form>");
+  EXPECT_EQ(lines[4], "</div>");
+}
+
+TEST(WarningPage, WritesEmptyTextsAsEmpty) {
+  EXPECT_EQ(WarningBody("", "", "", ""),
+            "<div class=\"navi\" ><a class=\"small\" href=\"/index.html\" >Home</a> / "
+            "<a class=\"small\" href=\"\" ></a></div>\n"
+            "<h2></h2>\n"
+            "<div class=\"content\" >\n"
+            "<p class=\"warn\" ></p><form action=\"\" >"
+            "<input type=\"submit\" value=\" Back \" class=\"mybutton\"  /></form>\n"
+            "</div>\n");
+}
+
+TEST(WarningPage, EscapesNothing) {
+  const std::string body = WarningBody("<i>&", "<b>", "x?a=\"b\"&c", "<script>'");
+  EXPECT_THAT(body, HasSubstr("<h2><i>&</h2>\n"));
+  EXPECT_THAT(body, HasSubstr("<a class=\"small\" href=\"x?a=\"b\"&c\" ><b></a>"));
+  EXPECT_THAT(body, HasSubstr("<p class=\"warn\" ><script>'</p>"));
+  EXPECT_THAT(body, HasSubstr("<form action=\"x?a=\"b\"&c\" >"));
+}
+
+TEST(WarningPage, TwiceInOneFrameIsAlikeAndLeavesTheFrameToClose) {
+  const std::string once = WarningBody("H", "L", "u", "w");
+  const Page page;
+  {
+    VemoHtml frame("X");
+    frame.PrintWarningPage("H", "L", "u", "w");
+    frame.PrintWarningPage("H", "L", "u", "w");
+  }
+  EXPECT_THAT(page.Text(), testing::EndsWith(once + once + "</body>\n</html>\n"));
+}
+
+TEST(WarningPage, InAnOpenDivIsInverted) {
+  const Page page;
+  VemoHtml frame("X");
+  std::cout << cgicc::div();
+  const std::size_t begin = page.Text().size();
+  frame.PrintWarningPage("H", "L", "u", "w");
+  EXPECT_THAT(page.Text().substr(begin), testing::StartsWith("</div><a "));
+  std::cout << cgicc::div();
+}
+
+TEST(WarningPage, FlushesEveryLine) {
+  const Page page;
+  VemoHtml frame("X");
+  const std::size_t before = page.Flushed().size();
+  frame.PrintWarningPage("H", "L", "u", "w");
+  EXPECT_EQ(page.Flushed().size() - before, 5u);
 }
 
 }  // namespace

@@ -58,6 +58,14 @@ std::vector<std::string> LoggedStatements() {
   return Statements(ReadText(LOG_FILE));
 }
 
+std::vector<std::string> LoggedLines() {
+  std::vector<std::string> logged;
+  for (const std::string& line : Lines(ReadText(LOG_FILE))) {
+    logged.push_back(IsStatement(line) ? Summary(ParseLogLine(line)) : line);
+  }
+  return logged;
+}
+
 std::vector<std::string> ForeignLines() {
   std::vector<std::string> foreign;
   for (const std::string& line : Lines(ReadText(LOG_FILE))) {

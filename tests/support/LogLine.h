@@ -28,5 +28,8 @@ std::vector<std::string> Statements(const std::string& log);
 // The same of the log file.
 std::vector<std::string> LoggedStatements();
 
+// All lines of the log file in their order: statements as their Summary, others as they are.
+std::vector<std::string> LoggedLines();
+
 // The lines of the log file that no statement wrote.
 std::vector<std::string> ForeignLines();

@@ -1,7 +1,6 @@
 #include "Process.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -10,28 +9,11 @@
 #include <array>
 #include <thread>
 
+#include "Pipe.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-struct Pipe {
-  Pipe() { EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0); }
-  ~Pipe() {
-    Close(0);
-    Close(1);
-  }
-  Pipe(const Pipe&) = delete;
-  Pipe& operator=(const Pipe&) = delete;
-
-  void Close(int end) {
-    if (ends[end] >= 0) {
-      close(ends[end]);
-    }
-    ends[end] = -1;
-  }
-
-  std::array<int, 2> ends;  // read, write
-};
 
 std::vector<char*> Pointers(std::vector<std::string>& words) {
   std::vector<char*> pointers;
@@ -48,6 +30,7 @@ std::vector<char*> Pointers(std::vector<std::string>& words) {
   for (const auto& [name, value] : command.environment) {
     environment.push_back(name + "=" + value);
   }
+  signal(SIGPIPE, SIG_DFL);
   if (command.prepare) {
     command.prepare();
   }
@@ -91,7 +74,6 @@ Result Execute(const Command& command) {
   Pipe error;
   const pid_t id = fork();
   if (id == 0) {
-    signal(SIGPIPE, SIG_DFL);
     dup2(input.ends[0], STDIN_FILENO);
     dup2(output.ends[1], STDOUT_FILENO);
     dup2(error.ends[1], STDERR_FILENO);

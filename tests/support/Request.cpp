@@ -56,12 +56,13 @@ Command PostForm(const std::string& body) {
   return Post("application/x-www-form-urlencoded", body);
 }
 
-Command PostMultipart(const std::string& value) {
-  return Post("multipart/form-data; boundary=frontier",
-              "--frontier\r\n"
-              "Content-Disposition: form-data; name=\"CanDetectTimeout\"\r\n"
-              "\r\n" +
-                  value + "\r\n--frontier--\r\n");
+Command PostMultipart(const Fields& fields) {
+  std::string body;
+  for (const auto& [name, value] : fields) {
+    body += "--frontier\r\nContent-Disposition: form-data; name=\"" + name + "\"\r\n\r\n" + value +
+            "\r\n";
+  }
+  return Post("multipart/form-data; boundary=frontier", body + "--frontier--\r\n");
 }
 
 Command WithoutJava(Command request) {
@@ -88,4 +89,17 @@ std::string WarningPage() {
 
 std::string FrameOnly() {
   return FRAME_OPENING + FRAME_CLOSING;
+}
+
+std::vector<std::string> StartStatements(const std::string& javaOptions,
+                                         const std::string& classPath) {
+  return {"DEBUG src/SetObdConf 30 main", "DEBUG src/JavaVmWrapper 73 OpenJavaVM",
+          "DEBUG src/JavaVmWrapper 81 JAVA_OPTIONS: " + javaOptions,
+          "DEBUG src/JavaVmWrapper 99 JAVA_CLASSPATH:" + classPath};
+}
+
+std::vector<std::string> SuccessStatements() {
+  auto statements = StartStatements();
+  statements.push_back("DEBUG src/JavaVmWrapper 155 ChangeStdErr");
+  return statements;
 }

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "Process.h"
 
@@ -12,8 +14,13 @@ Command Get(const std::string& query);
 
 // A POST request with this body.
 Command Post(const std::string& contentType, const std::string& body);
-Command PostForm(const std::string& body);        // application/x-www-form-urlencoded
-Command PostMultipart(const std::string& value);  // multipart/form-data, one field CanDetectTimeout
+Command PostForm(const std::string& body);  // application/x-www-form-urlencoded
+
+// Names and values of a form, in the order in which they are sent.
+using Fields = std::vector<std::pair<std::string, std::string>>;
+
+// A POST request with these fields as multipart/form-data.
+Command PostMultipart(const Fields& fields);
 
 // The request with the stand-in for the Java VM in front of the real one; see preload/JavaVm.cpp.
 // Quick, for what has nothing to do with Java.
@@ -23,3 +30,10 @@ Command WithoutJava(Command request);
 std::string SuccessPage(const std::string& value);
 std::string WarningPage();
 std::string FrameOnly();
+
+// What the log says of a request until its Java VM is made, as Summary lines.
+std::vector<std::string> StartStatements(const std::string& javaOptions = "(null)",
+                                         const std::string& classPath = "/srv/vemo/java");
+
+// All that the log says of a request that succeeds.
+std::vector<std::string> SuccessStatements();

@@ -1,0 +1,46 @@
+"""Draws what measure.py measured: the growth curves and the timeline of a request."""
+
+import json
+import sys
+from pathlib import Path
+
+import matplotlib
+
+matplotlib.use("Agg")
+import matplotlib.pyplot as plt  # noqa: E402 - the backend first
+
+COLOURS = ["#17314f", "#b25e00", "#0b7a5c", "#7a3fa0", "#0b57a4", "#66758a"]
+
+
+def draw_growth(growth, path):
+    figure, axes = plt.subplots(1, len(growth), figsize=(12, 3.2), sharey=True)
+    for axis, colour, (name, points) in zip(axes, COLOURS, growth.items()):
+        sizes = [max(size, 1) for size, _ in points]
+        axis.loglog(sizes, [cpu / 1000 for _, cpu in points], marker="o", color=colour)
+        axis.set_title(name, fontsize=10)
+        axis.grid(True, which="major", alpha=0.3)
+    axes[0].set_ylabel("CPU, ms")
+    figure.tight_layout()
+    figure.savefig(path, dpi=100)
+
+
+def draw_timeline(marks, path):
+    figure, axis = plt.subplots(figsize=(12, 1.9))
+    for colour, (name, begin), (_, end) in zip(COLOURS, marks, marks[1:]):
+        axis.barh(0, (end - begin) / 1000, left=begin / 1000, color=colour, label=name, height=0.6)
+    axis.set_yticks([])
+    axis.set_xlabel("ms from the start of the process")
+    axis.legend(ncol=len(marks), loc="upper center", bbox_to_anchor=(0.5, 1.4), frameon=False)
+    figure.tight_layout()
+    figure.savefig(path, dpi=100)
+
+
+def main():
+    folder = Path(sys.argv[1])
+    measured = json.loads((folder / "plots.json").read_text())
+    draw_growth(measured["growth"], folder / "growth.png")
+    draw_timeline(measured["timeline"], folder / "timeline.png")
+
+
+if __name__ == "__main__":
+    main()

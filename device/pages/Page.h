@@ -1,0 +1,18 @@
+// What the stand-in device's own pages share, on top of the page frame.
+#pragma once
+
+#include <string>
+
+// Text as HTML: markup escaped, what is not ASCII as a character reference, so that the page's
+// character set does not matter. From ISO 8859-1, as browsers post it and the settings file holds
+// it; from UTF-8, as Java and XML give it, where a byte that is none is taken for ISO 8859-1.
+std::string HtmlFromLatin1(const std::string& text);
+std::string HtmlFromUtf8(const std::string& text);
+
+// Writes what a page has between the frame and its content: the viewport of a phone, which the
+// frame does not know, the navigation ending in the page itself, and the heading. Opens the content
+// block. Text and address are HTML.
+void OpenContent(const std::string& heading, const std::string& url);
+
+// Closes the content block.
+void CloseContent();

@@ -1,0 +1,11 @@
+package com.tarn.vemo.config;
+
+/** Has none of the methods that the bridge knows by name. */
+public final class ConfigVemo {
+    private ConfigVemo() {
+    }
+
+    public String getText() {
+        return "an instance's";
+    }
+}

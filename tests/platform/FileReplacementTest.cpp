@@ -1,0 +1,405 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "FileReplacement.h"
+#include "Files.h"
+#include "SmallDisk.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using std::string_literals::operator""s;
+using testing::IsEmpty;
+
+const std::string OLD = "the old content\n";
+const std::string NEW = "the new content, which is longer\n";
+
+std::size_t OpenDescriptors() {
+  const fs::directory_iterator descriptors("/proc/self/fd");
+  return static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors)));
+}
+
+struct stat StatusOf(const fs::path& path) {
+  struct stat status {};
+  EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
+  return status;
+}
+
+int ModeOf(const fs::path& path) {
+  return static_cast<int>(StatusOf(path).st_mode & 07777);
+}
+
+// A text that needs room of its own on every file system.
+std::string OfLength(std::size_t length) {
+  std::string text;
+  while (text.size() < length) {
+    text += std::to_string(text.size()) + "\n";
+  }
+  text.resize(length);
+  return text;
+}
+
+// Every test leaves behind no temporary file and no open descriptor.
+class FileReplacement : public testing::Test {
+ protected:
+  void SetUp() override {
+    fs::create_directories(folder);
+    fs::create_directories(elsewhere);
+  }
+  void TearDown() override {
+    fs::permissions(folder, fs::perms(0755));
+    EXPECT_THAT(TemporaryFiles(folder), IsEmpty());
+    EXPECT_THAT(TemporaryFiles(elsewhere), IsEmpty());
+    EXPECT_EQ(OpenDescriptors(), descriptors);
+    fs::remove_all(folder);
+    fs::remove_all(elsewhere);
+  }
+
+  static std::vector<std::string> TemporaryFiles(const fs::path& folder) {
+    std::vector<std::string> names;
+    for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
+      if (entry.path().extension() == ".tmp") {
+        names.push_back(entry.path().filename());
+      }
+    }
+    return names;
+  }
+
+  const std::size_t descriptors = OpenDescriptors();
+  const fs::path folder = "/tmp/replaced";
+  const fs::path elsewhere = "/tmp/elsewhere";
+  const fs::path path = folder / "file";
+};
+
+TEST_F(FileReplacement, MakesAMissingFile) {
+  EXPECT_TRUE(ReplaceFile(path, NEW));
+  EXPECT_EQ(ReadText(path), NEW);
+}
+
+TEST_F(FileReplacement, MakesAMissingFileWithTheModeOfTheUmask) {
+  for (const int mask : {022, 027, 0}) {
+    const mode_t before = umask(static_cast<mode_t>(mask));
+    EXPECT_TRUE(ReplaceFile(path, NEW));
+    umask(before);
+    EXPECT_EQ(ModeOf(path), 0666 & ~mask);
+    fs::remove(path);
+  }
+}
+
+TEST_F(FileReplacement, MakesNoFolder) {
+  EXPECT_FALSE(ReplaceFile(folder / "missing" / "file", NEW));
+  EXPECT_FALSE(fs::exists(folder / "missing"));
+}
+
+TEST_F(FileReplacement, ReplacesTheContent) {
+  for (const std::string& text : {NEW, "short"s, ""s, "a\0b\r\n"s, OfLength(300000), OLD}) {
+    EXPECT_TRUE(ReplaceFile(path, text));
+    EXPECT_EQ(ReadText(path), text);
+  }
+}
+
+TEST_F(FileReplacement, FindsTheFileOfTheWorkingFolder) {
+  const fs::path before = fs::current_path();
+  fs::current_path(folder);
+  EXPECT_TRUE(ReplaceFile("file", OLD));
+  EXPECT_TRUE(ReplaceFile("file", NEW));
+  fs::current_path(before);
+  EXPECT_EQ(ReadText(path), NEW);
+}
+
+TEST_F(FileReplacement, KeepsTheMode) {
+  WriteText(path, OLD);
+  for (const int mode : {0600, 0644, 0666, 0751, 0444}) {
+    fs::permissions(path, fs::perms(mode));
+    EXPECT_TRUE(ReplaceFile(path, NEW));
+    EXPECT_EQ(ModeOf(path), mode);
+  }
+}
+
+TEST_F(FileReplacement, LeavesTheOldContentToWhoeverIsReadingIt) {
+  WriteText(path, OLD);
+  std::ifstream reader(path);
+  EXPECT_TRUE(ReplaceFile(path, NEW));
+  std::ostringstream read;
+  read << reader.rdbuf();
+  EXPECT_EQ(read.str(), OLD);
+}
+
+TEST_F(FileReplacement, PassesByTemporaryFilesThatOthersLeft) {
+  WriteText(path, OLD);
+  const std::string start = ".ini-" + std::to_string(getpid()) + "-";
+  const std::vector<fs::path> left = {folder / (start + "0.tmp"), folder / (start + "1.tmp")};
+  for (const fs::path& file : left) {
+    WriteText(file, "left");
+  }
+  EXPECT_TRUE(ReplaceFile(path, NEW));
+  EXPECT_EQ(ReadText(path), NEW);
+  for (const fs::path& file : left) {
+    EXPECT_EQ(ReadText(file), "left");
+    fs::remove(file);
+  }
+}
+
+TEST_F(FileReplacement, FollowsAnAbsoluteLink) {
+  WriteText(elsewhere / "target", OLD);
+  fs::create_symlink(elsewhere / "target", path);
+  EXPECT_TRUE(ReplaceFile(path, NEW));
+  EXPECT_EQ(fs::read_symlink(path), elsewhere / "target");
+  EXPECT_EQ(ReadText(elsewhere / "target"), NEW);
+}
+
+TEST_F(FileReplacement, FollowsARelativeLink) {
+  WriteText(elsewhere / "target", OLD);
+  fs::create_symlink("../elsewhere/target", path);
+  EXPECT_TRUE(ReplaceFile(path, NEW));
+  EXPECT_EQ(fs::read_symlink(path), "../elsewhere/target");
+  EXPECT_EQ(ReadText(elsewhere / "target"), NEW);
+}
+
+TEST_F(FileReplacement, FollowsAChainOfLinks) {
+  WriteText(folder / "target", OLD);
+  fs::create_symlink(elsewhere / "link", path);
+  fs::create_symlink("../replaced/other", elsewhere / "link");
+  fs::create_symlink("target", folder / "other");
+  EXPECT_TRUE(ReplaceFile(path, NEW));
+  EXPECT_EQ(fs::read_symlink(path), elsewhere / "link");
+  EXPECT_EQ(fs::read_symlink(elsewhere / "link"), "../replaced/other");
+  EXPECT_EQ(fs::read_symlink(folder / "other"), "target");
+  EXPECT_EQ(ReadText(folder / "target"), NEW);
+}
+
+TEST_F(FileReplacement, PutsTheTemporaryFileBesideTheTargetOfALink) {
+  WriteText(elsewhere / "target", OLD);
+  fs::create_symlink(elsewhere / "target", path);
+  fs::permissions(folder, fs::perms(0555));
+  const auto before = StatusOf(elsewhere / "target").st_ino;
+  EXPECT_TRUE(ReplaceFile(path, NEW));
+  EXPECT_NE(StatusOf(elsewhere / "target").st_ino, before);
+}
+
+TEST_F(FileReplacement, MakesTheMissingTargetOfALink) {
+  fs::create_symlink("../elsewhere/target", path);
+  EXPECT_TRUE(ReplaceFile(path, NEW));
+  EXPECT_TRUE(fs::is_symlink(path));
+  EXPECT_EQ(ReadText(elsewhere / "target"), NEW);
+}
+
+TEST_F(FileReplacement, LeavesALinkIntoAMissingFolderAlone) {
+  fs::create_symlink("missing/target", path);
+  EXPECT_FALSE(ReplaceFile(path, NEW));
+  EXPECT_TRUE(fs::is_symlink(path));
+}
+
+TEST_F(FileReplacement, RefusesLinksThatGoInACircle) {
+  fs::create_symlink(elsewhere / "link", path);
+  fs::create_symlink(path, elsewhere / "link");
+  EXPECT_FALSE(ReplaceFile(path, NEW));
+  EXPECT_TRUE(fs::is_symlink(path));
+  EXPECT_TRUE(fs::is_symlink(elsewhere / "link"));
+}
+
+TEST_F(FileReplacement, RefusesAFolder) {
+  fs::create_directories(path);
+  EXPECT_FALSE(ReplaceFile(path, NEW));
+  EXPECT_TRUE(fs::is_directory(path));
+}
+
+TEST_F(FileReplacement, RefusesANamedPipe) {
+  ASSERT_EQ(mkfifo(path.c_str(), 0666), 0);
+  EXPECT_FALSE(ReplaceFile(path, NEW));
+  EXPECT_TRUE(fs::is_fifo(path));
+}
+
+TEST_F(FileReplacement, RefusesASocket) {
+  const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{AF_UNIX, {}};
+  path.native().copy(address.sun_path, sizeof address.sun_path);
+  ASSERT_EQ(bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  close(descriptor);
+  EXPECT_FALSE(ReplaceFile(path, NEW));
+  EXPECT_TRUE(fs::is_socket(path));
+}
+
+TEST_F(FileReplacement, RefusesWhatLiesBelowAFile) {
+  WriteText(path, OLD);
+  EXPECT_FALSE(ReplaceFile(path / "below", NEW));
+  EXPECT_EQ(ReadText(path), OLD);
+}
+
+TEST_F(FileReplacement, RefusesAFolderThatMayNotBeSearched) {
+  WriteText(path, OLD);
+  fs::permissions(folder, fs::perms(0600));
+  EXPECT_FALSE(ReplaceFile(path, NEW));
+  fs::permissions(folder, fs::perms(0755));
+  EXPECT_EQ(ReadText(path), OLD);
+}
+
+TEST_F(FileReplacement, LeavesTheOldContentOnAFullDisk) {
+  SmallDisk disk;
+  WriteText(disk.Path() / "file", OLD);
+  disk.Fill();
+  EXPECT_FALSE(ReplaceFile(disk.Path() / "file", NEW));
+  EXPECT_EQ(ReadText(disk.Path() / "file"), OLD);
+  EXPECT_THAT(TemporaryFiles(disk.Path()), IsEmpty());
+}
+
+TEST_F(FileReplacement, MakesNoPartOfAFileOnAFullDisk) {
+  SmallDisk disk;
+  disk.Fill();
+  EXPECT_FALSE(ReplaceFile(disk.Path() / "file", NEW));
+  EXPECT_FALSE(fs::exists(disk.Path() / "file"));
+  EXPECT_THAT(TemporaryFiles(disk.Path()), IsEmpty());
+}
+
+TEST_F(FileReplacement, LeavesTheOldContentWhereHalfTheNewWouldFit) {
+  SmallDisk disk;
+  WriteText(disk.Path() / "file", OLD);
+  EXPECT_FALSE(ReplaceFile(disk.Path() / "file", OfLength(SmallDisk::SIZE)));
+  EXPECT_EQ(ReadText(disk.Path() / "file"), OLD);
+  EXPECT_THAT(TemporaryFiles(disk.Path()), IsEmpty());
+}
+
+// Where the folder takes no temporary file.
+class RewritingInPlace : public FileReplacement {
+ protected:
+  // Replaces, in a folder that is not writable, a file with the one text by the other.
+  void Rewrite(const std::string& before, const std::string& text) {
+    fs::permissions(folder, fs::perms(0755));
+    WriteText(path, before);
+    fs::permissions(folder, fs::perms(0555));
+    const auto number = StatusOf(path).st_ino;
+    EXPECT_TRUE(ReplaceFile(path, text));
+    EXPECT_EQ(ReadText(path), text);
+    EXPECT_EQ(StatusOf(path).st_ino, number) << "still the same file";
+  }
+};
+
+TEST_F(RewritingInPlace, ReplacesTheContentByALonger) {
+  Rewrite(OLD, NEW);
+  Rewrite("", NEW);
+  Rewrite(OLD, OfLength(300000));
+}
+
+TEST_F(RewritingInPlace, ReplacesTheContentByAShorter) {
+  Rewrite(NEW, OLD);
+  Rewrite(NEW, "");
+  Rewrite(OfLength(300000), NEW);
+}
+
+TEST_F(RewritingInPlace, ReplacesTheContentByOneOfTheSameLength) {
+  Rewrite("content 1\n", "content 2\n");
+}
+
+TEST_F(RewritingInPlace, KeepsTheMode) {
+  WriteText(path, OLD);
+  fs::permissions(path, fs::perms(0640));
+  Rewrite(OLD, NEW);
+  EXPECT_EQ(ModeOf(path), 0640);
+}
+
+TEST_F(RewritingInPlace, KeepsOtherNamesOfTheFile) {
+  WriteText(path, OLD);
+  fs::create_hard_link(path, elsewhere / "other name");
+  Rewrite(OLD, NEW);
+  EXPECT_EQ(ReadText(elsewhere / "other name"), NEW);
+}
+
+TEST_F(RewritingInPlace, FollowsALink) {
+  WriteText(elsewhere / "target", OLD);
+  fs::create_symlink(elsewhere / "target", path);
+  fs::permissions(elsewhere, fs::perms(0555));
+  EXPECT_TRUE(ReplaceFile(path, NEW));
+  fs::permissions(elsewhere, fs::perms(0755));
+  EXPECT_TRUE(fs::is_symlink(path));
+  EXPECT_EQ(ReadText(elsewhere / "target"), NEW);
+}
+
+TEST_F(RewritingInPlace, NeedsAFileThatIsThere) {
+  fs::permissions(folder, fs::perms(0555));
+  EXPECT_FALSE(ReplaceFile(path, NEW));
+  EXPECT_FALSE(fs::exists(path));
+}
+
+TEST_F(RewritingInPlace, NeedsAFileThatMayBeReadAndWritten) {
+  WriteText(path, OLD);
+  fs::permissions(folder, fs::perms(0555));
+  for (const int mode : {0, 0200, 0400}) {
+    fs::permissions(path, fs::perms(mode));
+    EXPECT_FALSE(ReplaceFile(path, NEW));
+  }
+  fs::permissions(path, fs::perms(0600));
+  EXPECT_EQ(ReadText(path), OLD);
+}
+
+TEST_F(RewritingInPlace, LeavesTheOldContentOnAFullDisk) {
+  SmallDisk disk;
+  WriteText(disk.Path() / "file", OLD);
+  disk.Fill();
+  fs::permissions(disk.Path(), fs::perms(0555));
+  EXPECT_FALSE(ReplaceFile(disk.Path() / "file", OfLength(20000)));
+  EXPECT_EQ(ReadText(disk.Path() / "file"), OLD);
+}
+
+TEST_F(RewritingInPlace, ShortensAFileOnAFullDisk) {
+  SmallDisk disk;
+  WriteText(disk.Path() / "file", NEW);
+  disk.Fill();
+  fs::permissions(disk.Path(), fs::perms(0555));
+  EXPECT_TRUE(ReplaceFile(disk.Path() / "file", OLD));
+  EXPECT_EQ(ReadText(disk.Path() / "file"), OLD);
+}
+
+class FileReading : public FileReplacement {
+ protected:
+  ReadResult Read() { return ReadFile(path, text); }
+  std::string text = "what was there before";
+};
+
+TEST_F(FileReading, GivesTheWholeText) {
+  for (const std::string& content : {""s, OLD, "a\0b\r\n"s, OfLength(65535), OfLength(65536),
+                                     OfLength(65537), OfLength(1000000)}) {
+    WriteText(path, content);
+    EXPECT_EQ(Read(), ReadResult::kRead);
+    EXPECT_EQ(text, content);
+  }
+}
+
+TEST_F(FileReading, TellsAMissingFile) {
+  EXPECT_EQ(Read(), ReadResult::kMissing);
+  EXPECT_EQ(text, "");
+  fs::create_symlink("missing", path);
+  EXPECT_EQ(Read(), ReadResult::kMissing);
+}
+
+TEST_F(FileReading, TellsAFileThatMayNotBeRead) {
+  WriteText(path, OLD);
+  fs::permissions(path, fs::perms(0200));
+  EXPECT_EQ(Read(), ReadResult::kUnreadable);
+  EXPECT_EQ(text, "");
+}
+
+TEST_F(FileReading, TakesNothingButARegularFile) {
+  fs::create_directories(path);
+  EXPECT_EQ(Read(), ReadResult::kUnreadable);
+  EXPECT_EQ(ReadFile("/dev/zero", text), ReadResult::kUnreadable);
+  EXPECT_EQ(text, "");
+}
+
+TEST_F(FileReading, DoesNotWaitForTheWriterOfANamedPipe) {
+  ASSERT_EQ(mkfifo(path.c_str(), 0666), 0);
+  EXPECT_EQ(Read(), ReadResult::kUnreadable);
+}
+
+TEST_F(FileReading, RefusesLinksThatGoInACircle) {
+  fs::create_symlink(path, path);
+  EXPECT_EQ(Read(), ReadResult::kUnreadable);
+}
+
+}  // namespace

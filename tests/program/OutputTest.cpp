@@ -1,0 +1,496 @@
+// The way out of the page and of the log: what is written when, and what becomes of the request
+// when standard output, the log file or the request itself breaks.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+
+#include <algorithm>
+#include <tuple>
+
+#include "Files.h"
+#include "LogLine.h"
+#include "Pipe.h"
+#include "Process.h"
+#include "Request.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+constexpr char OLD_SETTINGS[] = "[SETTINGS]\nVEMODCanDetectTimeout=100\n";
+constexpr char NEW_SETTINGS[] = "[SETTINGS]\nVEMODCanDetectTimeout=500\n";
+constexpr char CONTENT_OPENING[] = "<div class=\"content\" >\n";
+
+enum class Vm { REAL, STAND_IN };
+
+Command With(Vm vm, const Command& request) {
+  return vm == Vm::REAL ? request : WithoutJava(request);
+}
+
+std::string NameOf(Vm vm) {
+  return vm == Vm::REAL ? "RealVm" : "StandInVm";
+}
+
+std::string NameOfVm(const testing::TestParamInfo<Vm>& info) {
+  return NameOf(info.param);
+}
+
+// The success page up to this text.
+std::string PageUpTo(const std::string& end, const std::string& value = "500") {
+  const std::string page = SuccessPage(value);
+  return page.substr(0, page.find(end) + end.size());
+}
+
+void ExpectSettings(const std::string& text) {
+  EXPECT_EQ(ReadText(SETTINGS_FILE), text);
+  const auto folder = std::filesystem::path(SETTINGS_FILE).parent_path();
+  const std::filesystem::directory_iterator files(folder);
+  EXPECT_EQ(std::distance(begin(files), end(files)), 1) << "something lies beside the file";
+}
+
+// The request succeeded, whoever saw its page.
+void ExpectStoredAndLogged(const Result& result) {
+  EXPECT_EQ(result.exitStatus, 0);
+  ExpectSettings(NEW_SETTINGS);
+  EXPECT_THAT(LoggedLines(), ElementsAreArray(SuccessStatements()));
+}
+
+// What one `read` gives; empty at the end, or when nothing comes for long.
+std::string ReadOnce(const Pipe& pipe) {
+  pollfd wait{pipe.ends[0], POLLIN, 0};
+  char bytes[65536];
+  const ssize_t count =
+      poll(&wait, 1, 20000) == 1 ? read(pipe.ends[0], bytes, sizeof bytes) : ssize_t{0};
+  return std::string(bytes, static_cast<std::size_t>(std::max(count, ssize_t{0})));
+}
+
+std::string ReadToEnd(const Pipe& pipe) {
+  std::string text;
+  for (std::string bytes; !(bytes = ReadOnce(pipe)).empty();) {
+    text += bytes;
+  }
+  return text;
+}
+
+class NoSettings : public testing::Test {
+ protected:
+  void SetUp() override { ResetDevice(); }
+};
+
+class OldSettings : public testing::Test {
+ protected:
+  void SetUp() override {
+    ResetDevice();
+    WriteText(SETTINGS_FILE, OLD_SETTINGS);
+  }
+};
+
+// ---- Flushing.
+
+// Every `write` to standard output: a pipe in packet mode keeps them apart.
+std::vector<std::string> WritesOfPage(Command request) {
+  Pipe page(O_DIRECT);
+  request.prepare = [&page] { dup2(page.ends[1], STDOUT_FILENO); };
+  const BackgroundProcess program(request);
+  page.Close(1);
+  std::vector<std::string> writes;
+  for (std::string bytes; !(bytes = ReadOnce(page)).empty();) {
+    writes.push_back(bytes);
+  }
+  return writes;
+}
+
+// The lines of a page as they are flushed: the one after the line break goes with it.
+std::vector<std::string> FlushedLines(const std::string& page) {
+  std::vector<std::string> flushed;
+  bool goesOn = false;
+  for (const std::string& line : Lines(page)) {
+    if (!goesOn) {
+      flushed.emplace_back();
+    }
+    flushed.back() += line + "\n";
+    goesOn = line.find("<br />") != std::string::npos;
+  }
+  return flushed;
+}
+
+class Flushing : public NoSettings {};
+
+TEST_F(Flushing, EveryLineOfTheSuccessPageIsWrittenAtItsEnd) {
+  EXPECT_THAT(WritesOfPage(WithoutJava(Get("CanDetectTimeout=500"))),
+              ElementsAreArray(FlushedLines(SuccessPage("500"))));
+}
+
+TEST_F(Flushing, EveryLineOfTheWarningPageIsWrittenAtItsEnd) {
+  EXPECT_THAT(WritesOfPage(WithoutJava(Get(""))), ElementsAreArray(FlushedLines(WarningPage())));
+}
+
+TEST_F(Flushing, ALineEndInTheValueIsNotFlushed) {
+  EXPECT_THAT(WritesOfPage(WithoutJava(Get("CanDetectTimeout=a%0Ab"))),
+              testing::Contains("<p>Set CanDetectTimeout to a\nb ms.\n"));
+}
+
+// ---- Log lines.
+
+class LogWrites : public testing::Test {
+ protected:
+  void SetUp() override {
+    ResetDevice();
+    WriteText(LOG_FILE, "");
+    std::filesystem::remove(RECORD);
+  }
+
+  // The sizes of the writes to the log that the request makes.
+  static std::vector<std::string> WritesOf(Command request) {
+    request.environment["LD_PRELOAD"] += ":/build/tests/libwrites.so";
+    request.environment["WATCHED_FILE"] = LOG_FILE;
+    request.environment["WRITES_RECORD"] = RECORD;
+    Execute(request);
+    return Lines(ReadText(RECORD));
+  }
+
+  static std::vector<std::string> SizesOfLines() {
+    std::vector<std::string> sizes;
+    for (const std::string& line : Lines(ReadText(LOG_FILE))) {
+      sizes.push_back(std::to_string(line.size() + 1));
+    }
+    return sizes;
+  }
+
+  static constexpr char RECORD[] = "/tmp/writes";
+};
+
+TEST_F(LogWrites, EveryLineIsOne) {
+  const auto writes = WritesOf(WithoutJava(Get("")));
+  EXPECT_EQ(writes.size(), 7u);
+  EXPECT_THAT(writes, ElementsAreArray(SizesOfLines()));
+}
+
+TEST_F(LogWrites, TheLongestLineIsOne) {
+  // The kernel hands no longer text than this to a program, name, end and all.
+  const std::string longest(131072 - sizeof "JAVA_OPTIONS=", 'x');
+  Command request = WithoutJava(Get("CanDetectTimeout=500"));
+  request.environment["JAVA_OPTIONS"] = longest;
+  const auto writes = WritesOf(request);
+  EXPECT_THAT(writes, ElementsAreArray(SizesOfLines()));
+  const auto statements = LoggedStatements();
+  ASSERT_EQ(statements.size(), 5u);
+  EXPECT_TRUE(statements[2] == "DEBUG src/JavaVmWrapper 81 JAVA_OPTIONS: " + longest);
+}
+
+// ---- Standard descriptors that are closed.
+
+using Closed = std::tuple<std::vector<int>, Vm>;
+
+class ClosedDescriptors : public NoSettings, public testing::WithParamInterface<Closed> {
+ protected:
+  static Command Closing(const std::vector<int>& descriptors, Command request) {
+    request.prepare = [descriptors] {
+      for (const int descriptor : descriptors) {
+        close(descriptor);
+      }
+    };
+    return request;
+  }
+};
+
+TEST_P(ClosedDescriptors, ChangeNothingButWhoSeesThePage) {
+  const auto& [descriptors, vm] = GetParam();
+  const Result result = Execute(Closing(descriptors, With(vm, Get("CanDetectTimeout=500"))));
+  const bool isPageSeen =
+      std::find(descriptors.begin(), descriptors.end(), STDOUT_FILENO) == descriptors.end();
+  EXPECT_EQ(result.output, isPageSeen ? SuccessPage("500") : "");
+  EXPECT_EQ(result.error, "");
+  ExpectStoredAndLogged(result);
+}
+
+TEST_P(ClosedDescriptors, KeepThePageOutOfTheLogOfAFailure) {
+  const auto& [descriptors, vm] = GetParam();
+  Command request = With(vm, Get("CanDetectTimeout=500"));
+  request.environment["JAVA_CLASSPATH"] = "/nowhere";
+  request.environment["FAKE_VM_FAILS"] = "FindClass com/";
+  EXPECT_EQ(Execute(Closing(descriptors, request)).exitStatus, 1);
+  const std::string log = ReadText(LOG_FILE);
+  EXPECT_THAT(log, Not(HasSubstr("Content-Type")));
+  EXPECT_THAT(log, Not(HasSubstr("</html>")));
+  EXPECT_EQ(LoggedStatements().back(),
+            "ERROR src/JavaVmWrapper 118 Class 'com/tarn/vemo/config/ConfigVemo' not found");
+}
+
+std::string NameOfClosed(const testing::TestParamInfo<Closed>& info) {
+  const auto& [descriptors, vm] = info.param;
+  std::string name = NameOf(vm);
+  for (const int descriptor : descriptors) {
+    name += std::to_string(descriptor);
+  }
+  return name;
+}
+
+INSTANTIATE_TEST_SUITE_P(Program, ClosedDescriptors,
+                         testing::Combine(testing::Values(std::vector{0}, std::vector{1},
+                                                          std::vector{2}, std::vector{0, 1},
+                                                          std::vector{0, 2}, std::vector{1, 2},
+                                                          std::vector{0, 1, 2}),
+                                          testing::Values(Vm::REAL, Vm::STAND_IN)),
+                         NameOfClosed);
+
+// ---- A log file that cannot be used.
+
+class UnusableLog : public NoSettings {
+ protected:
+  static Result ExpectThePageUnchanged(const Command& request) {
+    const Result result = Execute(request);
+    EXPECT_EQ(result.output, SuccessPage("500"));
+    EXPECT_EQ(result.exitStatus, 0);
+    ExpectSettings(NEW_SETTINGS);
+    return result;
+  }
+
+  static void ExpectSaidOnce(const std::string& complaint) {
+    const Result result = ExpectThePageUnchanged(WithoutJava(Get("CanDetectTimeout=500")));
+    EXPECT_EQ(result.error, complaint);
+  }
+};
+
+TEST_F(UnusableLog, AFolderInItsPlaceIsSaidOnce) {
+  std::filesystem::create_directory(LOG_FILE);
+  ExpectSaidOnce("Can't open log file /tmp/cgi.log: Is a directory\n");
+}
+
+TEST_F(UnusableLog, AReadOnlyFileIsSaidOnceAndKept) {
+  WriteText(LOG_FILE, "an earlier request\n");
+  std::filesystem::permissions(LOG_FILE, std::filesystem::perms(0444));
+  ExpectSaidOnce("Can't open log file /tmp/cgi.log: Permission denied\n");
+  EXPECT_EQ(ReadText(LOG_FILE), "an earlier request\n");
+}
+
+TEST_F(UnusableLog, AFullDiskIsSaidOnce) {
+  std::filesystem::create_symlink("/dev/full", LOG_FILE);
+  ExpectSaidOnce("Can't write log file /tmp/cgi.log: No space left on device\n");
+}
+
+TEST_F(UnusableLog, AFullDiskDoesNotStopTheVm) {
+  std::filesystem::create_symlink("/dev/full", LOG_FILE);
+  const Result result = ExpectThePageUnchanged(Get("CanDetectTimeout=500"));
+  EXPECT_EQ(result.error, "Can't write log file /tmp/cgi.log: No space left on device\n");
+}
+
+TEST_F(UnusableLog, TheVmKeepsItsOwnSystemErrAndSaysWhyThere) {
+  std::filesystem::create_directory(LOG_FILE);
+  const Result result = ExpectThePageUnchanged(Get("CanDetectTimeout=500"));
+  EXPECT_THAT(result.error, StartsWith("Can't open log file /tmp/cgi.log: Is a directory\n"
+                                       "Exception in thread \"main\" "
+                                       "java.io.FileNotFoundException: /tmp/cgi.log"));
+}
+
+TEST_F(UnusableLog, AMissingClassIsDescribedOnStandardError) {
+  std::filesystem::create_directory(LOG_FILE);
+  Command request = Get("CanDetectTimeout=500");
+  request.environment["JAVA_CLASSPATH"] = "/nowhere";
+  const Result result = Execute(request);
+  EXPECT_EQ(result.output, FrameOnly());
+  EXPECT_EQ(result.exitStatus, 1);
+  EXPECT_THAT(result.error, HasSubstr("NoClassDefFoundError: com/tarn/vemo/config/ConfigVemo"));
+}
+
+// ---- Requests whose body comes late.
+
+// Posts a value, but holds the body back; the page is read by hand.
+class HeldRequest {
+ public:
+  HeldRequest(Vm vm, const std::string& value)
+      : body_("CanDetectTimeout=" + value), program_(Connected(With(vm, PostForm(body_)))) {
+    input_.Close(0);
+    page_.Close(1);
+  }
+
+  // What the page can hold before it is read again: one page of memory.
+  static std::size_t PageRoom() { return static_cast<std::size_t>(sysconf(_SC_PAGESIZE)); }
+
+  // Reads until the page ends so.
+  std::string ReadUpTo(const std::string& end) {
+    std::string text;
+    bool isComplete = false;
+    while (!isComplete) {
+      const std::string bytes = ReadOnce(page_);
+      text += bytes;
+      isComplete = bytes.empty() || testing::Value(text, testing::EndsWith(end));
+    }
+    return text;
+  }
+
+  std::string ReadRest() { return ReadToEnd(page_); }
+
+  bool IsPageRoomFull() const {
+    int size = 0;
+    ioctl(page_.ends[0], FIONREAD, &size);
+    return static_cast<std::size_t>(size) == PageRoom();
+  }
+
+  void SendBody() {
+    EXPECT_EQ(write(input_.ends[1], body_.data(), body_.size()),
+              static_cast<ssize_t>(body_.size()));
+  }
+
+  void GoAway() { page_.Close(0); }
+  Result Kill() { return program_.End(SIGKILL); }
+  Result Wait() { return program_.End(0); }
+
+ private:
+  Command Connected(Command request) {
+    EXPECT_EQ(fcntl(page_.ends[1], F_SETPIPE_SZ, PageRoom()), static_cast<int>(PageRoom()));
+    request.prepare = [this] {
+      dup2(input_.ends[0], STDIN_FILENO);
+      dup2(page_.ends[1], STDOUT_FILENO);
+    };
+    return request;
+  }
+
+  std::string body_;
+  Pipe input_;
+  Pipe page_;
+  BackgroundProcess program_;
+};
+
+class LateBody : public OldSettings, public testing::WithParamInterface<Vm> {};
+
+TEST_P(LateBody, AKillBeforeItLeavesAPageOfWholeLinesAndTheSettings) {
+  HeldRequest request(GetParam(), "500");
+  const std::string page = request.ReadUpTo(CONTENT_OPENING);
+  EXPECT_EQ(request.Kill().signal, SIGKILL);
+  EXPECT_EQ(page + request.ReadRest(), PageUpTo(CONTENT_OPENING));
+  ExpectSettings(OLD_SETTINGS);
+  EXPECT_THAT(LoggedLines(), ElementsAreArray(SuccessStatements()));
+}
+
+TEST_P(LateBody, AKillInTheEchoLeavesTheSettings) {
+  const std::string value(3 * HeldRequest::PageRoom(), '7');
+  HeldRequest request(GetParam(), value);
+  const std::string page = request.ReadUpTo(CONTENT_OPENING);
+  request.SendBody();
+  EXPECT_TRUE(Eventually([&] { return request.IsPageRoomFull(); }));
+  EXPECT_EQ(request.Kill().signal, SIGKILL);
+  EXPECT_EQ(page + request.ReadRest(),
+            SuccessPage(value).substr(0, page.size() + HeldRequest::PageRoom()));
+  ExpectSettings(OLD_SETTINGS);
+}
+
+TEST_P(LateBody, AKillAfterTheStoreLeavesTheEchoAndTheNewSettings) {
+  // Fills the page's room with the echo, but for less than the success text takes.
+  const std::string value(HeldRequest::PageRoom() - 64, '7');
+  const std::string newSettings = "[SETTINGS]\nVEMODCanDetectTimeout=" + value + "\n";
+  HeldRequest request(GetParam(), value);
+  const std::string page = request.ReadUpTo(CONTENT_OPENING);
+  request.SendBody();
+  EXPECT_TRUE(Eventually([&] { return ReadText(SETTINGS_FILE) == newSettings; }));
+  EXPECT_EQ(request.Kill().signal, SIGKILL);
+  EXPECT_EQ(page + request.ReadRest(), PageUpTo(" ms.\n", value));
+  ExpectSettings(newSettings);
+}
+
+INSTANTIATE_TEST_SUITE_P(Program, LateBody, testing::Values(Vm::REAL, Vm::STAND_IN), NameOfVm);
+
+// ---- A page that nobody takes.
+
+class LostPage : public OldSettings, public testing::WithParamInterface<Vm> {};
+
+TEST_P(LostPage, OnAFullDiskTheOptionIsStored) {
+  Command request = With(GetParam(), Get("CanDetectTimeout=500"));
+  request.prepare = [] { dup2(open("/dev/full", O_WRONLY), STDOUT_FILENO); };
+  const Result result = Execute(request);
+  EXPECT_EQ(result.error, "");
+  ExpectStoredAndLogged(result);
+}
+
+TEST_P(LostPage, AReaderWhoIsNotThereEndsTheRequestAtItsFirstLine) {
+  Pipe page;
+  page.Close(0);
+  Command request = With(GetParam(), Get("CanDetectTimeout=500"));
+  request.prepare = [&page] { dup2(page.ends[1], STDOUT_FILENO); };
+  EXPECT_EQ(Execute(request).signal, SIGPIPE);
+  ExpectSettings(OLD_SETTINGS);
+  EXPECT_THAT(LoggedLines(), ElementsAre("DEBUG src/SetObdConf 30 main"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Program, LostPage, testing::Values(Vm::REAL, Vm::STAND_IN), NameOfVm);
+
+class LeavingReader : public OldSettings {
+ protected:
+  // Of a request whose reader goes away below the content opening.
+  static Result ResultWith(Vm vm) {
+    HeldRequest request(vm, "500");
+    request.ReadUpTo(CONTENT_OPENING);
+    request.GoAway();
+    request.SendBody();
+    return request.Wait();
+  }
+};
+
+TEST_F(LeavingReader, EndsTheRequestBeforeTheStoreWithoutARealVm) {
+  EXPECT_EQ(ResultWith(Vm::STAND_IN).signal, SIGPIPE);
+  ExpectSettings(OLD_SETTINGS);
+}
+
+TEST_F(LeavingReader, DoesNotEndTheRequestOnceTheRealVmCatchesTheSignal) {
+  ExpectStoredAndLogged(ResultWith(Vm::REAL));
+}
+
+// ---- Requests that the CGI library throws at.
+
+struct BadRequest {
+  const char* name;
+  Command (*make)();
+  const char* reason;
+};
+
+class ThrowingRequest : public OldSettings,
+                        public testing::WithParamInterface<std::tuple<BadRequest, Vm>> {};
+
+TEST_P(ThrowingRequest, AbortsBelowTheContentOpening) {
+  const auto& [bad, vm] = GetParam();
+  const Result result = Execute(With(vm, bad.make()));
+  EXPECT_EQ(result.signal, SIGABRT);
+  EXPECT_EQ(result.output, PageUpTo(CONTENT_OPENING));
+  EXPECT_THAT(result.error, HasSubstr(bad.reason));
+  ExpectSettings(OLD_SETTINGS);
+  EXPECT_THAT(LoggedLines(), ElementsAreArray(SuccessStatements()));
+}
+
+Command AnnouncingLength(const std::string& length) {
+  Command request = PostForm("CanDetectTimeout=500");
+  request.environment["CONTENT_LENGTH"] = length;
+  return request;
+}
+
+const BadRequest SHORT_BODY{"ShortBody", [] { return AnnouncingLength("1000"); }, "runtime_error"};
+const BadRequest NEGATIVE_LENGTH{"NegativeLength", [] { return AnnouncingLength("-1"); },
+                                 "length_error"};
+const BadRequest PART_WITHOUT_EMPTY_LINE{
+    "PartWithoutEmptyLine",
+    [] {
+      return Post("multipart/form-data; boundary=frontier",
+                  "--frontier\r\n"
+                  "Content-Disposition: form-data; name=\"CanDetectTimeout\"\r\n"
+                  "500\r\n"
+                  "--frontier--\r\n");
+    },
+    "runtime_error"};
+
+std::string NameOfBad(const testing::TestParamInfo<std::tuple<BadRequest, Vm>>& info) {
+  const auto& [bad, vm] = info.param;
+  return bad.name + NameOf(vm);
+}
+
+INSTANTIATE_TEST_SUITE_P(Program, ThrowingRequest,
+                         testing::Combine(testing::Values(SHORT_BODY, NEGATIVE_LENGTH,
+                                                          PART_WITHOUT_EMPTY_LINE),
+                                          testing::Values(Vm::REAL, Vm::STAND_IN)),
+                         NameOfBad);
+
+}  // namespace
