@@ -3,8 +3,11 @@
 
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libcgicc-dev libxml2-dev)
 DEVICE_PACKAGES=(bubblewrap lighttpd)
-TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang curl chromium chromium-driver
+TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang libclang-rt-14-dev curl chromium
+  chromium-driver
   python3-selenium)
+# A Node.js from elsewhere brings its own.
+command -v npm >/dev/null || TEST_PACKAGES+=(npm)
 # Another JDK can take the place of Debian's.
 if [[ -z ${JAVA_HOME:-} ]]; then
   BUILD_PACKAGES+=(openjdk-17-jdk-headless)
@@ -74,6 +77,17 @@ build() {
   shift
   quietly "$folder/build.log" cmake --build "$folder" ${1:+--target "$@"} ||
     fail "the build in $folder failed"
+}
+
+# The accessibility checker that the browser tests put into the pages.
+install_accessibility_checker() {
+  local version=4.10.3
+  [[ ! -e build/npm/node_modules/axe-core/axe.min.js ]] || return 0
+  echo "Fetching axe-core"
+  mkdir -p build/npm
+  quietly build/npm.log npm install --prefix build/npm --no-save --no-audit --no-fund \
+    --ignore-scripts "axe-core@$version" ||
+    fail "axe-core cannot be fetched: is there a network?"
 }
 
 check_sandbox() {

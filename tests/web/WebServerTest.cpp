@@ -387,6 +387,20 @@ INSTANTIATE_TEST_SUITE_P(
                     Case{"ThePortOfATunnel", {"--header", "Host: localhost:9090"}}),
     NameOf);
 
+// The pages without an effect may be linked from anywhere; what is posted to them may not.
+TEST_F(WebServer, TakesNoOrderForTheDeviceFromAForeignSite) {
+  for (const std::string page : {"/channeldeviceconfig.cgi", "/reboot.cgi"}) {
+    EXPECT_EQ(
+        Fetch(page, {"--header", "Origin: http://foreign.example", "--data", "allocation=allocate"})
+            .status,
+        403);
+  }
+  ExpectNothingDone();
+  EXPECT_EQ(
+      Fetch("/channeldeviceconfig.cgi", {"--header", "Referer: http://foreign.example/"}).status,
+      200);
+}
+
 // Other spellings of the same address, none of which gets round the look at the origin.
 class ForeignOrigin : public WebServer, public testing::WithParamInterface<const char*> {};
 

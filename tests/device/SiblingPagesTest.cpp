@@ -1,0 +1,192 @@
+// The sibling pages, as the web server starts them: with the nVm service and the Java side there,
+// and without.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <optional>
+
+#include "Files.h"
+#include "LogLine.h"
+#include "Process.h"
+#include "Request.h"
+
+namespace {
+
+using testing::Contains;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+constexpr char INFORMATION[] = "/srv/vemo/htdocs/channeldeviceconfig.cgi";
+constexpr char REBOOT[] = "/srv/vemo/htdocs/reboot.cgi";
+
+bool IsServiceListening() {
+  const int client = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in service{};
+  service.sin_family = AF_INET;
+  service.sin_port = htons(5302);
+  service.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const bool isListening =
+      connect(client, reinterpret_cast<const sockaddr*>(&service), sizeof service) == 0;
+  close(client);
+  return isListening;
+}
+
+class SiblingPages : public testing::Test {
+ protected:
+  void SetUp() override {
+    ResetDevice();
+    WriteText(SETTINGS_FILE, "[SETTINGS]\nVEMODCanDetectTimeout=300\n");
+  }
+
+  void StartService() {
+    service_.emplace(Command{{"/srv/vemo/bin/nvm-service"}});
+    ASSERT_TRUE(Eventually(IsServiceListening));
+  }
+
+  static std::string Show(Command request, const std::string& page = INFORMATION) {
+    request.words = {page};
+    const Result result = Execute(request);
+    EXPECT_EQ(result.exitStatus, 0) << result.error;
+    EXPECT_THAT(result.output, StartsWith("Content-Type: text/html\n\n"));
+    EXPECT_THAT(result.output, EndsWith("</div>\n</body>\n</html>\n"));
+    return result.output;
+  }
+
+  // An owner other than the web interface allocates the device.
+  static void AllocateAs(const std::string& owner) {
+    const Result result = Execute(
+        {{"/usr/bin/curl", "--silent", "--request", "GET", "--data",
+          "<wddxPacket version='1.0'><header/><data><struct><var name='DeviceOwner'><string>" +
+              owner + "</string></var></struct></data></wddxPacket>",
+          "http://127.0.0.1:5302/nVm?FunctionName=nvmAllocateDevice"}});
+    ASSERT_THAT(result.output, HasSubstr("<var name=\"IsAllocated\"><string>1</string></var>"));
+  }
+
+ private:
+  std::optional<BackgroundProcess> service_;
+};
+
+TEST_F(SiblingPages, InformationShowsSettingAllocationAndAddresses) {
+  StartService();
+  Command request = Get("");
+  request.environment["JAVA_CLASSPATH"] = "/build/tests/java/calling";
+  const std::string page = Show(request);
+  EXPECT_THAT(page, HasSubstr("<title>VEMO Web Server - Device Information</title>"));
+  EXPECT_THAT(page, HasSubstr("name=\"CanDetectTimeout\" value=\"300\" inputmode=\"numeric\""));
+  EXPECT_THAT(page, HasSubstr("<dt>Allocation</dt><dd>Free</dd>"));
+  EXPECT_THAT(page, HasSubstr("<dt>Owner</dt><dd>None</dd>"));
+  EXPECT_THAT(page, HasSubstr("<dt>Status</dt><dd>Code 0, no message</dd>"));
+  EXPECT_THAT(page, HasSubstr("<dt>LAN address</dt><dd>192.0.2.7</dd>"));
+  EXPECT_THAT(page, HasSubstr("<dt>WLAN address</dt><dd>198.51.100.9</dd>"));
+}
+
+TEST_F(SiblingPages, InformationSaysThatTheServiceIsNotThereAndShowsTheRest) {
+  const std::string page = Show(Get(""));
+  EXPECT_THAT(page, HasSubstr("The nVm service does not answer"));
+  EXPECT_THAT(page, HasSubstr("value=\"300\""));
+  EXPECT_THAT(page, HasSubstr("<dt>LAN address</dt><dd>Not connected</dd>"));
+  EXPECT_THAT(page, Not(HasSubstr("<dt>Allocation</dt>")));
+}
+
+TEST_F(SiblingPages, InformationSaysThatTheJavaSideIsNotThereAndShowsTheRest) {
+  StartService();
+  Command request = Get("");
+  request.environment["JAVA_CLASSPATH"] = "/nowhere";
+  const std::string page = Show(request);
+  EXPECT_THAT(page, HasSubstr("The Java side does not answer"));
+  EXPECT_THAT(page, HasSubstr("value=\"300\""));
+  EXPECT_THAT(page, HasSubstr("<dt>Allocation</dt><dd>Free</dd>"));
+  EXPECT_THAT(page, Not(HasSubstr("<dt>LAN address</dt>")));
+}
+
+TEST_F(SiblingPages, InformationShowsAllButTheAddressesWhenTheVmEndsTheProcess) {
+  StartService();
+  Command request = Get("");
+  request.words = {INFORMATION};
+  request.environment["JAVA_OPTIONS"] = "-Xmx1k";
+  const std::string page = Execute(request).output;
+  EXPECT_THAT(page, HasSubstr("<dt>Allocation</dt><dd>Free</dd>"));
+  EXPECT_THAT(page, HasSubstr("value=\"300\""));
+}
+
+TEST_F(SiblingPages, InformationSaysThatTheSettingsCannotBeRead) {
+  std::filesystem::permissions(SETTINGS_FILE, std::filesystem::perms(0));
+  const std::string page = Show(Get(""));
+  EXPECT_THAT(page, HasSubstr("The settings file cannot be read"));
+  EXPECT_THAT(page, HasSubstr("name=\"CanDetectTimeout\" value=\"\""));
+}
+
+TEST_F(SiblingPages, InformationEscapesTheStoredValue) {
+  WriteText(SETTINGS_FILE, "[SETTINGS]\nVEMODCanDetectTimeout=\"><script>&\xFC\n");
+  EXPECT_THAT(Show(Get("")),
+              HasSubstr("value=\"&#34;&#62;&#60;script&#62;&#38;&#252;\" inputmode"));
+}
+
+TEST_F(SiblingPages, InformationAllocatesAndReleases) {
+  StartService();
+  std::string page = Show(PostForm("allocation=allocate"));
+  EXPECT_THAT(page, HasSubstr("<dt>Allocation</dt><dd>Allocated</dd>"));
+  EXPECT_THAT(page, HasSubstr("<dt>Owner</dt><dd>VEMO_WEB</dd>"));
+  EXPECT_THAT(page, HasSubstr("value=\"Release\""));
+  EXPECT_THAT(page, Not(HasSubstr("value=\"Allocate\"")));
+
+  page = Show(PostForm("allocation=release"));
+  EXPECT_THAT(page, HasSubstr("<dt>Allocation</dt><dd>Free</dd>"));
+  EXPECT_THAT(page, HasSubstr("value=\"Allocate\""));
+  EXPECT_THAT(page, Not(HasSubstr("value=\"Release\"")));
+}
+
+TEST_F(SiblingPages, InformationChangesNothingOnAGetOrAnUnknownOrder) {
+  StartService();
+  EXPECT_THAT(Show(Get("allocation=allocate")), HasSubstr("<dd>Free</dd>"));
+  EXPECT_THAT(Show(PostForm("allocation=other")), HasSubstr("<dd>Free</dd>"));
+  EXPECT_THAT(Show(PostForm("")), HasSubstr("<dd>Free</dd>"));
+}
+
+TEST_F(SiblingPages, InformationTellsOfARefusalAndOffersNothingToOthers) {
+  StartService();
+  AllocateAs("Werkstatt &lt;M\xC3\xBCller&gt;");
+  const std::string page = Show(PostForm("allocation=allocate"));
+  EXPECT_THAT(page, HasSubstr("<p class=\"warn\" >Allocate was refused: Device is allocated by "
+                              "Werkstatt &#60;M&#252;ller&#62; (code 1).</p>"));
+  EXPECT_THAT(page, HasSubstr("<dt>Owner</dt><dd>Werkstatt &#60;M&#252;ller&#62;</dd>"));
+  EXPECT_THAT(page, Not(HasSubstr("name=\"allocation\"")));
+}
+
+TEST_F(SiblingPages, AMalformedRequestEndsBeforeAnyOutput) {
+  for (const std::string page : {INFORMATION, REBOOT}) {
+    Command request = PostForm("x=1");
+    request.words = {page};
+    request.environment["CONTENT_LENGTH"] = "100";
+    const Result result = Execute(request);
+    EXPECT_EQ(result.output, "");
+    EXPECT_EQ(result.signal, SIGABRT);
+  }
+}
+
+TEST_F(SiblingPages, RebootAsksFirst) {
+  const std::string page = Show(Get(""), REBOOT);
+  EXPECT_THAT(page, HasSubstr("Reboot the device to activate new settings?"));
+  EXPECT_THAT(page, HasSubstr("<form action=\"reboot.cgi\" method=\"post\" >"));
+  EXPECT_THAT(page, Not(HasSubstr("class=\"warn\"")));
+}
+
+TEST_F(SiblingPages, RebootSaysThatNothingWasRestarted) {
+  const std::string page = Show(PostForm(""), REBOOT);
+  EXPECT_THAT(page, HasSubstr("<p class=\"warn\" >This stand-in for the device cannot reboot: "
+                              "nothing was restarted.</p>"
+                              "<form action=\"channeldeviceconfig.cgi\" >"));
+}
+
+TEST_F(SiblingPages, TheyLogUnderTheirOwnNames) {
+  Show(Get(""), REBOOT);
+  EXPECT_THAT(ReadText(LOG_FILE), HasSubstr("device/pages/Reboot      1     main\n"));
+}
+
+}  // namespace
