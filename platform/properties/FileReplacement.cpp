@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <system_error>
 
+namespace file_replacement {
 namespace {
 
 namespace fs = std::filesystem;
@@ -86,7 +87,7 @@ bool WriteAll(int descriptor, const std::string& text) {
     if (count < 0 && errno == EINTR) {
       continue;
     }
-    if (count < 0) {
+    if (count <= 0) {
       return false;
     }
     written += static_cast<std::size_t>(count);
@@ -98,7 +99,7 @@ bool WriteAll(int descriptor, const std::string& text) {
 // circle or cannot be read.
 bool ResolveLinks(fs::path& path) {
   constexpr int MOST_LINKS = 40;
-  for (int links = 0; links < MOST_LINKS; ++links) {
+  for (int links = 0; links <= MOST_LINKS; ++links) {
     std::error_code error;
     const fs::path target = fs::read_symlink(path, error);
     if (error) {
@@ -116,8 +117,8 @@ bool IsRefusal(int error) {
   return error == EACCES || error == EPERM || error == EROFS || error == EBUSY || error == EXDEV;
 }
 
-// Opens a new file in the folder of `target`; `path` becomes its path. -1, with errno set, when the
-// folder has no room for one.
+// Opens a new file in the folder of `target`; `path` becomes its path. -1, with errno set, when
+// none can be made.
 int OpenTemporaryFile(const fs::path& target, mode_t mode, fs::path& path) {
   constexpr int MOST_NAMES = 1000;
   for (int number = 0; number < MOST_NAMES; ++number) {
@@ -163,11 +164,9 @@ RenameResult ReplaceByRename(const fs::path& target, const struct stat* original
   RemovedFile temporary(path);
 
   if (original != nullptr) {
-    if (!CopyOwner(descriptor.Get(), *original)) {
+    if (!CopyOwner(descriptor.Get(), *original) ||
+        fchmod(descriptor.Get(), original->st_mode & 07777) != 0) {
       return RenameResult::kRefused;
-    }
-    if (fchmod(descriptor.Get(), original->st_mode & 07777) != 0) {
-      return RenameResult::kFailed;
     }
   }
   // On the disk before it gets the name: else a power cut could leave an empty file of that name.
@@ -179,6 +178,16 @@ RenameResult ReplaceByRename(const fs::path& target, const struct stat* original
   }
   temporary.Keep();
   return SyncFolder(target.parent_path()) ? RenameResult::kDone : RenameResult::kFailed;
+}
+
+// Extends the file, so that a full disk shows. True also on a file system that knows no such thing:
+// the writing then has to find out.
+bool TakeRoom(int descriptor, off_t from, off_t to) {
+  int error = EINTR;
+  for (int attempt = 0; error == EINTR && attempt < 100; ++attempt) {
+    error = posix_fallocate(descriptor, from, to - from);
+  }
+  return error == 0 || error == EOPNOTSUPP || error == EINVAL;
 }
 
 void PutBack(int descriptor, const std::string& original) {
@@ -199,8 +208,8 @@ bool RewriteInPlace(const fs::path& target, const std::string& text) {
 
   // Room first: a full disk shows while the old content still stands. Length last: a reader never
   // finds less than it needs.
-  const bool hasRoom = length <= originalLength || posix_fallocate(descriptor.Get(), originalLength,
-                                                                   length - originalLength) == 0;
+  const bool hasRoom =
+      length <= originalLength || TakeRoom(descriptor.Get(), originalLength, length);
   if (!hasRoom || !WriteAll(descriptor.Get(), text) || ftruncate(descriptor.Get(), length) != 0) {
     PutBack(descriptor.Get(), original);
     return false;
@@ -243,3 +252,5 @@ bool ReplaceFile(const std::string& path, const std::string& text) {
   }
   return false;
 }
+
+}  // namespace file_replacement

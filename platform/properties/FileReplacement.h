@@ -3,6 +3,8 @@
 
 #include <string>
 
+namespace file_replacement {
+
 enum class ReadResult {
   kRead,        // the text is the file's
   kMissing,     // nothing is there
@@ -17,15 +19,20 @@ ReadResult ReadFile(const std::string& path, std::string& text);
 //
 // The new content is written to a temporary file beside the target, with the target's mode and
 // owner, brought to the disk and renamed over it: every reader, and a machine that loses power,
-// finds the old content or the new, whole. False then means that the old content still stands, or,
-// when only the last step failed (bringing the folder to the disk), that the new content stands but
-// may not survive a power cut.
+// finds the old content or the new, whole. False then means that the old content still stands; or
+// that the new one does but may not survive a power cut, when only the last step failed: bringing
+// the folder to the disk, for which it must be readable.
 //
 // Where the folder refuses the new file or the rename (not writable, read-only, a file mounted on
-// its own), or the owner cannot be kept, the file is rewritten in place: the room is taken first,
-// the old content put back when a write fails, and the length cut last. That cannot promise what a
-// rename does: a reader at that moment, or a process killed in the middle, may see a mix of both.
+// its own), or owner and mode cannot be kept, the file is rewritten in place: the room is taken
+// first, the old content put back when a write fails, and the length cut last. That cannot promise
+// what a rename does: a reader at that moment, a process killed in the middle, or a disk that fails
+// twice may see a mix of both; and when only bringing it to the disk failed, false means that the
+// new content stands but may not survive a power cut.
 //
-// Not kept: hard links to the file, access control lists. A killed process may leave its temporary
-// file, `.ini-PID-N.tmp`; deleting it is safe.
+// A write-protected file in a writable folder is replaced, and stays write-protected. Not kept:
+// hard links to the file, access control lists. A killed process may leave its temporary file,
+// `.ini-PID-N.tmp`; deleting it is safe.
 bool ReplaceFile(const std::string& path, const std::string& text);
+
+}  // namespace file_replacement

@@ -1,5 +1,7 @@
 #include "PropertiesIni.h"
 
+#include <algorithm>
+#include <filesystem>
 #include <optional>
 #include <string_view>
 
@@ -9,7 +11,7 @@ namespace {
 
 constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
 constexpr std::string_view BLANKS = " \t";
-// Not a literal's pointer: the NUL belongs to it.
+// With its length: the NUL counts.
 constexpr std::string_view LINE_BREAKERS("\r\n\0", 3);
 
 std::string_view Trim(std::string_view text) {
@@ -112,7 +114,8 @@ bool IsWritableKey(std::string_view name) {
   constexpr std::string_view OTHER_LINES = "[;#";
   return !name.empty() && name.find_first_of(LINE_BREAKERS) == std::string_view::npos &&
          name.find('=') == std::string_view::npos &&
-         OTHER_LINES.find(name.front()) == std::string_view::npos;
+         OTHER_LINES.find(name.front()) == std::string_view::npos &&
+         !StartsWith(name, BYTE_ORDER_MARK);
 }
 
 std::string Quote(const std::string& value) {
@@ -148,7 +151,7 @@ std::string Encode(const std::string& value) {
   return isVerbatim ? value : Quote(value);
 }
 
-// What stands behind a backslash; other characters than ours keep theirs, as in "C:\temp".
+// What a backslash and this character stand for; before another than ours it is a backslash.
 std::string Unescape(char character) {
   switch (character) {
     case '"':
@@ -186,11 +189,11 @@ std::string Decode(std::string_view stored) {
 
 // `text` with a new section of one line at its end.
 std::string AppendSection(std::string text, const std::string& header, const std::string& entry) {
-  const std::string lineEnd(LineEnd(text));
   const bool wasTerminated = IsTerminated(text);
   if (!wasTerminated) {
     text += MissingLineEnd(text);
   }
+  const std::string lineEnd(LineEnd(text));
   std::string_view lastLine;
   bool hasLines = false;
   for (LineReader reader(text); reader.Next(); hasLines = true) {
@@ -202,7 +205,7 @@ std::string AppendSection(std::string text, const std::string& header, const std
   return text + header + lineEnd + entry + (wasTerminated ? lineEnd : "");
 }
 
-// `text` with a new line at `offset`, where a line ends.
+// `text` with a new line at `offset`: behind a line, or at the top.
 std::string InsertLine(std::string text, std::size_t offset, const std::string& line) {
   const std::string lineEnd(LineEnd(text));
   const bool isBehindOpenLine = offset == text.size() && !IsTerminated(text);
@@ -211,10 +214,26 @@ std::string InsertLine(std::string text, std::size_t offset, const std::string& 
   return text.insert(offset, inserted);
 }
 
+// The lines of `header` as comments. A CR breaks a line too: some readers take it for one.
+std::string Comment(const std::string& header, std::string_view lineEnd) {
+  std::string comment;
+  for (std::size_t begin = 0; begin < header.size();) {
+    const std::size_t end = std::min(header.find_first_of("\r\n", begin), header.size());
+    comment.append("# ").append(header, begin, end - begin).append(lineEnd);
+    begin = end + (header.compare(end, 2, "\r\n") == 0 ? 2 : 1);
+  }
+  return comment;
+}
+
+bool IsSameFile(const std::string& path, const std::string& other) {
+  std::error_code error;
+  return path == other || std::filesystem::equivalent(path, other, error);
+}
+
 }  // namespace
 
 bool PropertiesIni::Load(const std::string& path) {
-  if (ReadFile(path, text_) == ReadResult::kUnreadable) {
+  if (file_replacement::ReadFile(path, text_) == file_replacement::ReadResult::kUnreadable) {
     unreadablePaths_.insert(path);
     return false;
   }
@@ -267,6 +286,9 @@ void PropertiesIni::SetProperty(const std::string& section, const std::string& k
 std::string PropertiesIni::GetProperty(const std::string& section, const std::string& key) const {
   const std::string_view sectionName = Trim(section);
   const std::string_view keyName = Trim(key);
+  if (!IsWritableKey(keyName)) {
+    return "";
+  }
   for (LineReader reader(text_); reader.Next();) {
     const auto entry = ParseEntry(reader.Line());
     if (entry && reader.Section() == sectionName && entry->key == keyName) {
@@ -277,17 +299,14 @@ std::string PropertiesIni::GetProperty(const std::string& section, const std::st
 }
 
 bool PropertiesIni::Store(const std::string& path, const std::string& header) {
-  if (unreadablePaths_.count(path) != 0) {
+  if (std::any_of(unreadablePaths_.begin(), unreadablePaths_.end(),
+                  [&](const std::string& unreadable) { return IsSameFile(path, unreadable); })) {
     return false;
   }
   if (header.empty()) {
-    return ReplaceFile(path, text_);
-  }
-  const std::string lineEnd(LineEnd(text_));
-  std::string comment;
-  for (LineReader reader(header); reader.Next();) {
-    comment.append("# ").append(reader.Line()).append(lineEnd);
+    return file_replacement::ReplaceFile(path, text_);
   }
   const std::size_t top = StartsWith(text_, BYTE_ORDER_MARK) ? BYTE_ORDER_MARK.size() : 0;
-  return ReplaceFile(path, std::string(text_).insert(top, comment));
+  return file_replacement::ReplaceFile(
+      path, std::string(text_).insert(top, Comment(header, LineEnd(text_))));
 }

@@ -37,16 +37,18 @@ class PropertiesIni {
   // Gives `key` in `section` the value, wherever that key stands in a section of that name. A new
   // key goes behind the last non-blank line of the last such section; a new section goes to the
   // end. A name that no line could hold changes nothing: one with CR, LF or NUL, a section with
-  // `]`, a key that is empty, holds `=`, or begins with `[`, `;` or `#`.
+  // `]`, a key that is empty, holds `=`, or begins with `[`, `;`, `#` or a byte order mark.
   void SetProperty(const std::string& section, const std::string& key, const std::string& value);
 
-  // The value of the first such key; empty when there is none.
+  // The value of the first such key; empty when there is none. In a quoted value of another
+  // program's making, \n, \r and \0 are taken for ours.
   std::string GetProperty(const std::string& section, const std::string& key) const;
 
   // Writes the text to `path`, below the lines of `header`, each made a comment; an empty header
-  // writes none. The object is unchanged, so a header is not kept for the next Store. How the file
-  // is replaced, and what that promises, is said at ReplaceFile in FileReplacement.h. False when it
-  // did not work: the file is as it was, but for the cases named there.
+  // writes none. The object is unchanged: storing again with a header writes it once, but loading
+  // that file and storing with a header puts another one above. How the file is replaced, and what
+  // that promises, is said at ReplaceFile in FileReplacement.h. False when it did not work: the
+  // file is as it was, but for the cases named there.
   bool Store(const std::string& path, const std::string& header);
 
  private:

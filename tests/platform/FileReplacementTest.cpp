@@ -14,6 +14,10 @@
 
 namespace {
 
+using file_replacement::ReadFile;
+using file_replacement::ReadResult;
+using file_replacement::ReplaceFile;
+
 namespace fs = std::filesystem;
 using std::string_literals::operator""s;
 using testing::IsEmpty;
@@ -173,6 +177,18 @@ TEST_F(FileReplacement, FollowsAChainOfLinks) {
   EXPECT_EQ(fs::read_symlink(elsewhere / "link"), "../replaced/other");
   EXPECT_EQ(fs::read_symlink(folder / "other"), "target");
   EXPECT_EQ(ReadText(folder / "target"), NEW);
+}
+
+TEST_F(FileReplacement, FollowsAsManyLinksAsTheSystemDoes) {
+  WriteText(folder / "link0", OLD);
+  for (int i = 1; i <= 41; ++i) {
+    std::filesystem::create_symlink("link" + std::to_string(i - 1),
+                                    folder / ("link" + std::to_string(i)));
+  }
+  EXPECT_TRUE(ReplaceFile(folder / "link40", NEW));
+  EXPECT_EQ(ReadText(folder / "link0"), NEW);
+  EXPECT_FALSE(ReplaceFile(folder / "link41", OLD));
+  EXPECT_EQ(ReadText(folder / "link0"), NEW);
 }
 
 TEST_F(FileReplacement, PutsTheTemporaryFileBesideTheTargetOfALink) {

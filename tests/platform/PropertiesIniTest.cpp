@@ -267,6 +267,11 @@ TEST(PropertiesIniName, ThatNoKeyLineCouldHoldChangesNothing) {
   }
 }
 
+// At the top of a file it would be the file's.
+TEST(PropertiesIniName, ThatBeginsWithAByteOrderMarkChangesNothing) {
+  EXPECT_EQ(After("", "", BYTE_ORDER_MARK + "k", "500"), "");
+}
+
 TEST(PropertiesIniQuotes, AreLeftOutWhereTheyAreNotNeeded) {
   for (const std::string& value :
        {""s, "500"s, "-1"s, "a b"s, "a\tb"s, "a\"b\""s, "'a'"s, "C:\\new"s, "a=b"s, "[T]"s, ";a"s,
@@ -317,6 +322,11 @@ TEST(PropertiesIniGetProperty, GivesNothingForWhatIsAbsent) {
   EXPECT_EQ(Read("[S]\n;k=1\n#k=1\n", "S", ";k"), "");
   EXPECT_EQ(Read("[S]\n[T]=1\n", "T", "[T]"), "");
   EXPECT_EQ(PropertiesIni().GetProperty("S", "k"), "");
+}
+
+TEST(PropertiesIniGetProperty, GivesNothingForANameThatNoLineCouldHold) {
+  EXPECT_EQ(Read("=5\n[x=6\n", "", ""), "");
+  EXPECT_EQ(Read("=5\n[x=6\n", "", "[x"), "");
 }
 
 TEST(PropertiesIniGetProperty, GivesTheFirstOfSeveral) {
@@ -382,6 +392,10 @@ TEST(PropertiesIniHeader, StandsBehindAByteOrderMark) {
   EXPECT_EQ(AfterHeader(BYTE_ORDER_MARK + "[S]\n", "one"), BYTE_ORDER_MARK + "# one\n[S]\n");
 }
 
+TEST(PropertiesIniHeader, BreaksItsLinesAtEveryLineEnd) {
+  EXPECT_EQ(AfterHeader("a=1\n", "one\ntwo\rb=2\r\nfour\n"), "# one\n# two\n# b=2\n# four\na=1\n");
+}
+
 TEST(PropertiesIniHeader, IsNotKeptForTheNextStore) {
   PropertiesIni settings;
   settings.SetProperty("S", "k", "1");
@@ -434,6 +448,18 @@ TEST_F(PropertiesIniFile, ThatMayNotBeReadIsLeftAlone) {
   settings.SetProperty("S", "k", "500");
   EXPECT_FALSE(settings.Store(PATH, ""));
   EXPECT_FALSE(settings.Store(PATH, "header"));
+  std::filesystem::permissions(PATH, std::filesystem::perms(0600));
+  EXPECT_EQ(ReadText(PATH), "[S]\nk=300\n");
+}
+
+TEST_F(PropertiesIniFile, ThatMayNotBeReadIsLeftAloneHoweverItIsCalled) {
+  WriteText(PATH, "[S]\nk=300\n");
+  std::filesystem::create_symlink(PATH, "/tmp/settings/link");
+  std::filesystem::permissions(PATH, std::filesystem::perms(0));
+  PropertiesIni settings;
+  EXPECT_FALSE(settings.Load(PATH));
+  EXPECT_FALSE(settings.Store("/tmp/settings/./settings.ini", ""));
+  EXPECT_FALSE(settings.Store("/tmp/settings/link", ""));
   std::filesystem::permissions(PATH, std::filesystem::perms(0600));
   EXPECT_EQ(ReadText(PATH), "[S]\nk=300\n");
 }
