@@ -7,8 +7,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <fstream>
+#include <functional>
 #include <future>
 #include <random>
 #include <regex>
@@ -269,9 +270,9 @@ class SettingsFileCalls : public SettingsFile {
  protected:
   static constexpr char TRACE[] = "/tmp/calls";
 
-  static Command Watched(Command request, const fs::path& folder = FOLDER) {
+  static Command Watched(Command request) {
     request.environment["LD_PRELOAD"] += ":/build/tests/libfailing-calls.so";
-    request.environment["FAILING_CALLS_FOLDER"] = folder;
+    request.environment["FAILING_CALLS_FOLDER"] = FOLDER;
     request.environment["FAILING_CALLS_TRACE"] = TRACE;
     fs::remove(TRACE);
     return request;
@@ -292,8 +293,8 @@ class SettingsFileCalls : public SettingsFile {
   static Command WithFailure(Command request, const std::string& call, int error) {
     Execute(Watched(request));
     const std::vector<std::string> calls = Calls();
+    EXPECT_THAT(calls, Contains(call));
     const auto number = std::find(calls.begin(), calls.end(), call) - calls.begin() + 1;
-    EXPECT_LE(number, calls.size()) << call;
     WriteText(SETTINGS_FILE, OLD);
     request = Watched(request);
     request.environment["FAILING_CALLS"] = std::to_string(number);
@@ -349,13 +350,14 @@ TEST_F(SettingsFileCalls, RiskNothingInPlaceWhereTheDiskIsFullOrBroken) {
 }
 
 TEST_F(SettingsFileCalls, GiveTheNewContentToTheOldOwnerBeforeItsMode) {
+  fs::permissions(SETTINGS_FILE, fs::perms(0640));
   Command request = Watched(Request("500"));
   request.environment["FAILING_CALLS_OWNER"] = "4242 4343";
   ExpectSuccess(request, "500");
   EXPECT_THAT(
       StoreCalls(),
       ElementsAre("open temporary 600", "fstat temporary", "fchown temporary 4242 4343",
-                  "fchmod temporary 644", "pwrite temporary", "fsync temporary", "close temporary",
+                  "fchmod temporary 640", "pwrite temporary", "fsync temporary", "close temporary",
                   "rename temporary obd.conf", "open .", "fsync .", "close ."));
 }
 
@@ -438,7 +440,7 @@ TEST_F(EachSettingsFileCall, IsRepeatedWhenASignalInterruptsAReadOrAWrite) {
   }
 }
 
-TEST_F(EachSettingsFileCall, MayBeTheLastBeforeAKill) {
+TEST_F(EachSettingsFileCall, MayBePreventedByAKill) {
   for (const Situation& situation : {USUAL, MISSING, LINK}) {
     ChooseEachCall(situation, [](const Command& request, const std::string&) {
       EXPECT_EQ(Execute(request).signal, SIGKILL);

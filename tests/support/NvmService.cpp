@@ -1,0 +1,57 @@
+#include "NvmService.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <regex>
+
+#include "Files.h"
+#include "Tcp.h"
+
+namespace {
+
+Command Start(const std::string& address) {
+  std::filesystem::remove(NVM_SERVICE_LOG_FILE);
+  Command command;
+  command.words = {"/build/device/bin/nvm-service", address};
+  return command;
+}
+
+}  // namespace
+
+NvmService::NvmService(const std::string& address) : process_(Start(address)) {
+  EXPECT_TRUE(Eventually([&] { return IsListening(address, NVM_PORT); }));
+}
+
+std::vector<std::string> NvmServiceStatements() {
+  static const std::regex columns(
+      R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6}  ([A-Z]+) +nvm +\d+ +device/nvm/Service +1 +)");
+  std::vector<std::string> statements;
+  for (const std::string& line : Lines(ReadText(NVM_SERVICE_LOG_FILE))) {
+    statements.push_back(std::regex_replace(line, columns, "$1 "));
+  }
+  return statements;
+}
+
+std::string NvmReply(const std::string& isAllocated, const std::string& owner,
+                     const std::string& clientAddress, const std::string& code,
+                     const std::string& message) {
+  return "<?xml version='1.0'?>"
+         "<!DOCTYPE wddxPacket SYSTEM "
+         "'http://www.openwddx.org/downloads/dtd/wddx_dtd_10.txt'>"
+         "<wddxPacket version=\"1.0\"><header/><data><struct>"
+         "<var name=\"IsAllocated\"><string>" +
+         isAllocated + "</string></var><var name=\"DeviceOwner\"><string>" + owner +
+         "</string></var><var name=\"IfhClientIpAddr\"><string>" + clientAddress +
+         "</string></var><var name=\"Status\"><struct><var name=\"code\"><string>" + code +
+         "</string></var><var name=\"msg\"><string>" + message +
+         "</string></var></struct></var></struct></data></wddxPacket>";
+}
+
+std::string FreeReply() {
+  return NvmReply("0", "", "", "0", "");
+}
+
+std::string AllocatedReply() {
+  return NvmReply("1", "VEMO_WEB", "0", "0", "");
+}

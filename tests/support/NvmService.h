@@ -1,0 +1,31 @@
+// The stand-in device's nVm service.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "Process.h"
+
+constexpr char NVM_SERVICE_LOG_FILE[] = "/tmp/nvm.log";
+
+// The service in the background: it listens when the constructor returns, and its log is new.
+class NvmService {
+ public:
+  explicit NvmService(const std::string& address = "127.0.0.1");
+
+  pid_t Id() const { return process_.Id(); }
+  Result End(int signal) { return process_.End(signal); }
+
+ private:
+  BackgroundProcess process_;
+};
+
+// What the service logged, as in "INFO nvmGetDeviceStatus: 0 ; owner now: nobody".
+std::vector<std::string> NvmServiceStatements();
+
+// A reply of the service, as it writes it: the variables and the status of the last request.
+std::string NvmReply(const std::string& isAllocated, const std::string& owner,
+                     const std::string& clientAddress, const std::string& code,
+                     const std::string& message);
+std::string FreeReply();       // nobody holds the device
+std::string AllocatedReply();  // the web interface holds it

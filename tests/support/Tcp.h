@@ -1,0 +1,47 @@
+// TCP on the loopback, in small pieces.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+constexpr std::uint16_t NVM_PORT = 5302;
+
+// A listening socket. Port 0: the kernel chooses a free one.
+class Listener {
+ public:
+  explicit Listener(const std::string& address, std::uint16_t port = 0);
+  ~Listener();
+  Listener(const Listener&) = delete;
+  Listener& operator=(const Listener&) = delete;
+
+  std::uint16_t Port() const;
+
+  // Whether somebody has connected, or does so within the time.
+  bool HasVisitor(int milliseconds = 0) const;
+
+  // The next visitor's connection; the caller's.
+  int Accept() const;
+
+ private:
+  int socket_;
+};
+
+// A client's end of a connection. Nothing here waits longer than 20 seconds.
+class Connection {
+ public:
+  Connection(const std::string& address, std::uint16_t port);
+  ~Connection();
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  void Send(const std::string& text);
+
+  // What comes until the other side closes.
+  std::string ReceiveAll();
+
+ private:
+  int socket_;
+};
+
+// Whether a socket listens there; it does not notice the question.
+bool IsListening(const std::string& address, std::uint16_t port);
