@@ -397,6 +397,7 @@ TEST(PropertiesIniHeader, BreaksItsLinesAtEveryLineEnd) {
 }
 
 TEST(PropertiesIniHeader, IsNotKeptForTheNextStore) {
+  WriteText(PATH, "");
   PropertiesIni settings;
   settings.SetProperty("S", "k", "1");
   EXPECT_TRUE(settings.Store(PATH, "one"));
