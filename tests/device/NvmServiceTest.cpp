@@ -162,6 +162,7 @@ class NvmServiceBeside : public NvmServiceTest {
 TEST_F(NvmServiceBeside, SilentClients) {
   const Connection first(ADDRESS, NVM_PORT);
   const Connection second(ADDRESS, NVM_PORT);
+  const Connection third(ADDRESS, NVM_PORT);
   ExpectOthersAreServed();
 }
 
@@ -187,6 +188,20 @@ TEST_F(NvmServiceBeside, ClientsThatGoAwayEarly) {
     Connection deaf(ADDRESS, NVM_PORT);
     deaf.Send(RequestFor("nvmGetDeviceStatus", Packet("")));
   }
+  ExpectOthersAreServed();
+}
+
+TEST_F(NvmServiceBeside, AClientWhoIsGoneWhenItIsAnswered) {
+  // The service sleeps until the client has gone.
+  const std::string state = "/proc/" + std::to_string(service_.Id()) + "/status";
+  kill(service_.Id(), SIGSTOP);
+  ASSERT_TRUE(Eventually([&] { return ReadText(state).find("\nState:\tT") != std::string::npos; }));
+  Connection client(ADDRESS, NVM_PORT);
+  client.Send(RequestFor("nvmGetDeviceStatus", Packet("")));
+  client.Reset();
+  kill(service_.Id(), SIGCONT);
+  ExpectOthersAreServed();
+  EXPECT_TRUE(Eventually([] { return NvmServiceStatements().size() == 2; }));
   ExpectOthersAreServed();
 }
 

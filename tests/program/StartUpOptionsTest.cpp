@@ -108,8 +108,8 @@ INSTANTIATE_TEST_SUITE_P(
                     "-Xmx1k", "-Xms1g", "-Xmx9999999g", "-Xss1",
                     "-XX:SharedArchiveFile=/nowhere.jsa",
                     "-XX:SharedArchiveFile=/srv/vemo/java.options", "-XX:+UseSerialGC",
-                    "-XX:NoSuchOption=1", "-Xbootclasspath/a:/nowhere", "--add-modules=no.such",
-                    "-version", "-Xlog:class+load:stderr", "-XX:+PrintFlagsFinal",
-                    "-XX:Flags=/nowhere", "plain words"));
+                    "-XX:+UseLargePages", "-XX:NoSuchOption=1", "-Xbootclasspath/a:/nowhere",
+                    "--add-modules=no.such", "-version", "-Xlog:class+load:stderr",
+                    "-XX:+PrintFlagsFinal", "-XX:Flags=/nowhere", "plain words"));
 
 }  // namespace

@@ -123,7 +123,8 @@ TEST_F(NvmReader, AMissingVariableIsNotFoundThoughAllAreSeen) {
 
 TEST_F(NvmReader, ANameMustBeExact) {
   const std::string reply = Packet(Var("Name", Text("x")));
-  for (const std::string name : {"name", "NAME", "Nam", "Name ", " Name", ""}) {
+  for (const auto& name :
+       std::vector<std::string>{"name", "NAME", "Nam", "Name ", " Name", "", {"Name\0", 5}}) {
     EXPECT_EQ(SingleVar(reply, name), "") << name;
   }
   EXPECT_EQ(SingleVar(reply, "Name"), "x");

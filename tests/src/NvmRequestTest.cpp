@@ -214,7 +214,6 @@ INSTANTIATE_TEST_SUITE_P(, UnknownNvmFunction,
                          testing::Values("", "nvmgetDeviceStatus", "NvmAllocateDevice",
                                          "nvmReleasedevice", "nvmGetDeviceStatus ",
                                          "nvmReleaseDevice ", "nvmAllocateDevices",
-                                         "nvmReleaseDevice ", "nvmAllocateDevices",
                                          " nvmGetDeviceStatus", "nvmGetDeviceStatu",
                                          std::string("nvmGetDeviceStatus\0", 19)));
 

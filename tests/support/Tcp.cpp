@@ -65,12 +65,22 @@ Connection::Connection(const std::string& address, std::uint16_t port) : socket_
 }
 
 Connection::~Connection() {
-  close(socket_);
+  if (socket_ >= 0) {
+    close(socket_);
+  }
 }
 
 void Connection::Send(const std::string& text) {
   const ssize_t count = send(socket_, text.data(), text.size(), MSG_NOSIGNAL);
   EXPECT_EQ(count, static_cast<ssize_t>(text.size()));
+}
+
+void Connection::Reset() {
+  const linger atOnce = {1, 0};
+  setsockopt(socket_, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+  shutdown(socket_, SHUT_WR);
+  close(socket_);
+  socket_ = -1;
 }
 
 std::string Connection::ReceiveAll() {

@@ -36,6 +36,9 @@ class Connection {
 
   void Send(const std::string& text);
 
+  // Says that nothing more comes, and then resets the connection.
+  void Reset();
+
   // What comes until the other side closes.
   std::string ReceiveAll();
 
