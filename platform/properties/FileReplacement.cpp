@@ -55,12 +55,15 @@ class RemovedFile {
   bool kept_ = false;
 };
 
+// The size that the file tells saves copying; it may grow while it is read.
 bool ReadAll(int descriptor, std::string& text) {
-  constexpr std::size_t CHUNK = 64 * 1024;
+  struct stat status {};
+  fstat(descriptor, &status);
+  text.resize(static_cast<std::size_t>(status.st_size) + 1);
   std::size_t length = 0;
   while (true) {
-    if (text.size() < length + CHUNK) {
-      text.resize(2 * length + CHUNK);
+    if (text.size() == length) {
+      text.resize(2 * length);
     }
     const ssize_t count = read(descriptor, text.data() + length, text.size() - length);
     if (count < 0 && errno == EINTR) {

@@ -34,8 +34,11 @@ bool IsComment(std::string_view line) {
 // The name when the line begins a section.
 std::optional<std::string_view> ParseSection(std::string_view line) {
   const std::string_view text = Trim(line);
+  if (text.empty() || text.front() != '[') {
+    return std::nullopt;
+  }
   const std::size_t end = text.find(']');
-  if (text.empty() || text.front() != '[' || end == std::string_view::npos) {
+  if (end == std::string_view::npos) {
     return std::nullopt;
   }
   return Trim(text.substr(1, end - 1));
@@ -267,6 +270,7 @@ void PropertiesIni::SetProperty(const std::string& section, const std::string& k
     const auto entry = ParseEntry(reader.Line());
     if (entry && entry->key == keyName) {
       isFound = true;
+      edited.reserve(text_.size() + stored.size());
       const auto begin = static_cast<std::size_t>(entry->value.data() - text_.data());
       edited.append(text_, copied, begin - copied).append(stored);
       copied = begin + entry->value.size();

@@ -316,13 +316,13 @@ TEST_F(SettingsFileCalls, TakeTheRoomFirstAndCutLastInPlace) {
   fs::permissions(FOLDER, fs::perms(0555));
   ExpectSuccess(Watched(Request("50000")), "50000");
   EXPECT_THAT(StoreCalls(),
-              ElementsAre("open temporary 600", "open obd.conf", "read obd.conf", "read obd.conf",
-                          "posix_fallocate obd.conf", "pwrite obd.conf", "ftruncate obd.conf",
-                          "fsync obd.conf", "close obd.conf"));
+              ElementsAre("open temporary 600", "open obd.conf", "fstat obd.conf", "read obd.conf",
+                          "read obd.conf", "posix_fallocate obd.conf", "pwrite obd.conf",
+                          "ftruncate obd.conf", "fsync obd.conf", "close obd.conf"));
   ExpectSuccess(Watched(Request("5")), "5");
-  EXPECT_THAT(StoreCalls(), ElementsAre("open temporary 600", "open obd.conf", "read obd.conf",
-                                        "read obd.conf", "pwrite obd.conf", "ftruncate obd.conf",
-                                        "fsync obd.conf", "close obd.conf"));
+  EXPECT_THAT(StoreCalls(), ElementsAre("open temporary 600", "open obd.conf", "fstat obd.conf",
+                                        "read obd.conf", "read obd.conf", "pwrite obd.conf",
+                                        "ftruncate obd.conf", "fsync obd.conf", "close obd.conf"));
 }
 
 TEST_F(SettingsFileCalls, RewriteInPlaceWhereTheFolderRefusesTheNewFile) {
