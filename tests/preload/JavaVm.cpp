@@ -45,7 +45,11 @@ std::string Setting(const char* name) {
 }
 
 void Record(const std::string& call) {
-  if (std::FILE* const file = std::fopen(Setting("FAKE_VM_CALLS").c_str(), "a")) {
+  const std::string path = Setting("FAKE_VM_CALLS");
+  if (path.empty()) {
+    return;
+  }
+  if (std::FILE* const file = std::fopen(path.c_str(), "a")) {
     std::fprintf(file, "%s\n", call.c_str());
     std::fclose(file);
   }
