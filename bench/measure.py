@@ -226,7 +226,8 @@ def growth_of_reply():
 
             def run():
                 reset()
-                service = threading.Thread(target=serve_reply, args=(listener, body))
+                service = threading.Thread(target=serve_reply, args=(listener, body),
+                                           daemon=True)
                 service.start()
                 cost = spawn(["/build/bench/bench-nvm"], {})
                 service.join()

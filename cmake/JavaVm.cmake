@@ -2,7 +2,7 @@
 # programs and Java_JAVAC_EXECUTABLE for the classes beside them.
 
 if(NOT "$ENV{JAVA_HOME}" STREQUAL "")
-  set(java_home "$ENV{JAVA_HOME}")
+  file(REAL_PATH "$ENV{JAVA_HOME}" java_home)
 else()
   file(GLOB debian_jdks "/usr/lib/jvm/java-*-openjdk-*")
   find_path(java_home include/jni.h NO_CACHE HINTS /usr/lib/jvm/default-java ${debian_jdks})

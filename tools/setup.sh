@@ -81,7 +81,7 @@ build() {
 # The accessibility checker that the browser tests put into the pages.
 install_accessibility_checker() {
   local version=4.10.3
-  [[ ! -e build/npm/node_modules/axe-core/axe.min.js ]] || return 0
+  ! grep -qs "\"version\": \"$version\"" build/npm/node_modules/axe-core/package.json || return 0
   echo "Fetching axe-core"
   mkdir -p build/npm
   quietly build/npm.log npm install --prefix build/npm --no-save --no-audit --no-fund \

@@ -81,8 +81,11 @@ void CarryOut(const cgicc::Cgicc& request, NvmManipulator& nvm) {
   }
   for (const Order& order : {ALLOCATE, RELEASE}) {
     std::string reply;
-    if (request("allocation") != order.word ||
-        nvm.SendToNvm(NVM_SERVICE_ADDRESS, order.function, reply) != 0) {
+    if (request("allocation") != order.word) {
+      continue;
+    }
+    if (nvm.SendToNvm(NVM_SERVICE_ADDRESS, order.function, reply) != 0) {
+      PrintNotice(std::string(order.label) + " did not reach the nVm service.");
       continue;
     }
     std::string code;

@@ -159,6 +159,12 @@ TEST_F(SiblingPages, InformationTellsOfARefusalAndOffersNothingToOthers) {
   EXPECT_THAT(page, Not(HasSubstr("name=\"allocation\"")));
 }
 
+TEST_F(SiblingPages, InformationTellsOfAnOrderThatDidNotReachTheService) {
+  EXPECT_THAT(Show(PostForm("allocation=allocate")),
+              HasSubstr("<p class=\"warn\" >Allocate did not reach the nVm service.</p>"));
+  EXPECT_THAT(Show(PostForm("allocation=other")), Not(HasSubstr("did not reach")));
+}
+
 TEST_F(SiblingPages, AMalformedRequestEndsBeforeAnyOutput) {
   for (const std::string page : {INFORMATION, REBOOT}) {
     Command request = PostForm("x=1");

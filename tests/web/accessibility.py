@@ -1,6 +1,7 @@
 """What an accessibility checker, axe-core, finds on the pages of the whole stand-in device.
 
-Runs as browser_journey.py does; the checker comes from /build/npm.
+Runs as browser_journey.py does; the checker comes from build/npm, where
+./test puts it.
 """
 
 import contextlib
@@ -11,7 +12,7 @@ import unittest
 sys.path.insert(0, str(pathlib.Path(__file__).parent))
 import browser_journey as journey  # noqa: E402 - the path first
 
-AXE = pathlib.Path("/build/npm/node_modules/axe-core/axe.min.js").read_text(encoding="utf-8")
+AXE = pathlib.Path("/source/build/npm/node_modules/axe-core/axe.min.js").read_text(encoding="utf-8")
 GRAVE = ("serious", "critical")
 
 # The frame around every CGI page is fixed. It names no language; our own pages name it one element
