@@ -29,21 +29,29 @@ constexpr char PACKET_END[] = "</wddxPacket>";
 constexpr char STRUCT_HEAD[] =
     "<header/>\n"
     "<data>\n"
-    "<struct>\n"
-    "<var name='DeviceOwner'><string>VEMO_WEB</string></var>\n";
+    "<struct>\n";
 constexpr char STRUCT_END[] =
     "</struct>\n"
     "</data>\n";
 
+std::string BuildVariable(const std::string& name, const std::string& value) {
+  return std::string("<var name='") + name + "'><string>" + value + "</string></var>\n";
+}
+
 // --- Transport
+
+// To be called right behind the failing call: what else is called may change errno.
+void LogSystemError(int line, const char* call) {
+  const int error = errno;
+  LogFormater(LOG_LEVEL_ERROR, SOURCE, line)
+      .Log(GetCgiLogHandler(), "%s %s", call, std::strerror(error));
+}
 
 // A connection to the service, or -1, logged.
 int Connect(const std::string& address) {
   const int connection = socket(AF_INET, SOCK_STREAM, 0);
   if (connection == -1) {
-    const int error = errno;
-    LogFormater(LOG_LEVEL_ERROR, SOURCE, 159)
-        .Log(GetCgiLogHandler(), "socket %s", std::strerror(error));
+    LogSystemError(159, "socket");
     return -1;
   }
   sockaddr_in service{};
@@ -51,9 +59,7 @@ int Connect(const std::string& address) {
   service.sin_port = htons(NVM_SERVICE_PORT);
   service.sin_addr.s_addr = inet_addr(address.c_str());
   if (connect(connection, reinterpret_cast<const sockaddr*>(&service), sizeof service) == -1) {
-    const int error = errno;
-    LogFormater(LOG_LEVEL_ERROR, SOURCE, 168)
-        .Log(GetCgiLogHandler(), "connect %s", std::strerror(error));
+    LogSystemError(168, "connect");
     close(connection);
     return -1;
   }
@@ -115,14 +121,14 @@ std::string NvmManipulator::GetEmptyPacket() {
 }
 
 std::string NvmManipulator::GetAllocatePacket() {
-  return std::string(PACKET_HEAD) + STRUCT_HEAD +
-         "<var name='IfhClientIpAddr'><string>0</string></var>\n"
-         "<var name='IfhClientTcpPorts'><string>IP_PORT_ANY</string></var>\n" +
+  return std::string(PACKET_HEAD) + STRUCT_HEAD + BuildVariable("DeviceOwner", NVM_DEVICE_OWNER) +
+         BuildVariable("IfhClientIpAddr", "0") + BuildVariable("IfhClientTcpPorts", "IP_PORT_ANY") +
          STRUCT_END + PACKET_END;
 }
 
 std::string NvmManipulator::GetReleasePacket() {
-  return std::string(PACKET_HEAD) + STRUCT_HEAD + STRUCT_END + PACKET_END;
+  return std::string(PACKET_HEAD) + STRUCT_HEAD + BuildVariable("DeviceOwner", NVM_DEVICE_OWNER) +
+         STRUCT_END + PACKET_END;
 }
 
 std::string NvmManipulator::BuildRequest() {
@@ -177,9 +183,7 @@ int NvmManipulator::SendToNvm(const std::string& serviceAddress, const std::stri
     return -1;  // the connection ends with the process
   }
   if (send(connection, request.data(), request.size(), 0) == -1) {
-    const int error = errno;
-    LogFormater(LOG_LEVEL_ERROR, SOURCE, 178)
-        .Log(GetCgiLogHandler(), "send %s", std::strerror(error));
+    LogSystemError(178, "send");
     close(connection);
     return -1;
   }
@@ -317,7 +321,7 @@ void PrintReply(const std::string& reply) {
   std::printf("\n\n%s\n", reply.c_str());
 }
 
-// The numbers are marks that readers of the trace know.
+// Traces each step as a number.
 void CheckStatusFile() {
   std::printf("%d\n", 332);
   const xmlDocPtr status = ReadStatusFile();

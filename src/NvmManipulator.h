@@ -23,6 +23,9 @@
 constexpr std::uint16_t NVM_SERVICE_PORT = 5302;
 constexpr char NVM_SERVICE_ADDRESS[] = "127.0.0.1";
 
+// Under this name the web interface allocates the device.
+constexpr char NVM_DEVICE_OWNER[] = "VEMO_WEB";
+
 class NvmManipulator {
  public:
   NvmManipulator();
@@ -34,7 +37,7 @@ class NvmManipulator {
   NvmManipulator& operator=(const NvmManipulator&) = delete;
 
   // The WDDX packets that the requests carry: for the status, to allocate and to release the
-  // device. The owner is always "VEMO_WEB".
+  // device. The owner is always NVM_DEVICE_OWNER.
   std::string GetEmptyPacket();
   std::string GetAllocatePacket();
   std::string GetReleasePacket();

@@ -11,6 +11,7 @@
 #include "JavaVmWrapper.h"
 #include "PropertiesIni.h"
 #include "VemoHtml.h"
+#include "VemoPages.h"
 
 // Writes a form with one button, which leads back to the device's information page.
 void PrintBackButton();
@@ -21,19 +22,17 @@ void PrintWarning(const std::string& message);
 namespace {
 
 constexpr char SOURCE[] = "src/SetObdConf";
-constexpr char SETTINGS_FILE[] = "/app/tarn-belox/runvex/obd.conf";
 
 // Elements without content open or close their tag by turns, see VemoHtml.h. The paragraph that the
-// success text opens at its end stays open, and so does the content block of the warning: readers
-// of the pages know them so.
+// success text opens at its end stays open, and so does the content block of the warning.
 
 void PrintNavigation() {
   std::cout
       << cgicc::div().set("class", "navi")
-      << cgicc::a("Home").set("class", "small").set("href", "/index.html") << " / "
-      << cgicc::a("Device Information").set("class", "small").set("href", "channeldeviceconfig.cgi")
+      << cgicc::a("Home").set("class", "small").set("href", HOME_PAGE) << " / "
+      << cgicc::a("Device Information").set("class", "small").set("href", DEVICE_INFORMATION_PAGE)
       << " / "
-      << cgicc::a("Set CanDetectTimeout").set("class", "small").set("href", "setobdconf.cgi")
+      << cgicc::a("Set CanDetectTimeout").set("class", "small").set("href", SET_OPTION_PAGE)
       << cgicc::div() << std::endl;
 }
 
@@ -44,11 +43,11 @@ void SetOption(const std::string& value) {
 
   PropertiesIni settings;
   settings.Load(SETTINGS_FILE);
-  settings.SetProperty("SETTINGS", "VEMODCanDetectTimeout", value);
+  settings.SetProperty(OPTION_SECTION, OPTION_KEY, value);
   settings.Store(SETTINGS_FILE, "");
 
   std::cout << cgicc::p() << "Set new option was successful." << cgicc::br() << "\n"
-            << "To activate the new setting " << cgicc::a("reboot").set("href", "reboot.cgi")
+            << "To activate the new setting " << cgicc::a("reboot").set("href", REBOOT_PAGE)
             << " the device." << cgicc::p() << std::endl;
   std::cout << cgicc::div() << std::endl;
 }
@@ -57,7 +56,7 @@ void SetOption(const std::string& value) {
 
 void PrintBackButton() {
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 88).Log(GetCgiLogHandler(), "%s", "PrintBackButton");
-  std::cout << cgicc::form().set("action", "channeldeviceconfig.cgi")
+  std::cout << cgicc::form().set("action", DEVICE_INFORMATION_PAGE)
             << cgicc::input().set("type", "submit").set("value", " Back ").set("class", "mybutton")
             << cgicc::form() << std::endl;
 }
@@ -82,7 +81,7 @@ int main() {
   std::cout << cgicc::div().set("class", "content") << std::endl;
 
   cgicc::Cgicc request(nullptr);
-  const cgicc::form_iterator option = request.getElement("CanDetectTimeout");
+  const cgicc::form_iterator option = request.getElement(OPTION_FIELD);
   if (option == request.getElements().end()) {
     LogFormater(LOG_LEVEL_ERROR, SOURCE, 50)
         .Log(GetCgiLogHandler(), "Option CanDetectTimeout not set");

@@ -6,6 +6,8 @@
 
 #include <iostream>
 
+#include "VemoPages.h"
+
 // An element without content opens or closes its tag by turns, see the header.
 
 VemoHtml::VemoHtml(const std::string& name) {
@@ -55,7 +57,7 @@ void VemoHtml::PrintLogos() {
 void VemoHtml::PrintWarningPage(const std::string& heading, const std::string& linkText,
                                 const std::string& linkUrl, const std::string& warning) {
   std::cout << cgicc::div().set("class", "navi")
-            << cgicc::a("Home").set("class", "small").set("href", "/index.html") << " / "
+            << cgicc::a("Home").set("class", "small").set("href", HOME_PAGE) << " / "
             << cgicc::a(linkText).set("class", "small").set("href", linkUrl) << cgicc::div()
             << std::endl;
   std::cout << cgicc::h2(heading) << std::endl;
