@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -13,13 +14,100 @@ namespace {
 constexpr char SOURCE[] = "src/JavaVmWrapper";
 constexpr char CONFIG_CLASS[] = "com/tarn/vemo/config/ConfigVemo";
 
-void LogClassNotFound(int line, const char* name) {
+// Failures. Cold: kept out of line, so that a request that goes well carries none of it.
+
+[[gnu::cold]] void LogClassNotFound(int line, const char* name) {
   LogFormater(LOG_LEVEL_ERROR, SOURCE, line).Log(GetCgiLogHandler(), "Class '%s' not found", name);
 }
 
-void LogMethodNotFound(int line, const char* name) {
+[[gnu::cold]] void LogMethodNotFound(int line, const char* name) {
   LogFormater(LOG_LEVEL_ERROR, SOURCE, line)
       .Log(GetCgiLogHandler(), "Methode '%s' not found", name);
+}
+
+// Named with dots.
+[[gnu::cold]] void LogPlatformClassNotFound(int line, const char* name) {
+  std::string dotted = name;
+  std::replace(dotted.begin(), dotted.end(), '/', '.');
+  LogClassNotFound(line, dotted.c_str());
+}
+
+[[gnu::cold]] void LogNotCreated(int line, const char* what) {
+  LogFormater(LOG_LEVEL_ERROR, SOURCE, line).Log(GetCgiLogHandler(), "Can't create %s", what);
+}
+
+// The steps from here on give null, logged, when they fail, and null when they are given null.
+
+jclass FindPlatformClass(JNIEnv* env, int line, const char* name) {
+  const jclass type = env->FindClass(name);
+  if (type == nullptr) {
+    LogPlatformClassNotFound(line, name);
+  }
+  return type;
+}
+
+jmethodID FindConstructor(JNIEnv* env, int line, jclass type, const char* signature) {
+  if (type == nullptr) {
+    return nullptr;
+  }
+  const jmethodID constructor = env->GetMethodID(type, "<init>", signature);
+  if (constructor == nullptr) {
+    LogMethodNotFound(line, "<init>");
+  }
+  return constructor;
+}
+
+jmethodID FindStaticMethod(JNIEnv* env, int line, jclass type, const char* name,
+                           const char* signature) {
+  if (type == nullptr) {
+    return nullptr;
+  }
+  const jmethodID method = env->GetStaticMethodID(type, name, signature);
+  if (method == nullptr) {
+    LogMethodNotFound(line, name);
+  }
+  return method;
+}
+
+jobject LogUnlessCreated(int line, const char* what, jobject created) {
+  if (created == nullptr) {
+    LogNotCreated(line, what);
+  }
+  return created;
+}
+
+// The log file as Java's stream, to be appended to.
+jobject OpenLogFile(JNIEnv* env) {
+  const jclass type = FindPlatformClass(env, 159, "java/io/FileOutputStream");
+  const jmethodID constructor = FindConstructor(env, 167, type, "(Ljava/lang/String;Z)V");
+  if (constructor == nullptr) {
+    return nullptr;
+  }
+  const jstring path = env->NewStringUTF(CGI_LOG_FILE);
+  return LogUnlessCreated(175, "output stream", env->NewObject(type, constructor, path, JNI_TRUE));
+}
+
+jobject WrapInPrintStream(JNIEnv* env, jobject outputStream) {
+  if (outputStream == nullptr) {
+    return nullptr;
+  }
+  const jclass type = FindPlatformClass(env, 182, "java/io/PrintStream");
+  const jmethodID constructor = FindConstructor(env, 190, type, "(Ljava/io/OutputStream;)V");
+  if (constructor == nullptr) {
+    return nullptr;
+  }
+  return LogUnlessCreated(196, "print stream", env->NewObject(type, constructor, outputStream));
+}
+
+void SetSystemErr(JNIEnv* env, jobject printStream) {
+  if (printStream == nullptr) {
+    return;
+  }
+  const jclass type = FindPlatformClass(env, 203, "java/lang/System");
+  const jmethodID setErr = FindStaticMethod(env, 211, type, "setErr", "(Ljava/io/PrintStream;)V");
+  if (setErr != nullptr) {
+    env->CallStaticVoidMethod(type, setErr, printStream);
+  }
 }
 
 }  // namespace
@@ -83,55 +171,9 @@ bool JavaVmWrapper::OpenJavaVM() {
 
 void JavaVmWrapper::ChangeStdErr() {
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 155).Log(GetCgiLogHandler(), "%s", "ChangeStdErr");
-
-  const jclass fileOutputStreamClass = env->FindClass("java/io/FileOutputStream");
-  if (fileOutputStreamClass == nullptr) {
-    LogClassNotFound(159, "java.io.FileOutputStream");
-    return;
-  }
-  const jmethodID fileOutputStreamInit =
-      env->GetMethodID(fileOutputStreamClass, "<init>", "(Ljava/lang/String;Z)V");
-  if (fileOutputStreamInit == nullptr) {
-    LogMethodNotFound(167, "<init>");
-    return;
-  }
-  const jstring logFile = env->NewStringUTF(CGI_LOG_FILE);
-  const jobject outputStream =
-      env->NewObject(fileOutputStreamClass, fileOutputStreamInit, logFile, JNI_TRUE);
-  if (outputStream == nullptr) {
-    LogFormater(LOG_LEVEL_ERROR, SOURCE, 175).Log(GetCgiLogHandler(), "Can't create output stream");
-    return;
-  }
-
-  const jclass printStreamClass = env->FindClass("java/io/PrintStream");
-  if (printStreamClass == nullptr) {
-    LogClassNotFound(182, "java.io.PrintStream");
-    return;
-  }
-  const jmethodID printStreamInit =
-      env->GetMethodID(printStreamClass, "<init>", "(Ljava/io/OutputStream;)V");
-  if (printStreamInit == nullptr) {
-    LogMethodNotFound(190, "<init>");
-    return;
-  }
-  const jobject printStream = env->NewObject(printStreamClass, printStreamInit, outputStream);
-  if (printStream == nullptr) {
-    LogFormater(LOG_LEVEL_ERROR, SOURCE, 196).Log(GetCgiLogHandler(), "Can't create print stream");
-    return;
-  }
-
-  const jclass systemClass = env->FindClass("java/lang/System");
-  if (systemClass == nullptr) {
-    LogClassNotFound(203, "java.lang.System");
-    return;
-  }
-  const jmethodID setErr =
-      env->GetStaticMethodID(systemClass, "setErr", "(Ljava/io/PrintStream;)V");
-  if (setErr == nullptr) {
-    LogMethodNotFound(211, "setErr");
-    return;
-  }
-  env->CallStaticVoidMethod(systemClass, setErr, printStream);
+  const jobject logFile = OpenLogFile(env);
+  const jobject printStream = WrapInPrintStream(env, logFile);
+  SetSystemErr(env, printStream);
 }
 
 // The static method of the configuration class; null, logged, when there is none.
@@ -139,11 +181,7 @@ jmethodID JavaVmWrapper::FindFunction(const char* method, const char* signature,
                                       int notFoundLine) {
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, entryLine)
       .Log(GetCgiLogHandler(), "%s %s", "CallFunction", method);
-  const jmethodID function = env->GetStaticMethodID(configClass, method, signature);
-  if (function == nullptr) {
-    LogMethodNotFound(notFoundLine, method);
-  }
-  return function;
+  return FindStaticMethod(env, notFoundLine, configClass, method, signature);
 }
 
 bool JavaVmWrapper::CallTextFunction(const char* method, std::string& result, int entryLine,
