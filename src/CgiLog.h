@@ -4,8 +4,9 @@
 //
 //   LogFormater(LOG_LEVEL_DEBUG, "src/SetObdConf", 30).Log(GetCgiLogHandler(), "%s", "main");
 //
-// The numbers are stable names of the statements for the readers of the log. They were line numbers
-// once; they do not follow the source, and a new statement takes a free number.
+// The number names the statement, whichever line that stands on; a new statement takes one that its
+// file has free. Numbers, texts and their order are an interface, like the layout of the line: they
+// do not change. Nor do those of the pages and of the traces on standard output.
 #pragma once
 
 #include <cstdint>

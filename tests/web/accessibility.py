@@ -15,8 +15,7 @@ import browser_journey as journey  # noqa: E402 - the path first
 AXE = pathlib.Path("/source/build/npm/node_modules/axe-core/axe.min.js").read_text(encoding="utf-8")
 GRAVE = ("serious", "critical")
 
-# The frame around every CGI page is fixed. It names no language; our own pages name it one element
-# further in.
+# The frame around every CGI page names no language; our own pages name it one element further in.
 OF_THE_FRAME = {"html-has-lang"}
 
 
