@@ -13,13 +13,12 @@
 #include "Page.h"
 #include "PropertiesIni.h"
 #include "VemoHtml.h"
+#include "VemoPages.h"
 
 namespace {
 
 constexpr char SOURCE[] = "device/pages/DeviceInformation";
-constexpr char PAGE[] = "channeldeviceconfig.cgi";
-constexpr char SETTINGS_FILE[] = "/app/tarn-belox/runvex/obd.conf";
-constexpr char OWN_NAME[] = "VEMO_WEB";  // as NvmManipulator allocates
+constexpr Link PAGE = {"Device Information", DEVICE_INFORMATION_PAGE};
 
 void PrintRow(const std::string& name, const std::string& html) {
   std::cout << cgicc::dt(name) << cgicc::dd(html) << std::endl;
@@ -29,10 +28,6 @@ void PrintNotice(const std::string& html) {
   std::cout << cgicc::p(html).set("class", "warn") << std::endl;
 }
 
-cgicc::HTMLElement& Button(cgicc::HTMLElement&& input, const std::string& text) {
-  return input.set("type", "submit").set("value", text).set("class", "mybutton");
-}
-
 // --- Settings
 
 void PrintTimeoutForm() {
@@ -40,20 +35,20 @@ void PrintTimeoutForm() {
   if (!settings.Load(SETTINGS_FILE)) {
     PrintNotice("The settings file cannot be read: the stored value is not known.");
   }
-  const std::string value =
-      HtmlFromLatin1(settings.GetProperty("SETTINGS", "VEMODCanDetectTimeout"));
+  const std::string value = HtmlFromLatin1(settings.GetProperty(OPTION_SECTION, OPTION_KEY));
 
-  std::cout << cgicc::form().set("action", "setobdconf.cgi").set("method", "post") << std::endl;
+  std::cout << cgicc::form().set("action", SET_OPTION_PAGE).set("method", "post") << std::endl;
   std::cout << cgicc::p() << cgicc::label("CanDetectTimeout in ms").set("for", "timeout")
             << cgicc::input()
                    .set("type", "text")
                    .set("id", "timeout")
-                   .set("name", "CanDetectTimeout")
+                   .set("name", OPTION_FIELD)
                    .set("value", value)
                    .set("inputmode", "numeric")
                    .set("autocomplete", "off")
             << cgicc::p() << std::endl;
-  std::cout << Button(cgicc::input(), "Set") << cgicc::form() << std::endl;
+  PrintSubmitButton("Set");
+  std::cout << cgicc::form() << std::endl;
 }
 
 // --- Allocation
@@ -69,9 +64,10 @@ constexpr Order RELEASE = {"release", "Release", "nvmReleaseDevice"};
 
 void PrintOrderForm(const Order& order) {
   std::cout
-      << cgicc::form().set("action", PAGE).set("method", "post")
-      << cgicc::input().set("type", "hidden").set("name", "allocation").set("value", order.word)
-      << Button(cgicc::input(), order.label) << cgicc::form() << std::endl;
+      << cgicc::form().set("action", PAGE.address).set("method", "post")
+      << cgicc::input().set("type", "hidden").set("name", "allocation").set("value", order.word);
+  PrintSubmitButton(order.label);
+  std::cout << cgicc::form() << std::endl;
 }
 
 // Sends the order that was posted, if one was, and says so when it was refused.
@@ -122,7 +118,7 @@ void PrintAllocation(const cgicc::Cgicc& request) {
   std::cout << cgicc::dl() << std::endl;
   if (isFree) {
     PrintOrderForm(ALLOCATE);
-  } else if (owner == OWN_NAME) {
+  } else if (owner == NVM_DEVICE_OWNER) {
     PrintOrderForm(RELEASE);
   }
 }
@@ -157,8 +153,8 @@ int main() {
   // server's.
   const cgicc::Cgicc request(nullptr);
 
-  const VemoHtml frame("Device Information");
-  OpenContent("Device Information", PAGE);
+  const VemoHtml frame(PAGE.text);
+  OpenContent({PAGE});
   PrintTimeoutForm();
   PrintAllocation(request);
   // Last: a Java VM that cannot live with its options ends the process.

@@ -1,48 +1,47 @@
 #include "Page.h"
 
 #include <cgicc/HTMLClasses.h>
+#include <libxml/HTMLparser.h>
+#include <libxml/encoding.h>
 
 #include <iostream>
+#include <string_view>
+
+#include "VemoPages.h"
 
 namespace {
 
-void AppendCharacter(unsigned int code, std::string& html) {
-  const bool isMarkup = code == '&' || code == '<' || code == '>' || code == '"' || code == '\'';
-  if (isMarkup || code >= 0x7F) {
-    html += "&#" + std::to_string(code) + ";";
-  } else {
-    html += static_cast<char>(code);
-  }
+const unsigned char* Bytes(std::string_view text) {
+  return reinterpret_cast<const unsigned char*>(text.data());
 }
 
-// The length of the UTF-8 sequence that begins with this byte; 1 for a byte that begins none.
-std::size_t SequenceLength(unsigned char lead) {
-  if (lead >= 0xF0 && lead <= 0xF4) {
-    return 4;
-  }
-  if (lead >= 0xE0 && lead <= 0xEF) {
-    return 3;
-  }
-  return lead >= 0xC2 && lead <= 0xDF ? 2 : 1;
+std::string Utf8FromLatin1(char character) {
+  unsigned char utf8[2];
+  int length = sizeof utf8;
+  int taken = 1;
+  isolat1ToUTF8(utf8, &length, Bytes({&character, 1}), &taken);
+  return {utf8, utf8 + length};
 }
 
-// Decodes the character at `position` and moves behind it.
-unsigned int DecodeUtf8(const std::string& text, std::size_t& position) {
-  const auto lead = static_cast<unsigned char>(text[position++]);
-  const std::size_t length = SequenceLength(lead);
-  if (length == 1 || position + length - 1 > text.size()) {
-    return lead;
-  }
-  unsigned int code = lead & (0x7Fu >> length);
-  for (std::size_t i = 0; i < length - 1; ++i) {
-    const auto next = static_cast<unsigned char>(text[position + i]);
-    if ((next & 0xC0) != 0x80) {
-      return lead;
+// Appends the beginning of `text`, as far as it is UTF-8 and goes at once; returns the number of
+// bytes that it took, 0 when `text` does not begin with UTF-8.
+std::size_t AppendUtf8(std::string_view text, std::string& html) {
+  text = text.substr(0, 64);
+  // The library takes the long forms of ASCII characters for UTF-8.
+  text = text.substr(0, text.find_first_of("\xC0\xC1"));
+
+  unsigned char encoded[256];
+  int length = sizeof encoded;
+  auto taken = static_cast<int>(text.size());
+  htmlEncodeEntities(encoded, &length, Bytes(text), &taken, '"');
+  for (int i = 0; i < length; ++i) {
+    if (encoded[i] == '\'') {
+      html += "&#39;";  // the library escapes one kind of quotes alone
+    } else {
+      html += static_cast<char>(encoded[i]);
     }
-    code = code << 6 | (next & 0x3Fu);
   }
-  position += length - 1;
-  return code;
+  return static_cast<std::size_t>(taken);
 }
 
 }  // namespace
@@ -50,38 +49,42 @@ unsigned int DecodeUtf8(const std::string& text, std::size_t& position) {
 std::string HtmlFromLatin1(const std::string& text) {
   std::string html;
   for (const char character : text) {
-    AppendCharacter(static_cast<unsigned char>(character), html);
+    AppendUtf8(Utf8FromLatin1(character), html);
   }
   return html;
 }
 
 std::string HtmlFromUtf8(const std::string& text) {
   std::string html;
-  for (std::size_t position = 0; position < text.size();) {
-    AppendCharacter(DecodeUtf8(text, position), html);
+  for (std::string_view rest = text; !rest.empty();) {
+    std::size_t taken = AppendUtf8(rest, html);
+    if (taken == 0) {
+      taken = 1;
+      AppendUtf8(Utf8FromLatin1(rest.front()), html);
+    }
+    rest.remove_prefix(taken);
   }
   return html;
 }
 
-void OpenContent(const std::string& heading, const std::string& url) {
-  const bool isDeviceInformation = url == "channeldeviceconfig.cgi";
+void OpenContent(const std::vector<Link>& path) {
   std::cout
       << cgicc::meta().set("name", "viewport").set("content", "width=device-width, initial-scale=1")
       << std::endl;
   std::cout << cgicc::div().set("class", "navi")
-            << cgicc::a("Home").set("class", "small").set("href", "/index.html") << " / ";
-  if (!isDeviceInformation) {
-    std::cout << cgicc::a("Device Information")
-                     .set("class", "small")
-                     .set("href", "channeldeviceconfig.cgi")
-              << " / ";
+            << cgicc::a("Home").set("class", "small").set("href", HOME_PAGE);
+  for (const Link& page : path) {
+    std::cout << " / " << cgicc::a(page.text).set("class", "small").set("href", page.address);
   }
-  std::cout << cgicc::a(heading).set("class", "small").set("href", url) << cgicc::div()
-            << std::endl;
-  std::cout << cgicc::h2(heading) << std::endl;
+  std::cout << cgicc::div() << std::endl;
+  std::cout << cgicc::h2(path.back().text) << std::endl;
   std::cout << cgicc::div().set("class", "content").set("lang", "en") << std::endl;
 }
 
 void CloseContent() {
   std::cout << cgicc::div() << std::endl;
+}
+
+void PrintSubmitButton(const std::string& text) {
+  std::cout << cgicc::input().set("type", "submit").set("value", text).set("class", "mybutton");
 }

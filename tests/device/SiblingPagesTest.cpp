@@ -124,8 +124,7 @@ TEST_F(SiblingPages, InformationSaysThatTheSettingsCannotBeRead) {
 
 TEST_F(SiblingPages, InformationEscapesTheStoredValue) {
   WriteText(SETTINGS_FILE, "[SETTINGS]\nVEMODCanDetectTimeout=\"><script>&\xFC\n");
-  EXPECT_THAT(Show(Get("")),
-              HasSubstr("value=\"&#34;&#62;&#60;script&#62;&#38;&#252;\" inputmode"));
+  EXPECT_THAT(Show(Get("")), HasSubstr("value=\"&quot;&gt;&lt;script&gt;&amp;&uuml;\" inputmode"));
 }
 
 TEST_F(SiblingPages, InformationAllocatesAndReleases) {
@@ -154,8 +153,8 @@ TEST_F(SiblingPages, InformationTellsOfARefusalAndOffersNothingToOthers) {
   AllocateAs("Werkstatt &lt;M\xC3\xBCller&gt;");
   const std::string page = Show(PostForm("allocation=allocate"));
   EXPECT_THAT(page, HasSubstr("<p class=\"warn\" >Allocate was refused: Device is allocated by "
-                              "Werkstatt &#60;M&#252;ller&#62; (code 1).</p>"));
-  EXPECT_THAT(page, HasSubstr("<dt>Owner</dt><dd>Werkstatt &#60;M&#252;ller&#62;</dd>"));
+                              "Werkstatt &lt;M&uuml;ller&gt; (code 1).</p>"));
+  EXPECT_THAT(page, HasSubstr("<dt>Owner</dt><dd>Werkstatt &lt;M&uuml;ller&gt;</dd>"));
   EXPECT_THAT(page, Not(HasSubstr("name=\"allocation\"")));
 }
 
@@ -188,6 +187,18 @@ TEST_F(SiblingPages, RebootSaysThatNothingWasRestarted) {
   EXPECT_THAT(page, HasSubstr("<p class=\"warn\" >This stand-in for the device cannot reboot: "
                               "nothing was restarted.</p>"
                               "<form action=\"channeldeviceconfig.cgi\" >"));
+}
+
+TEST_F(SiblingPages, TheNavigationLeadsOverThePagesParents) {
+  const std::string information =
+      "<div class=\"navi\" ><a class=\"small\" href=\"/index.html\" >Home</a> / "
+      "<a class=\"small\" href=\"channeldeviceconfig.cgi\" >Device Information</a>";
+  EXPECT_THAT(Show(Get("")),
+              HasSubstr("\n" + information + "</div>\n<h2>Device Information</h2>\n"));
+  EXPECT_THAT(Show(Get(""), REBOOT),
+              HasSubstr("\n" + information +
+                        " / <a class=\"small\" href=\"reboot.cgi\" >Reboot</a></div>\n"
+                        "<h2>Reboot</h2>\n"));
 }
 
 TEST_F(SiblingPages, TheyLogUnderTheirOwnNames) {
