@@ -541,4 +541,16 @@ TEST_F(PropertiesIniFile, IsStoredFromAnObjectThatStaysAsItWas) {
   EXPECT_EQ(settings.GetProperty("S", "k"), "500");
 }
 
+TEST_F(PropertiesIniFile, OfTwoThatLoadedItTheLaterStoreWinsWhole) {
+  WriteText(PATH, "[S]\na=0\nb=0\n");
+  PropertiesIni other;
+  settings.Load(PATH);
+  other.Load(PATH);
+  other.SetProperty("S", "a", "1");
+  EXPECT_TRUE(other.Store(PATH, ""));
+  settings.SetProperty("S", "b", "2");
+  EXPECT_TRUE(settings.Store(PATH, ""));
+  EXPECT_EQ(ReadText(PATH), "[S]\na=0\nb=2\n") << "nobody's lock kept the other's change";
+}
+
 }  // namespace

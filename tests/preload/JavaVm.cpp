@@ -120,6 +120,20 @@ void CallStaticVoidMethodV(JNIEnv*, jclass, jmethodID method, va_list arguments)
                 "nothing");
 }
 
+jobject CallStaticObjectMethodV(JNIEnv*, jclass, jmethodID method, va_list) {
+  return Call<jobject>("CallStaticObjectMethodV " + Describe(method), "a text");
+}
+
+jint CallStaticIntMethodV(JNIEnv*, jclass, jmethodID method, va_list) {
+  return Call<jobject>("CallStaticIntMethodV " + Describe(method), "a number") != nullptr ? 42 : 0;
+}
+
+// Of a null text it gives none, where the real one crashes.
+const char* GetStringUtfChars(JNIEnv*, jstring text, jboolean*) {
+  Record("GetStringUTFChars " + Describe(text));
+  return text != nullptr ? reinterpret_cast<std::string*>(text)->c_str() : "";
+}
+
 jthrowable ExceptionOccurred(JNIEnv*) {
   Record("ExceptionOccurred");
   return isExceptionPending ? NewHandle<jthrowable>("exception") : nullptr;
@@ -157,6 +171,9 @@ JNIEnv* Environment() {
   functions.NewStringUTF = NewStringUtf;
   functions.NewObjectV = NewObjectV;
   functions.CallStaticVoidMethodV = CallStaticVoidMethodV;
+  functions.CallStaticObjectMethodV = CallStaticObjectMethodV;
+  functions.CallStaticIntMethodV = CallStaticIntMethodV;
+  functions.GetStringUTFChars = GetStringUtfChars;
   functions.ExceptionOccurred = ExceptionOccurred;
   functions.ExceptionDescribe = ExceptionDescribe;
   static JNIEnv_ environment{&functions};

@@ -1,7 +1,10 @@
-// Calls of the configuration class's static methods, in the real Java VM.
+// Calls of the configuration class's static methods, in the real Java VM and in a stand-in for it.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
 
 #include "Files.h"
 #include "LogLine.h"
@@ -118,6 +121,23 @@ TEST_F(JavaCalls, AMethodThatThrowsIsAResultAndDescribedAtTheEnd) {
       << "the trace comes last";
 }
 
+TEST_F(JavaCalls, ATextMethodThatReturnsNullEndsTheProcess) {
+  Command command;
+  command.words = {"/build/tests/java-calls", "text", "getNullText"};
+  command.environment = {{"JAVA_CLASSPATH", "/build/tests/java/calling"},
+                         {"JAVA_OPTIONS", "-XX:-CreateCoredumpOnCrash"}};
+  const Result result = Execute(command);
+  EXPECT_NE(result.exitStatus, 0);
+  EXPECT_THAT(result.output, HasSubstr("A fatal error has been detected")) << "in the page";
+  EXPECT_THAT(CallStatements(),
+              ElementsAre("DEBUG src/JavaVmWrapper 226 CallFunction getNullText"));
+}
+
+TEST_F(JavaCalls, TheEndWaitsForTheThreadsOfTheClass) {
+  EXPECT_EQ(Call({"int", "startThread"}).output, "1 1\n");
+  EXPECT_THAT(ForeignLines(), ElementsAre("the thread ends"));
+}
+
 TEST_F(JavaCalls, AddressQueriesReturnWhatTheClassTells) {
   EXPECT_EQ(Call({"lan", "wlan"}).output, "192.0.2.7\n198.51.100.9\n");
   EXPECT_THAT(CallStatements(),
@@ -147,6 +167,57 @@ TEST_F(JavaCalls, TheDevicesOwnClassTellsAnAddressOrNone) {
   // The sandbox has a loopback interface and no other.
   EXPECT_EQ(Execute(command).output, "\n\n");
   EXPECT_THAT(LoggedStatements(), Not(Contains(StartsWith("ERROR"))));
+}
+
+// ---- With the stand-in for the Java VM: what is called, and what is not.
+
+class JavaCallSteps : public testing::Test {
+ protected:
+  void SetUp() override {
+    ResetDevice();
+    std::filesystem::remove(CALLS_FILE);
+  }
+
+  // The calls that follow the look-up of the configuration class, those of `beginning` failing.
+  static std::vector<std::string> CallsOf(const std::string& overload,
+                                          const std::string& beginning = "") {
+    Command command;
+    command.words = {"/build/tests/java-calls", overload, "getIt"};
+    command.environment = {{"LD_PRELOAD", "/build/tests/libjava-vm.so"},
+                           {"FAKE_VM_CALLS", CALLS_FILE},
+                           {"FAKE_VM_FAILS", beginning}};
+    EXPECT_EQ(Execute(command).exitStatus, 0);
+    std::vector<std::string> calls = Lines(ReadText(CALLS_FILE));
+    const auto lookUp =
+        std::find(calls.begin(), calls.end(), "FindClass com/tarn/vemo/config/ConfigVemo");
+    EXPECT_NE(lookUp, calls.end());
+    calls.erase(calls.begin(), lookUp == calls.end() ? lookUp : lookUp + 1);
+    return calls;
+  }
+
+  static constexpr char CALLS_FILE[] = "/tmp/calls";
+};
+
+TEST_F(JavaCallSteps, TheCharactersOfATextAreNotGivenBack) {
+  const std::string method = "com/tarn/vemo/config/ConfigVemo.getIt()Ljava/lang/String;";
+  EXPECT_THAT(CallsOf("text"),
+              ElementsAre("GetStaticMethodID " + method, "CallStaticObjectMethodV " + method,
+                          "GetStringUTFChars a text", "ExceptionOccurred", "DestroyJavaVM"));
+}
+
+TEST_F(JavaCallSteps, NeitherNullNorAnExceptionOfATextMethodIsLookedFor) {
+  const std::string method = "com/tarn/vemo/config/ConfigVemo.getIt()Ljava/lang/String;";
+  EXPECT_THAT(CallsOf("text", "CallStaticObjectMethodV"),
+              ElementsAre("GetStaticMethodID " + method, "CallStaticObjectMethodV " + method,
+                          "GetStringUTFChars null", "ExceptionOccurred", "ExceptionDescribe",
+                          "DestroyJavaVM"));
+}
+
+TEST_F(JavaCallSteps, AnExceptionOfANumberMethodIsNotLookedFor) {
+  const std::string method = "com/tarn/vemo/config/ConfigVemo.getIt()I";
+  EXPECT_THAT(CallsOf("int", "CallStaticIntMethodV"),
+              ElementsAre("GetStaticMethodID " + method, "CallStaticIntMethodV " + method,
+                          "ExceptionOccurred", "ExceptionDescribe", "DestroyJavaVM"));
 }
 
 }  // namespace

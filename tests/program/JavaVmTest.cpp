@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "Files.h"
 #include "LogLine.h"
@@ -107,6 +108,18 @@ TEST_F(RealVm, AnOptionThatTheVmCannotLiveWithEndsTheProcess) {
   EXPECT_EQ(result.exitStatus, 1);
   EXPECT_THAT(result.output, Not(HasSubstr("</body>")));
   EXPECT_THAT(LoggedLines(), ElementsAreArray(StartStatements("-Xmx1k", TELLING_CLASS)));
+}
+
+TEST_F(RealVm, AnOptionThatTheVmCannotLiveWithIsToldInThePage) {
+  EXPECT_THAT(Execute(RequestWithOptions("-Xmx1k")).output,
+              HasSubstr("</div>\nError occurred during initialization of VM\n"));
+}
+
+TEST_F(RealVm, WithoutAClassPathTheWorkingFolderIsSearched) {
+  Command request = RequestWith("");
+  request.environment.erase("JAVA_CLASSPATH");
+  request.prepare = [] { ASSERT_EQ(chdir("/srv/vemo/java"), 0); };
+  ExpectSuccess(Execute(request));
 }
 
 TEST_F(RealVm, WithoutAClassPathTheLogShowsANullText) {

@@ -96,6 +96,14 @@ TEST_F(SetOptionPage, KeepsTheLogOfEarlierRequests) {
   EXPECT_THAT(ReadText(LOG_FILE), testing::StartsWith("an earlier request\n2"));
 }
 
+TEST_F(SetOptionPage, LogsWhereALinkInPlaceOfTheLogFileLeads) {
+  constexpr char ELSEWHERE[] = "/tmp/elsewhere";
+  std::filesystem::create_symlink(ELSEWHERE, LOG_FILE);
+  Execute(WithoutJava(Get("")));
+  EXPECT_THAT(ReadText(ELSEWHERE), HasSubstr("Option CanDetectTimeout not set\n"));
+  std::filesystem::remove(ELSEWHERE);
+}
+
 TEST_F(SetOptionPage, WritesTheHeadingOnceAndEndsTheNavigationWithItself) {
   for (const std::string query : {"CanDetectTimeout=500", ""}) {
     const std::string page = Execute(Get(query)).output;

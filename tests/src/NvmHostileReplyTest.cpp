@@ -158,6 +158,14 @@ TEST_F(NvmHostileReply, AnEntityBombIsRefused) {
   EXPECT_EQ(Toggle(bomb), -1);
 }
 
+TEST_F(NvmHostileReply, AnEntityOfOneLevelGrowsWithoutALimit) {
+  const std::string text(10000, 'x');
+  const std::string reply =
+      Packet(Repeated("&e;", 1000), "<!DOCTYPE wddxPacket [<!ENTITY e '" + text + "'>]>");
+  EXPECT_LT(reply.size(), 20000u);
+  EXPECT_EQ(Read(reply).size(), 2 * 1000 * text.size() + 1);
+}
+
 TEST_F(NvmHostileReply, AnEntityOfItselfIsRefused) {
   const std::string loop =
       Packet("&a;", "<!DOCTYPE wddxPacket [<!ENTITY a '&b;'><!ENTITY b '&a;'>]>");

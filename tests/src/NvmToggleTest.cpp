@@ -234,6 +234,15 @@ TEST_F(NvmToggle, TheStatusFileIsWrittenAnew) {
   EXPECT_EQ(ReadText(STATUS_FILE), DECLARATION + "\n");
 }
 
+TEST_F(NvmToggle, TheStatusFileIsWrittenWhereALinkInItsPlaceLeads) {
+  constexpr char ELSEWHERE[] = "/tmp/elsewhere";
+  WriteText(ELSEWHERE, "somebody's");
+  std::filesystem::create_symlink(ELSEWHERE, STATUS_FILE);
+  ToggleWith({DECLARATION});
+  EXPECT_EQ(ReadText(ELSEWHERE), DECLARATION + "\n");
+  std::filesystem::remove(ELSEWHERE);
+}
+
 TEST_F(NvmToggle, AStatusFileThatCannotBeOpenedIsIgnored) {
   std::filesystem::create_directory(STATUS_FILE);
   const std::string status = StatusReply("<string>0</string>");

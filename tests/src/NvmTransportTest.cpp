@@ -489,6 +489,23 @@ TEST_F(NvmTransport, ABodyThatEndsEarlyKeepsTheCallBusyForEver) {
   EXPECT_EQ(LogText(), Entry() + Received(reply, "25"));
 }
 
+// --- A service that says nothing
+
+TEST_F(NvmTransport, ASilentServiceIsWaitedForWithoutATimeOut) {
+  ScriptedService service({{{}, End::Hold}});
+  Command command;
+  command.prepare = [] {
+    std::string replyText;
+    NvmClient().SendToNvm(ADDRESS, STATUS, replyText);
+    _exit(0);
+  };
+  BackgroundProcess client(command);
+  EXPECT_TRUE(Eventually([] { return LogText() == Entry(); }));
+  EXPECT_FALSE(Eventually([&] { return !client.IsRunning(); }, std::chrono::seconds(1)));
+  EXPECT_EQ(client.End(SIGTERM).signal, SIGTERM);
+  EXPECT_EQ(LogText(), Entry()) << "it still waits for the first chunk";
+}
+
 // --- One client, several exchanges
 
 TEST_F(NvmTransport, EachExchangeHasAConnectionOfItsOwn) {

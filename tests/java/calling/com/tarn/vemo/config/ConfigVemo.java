@@ -48,4 +48,23 @@ public final class ConfigVemo {
     public static int getThrowing() {
         throw new IllegalStateException("no number today");
     }
+
+    public static String getNullText() {
+        return null;
+    }
+
+    /** The thread outlives the call, and tells on System.err that it ends. */
+    public static int startThread() {
+        new Thread(ConfigVemo::sleepAndTell).start();
+        return 1;
+    }
+
+    private static void sleepAndTell() {
+        try {
+            Thread.sleep(500);
+        } catch (InterruptedException e) {
+            return;
+        }
+        System.err.println("the thread ends");
+    }
 }
