@@ -115,6 +115,8 @@ void SetSystemErr(JNIEnv* env, jobject printStream) {
 // configClass stays unset: it means nothing before there is a VM.
 JavaVmWrapper::JavaVmWrapper() : env(nullptr), jvm(nullptr) {}
 
+// Stays: see docs/kept-as-is.md, "exception left pending", "waits for Java's threads".
+// Stays: see docs/kept-as-is.md, "refused VM destroyed".
 JavaVmWrapper::~JavaVmWrapper() {
   if (env != nullptr && env->ExceptionOccurred() != nullptr) {
     env->ExceptionDescribe();
@@ -124,6 +126,10 @@ JavaVmWrapper::~JavaVmWrapper() {
   }
 }
 
+// Stays: see docs/kept-as-is.md, "options not split", "unknown options ignored".
+// Stays: see docs/kept-as-is.md, "options end the process", "VM writes into the page".
+// Stays: see docs/kept-as-is.md, "Java prints into the page", "unset class path", "uneven texts".
+// Stays: see docs/kept-as-is.md, "redirection may fail".
 bool JavaVmWrapper::OpenJavaVM() {
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 73).Log(GetCgiLogHandler(), "OpenJavaVM");
 
@@ -169,6 +175,7 @@ bool JavaVmWrapper::OpenJavaVM() {
   return true;
 }
 
+// Stays: see docs/kept-as-is.md, "Methode", "redirection half checked", "local references kept".
 void JavaVmWrapper::ChangeStdErr() {
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 155).Log(GetCgiLogHandler(), "%s", "ChangeStdErr");
   const jobject logFile = OpenLogFile(env);
@@ -184,6 +191,7 @@ jmethodID JavaVmWrapper::FindFunction(const char* method, const char* signature,
   return FindStaticMethod(env, notFoundLine, configClass, method, signature);
 }
 
+// Stays: see docs/kept-as-is.md, "null text", "characters kept", "modified UTF-8".
 bool JavaVmWrapper::CallTextFunction(const char* method, std::string& result, int entryLine,
                                      int notFoundLine) {
   const jmethodID function = FindFunction(method, "()Ljava/lang/String;", entryLine, notFoundLine);
@@ -195,6 +203,7 @@ bool JavaVmWrapper::CallTextFunction(const char* method, std::string& result, in
   return true;
 }
 
+// Stays: see docs/kept-as-is.md, "exception of a number".
 bool JavaVmWrapper::CallNumberFunction(const char* method, int& result, int entryLine,
                                        int notFoundLine) {
   const jmethodID function = FindFunction(method, "()I", entryLine, notFoundLine);
@@ -221,6 +230,7 @@ bool JavaVmWrapper::CallFunction(const char* method, int& result) {
   return CallNumberFunction(method, result, 293, 297);
 }
 
+// Stays: see docs/kept-as-is.md, "empty address".
 std::string JavaVmWrapper::GetLanIp4Address() {
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 313).Log(GetCgiLogHandler(), "%s", "GetLanIp4Address");
   std::string result;
@@ -235,6 +245,7 @@ std::string JavaVmWrapper::GetWlanIp4Address() {
   return result;
 }
 
+// Stays: see docs/kept-as-is.md, "loose addresses".
 bool IsIp4Address(const std::string& text) {
   in_addr scratch;
   return inet_aton(text.c_str(), &scratch) != 0;

@@ -38,6 +38,8 @@ void PrintNavigation() {
 
 // Echoes the value before the settings file is touched, so that a page cut there shows how far the
 // request came. What the settings file says to it is not looked at.
+// Stays: see docs/kept-as-is.md, "echo unescaped", "any value", "answers ignored", "no lock".
+// Stays: see docs/kept-as-is.md, "paragraph left open", "lost page".
 void SetOption(const std::string& value) {
   std::cout << cgicc::p() << "Set CanDetectTimeout to " << value << " ms." << std::endl;
 
@@ -54,6 +56,7 @@ void SetOption(const std::string& value) {
 
 }  // namespace
 
+// Stays: see docs/kept-as-is.md, "Back without a method".
 void PrintBackButton() {
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 88).Log(GetCgiLogHandler(), "%s", "PrintBackButton");
   std::cout << cgicc::form().set("action", DEVICE_INFORMATION_PAGE)
@@ -67,6 +70,9 @@ void PrintWarning(const std::string& message) {
 }
 
 // Nothing is caught here: unwinding would write the frame's closing below a page that was cut.
+// Stays: see docs/kept-as-is.md, "stored on GET", "first of any case", "content left open".
+// Stays: see docs/kept-as-is.md, "exceptions uncaught", "cut page is a 200", "failures are a 200".
+// Stays: see docs/kept-as-is.md, "frame alone", "a VM each time", "reader gone", "fixed numbers".
 int main() {
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 30).Log(GetCgiLogHandler(), "%s", "main");
 
