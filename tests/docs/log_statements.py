@@ -127,9 +127,9 @@ class Reader:
     """Of one source file."""
 
     def __init__(self, text, constants):
-        tokens = tokens_of(text)
-        self.constants = {**constants, **constants_of(tokens)}
-        self.functions = functions_of(tokens)
+        self.tokens = tokens_of(text)
+        self.constants = {**constants, **constants_of(self.tokens)}
+        self.functions = functions_of(self.tokens)
 
     def value(self, tokens, function):
         """A literal, a Parameter, or ANYTHING."""
@@ -151,14 +151,18 @@ class Reader:
 
     def statements(self):
         found = []
+        count = 0
         for function in self.functions:
             for arguments, behind in calls_in(function.body, "LogFormater"):
+                count += 1
                 if function.body[behind : behind + 3] != [".", "Log", "("]:
                     raise ValueError(f"{function.name}: a LogFormater that does not log at once")
                 log = split(function.body[behind + 3 : end_of(function.body, behind + 2)])
                 values = [self.level(arguments[0], function)]
                 values += [self.value(tokens, function) for tokens in arguments[1:] + log[1:]]
                 found += self.resolve(values, function)
+        if count != self.tokens.count("LogFormater"):
+            raise ValueError("a LogFormater that is not made in the statement that logs")
         return found
 
     def resolve(self, values, function, depth=0):
