@@ -1,7 +1,8 @@
 # What ./run and ./test share: installing what is missing, building. Sourced with the repository's top
 # as the current folder.
 
-BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libcgicc-dev libxml2-dev)
+BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libcgicc-dev libxml2-dev
+  libmicrohttpd-dev)
 DEVICE_PACKAGES=(bubblewrap lighttpd)
 TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang libclang-rt-14-dev curl chromium
   chromium-driver python3-selenium valgrind)

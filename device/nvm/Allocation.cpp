@@ -1,14 +1,16 @@
 #include "Allocation.h"
 
-Status Allocation::Allocate(const std::string& owner, const std::string& clientAddress) {
+#include <utility>
+
+Status Allocation::Allocate(std::string owner, std::string clientAddress) {
   if (owner.empty()) {
     return {3, "No device owner given"};
   }
   if (IsAllocated() && owner_ != owner) {
     return {1, "Device is allocated by " + owner_};
   }
-  owner_ = owner;
-  clientAddress_ = clientAddress;
+  owner_ = std::move(owner);
+  clientAddress_ = std::move(clientAddress);
   return {0, ""};
 }
 

@@ -16,7 +16,7 @@ class Allocation {
   const std::string& ClientAddress() const { return clientAddress_; }
 
   // Gives the device to `owner`; refused while another holds it.
-  Status Allocate(const std::string& owner, const std::string& clientAddress);
+  Status Allocate(std::string owner, std::string clientAddress);
 
   // Frees the device; refused to anybody but its owner.
   Status Release(const std::string& owner);

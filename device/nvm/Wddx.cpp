@@ -24,36 +24,37 @@ xmlNodePtr FindElement(xmlNodePtr parent, const std::string& name) {
 }
 
 std::string Escape(const std::string& text) {
-  std::string escaped;
-  for (const char character : text) {
-    switch (character) {
-      case '&':
-        escaped += "&amp;";
-        break;
-      case '<':
-        escaped += "&lt;";
-        break;
-      case '>':
-        escaped += "&gt;";
-        break;
-      default:
-        escaped += character;
-    }
-  }
-  return escaped;
+  return Text(xmlEncodeSpecialChars(nullptr, reinterpret_cast<const xmlChar*>(text.c_str())));
 }
 
 std::string WriteVariable(const std::string& name, const std::string& value) {
   return "<var name=\"" + name + "\"><string>" + Escape(value) + "</string></var>";
 }
 
+// A few declarations can stand for gigabytes of text; no client sends any.
+void StopAtDeclaration(void* context, const xmlChar*, int, const xmlChar*, const xmlChar*,
+                       xmlChar*) {
+  auto* const parser = static_cast<xmlParserCtxtPtr>(context);
+  parser->wellFormed = 0;
+  xmlStopParser(parser);
+}
+
+// Null when the text is not well-formed, or declares an entity.
+xmlDocPtr Parse(const std::string& text) {
+  const std::unique_ptr<xmlParserCtxt, decltype(&xmlFreeParserCtxt)> parser(xmlNewParserCtxt(),
+                                                                            xmlFreeParserCtxt);
+  if (parser == nullptr) {
+    return nullptr;
+  }
+  parser->sax->entityDecl = StopAtDeclaration;
+  return xmlCtxtReadMemory(parser.get(), text.data(), static_cast<int>(text.size()), "request.xml",
+                           nullptr, XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_NONET);
+}
+
 }  // namespace
 
 std::optional<std::map<std::string, std::string>> ReadPacket(const std::string& text) {
-  const std::unique_ptr<xmlDoc, decltype(&xmlFreeDoc)> document(
-      xmlReadMemory(text.data(), static_cast<int>(text.size()), "request.xml", nullptr,
-                    XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_NONET),
-      xmlFreeDoc);
+  const std::unique_ptr<xmlDoc, decltype(&xmlFreeDoc)> document(Parse(text), xmlFreeDoc);
   const xmlNodePtr root = xmlDocGetRootElement(document.get());
   const xmlNodePtr data = FindElement(root, "data");
   if (data == nullptr) {

@@ -4,8 +4,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 
+#include <filesystem>
+#include <functional>
 #include <memory>
+#include <regex>
 
 #include "Files.h"
 #include "NvmService.h"
@@ -32,9 +36,28 @@ std::string OwnerPacket(const std::string& owner, const std::string& clientAddre
                 "</string></var>");
 }
 
+// A request as the program's client writes it: its first line, its headers, its body.
+struct HttpRequest {
+  std::string method = "GET";
+  std::string path = "/nVm?FunctionName=nvmGetDeviceStatus";
+  std::string host = "127.0.0.1";
+  std::string type = "text/xml";
+  std::string more = {};  // headers, line ends included
+  std::string body = Packet("");
+};
+
+std::string Text(const HttpRequest& request) {
+  return request.method + " " + request.path + " HTTP/1.1\r\nHost: " + request.host +
+         "\r\nAccept: */*\r\nUser-Agent: USER_AGENT\r\nContent-type: " + request.type +
+         "\r\nContent-length: " + std::to_string(request.body.size()) + "\r\n" + request.more +
+         "\r\n" + request.body;
+}
+
 std::string RequestFor(const std::string& function, const std::string& body) {
-  return "GET /nVm?FunctionName=" + function +
-         " HTTP/1.1\r\nContent-length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+  HttpRequest request;
+  request.path = "/nVm?FunctionName=" + function;
+  request.body = body;
+  return Text(request);
 }
 
 // The whole answer to these bytes.
@@ -44,12 +67,21 @@ std::string Send(const std::string& bytes) {
   return connection.ReceiveAll();
 }
 
+// A reply without its date.
+std::string Undated(const std::string& reply) {
+  static const std::regex date(
+      "\r\nDate: [A-Z][a-z]{2}, \\d\\d [A-Z][a-z]{2} \\d{4} [0-9:]{8} GMT");
+  return std::regex_replace(reply, date, "");
+}
+
 // The body of the answer, which must be a valid packet in a header of the usual form.
 std::string Ask(const std::string& function, const std::string& packet) {
   const std::string answer = Send(RequestFor(function, packet));
   const std::string body = answer.substr(std::min(answer.find("<?xml"), answer.size()));
-  EXPECT_EQ(answer, "HTTP/1.1 200 OK\r\ncontent-type: text/xml\r\ncontent-length: " +
-                        std::to_string(body.size()) + "\r\n\r\n" + body);
+  const std::string length = std::to_string(body.size());
+  EXPECT_EQ(Undated(answer),
+            "HTTP/1.1 200 OK\r\nConnection: close\r\ncontent-type: text/xml\r\ncontent-length: " +
+                length + "\r\nContent-Length: " + length + "\r\n\r\n" + body);
   EXPECT_THAT(WddxErrors(body), IsEmpty());
   return body;
 }
@@ -126,15 +158,10 @@ TEST_F(NvmServiceTest, ARequestWithoutAPacketIsRefused) {
 
 TEST_F(NvmServiceTest, ACommonHttpClientIsServed) {
   const Result result = Execute(
-      {{"/usr/bin/curl", "--silent", "--show-error", "-X", "GET", "-d", OwnerPacket("GARAGE"),
-        "http://127.0.0.1:5302/nVm?FunctionName=nvmAllocateDevice"}});
+      {{"/usr/bin/curl", "--silent", "--show-error", "-X", "GET", "-H", "Content-type: text/xml",
+        "-d", OwnerPacket("GARAGE"), "http://127.0.0.1:5302/nVm?FunctionName=nvmAllocateDevice"}});
   EXPECT_EQ(result.error, "");
   EXPECT_EQ(result.output, NvmReply("1", "GARAGE", "0", "0", ""));
-}
-
-TEST_F(NvmServiceTest, ARequestWithoutALengthHasNoBody) {
-  EXPECT_THAT(Send("GET /nVm?FunctionName=nvmGetDeviceStatus HTTP/1.1\r\n\r\n"),
-              HasSubstr("Request is no WDDX packet"));
 }
 
 TEST_F(NvmServiceTest, BytesBehindTheBodyAreIgnored) {
@@ -142,12 +169,164 @@ TEST_F(NvmServiceTest, BytesBehindTheBodyAreIgnored) {
               HasSubstr("<string>GARAGE</string>"));
 }
 
-TEST_F(NvmServiceTest, AnExternalEntityIsNotLoaded) {
+TEST_F(NvmServiceTest, AnExternalEntityIsRefused) {
   WriteText("/tmp/secret.txt", "secret");
-  const std::string answer =
+  EXPECT_EQ(
       Ask("nvmAllocateDevice", "<!DOCTYPE wddxPacket [<!ENTITY e SYSTEM '/tmp/secret.txt'>]>" +
-                                   OwnerPacket("GARAGE", "&e;"));
-  EXPECT_EQ(answer, NvmReply("1", "GARAGE", "", "0", ""));
+                                   OwnerPacket("GARAGE", "&e;")),
+      NvmReply("0", "", "", "4", "Request is no WDDX packet"));
+}
+
+TEST_F(NvmServiceTest, TheDocumentTypeIsNotLoaded) {
+  WriteText("/tmp/packet.dtd", "<!ENTITY e 'secret'>");
+  EXPECT_EQ(Ask("nvmAllocateDevice",
+                "<!DOCTYPE wddxPacket SYSTEM '/tmp/packet.dtd'>" + OwnerPacket("GARAGE", "&e;")),
+            NvmReply("1", "GARAGE", "", "0", ""));
+}
+
+// The most memory that the process ever held, in KiB.
+int MostMemory(pid_t process) {
+  const std::string status = ReadText("/proc/" + std::to_string(process) + "/status");
+  return std::stoi(status.substr(status.find("VmHWM:") + 6));
+}
+
+TEST_F(NvmServiceTest, EntitiesDoNotGrow) {
+  Ask("nvmGetDeviceStatus", Packet(""));
+  const int before = MostMemory(service_.Id());
+  std::string entities = "<!ENTITY e0 '" + std::string(100, 'x') + "'>";
+  for (int i = 1; i <= 20; ++i) {
+    const std::string inner = "&e" + std::to_string(i - 1) + ";";
+    entities += "<!ENTITY e" + std::to_string(i) + " '" + inner + inner + "'>";
+  }
+  EXPECT_EQ(Ask("nvmAllocateDevice",
+                "<!DOCTYPE wddxPacket [" + entities + "]>" + OwnerPacket("GARAGE", "&e20;")),
+            NvmReply("0", "", "", "4", "Request is no WDDX packet"));
+  EXPECT_LT(MostMemory(service_.Id()), before + 8 * 1024);
+}
+
+// --- Requests that no client of the service sends, but a web page could
+
+class NvmServiceRefuses : public NvmServiceTest {
+ protected:
+  // The request to release the device is refused with the status, and nothing else.
+  static void ExpectRefused(HttpRequest request, const std::string& status,
+                            const std::string& more = "") {
+    Ask("nvmAllocateDevice", OwnerPacket("GARAGE"));
+    if (request.path == HttpRequest().path) {
+      request.path = "/nVm?FunctionName=nvmReleaseDevice";
+    }
+    if (request.body == HttpRequest().body) {
+      request.body = OwnerPacket("GARAGE");
+    }
+    EXPECT_EQ(Undated(Send(Text(request))),
+              "HTTP/1.1 " + status +
+                  "\r\nConnection: close\r\ncontent-type: text/xml\r\ncontent-length: 0\r\n" +
+                  more + "Content-Length: 0\r\n\r\n");
+    EXPECT_THAT(NvmServiceStatements().back(), HasSubstr(": refused with " + status.substr(0, 3)));
+    EXPECT_EQ(Ask("nvmGetDeviceStatus", Packet("")), NvmReply("1", "GARAGE", "0", "0", ""));
+  }
+};
+
+TEST_F(NvmServiceRefuses, AForeignForm) {
+  HttpRequest form;
+  form.method = "POST";
+  form.type = "text/plain";
+  ExpectRefused(form, "405 Method Not Allowed", "allow: GET\r\n");
+}
+
+TEST_F(NvmServiceRefuses, AFormThatCarriesARequestOfItsOwn) {
+  HttpRequest form;
+  form.method = "POST";
+  form.type = "text/plain";
+  form.body = RequestFor("nvmReleaseDevice", OwnerPacket("GARAGE"));
+  ExpectRefused(form, "405 Method Not Allowed", "allow: GET\r\n");
+}
+
+TEST_F(NvmServiceRefuses, EveryOtherMethod) {
+  for (const std::string method : {"PUT", "DELETE", "OPTIONS", "PATCH", "get"}) {
+    HttpRequest request;
+    request.method = method;
+    ExpectRefused(request, "405 Method Not Allowed", "allow: GET\r\n");
+  }
+}
+
+TEST_F(NvmServiceRefuses, EveryOtherPath) {
+  for (const std::string path :
+       {"/", "/nvm?FunctionName=nvmReleaseDevice", "/nVm/?FunctionName=nvmReleaseDevice"}) {
+    HttpRequest request;
+    request.path = path;
+    ExpectRefused(request, "404 Not Found");
+  }
+}
+
+TEST_F(NvmServiceRefuses, EveryOtherParameter) {
+  for (const std::string path : {"/nVm", "/nVm?", "/nVm?FunctionName", "/nVm?Function=x",
+                                 "/nVm?FunctionName=nvmReleaseDevice&FunctionName=x"}) {
+    HttpRequest request;
+    request.path = path;
+    ExpectRefused(request, "400 Bad Request");
+  }
+}
+
+TEST_F(NvmServiceRefuses, WhatABrowserAdds) {
+  for (const std::string header :
+       {"Origin: http://127.0.0.1:5302", "Origin: null", "Referer: http://127.0.0.1/",
+        "Sec-Fetch-Site: none", "Sec-Purpose: prefetch", "Purpose: prefetch", "Upgrade: websocket",
+        "Connection: keep-alive", "Accept-Encoding: gzip", "Cookie: a=b", "X-Any: 1",
+        "Content-type: text/xml"}) {
+    HttpRequest request;
+    request.more = header + "\r\n";
+    ExpectRefused(request, "403 Forbidden");
+  }
+}
+
+TEST_F(NvmServiceRefuses, EveryOtherHost) {
+  for (const std::string host :
+       {"localhost", "127.0.0.2", "vemo.example", "127.0.0.1:80", "[::1]", "127.0.0.1.example"}) {
+    HttpRequest request;
+    request.host = host;
+    ExpectRefused(request, "403 Forbidden");
+  }
+}
+
+TEST_F(NvmServiceRefuses, EveryOtherContent) {
+  for (const std::string type : {"text/plain", "application/x-www-form-urlencoded",
+                                 "multipart/form-data; boundary=x", "text/xml, text/plain"}) {
+    HttpRequest request;
+    request.type = type;
+    ExpectRefused(request, "415 Unsupported Media Type");
+  }
+}
+
+TEST_F(NvmServiceTest, ARequestWithoutOneOfTheHeadersIsRefused) {
+  const std::string whole = RequestFor("nvmGetDeviceStatus", "");
+  for (const std::string header :
+       {"Host", "Accept", "User-Agent", "Content-type", "Content-length"}) {
+    const std::size_t begin = whole.find("\r\n" + header);
+    std::string request = whole;
+    request.erase(begin, whole.find("\r\n", begin + 2) - begin);
+    EXPECT_THAT(Send(request), testing::StartsWith("HTTP/1.1 400 ")) << request;
+  }
+}
+
+TEST_F(NvmServiceTest, ABodyInChunksIsRefused) {
+  HttpRequest request;
+  request.more = "Transfer-Encoding: chunked\r\n";
+  EXPECT_THAT(Send(Text(request)), testing::StartsWith("HTTP/1.1 4"));
+}
+
+TEST_F(NvmServiceTest, ARequestThatWaitsForLeaveIsRefused) {
+  HttpRequest request;
+  request.more = "Expect: 100-continue\r\n";
+  EXPECT_THAT(Send(Text(request)), HasSubstr("HTTP/1.1 403 "));
+}
+
+TEST_F(NvmServiceTest, ABodyBeyondTheLimitIsRefused) {
+  const std::string request = RequestFor("nvmGetDeviceStatus", std::string(4097, ' '));
+  EXPECT_THAT(Send(request.substr(0, request.find("\r\n\r\n") + 4)),
+              testing::StartsWith("HTTP/1.1 413 "));
+  EXPECT_THAT(Send(RequestFor("nvmGetDeviceStatus", Packet("") + std::string(3000, ' '))),
+              testing::EndsWith(FreeReply()));
 }
 
 // --- Clients that misbehave: the next one is served all the same
@@ -196,9 +375,13 @@ TEST_F(NvmServiceBeside, AClientWhoIsGoneWhenItIsAnswered) {
   const std::string state = "/proc/" + std::to_string(service_.Id()) + "/status";
   kill(service_.Id(), SIGSTOP);
   ASSERT_TRUE(Eventually([&] { return ReadText(state).find("\nState:\tT") != std::string::npos; }));
-  Connection client(ADDRESS, NVM_PORT);
-  client.Send(RequestFor("nvmGetDeviceStatus", Packet("")));
-  client.Reset();
+  {
+    Connection reset(ADDRESS, NVM_PORT);
+    reset.Send(RequestFor("nvmGetDeviceStatus", Packet("")));
+    reset.Reset();
+    Connection closed(ADDRESS, NVM_PORT);
+    closed.Send(RequestFor("nvmGetDeviceStatus", Packet("")));
+  }
   kill(service_.Id(), SIGCONT);
   ExpectOthersAreServed();
   EXPECT_TRUE(Eventually([] { return NvmServiceStatements().size() == 2; }));
@@ -206,22 +389,51 @@ TEST_F(NvmServiceBeside, AClientWhoIsGoneWhenItIsAnswered) {
 }
 
 TEST_F(NvmServiceBeside, AClientWhoseRequestIsNone) {
-  Connection client(ADDRESS, NVM_PORT);
-  client.Send(std::string("\0\xFF\r\n\r\n", 6));
-  EXPECT_THAT(client.ReceiveAll(), HasSubstr("Request is no WDDX packet"));
-  ExpectOthersAreServed();
+  for (const std::string& request :
+       {std::string("\0\xFF\r\n\r\n", 6), std::string("\r\n\r\n\r\n"), std::string("GET\r\n\r\n"),
+        std::string("GET  HTTP/1.1\r\n:\r\n\r\n")}) {
+    Connection client(ADDRESS, NVM_PORT);
+    client.Send(request);
+    ExpectOthersAreServed();
+  }
 }
 
 TEST_F(NvmServiceBeside, AClientWhoseHeadHasNoEnd) {
-  EXPECT_THAT(Send(std::string(64 * 1024, 'x')), HasSubstr("Request is no WDDX packet"));
+  Connection client(ADDRESS, NVM_PORT);
+  client.Send(std::string(64 * 1024, 'x'));
+  ExpectOthersAreServed();
+  EXPECT_TRUE(client.HasEnded());
+}
+
+TEST_F(NvmServiceBeside, ClientsWhoseTimeIsUp) {
+  Connection silent(ADDRESS, NVM_PORT);
+  Connection slow(ADDRESS, NVM_PORT);
+  slow.Send("GET /nVm?FunctionName=");
+  // As long as it sends, but for a bounded time.
+  EXPECT_TRUE(Eventually([&] {
+    slow.Send("x");
+    return slow.HasEnded(200);
+  }));
+  EXPECT_TRUE(silent.HasEnded());
+  ExpectOthersAreServed();
+}
+
+TEST_F(NvmServiceBeside, MoreSilentClientsThanAreServedAtOnce) {
+  std::vector<std::unique_ptr<Connection>> clients;
+  for (int i = 0; i < 300; ++i) {
+    clients.push_back(std::make_unique<Connection>(ADDRESS, NVM_PORT));
+  }
   ExpectOthersAreServed();
 }
 
 TEST_F(NvmServiceBeside, AClientWhoAnnouncesTheImpossible) {
   for (const std::string length : {"-1", "99999999999999999999999", "x"}) {
     Connection client(ADDRESS, NVM_PORT);
-    client.Send("GET /nVm?FunctionName=nvmGetDeviceStatus HTTP/1.1\r\nContent-Length: " + length +
-                "\r\n\r\n" + Packet(""));
+    client.Send(
+        "GET /nVm?FunctionName=nvmGetDeviceStatus HTTP/1.1\r\nHost: 127.0.0.1\r\nAccept: */*\r\n"
+        "User-Agent: USER_AGENT\r\nContent-type: text/xml\r\nContent-length: " +
+        length + "\r\n\r\n" + Packet(""));
+    EXPECT_THAT(client.ReceiveAll(), testing::StartsWith("HTTP/1.1 4"));
     ExpectOthersAreServed();
   }
 }
@@ -254,6 +466,75 @@ TEST_F(NvmServiceTest, LogsEachRequestAndRefusalsAsErrors) {
                           "ERROR nvmSellDevice: 4 Request is no WDDX packet; owner now: nobody"));
 }
 
+TEST_F(NvmServiceTest, ANameForgesNoLogLine) {
+  Ask("nvm%0D%0AForged", Packet(""));
+  Ask("nvmAllocateDevice", OwnerPacket("A&#10;B&#13;\xC2\x85\\"));
+  EXPECT_THAT(
+      NvmServiceStatements(),
+      ElementsAre("ERROR nvm\\x0D\\x0AForged: 5 Unknown function nvm\\x5Cx0D\\x5Cx0AForged; "
+                  "owner now: nobody",
+                  "INFO nvmAllocateDevice: 0 ; owner now: A\\x0AB\\x0D\\xC2\\x85\\x5C"));
+}
+
+TEST_F(NvmServiceTest, ALongNameIsShortened) {
+  const std::string shortened = std::string(100, 'f') + "...";
+  EXPECT_EQ(Ask(std::string(3000, 'f'), Packet("")),
+            NvmReply("0", "", "", "5", "Unknown function " + shortened));
+  Ask("nvmAllocateDevice", OwnerPacket(std::string(3000, 'o')));
+  EXPECT_THAT(NvmServiceStatements().back(),
+              testing::EndsWith("owner now: " + std::string(100, 'o') + "..."));
+}
+
+TEST_F(NvmServiceTest, LogsToANewFileAfterARename) {
+  Ask("nvmGetDeviceStatus", Packet(""));
+  std::filesystem::rename(NVM_SERVICE_LOG_FILE, "/tmp/nvm.log.1");
+  Ask("nvmReleaseDevice", Packet(""));
+  EXPECT_THAT(NvmServiceStatements(),
+              ElementsAre("ERROR nvmReleaseDevice: 2 Device is not allocated; owner now: nobody"));
+  EXPECT_EQ(Lines(ReadText("/tmp/nvm.log.1")).size(), 1);
+  // The file that a log rotation has made itself.
+  std::filesystem::rename(NVM_SERVICE_LOG_FILE, "/tmp/nvm.log.1");
+  WriteText(NVM_SERVICE_LOG_FILE, "");
+  Ask("nvmGetDeviceStatus", Packet(""));
+  EXPECT_EQ(NvmServiceStatements().size(), 1);
+}
+
+// --- Want: of threads, descriptors and memory
+
+std::function<void()> Limit(int resource, rlim_t value) {
+  return [=] {
+    const rlimit limit = {value, value};
+    setrlimit(static_cast<__rlimit_resource>(resource), &limit);
+  };
+}
+
+TEST(NvmServiceWant, OfThreads) {
+  const NvmService service(ADDRESS, Limit(RLIMIT_NPROC, 0));
+  EXPECT_EQ(Ask("nvmGetDeviceStatus", Packet("")), FreeReply());
+}
+
+TEST(NvmServiceWant, OfDescriptors) {
+  const NvmService service(ADDRESS, Limit(RLIMIT_NOFILE, 16));
+  {
+    std::vector<std::unique_ptr<Connection>> clients;
+    for (int i = 0; i < 32; ++i) {
+      clients.push_back(std::make_unique<Connection>(ADDRESS, NVM_PORT));
+    }
+  }
+  EXPECT_EQ(Ask("nvmGetDeviceStatus", Packet("")), FreeReply());
+}
+
+TEST(NvmServiceWant, OfMemory) {
+  NvmService service(ADDRESS, Limit(RLIMIT_AS, 48 * 1024 * 1024));
+  std::vector<std::unique_ptr<Connection>> clients;
+  for (int i = 0; i < 250; ++i) {
+    clients.push_back(std::make_unique<Connection>(ADDRESS, NVM_PORT));
+    clients.back()->Send(RequestFor("nvmAllocateDevice", OwnerPacket(std::string(3900, '&'))));
+  }
+  clients.clear();
+  EXPECT_EQ(Ask("nvmGetDeviceStatus", Packet("")), FreeReply());
+}
+
 // --- Beginning and end
 
 TEST_F(NvmServiceTest, EndsOnATerminationSignal) {
@@ -271,7 +552,9 @@ TEST_F(NvmServiceTest, AServiceOnAnotherAddressMayRunBeside) {
   const NvmService other("127.0.0.2");
   Ask("nvmAllocateDevice", OwnerPacket("GARAGE"));
   Connection client("127.0.0.2", NVM_PORT);
-  client.Send(RequestFor("nvmGetDeviceStatus", Packet("")));
+  HttpRequest request;
+  request.host = "127.0.0.2";
+  client.Send(Text(request));
   EXPECT_THAT(client.ReceiveAll(), testing::EndsWith(FreeReply()));
 }
 

@@ -61,7 +61,8 @@ class SiblingPages : public testing::Test {
   // An owner other than the web interface allocates the device.
   static void AllocateAs(const std::string& owner) {
     const Result result = Execute(
-        {{"/usr/bin/curl", "--silent", "--request", "GET", "--data",
+        {{"/usr/bin/curl", "--silent", "--request", "GET", "--header", "Content-type: text/xml",
+          "--data",
           "<wddxPacket version='1.0'><header/><data><struct><var name='DeviceOwner'><string>" +
               owner + "</string></var></struct></data></wddxPacket>",
           "http://127.0.0.1:5302/nVm?FunctionName=nvmAllocateDevice"}});

@@ -33,7 +33,7 @@ TEST(ToggleCommand, EndsWith255WithoutAService) {
 TEST(ToggleCommand, WhatTheServiceRefusesIsNoFailure) {
   const NvmService service;
   const Result allocation =
-      Execute({{"/usr/bin/curl", "-s", "-X", "GET", "-d",
+      Execute({{"/usr/bin/curl", "-s", "-X", "GET", "-H", "Content-type: text/xml", "-d",
                 "<wddxPacket><data><struct><var name='DeviceOwner'><string>GARAGE</string></var>"
                 "</struct></data></wddxPacket>",
                 "http://127.0.0.1:5302/nVm?FunctionName=nvmAllocateDevice"}});

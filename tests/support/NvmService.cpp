@@ -10,22 +10,24 @@
 
 namespace {
 
-Command Start(const std::string& address) {
+Command Start(const std::string& address, const std::function<void()>& prepare) {
   std::filesystem::remove(NVM_SERVICE_LOG_FILE);
   Command command;
   command.words = {"/build/device/bin/nvm-service", address};
+  command.prepare = prepare;
   return command;
 }
 
 }  // namespace
 
-NvmService::NvmService(const std::string& address) : process_(Start(address)) {
+NvmService::NvmService(const std::string& address, const std::function<void()>& prepare)
+    : process_(Start(address, prepare)) {
   EXPECT_TRUE(Eventually([&] { return IsListening(address, NVM_PORT); }));
 }
 
 std::vector<std::string> NvmServiceStatements() {
   static const std::regex columns(
-      R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6}  ([A-Z]+) +nvm +\d+ +device/nvm/Service +1 +)");
+      R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6}  ([A-Z]+) +nvm +\d+ +device/nvm/Service +\d +)");
   std::vector<std::string> statements;
   for (const std::string& line : Lines(ReadText(NVM_SERVICE_LOG_FILE))) {
     statements.push_back(std::regex_replace(line, columns, "$1 "));

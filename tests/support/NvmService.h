@@ -1,6 +1,7 @@
 // The stand-in device's nVm service.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -11,7 +12,9 @@ constexpr char NVM_SERVICE_LOG_FILE[] = "/tmp/nvm.log";
 // The service in the background: it listens when the constructor returns, and its log is new.
 class NvmService {
  public:
-  explicit NvmService(const std::string& address = "127.0.0.1");
+  // `prepare` as in Command.
+  explicit NvmService(const std::string& address = "127.0.0.1",
+                      const std::function<void()>& prepare = {});
 
   pid_t Id() const { return process_.Id(); }
   Result End(int signal) { return process_.End(signal); }

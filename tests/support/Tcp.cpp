@@ -8,6 +8,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 
 #include "Files.h"
@@ -72,7 +73,7 @@ Connection::~Connection() {
 
 void Connection::Send(const std::string& text) {
   const ssize_t count = send(socket_, text.data(), text.size(), MSG_NOSIGNAL);
-  EXPECT_EQ(count, static_cast<ssize_t>(text.size()));
+  EXPECT_TRUE(count == static_cast<ssize_t>(text.size()) || errno == EPIPE || errno == ECONNRESET);
 }
 
 void Connection::Reset() {
@@ -92,6 +93,17 @@ std::string Connection::ReceiveAll() {
   }
   EXPECT_EQ(count, 0) << "the other side did not close; so far it sent: " << received;
   return received;
+}
+
+bool Connection::HasEnded(int milliseconds) {
+  pollfd ready = {socket_, POLLIN, 0};
+  char chunk[4096];
+  while (poll(&ready, 1, milliseconds) == 1) {
+    if (recv(socket_, chunk, sizeof chunk, 0) <= 0) {
+      return true;
+    }
+  }
+  return false;
 }
 
 bool IsListening(const std::string& address, std::uint16_t port) {

@@ -34,6 +34,7 @@ class Connection {
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
+  // It may be that the other side has ended the connection.
   void Send(const std::string& text);
 
   // Says that nothing more comes, and then resets the connection.
@@ -41,6 +42,10 @@ class Connection {
 
   // What comes until the other side closes.
   std::string ReceiveAll();
+
+  // Whether the other side closes or resets the connection within the time; what it sends until
+  // then is thrown away.
+  bool HasEnded(int milliseconds = 20000);
 
  private:
   int socket_;
