@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <regex>
 
 #include "Files.h"
 #include "NvmService.h"
@@ -67,21 +66,11 @@ std::string Send(const std::string& bytes) {
   return connection.ReceiveAll();
 }
 
-// A reply without its date.
-std::string Undated(const std::string& reply) {
-  static const std::regex date(
-      "\r\nDate: [A-Z][a-z]{2}, \\d\\d [A-Z][a-z]{2} \\d{4} [0-9:]{8} GMT");
-  return std::regex_replace(reply, date, "");
-}
-
 // The body of the answer, which must be a valid packet in a header of the usual form.
 std::string Ask(const std::string& function, const std::string& packet) {
   const std::string answer = Send(RequestFor(function, packet));
   const std::string body = answer.substr(std::min(answer.find("<?xml"), answer.size()));
-  const std::string length = std::to_string(body.size());
-  EXPECT_EQ(Undated(answer),
-            "HTTP/1.1 200 OK\r\nConnection: close\r\ncontent-type: text/xml\r\ncontent-length: " +
-                length + "\r\nContent-Length: " + length + "\r\n\r\n" + body);
+  EXPECT_EQ(Undated(answer), NvmHttpReply(body));
   EXPECT_THAT(WddxErrors(body), IsEmpty());
   return body;
 }
@@ -175,6 +164,12 @@ TEST_F(NvmServiceTest, AnExternalEntityIsRefused) {
       Ask("nvmAllocateDevice", "<!DOCTYPE wddxPacket [<!ENTITY e SYSTEM '/tmp/secret.txt'>]>" +
                                    OwnerPacket("GARAGE", "&e;")),
       NvmReply("0", "", "", "4", "Request is no WDDX packet"));
+}
+
+TEST_F(NvmServiceTest, APacketIsReadAsUtf8WhateverItSays) {
+  EXPECT_EQ(Ask("nvmAllocateDevice",
+                "<?xml version='1.0' encoding='ISO-2022-CN-EXT'?>" + OwnerPacket("M\xC3\xBCLLER")),
+            NvmReply("1", "M\xC3\xBCLLER", "0", "0", ""));
 }
 
 TEST_F(NvmServiceTest, TheDocumentTypeIsNotLoaded) {

@@ -57,3 +57,15 @@ std::string FreeReply() {
 std::string AllocatedReply() {
   return NvmReply("1", "VEMO_WEB", "0", "0", "");
 }
+
+std::string NvmHttpReply(const std::string& body) {
+  const std::string length = std::to_string(body.size());
+  return "HTTP/1.1 200 OK\r\nConnection: close\r\ncontent-type: text/xml\r\ncontent-length: " +
+         length + "\r\nContent-Length: " + length + "\r\n\r\n" + body;
+}
+
+std::string Undated(const std::string& text) {
+  static const std::regex date(
+      R"(\r\nDate: [A-Z][a-z]{2}, \d\d [A-Z][a-z]{2} \d{4} \d\d:\d\d:\d\d GMT)");
+  return std::regex_replace(text, date, "");
+}

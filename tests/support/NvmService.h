@@ -32,3 +32,9 @@ std::string NvmReply(const std::string& isAllocated, const std::string& owner,
                      const std::string& message);
 std::string FreeReply();       // nobody holds the device
 std::string AllocatedReply();  // the web interface holds it
+
+// A reply with this body as it comes over the connection, but for its date.
+std::string NvmHttpReply(const std::string& body);
+
+// The text without the date headers in it.
+std::string Undated(const std::string& text);
