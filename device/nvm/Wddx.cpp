@@ -4,6 +4,7 @@
 #include <libxml/tree.h>
 
 #include <memory>
+#include <new>
 
 namespace {
 
@@ -48,13 +49,17 @@ xmlDocPtr Parse(const std::string& text) {
   }
   parser->sax->entityDecl = StopAtDeclaration;
   // Whatever it says of its encoding: no converter is to be loaded.
-  return xmlCtxtReadMemory(parser.get(), text.data(), static_cast<int>(text.size()), "request.xml",
-                           "UTF-8", XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_NONET);
+  return xmlCtxtReadMemory(
+      parser.get(), text.data(), static_cast<int>(text.size()), "request.xml", "UTF-8",
+      XML_PARSE_IGNORE_ENC | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_NONET);
 }
 
 }  // namespace
 
 std::optional<std::map<std::string, std::string>> ReadPacket(const std::string& text) {
+  // libxml2 may crash where memory ends: throw before it does.
+  constexpr std::size_t ENOUGH_BYTES = 4 * 1024 * 1024;
+  operator delete(operator new(ENOUGH_BYTES));
   const std::unique_ptr<xmlDoc, decltype(&xmlFreeDoc)> document(Parse(text), xmlFreeDoc);
   const xmlNodePtr root = xmlDocGetRootElement(document.get());
   const xmlNodePtr data = FindElement(root, "data");
