@@ -10,8 +10,8 @@
 
 class RotatedLog : public LogHandlerClient {
  public:
-  // The file's directory, name and layout as in LogClientFile and LogClient::SetLayout. It is
-  // opened at the first event.
+  // Opens the file and appends to it, as LogClientFile does; the layout as in
+  // LogClient::SetLayout.
   RotatedLog(const std::string& path, LogLayout* layout);
 
   // Writes the event to the file that has the path now, made when it is missing. Where it cannot be
