@@ -1,16 +1,16 @@
 // The HTTP side of the nVm service: libmicrohttpd, held to what the service's clients send.
 //
 // One thread, so that there is none to be exhausted and nothing to be locked. A connection carries
-// one request. Served is a request of this form alone, which no web page can make a browser send (a
-// GET with a body):
+// one request. Served is a GET with its order in its body, which no web page can make a browser
+// send:
 //
-//   GET /nVm?FunctionName=NAME      and these five headers, each once, and no other:
-//   Host                            the address of the service, with or without its port
-//   Content-type                    text/xml
-//   Content-length                  the body's, at most 4 KiB
-//   Accept, User-Agent              any
+//   GET /nVm?FunctionName=NAME
+//   Host             the address of the service, with or without its port
+//   Content-length   the body's, at most 4 KiB
 //
-// Everything else gets an HTTP error status and an empty body, and reaches nobody.
+// and beside these no other headers than Accept, User-Agent, Content-type, Connection and
+// Accept-Encoding, which HTTP libraries send, each once at most. Everything else gets an HTTP error
+// status and an empty body, and reaches nobody.
 #pragma once
 
 #include <cstdint>
