@@ -33,7 +33,7 @@ namespace {
 
 constexpr char SOURCE[] = "device/nvm/Service";
 constexpr char SERVICE_LOG_FILE[] = "/tmp/nvm.log";
-constexpr std::size_t MOST_REQUEST_BYTES = 64 * 1024;
+constexpr std::size_t MOST_REQUEST_BYTES = std::size_t{64} * 1024;
 
 // Everything that the threads share, the log included.
 std::mutex serviceMutex;
