@@ -19,34 +19,21 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-const std::string ADDRESS = "127.0.0.1";
-
 std::string Packet(const std::string& variables) {
   return "<wddxPacket version='1.0'><header/><data><struct>" + variables +
          "</struct></data></wddxPacket>";
 }
 
-std::string OwnerPacket(const std::string& owner, const std::string& clientAddress = "0") {
-  return Packet("<var name='DeviceOwner'><string>" + owner +
-                "</string></var>\n<var name='IfhClientIpAddr'><string>" + clientAddress +
-                "</string></var>");
-}
-
-std::string RequestFor(const std::string& function, const std::string& body) {
-  return "GET /nVm?FunctionName=" + function +
-         " HTTP/1.1\r\nContent-length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
-}
-
 // The whole answer to these bytes.
 std::string Send(const std::string& bytes) {
-  Connection connection(ADDRESS, NVM_PORT);
+  Connection connection(NVM_ADDRESS, NVM_PORT);
   connection.Send(bytes);
   return connection.ReceiveAll();
 }
 
 // The body of the answer, which must be a valid packet in a header of the usual form.
 std::string Ask(const std::string& function, const std::string& packet) {
-  const std::string answer = Send(RequestFor(function, packet));
+  const std::string answer = Send(NvmRequest(function, packet));
   const std::string body = answer.substr(std::min(answer.find("<?xml"), answer.size()));
   EXPECT_EQ(answer, "HTTP/1.1 200 OK\r\ncontent-type: text/xml\r\ncontent-length: " +
                         std::to_string(body.size()) + "\r\n\r\n" + body);
@@ -66,36 +53,36 @@ TEST_F(NvmServiceTest, InTheBeginningTheDeviceIsFree) {
 }
 
 TEST_F(NvmServiceTest, AFreeDeviceIsGivenToWhoeverAsks) {
-  EXPECT_EQ(Ask("nvmAllocateDevice", OwnerPacket("GARAGE", "10.0.0.7")),
+  EXPECT_EQ(Ask("nvmAllocateDevice", NvmOwnerPacket("GARAGE", "10.0.0.7")),
             NvmReply("1", "GARAGE", "10.0.0.7", "0", ""));
   EXPECT_EQ(Ask("nvmGetDeviceStatus", Packet("")), NvmReply("1", "GARAGE", "10.0.0.7", "0", ""));
 }
 
 TEST_F(NvmServiceTest, AnAllocatedDeviceIsRefusedToAnotherOwner) {
-  Ask("nvmAllocateDevice", OwnerPacket("GARAGE"));
-  EXPECT_EQ(Ask("nvmAllocateDevice", OwnerPacket("VEMO_WEB")),
+  Ask("nvmAllocateDevice", NvmOwnerPacket("GARAGE"));
+  EXPECT_EQ(Ask("nvmAllocateDevice", NvmOwnerPacket("VEMO_WEB")),
             NvmReply("1", "GARAGE", "0", "1", "Device is allocated by GARAGE"));
 }
 
 TEST_F(NvmServiceTest, AnOwnerMayAllocateAgain) {
-  Ask("nvmAllocateDevice", OwnerPacket("GARAGE", "10.0.0.7"));
-  EXPECT_EQ(Ask("nvmAllocateDevice", OwnerPacket("GARAGE", "10.0.0.8")),
+  Ask("nvmAllocateDevice", NvmOwnerPacket("GARAGE", "10.0.0.7"));
+  EXPECT_EQ(Ask("nvmAllocateDevice", NvmOwnerPacket("GARAGE", "10.0.0.8")),
             NvmReply("1", "GARAGE", "10.0.0.8", "0", ""));
 }
 
 TEST_F(NvmServiceTest, ADeviceIsReleasedByItsOwner) {
-  Ask("nvmAllocateDevice", OwnerPacket("GARAGE"));
-  EXPECT_EQ(Ask("nvmReleaseDevice", OwnerPacket("GARAGE")), NvmReply("0", "", "", "0", ""));
+  Ask("nvmAllocateDevice", NvmOwnerPacket("GARAGE"));
+  EXPECT_EQ(Ask("nvmReleaseDevice", NvmOwnerPacket("GARAGE")), NvmReply("0", "", "", "0", ""));
 }
 
 TEST_F(NvmServiceTest, ADeviceIsNotReleasedBySomebodyElse) {
-  Ask("nvmAllocateDevice", OwnerPacket("GARAGE"));
-  EXPECT_EQ(Ask("nvmReleaseDevice", OwnerPacket("VEMO_WEB")),
+  Ask("nvmAllocateDevice", NvmOwnerPacket("GARAGE"));
+  EXPECT_EQ(Ask("nvmReleaseDevice", NvmOwnerPacket("VEMO_WEB")),
             NvmReply("1", "GARAGE", "0", "1", "Device is allocated by GARAGE"));
 }
 
 TEST_F(NvmServiceTest, AFreeDeviceCannotBeReleased) {
-  EXPECT_EQ(Ask("nvmReleaseDevice", OwnerPacket("VEMO_WEB")),
+  EXPECT_EQ(Ask("nvmReleaseDevice", NvmOwnerPacket("VEMO_WEB")),
             NvmReply("0", "", "", "2", "Device is not allocated"));
 }
 
@@ -105,7 +92,7 @@ TEST_F(NvmServiceTest, AnOwnerMustHaveAName) {
 }
 
 TEST_F(NvmServiceTest, TextsAreEscapedInTheReply) {
-  EXPECT_EQ(Ask("nvmAllocateDevice", OwnerPacket("&lt;A&amp;B&gt;")),
+  EXPECT_EQ(Ask("nvmAllocateDevice", NvmOwnerPacket("&lt;A&amp;B&gt;")),
             NvmReply("1", "&lt;A&amp;B&gt;", "0", "0", ""));
 }
 
@@ -126,7 +113,7 @@ TEST_F(NvmServiceTest, ARequestWithoutAPacketIsRefused) {
 
 TEST_F(NvmServiceTest, ACommonHttpClientIsServed) {
   const Result result = Execute(
-      {{"/usr/bin/curl", "--silent", "--show-error", "-X", "GET", "-d", OwnerPacket("GARAGE"),
+      {{"/usr/bin/curl", "--silent", "--show-error", "-X", "GET", "-d", NvmOwnerPacket("GARAGE"),
         "http://127.0.0.1:5302/nVm?FunctionName=nvmAllocateDevice"}});
   EXPECT_EQ(result.error, "");
   EXPECT_EQ(result.output, NvmReply("1", "GARAGE", "0", "0", ""));
@@ -138,7 +125,7 @@ TEST_F(NvmServiceTest, ARequestWithoutALengthHasNoBody) {
 }
 
 TEST_F(NvmServiceTest, BytesBehindTheBodyAreIgnored) {
-  EXPECT_THAT(Send(RequestFor("nvmAllocateDevice", OwnerPacket("GARAGE")) + "<more/>"),
+  EXPECT_THAT(Send(NvmRequest("nvmAllocateDevice", NvmOwnerPacket("GARAGE")) + "<more/>"),
               HasSubstr("<string>GARAGE</string>"));
 }
 
@@ -146,7 +133,7 @@ TEST_F(NvmServiceTest, AnExternalEntityIsNotLoaded) {
   WriteText("/tmp/secret.txt", "secret");
   const std::string answer =
       Ask("nvmAllocateDevice", "<!DOCTYPE wddxPacket [<!ENTITY e SYSTEM '/tmp/secret.txt'>]>" +
-                                   OwnerPacket("GARAGE", "&e;"));
+                                   NvmOwnerPacket("GARAGE", "&e;"));
   EXPECT_EQ(answer, NvmReply("1", "GARAGE", "", "0", ""));
 }
 
@@ -160,15 +147,15 @@ class NvmServiceBeside : public NvmServiceTest {
 };
 
 TEST_F(NvmServiceBeside, SilentClients) {
-  const Connection first(ADDRESS, NVM_PORT);
-  const Connection second(ADDRESS, NVM_PORT);
-  const Connection third(ADDRESS, NVM_PORT);
+  const Connection first(NVM_ADDRESS, NVM_PORT);
+  const Connection second(NVM_ADDRESS, NVM_PORT);
+  const Connection third(NVM_ADDRESS, NVM_PORT);
   ExpectOthersAreServed();
 }
 
 TEST_F(NvmServiceBeside, ASlowClientWhoIsServedInTheEnd) {
-  Connection slow(ADDRESS, NVM_PORT);
-  const std::string request = RequestFor("nvmGetDeviceStatus", Packet(""));
+  Connection slow(NVM_ADDRESS, NVM_PORT);
+  const std::string request = NvmRequest("nvmGetDeviceStatus", Packet(""));
   for (std::size_t i = 0; i < request.size(); ++i) {
     slow.Send(request.substr(i, 1));
     if (i % 50 == 0) {
@@ -179,14 +166,14 @@ TEST_F(NvmServiceBeside, ASlowClientWhoIsServedInTheEnd) {
 }
 
 TEST_F(NvmServiceBeside, ClientsThatGoAwayEarly) {
-  { const Connection silent(ADDRESS, NVM_PORT); }
+  { const Connection silent(NVM_ADDRESS, NVM_PORT); }
   {
-    Connection hasty(ADDRESS, NVM_PORT);
+    Connection hasty(NVM_ADDRESS, NVM_PORT);
     hasty.Send("GET /nVm?FunctionName=nvmGetDev");
   }
   {
-    Connection deaf(ADDRESS, NVM_PORT);
-    deaf.Send(RequestFor("nvmGetDeviceStatus", Packet("")));
+    Connection deaf(NVM_ADDRESS, NVM_PORT);
+    deaf.Send(NvmRequest("nvmGetDeviceStatus", Packet("")));
   }
   ExpectOthersAreServed();
 }
@@ -196,8 +183,8 @@ TEST_F(NvmServiceBeside, AClientWhoIsGoneWhenItIsAnswered) {
   const std::string state = "/proc/" + std::to_string(service_.Id()) + "/status";
   kill(service_.Id(), SIGSTOP);
   ASSERT_TRUE(Eventually([&] { return ReadText(state).find("\nState:\tT") != std::string::npos; }));
-  Connection client(ADDRESS, NVM_PORT);
-  client.Send(RequestFor("nvmGetDeviceStatus", Packet("")));
+  Connection client(NVM_ADDRESS, NVM_PORT);
+  client.Send(NvmRequest("nvmGetDeviceStatus", Packet("")));
   client.Reset();
   kill(service_.Id(), SIGCONT);
   ExpectOthersAreServed();
@@ -206,7 +193,7 @@ TEST_F(NvmServiceBeside, AClientWhoIsGoneWhenItIsAnswered) {
 }
 
 TEST_F(NvmServiceBeside, AClientWhoseRequestIsNone) {
-  Connection client(ADDRESS, NVM_PORT);
+  Connection client(NVM_ADDRESS, NVM_PORT);
   client.Send(std::string("\0\xFF\r\n\r\n", 6));
   EXPECT_THAT(client.ReceiveAll(), HasSubstr("Request is no WDDX packet"));
   ExpectOthersAreServed();
@@ -219,7 +206,7 @@ TEST_F(NvmServiceBeside, AClientWhoseHeadHasNoEnd) {
 
 TEST_F(NvmServiceBeside, AClientWhoAnnouncesTheImpossible) {
   for (const std::string length : {"-1", "99999999999999999999999", "x"}) {
-    Connection client(ADDRESS, NVM_PORT);
+    Connection client(NVM_ADDRESS, NVM_PORT);
     client.Send("GET /nVm?FunctionName=nvmGetDeviceStatus HTTP/1.1\r\nContent-Length: " + length +
                 "\r\n\r\n" + Packet(""));
     ExpectOthersAreServed();
@@ -229,8 +216,8 @@ TEST_F(NvmServiceBeside, AClientWhoAnnouncesTheImpossible) {
 TEST_F(NvmServiceBeside, ADozenClientsAtOnce) {
   std::vector<std::unique_ptr<Connection>> clients;
   for (int i = 0; i < 12; ++i) {
-    clients.push_back(std::make_unique<Connection>(ADDRESS, NVM_PORT));
-    clients.back()->Send(RequestFor("nvmGetDeviceStatus", Packet("")));
+    clients.push_back(std::make_unique<Connection>(NVM_ADDRESS, NVM_PORT));
+    clients.back()->Send(NvmRequest("nvmGetDeviceStatus", Packet("")));
   }
   for (const auto& client : clients) {
     EXPECT_THAT(client->ReceiveAll(), testing::EndsWith(FreeReply()));
@@ -240,10 +227,10 @@ TEST_F(NvmServiceBeside, ADozenClientsAtOnce) {
 // --- The log
 
 TEST_F(NvmServiceTest, LogsEachRequestAndRefusalsAsErrors) {
-  Ask("nvmAllocateDevice", OwnerPacket("GARAGE"));
-  Ask("nvmAllocateDevice", OwnerPacket("VEMO_WEB"));
+  Ask("nvmAllocateDevice", NvmOwnerPacket("GARAGE"));
+  Ask("nvmAllocateDevice", NvmOwnerPacket("VEMO_WEB"));
   Ask("nvmGetDeviceStatus", Packet(""));
-  Ask("nvmReleaseDevice", OwnerPacket("GARAGE"));
+  Ask("nvmReleaseDevice", NvmOwnerPacket("GARAGE"));
   Ask("nvmSellDevice", "");
   EXPECT_THAT(NvmServiceStatements(),
               ElementsAre("INFO nvmAllocateDevice: 0 ; owner now: GARAGE",
@@ -258,20 +245,20 @@ TEST_F(NvmServiceTest, LogsEachRequestAndRefusalsAsErrors) {
 
 TEST_F(NvmServiceTest, EndsOnATerminationSignal) {
   EXPECT_EQ(service_.End(SIGTERM).signal, SIGTERM);
-  EXPECT_FALSE(IsListening(ADDRESS, NVM_PORT));
+  EXPECT_FALSE(IsListening(NVM_ADDRESS, NVM_PORT));
 }
 
 TEST_F(NvmServiceTest, ASecondServiceDoesNotStart) {
-  const Result result = Execute({{"/build/device/bin/nvm-service"}});
+  const Result result = Execute({{NVM_SERVICE}});
   EXPECT_EQ(result.exitStatus, 1);
   EXPECT_EQ(result.error, "nvm-service: can't listen on 127.0.0.1:5302: Address already in use\n");
 }
 
 TEST_F(NvmServiceTest, AServiceOnAnotherAddressMayRunBeside) {
   const NvmService other("127.0.0.2");
-  Ask("nvmAllocateDevice", OwnerPacket("GARAGE"));
+  Ask("nvmAllocateDevice", NvmOwnerPacket("GARAGE"));
   Connection client("127.0.0.2", NVM_PORT);
-  client.Send(RequestFor("nvmGetDeviceStatus", Packet("")));
+  client.Send(NvmRequest("nvmGetDeviceStatus", Packet("")));
   EXPECT_THAT(client.ReceiveAll(), testing::EndsWith(FreeReply()));
 }
 
@@ -285,7 +272,7 @@ TEST(NvmServiceStart, ARestartedServiceListensAtOnce) {
 }
 
 TEST(NvmServiceStart, AMalformedAddressIsRefused) {
-  const Result result = Execute({{"/build/device/bin/nvm-service", "here"}});
+  const Result result = Execute({{NVM_SERVICE, "here"}});
   EXPECT_EQ(result.exitStatus, 1);
   EXPECT_EQ(result.error, "nvm-service: can't listen on here:5302: Invalid argument\n");
 }

@@ -8,30 +8,22 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
+#include "Record.h"
 
 namespace {
 
 bool IsWatched(int descriptor) {
   struct stat watched;
   struct stat written;
-  return stat(std::getenv("WATCHED_FILE"), &watched) == 0 && fstat(descriptor, &written) == 0 &&
+  return stat(Setting("WATCHED_FILE").c_str(), &watched) == 0 && fstat(descriptor, &written) == 0 &&
          watched.st_dev == written.st_dev && watched.st_ino == written.st_ino;
-}
-
-void Record(size_t size) {
-  if (std::FILE* const record = std::fopen(std::getenv("WRITES_RECORD"), "a")) {
-    std::fprintf(record, "%zu\n", size);
-    std::fclose(record);
-  }
 }
 
 }  // namespace
 
 extern "C" ssize_t write(int descriptor, const void* bytes, size_t size) {
   if (IsWatched(descriptor)) {
-    Record(size);
+    Record("WRITES_RECORD", std::to_string(size));
   }
   return syscall(SYS_write, descriptor, bytes, size);
 }

@@ -2,12 +2,13 @@
 // unmodified program. Watched are the calls on paths below one folder, and on the descriptors that
 // they open. What the test sets in the environment:
 //
-// FAILING_CALLS_FOLDER   the folder; without it nothing is watched
-// FAILING_CALLS_TRACE    a file to which every watched call is appended, a line each
-// FAILING_CALLS          "3": the third of the watched calls fails; "3-": and all that follow it
-// FAILING_CALLS_ERROR    the errno that it fails with; without it the process is killed there
-// FAILING_CALLS_PIECE    the most bytes that one read or write moves
-// FAILING_CALLS_OWNER    who stat says owns the files, user and group; the files may then be given
+// FAILING_FILE_CALLS_FOLDER   the folder; without it nothing is watched
+// FAILING_FILE_CALLS_TRACE    a file to which every watched call is appended, a line each
+// FAILING_FILE_CALLS          "3": the third of the watched calls fails; "3-": and all that follow
+// it FAILING_FILE_CALLS_ERROR    the errno that it fails with; without it the process is killed
+// there FAILING_FILE_CALLS_PIECE    the most bytes that one read or write moves
+// FAILING_FILE_CALLS_OWNER    who stat says owns the files, user and group; the files may then be
+// given
 //                        to anybody
 //
 // unlink is not among them: nobody could tidy up without it.
@@ -21,10 +22,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
 #include <map>
-#include <string>
+
+#include "Record.h"
 
 namespace {
 
@@ -38,51 +38,32 @@ std::map<int, std::string>& Names() {
 
 // The path within the watched folder; empty outside it.
 std::string NameOf(const char* path) {
-  const char* const folder = std::getenv("FAILING_CALLS_FOLDER");
-  if (folder == nullptr) {
+  const std::string folder = Setting("FAILING_FILE_CALLS_FOLDER");
+  const std::string text = path;
+  if (folder.empty() || text.rfind(folder, 0) != 0) {
     return "";
   }
-  const std::string text = path;
-  const std::string start = std::string(folder) + "/";
-  if (text == folder) {
-    return ".";
-  }
-  return text.compare(0, start.size(), start) == 0 ? text.substr(start.size()) : "";
-}
-
-void Record(const std::string& call) {
-  const char* const path = std::getenv("FAILING_CALLS_TRACE");
-  if (path == nullptr) {
-    return;
-  }
-  if (std::FILE* const file = std::fopen(path, "a")) {
-    std::fprintf(file, "%s\n", call.c_str());
-    std::fclose(file);
-  }
+  const std::string rest = text.substr(folder.size());
+  return rest.empty() ? "." : rest[0] == '/' ? rest.substr(1) : "";
 }
 
 bool IsChosen(int number) {
-  const char* const choice = std::getenv("FAILING_CALLS");
-  if (choice == nullptr) {
-    return false;
-  }
-  char* end = nullptr;
-  const long first = std::strtol(choice, &end, 10);
-  return *end == '-' ? number >= first : number == first;
+  const std::string choice = Setting("FAILING_FILE_CALLS");
+  const int first = std::atoi(choice.c_str());
+  return !choice.empty() && (choice.back() == '-' ? number >= first : number == first);
 }
 
 // Whether this watched call must fail; errno says why.
 bool Fails(const std::string& call) {
-  Record(call);
+  Record("FAILING_FILE_CALLS_TRACE", call);
   if (!IsChosen(++callCount)) {
     return false;
   }
-  const char* const error = std::getenv("FAILING_CALLS_ERROR");
-  if (error == nullptr) {
+  const std::string error = Setting("FAILING_FILE_CALLS_ERROR");
+  if (error.empty()) {
     raise(SIGKILL);
-  } else {
-    errno = std::atoi(error);
   }
+  errno = std::atoi(error.c_str());
   return true;
 }
 
@@ -97,9 +78,9 @@ bool FailsOn(const char* path, const std::string& call, const std::string& argum
 }
 
 std::size_t Piece(int descriptor, std::size_t size) {
-  const char* const most = std::getenv("FAILING_CALLS_PIECE");
-  const bool isWhole = most == nullptr || Names().count(descriptor) == 0;
-  return isWhole ? size : std::min<std::size_t>(size, std::strtoul(most, nullptr, 10));
+  const std::string most = Setting("FAILING_FILE_CALLS_PIECE");
+  const bool isWhole = most.empty() || Names().count(descriptor) == 0;
+  return isWhole ? size : std::min<std::size_t>(size, std::stoul(most));
 }
 
 std::string Octal(mode_t mode) {
@@ -184,7 +165,7 @@ int fchown(int descriptor, uid_t user, gid_t group) noexcept {
   if (FailsOn(descriptor, "fchown", owner)) {
     return -1;
   }
-  return std::getenv("FAILING_CALLS_OWNER") != nullptr ? 0 : real(descriptor, user, group);
+  return Setting("FAILING_FILE_CALLS_OWNER").empty() ? real(descriptor, user, group) : 0;
 }
 
 int fstat(int descriptor, struct stat* status) noexcept {
@@ -198,9 +179,9 @@ int stat(const char* path, struct stat* status) noexcept {
     return -1;
   }
   const int result = real(path, status);
-  const char* const owner = std::getenv("FAILING_CALLS_OWNER");
-  if (owner != nullptr && !NameOf(path).empty()) {
-    std::sscanf(owner, "%u %u", &status->st_uid, &status->st_gid);
+  const std::string owner = Setting("FAILING_FILE_CALLS_OWNER");
+  if (!owner.empty() && !NameOf(path).empty()) {
+    std::sscanf(owner.c_str(), "%u %u", &status->st_uid, &status->st_gid);
   }
   return result;
 }
