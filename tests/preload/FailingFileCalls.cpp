@@ -127,15 +127,19 @@ int close(int descriptor) {
 }
 
 ssize_t read(int descriptor, void* data, size_t size) {
-  return FailsOn(descriptor, "read")
-             ? -1
-             : Real(read, "read")(descriptor, data, Piece(descriptor, size));
+  size = Piece(descriptor, size);
+  return FailsOn(descriptor, "read") ? -1 : Real(read, "read")(descriptor, data, size);
+}
+
+ssize_t write(int descriptor, const void* data, size_t size) {
+  const bool fails = FailsOn(descriptor, "write", " " + std::to_string(size));
+  return fails ? -1 : Real(write, "write")(descriptor, data, Piece(descriptor, size));
 }
 
 ssize_t pwrite(int descriptor, const void* data, size_t size, off_t offset) {
-  return FailsOn(descriptor, "pwrite")
-             ? -1
-             : Real(pwrite, "pwrite")(descriptor, data, Piece(descriptor, size), offset);
+  size = Piece(descriptor, size);
+  return FailsOn(descriptor, "pwrite") ? -1
+                                       : Real(pwrite, "pwrite")(descriptor, data, size, offset);
 }
 
 int fsync(int descriptor) {
