@@ -1,11 +1,13 @@
 # What ./run and ./test share: installing what is missing, building. Sourced with the repository's top
 # as the current folder.
+# shellcheck shell=bash disable=SC2034
 
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libcgicc-dev libxml2-dev
   libmicrohttpd-dev)
 DEVICE_PACKAGES=(bubblewrap lighttpd)
-TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang libclang-rt-14-dev curl chromium
-  chromium-driver python3-selenium valgrind)
+TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang libclang-rt-14-dev clang-format
+  clang-tidy shellcheck curl chromium chromium-driver python3-selenium libxml2-utils
+  valgrind)
 # A Node.js from elsewhere brings its own.
 command -v npm >/dev/null || TEST_PACKAGES+=(npm)
 # Another JDK can take the place of Debian's.
@@ -71,11 +73,12 @@ configure() {
     fail "the build in $folder cannot be configured"
 }
 
-# build FOLDER [TARGET...]
+# build FOLDER [TARGET...]; a terminal shows how far it is.
 build() {
-  local folder=$1
+  local folder=$1 show=()
   shift
-  quietly "$folder/build.log" cmake --build "$folder" ${1:+--target "$@"} ||
+  [[ -t 1 ]] || show=(quietly "$folder/build.log")
+  "${show[@]}" cmake --build "$folder" ${1:+--target "$@"} ||
     fail "the build in $folder failed"
 }
 

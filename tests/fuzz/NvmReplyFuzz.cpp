@@ -2,12 +2,7 @@
 //
 // The tests run it for some seconds. By hand, for an hour, or until it finds something:
 //
-//   tests/fuzz/run build 3600
-//
-// What it learnt and what it found is kept in build/tests/fuzz/tmp; an input that was found is run
-// again with
-//
-//   tests/fuzz/run build 0 /tmp/crash-...
+//   tests/fuzz/run build-clang NvmReplyFuzz 3600
 
 #include <libxml/tree.h>
 #include <libxml/xmlerror.h>

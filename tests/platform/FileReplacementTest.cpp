@@ -25,11 +25,6 @@ using testing::IsEmpty;
 const std::string OLD = "the old content\n";
 const std::string NEW = "the new content, which is longer\n";
 
-std::size_t OpenDescriptors() {
-  const fs::directory_iterator descriptors("/proc/self/fd");
-  return static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors)));
-}
-
 struct stat StatusOf(const fs::path& path) {
   struct stat status {};
   EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
@@ -76,7 +71,7 @@ class FileReplacement : public testing::Test {
     return names;
   }
 
-  const std::size_t descriptors = OpenDescriptors();
+  const std::ptrdiff_t descriptors = OpenDescriptors();
   const fs::path folder = "/tmp/replaced";
   const fs::path elsewhere = "/tmp/elsewhere";
   const fs::path path = folder / "file";

@@ -34,11 +34,6 @@ std::string HeaderWith(const std::string& line) {
   return "HTTP/1.1 200 OK\r\n" + line + "\r\n\r\n";
 }
 
-std::ptrdiff_t OpenDescriptors() {
-  const std::filesystem::directory_iterator descriptors("/proc/self/fd");
-  return std::distance(begin(descriptors), end(descriptors));
-}
-
 // Everything that an exchange leaves behind.
 struct Outcome {
   int result;
@@ -428,11 +423,11 @@ TEST_F(NvmTransport, AShortSendIsNotContinued) {
 }
 
 TEST_F(NvmTransport, AServiceThatClosesAtOnceHasSentAnEmptyChunk) {
-  EXPECT_EQ(Ask({{}, End::Close}), FailureLeftOpen(Received("")));
+  EXPECT_EQ(Ask({{}, End::kClose}), FailureLeftOpen(Received("")));
 }
 
 TEST_F(NvmTransport, AResetConnectionIsAnEmptyChunk) {
-  EXPECT_EQ(Ask({{}, End::Reset}), FailureLeftOpen(Received("")));
+  EXPECT_EQ(Ask({{}, End::kReset}), FailureLeftOpen(Received("")));
 }
 
 TEST_F(NvmTransport, AFailingFirstReceiveIsAnEmptyChunk) {
@@ -475,7 +470,7 @@ long ProcessorTime(pid_t id) {
 
 TEST_F(NvmTransport, ABodyThatEndsEarlyKeepsTheCallBusyForEver) {
   const std::string reply = HEADER + DECLARATION;
-  ScriptedService service({{{reply}, End::Close}});
+  ScriptedService service({{{reply}, End::kClose}});
   Command command;
   command.prepare = [] {
     std::string replyText;
@@ -522,7 +517,7 @@ TEST_F(NvmTransport, EachExchangeHasAConnectionOfItsOwn) {
 }
 
 TEST_F(NvmTransport, AFailureForgetsTheEarlierReplyButLeavesTheCallersCopy) {
-  ScriptedService service({{{HEADER + BODY}}, {{}, End::Close}});
+  ScriptedService service({{{HEADER + BODY}}, {{}, End::kClose}});
   NvmClient client;
   std::string replyText;
   client.SendToNvm(ADDRESS, STATUS, replyText);

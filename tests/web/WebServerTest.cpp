@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "ExpectedPage.h"
 #include "Files.h"
 #include "LogLine.h"
 #include "Process.h"
