@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <filesystem>
+#include <regex>
 
 #include "Files.h"
 #include "LogLine.h"
