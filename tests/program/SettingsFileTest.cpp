@@ -19,6 +19,7 @@
 #include "Files.h"
 #include "Process.h"
 #include "Request.h"
+#include "Sandbox.h"
 #include "SmallDisk.h"
 
 namespace {
@@ -173,6 +174,7 @@ TEST_F(SettingsFile, IsRewrittenInPlaceWhenItIsMountedOnItsOwn) {
 }
 
 TEST_F(SettingsFile, StaysAsItWasOnAFullDisk) {
+  SKIP_WHERE_TRACED(SmallDisk::NEED);
   SmallDisk disk;
   WriteText(disk.Path() / "obd.conf", OLD);
   disk.Fill();
@@ -183,6 +185,7 @@ TEST_F(SettingsFile, StaysAsItWasOnAFullDisk) {
 }
 
 TEST_F(SettingsFile, StaysAsItWasOnAFullDiskAlsoWhereItIsRewrittenInPlace) {
+  SKIP_WHERE_TRACED(SmallDisk::NEED);
   SmallDisk disk;
   WriteText(disk.Path() / "obd.conf", OLD);
   disk.Fill();
