@@ -6,6 +6,7 @@
 #include "Files.h"
 #include "NvmService.h"
 #include "Process.h"
+#include "Sandbox.h"
 
 namespace {
 
@@ -47,6 +48,8 @@ TEST(ToggleCommand, WhatTheServiceRefusesIsNoFailure) {
 
 class MemoryCheck : public testing::Test {
  protected:
+  void SetUp() override { SKIP_WHERE_TRACED("valgrind does not see the sandbox's paths"); }
+
   // Runs the program; a memory error, or a block that is lost, fails the test.
   static Result Check(const std::vector<std::string>& program) {
     Command command;
