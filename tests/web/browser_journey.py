@@ -2,13 +2,14 @@
 
 Runs inside the device's sandbox, with Debian's own Python:
 
-    device/sandbox build --private-network -- /usr/bin/python3 /source/tests/web/browser_journey.py
+    device/sandbox build --private-network --read-only . /source -- \\
+        /usr/bin/python3 /source/tests/web/browser_journey.py
 
 With "--screenshots FOLDER" it takes pictures of the pages instead. They outlive the sandbox in a state
 folder of the host:
 
     mkdir -p pictures/app pictures/tmp
-    device/sandbox build --state pictures --private-network -- \\
+    device/sandbox build --state pictures --private-network --read-only . /source -- \\
         /usr/bin/python3 /source/tests/web/browser_journey.py --screenshots /tmp
 """
 
