@@ -143,9 +143,10 @@ prepare_tests() {
 # tell_skipped FOLDER...: lists the tests that the last runs of ctest in these build folders skipped,
 # with their reasons. Where namespaces are allowed, a skipped test is a failure.
 tell_skipped() {
-  local folder logs=() skipped
+  local folder log logs=(/dev/null) skipped
   for folder in "$@"; do
-    logs+=("$folder/Testing/Temporary/LastTest.log")
+    log=$folder/Testing/Temporary/LastTest.log
+    [[ ! -e $log ]] || logs+=("$log")
   done
   skipped=$(awk '
     /^[0-9]+\/[0-9]+ Test(ing)?: / && !/Testing:/ { name = $3 }

@@ -1,8 +1,6 @@
 // What the tests' sandbox cannot give where the machine refuses namespaces.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <cstring>
 
