@@ -10,6 +10,7 @@
 
 #include "FileReplacement.h"
 #include "Files.h"
+#include "Sandbox.h"
 #include "SmallDisk.h"
 
 namespace {
@@ -253,6 +254,7 @@ TEST_F(FileReplacement, RefusesAFolderThatMayNotBeSearched) {
 }
 
 TEST_F(FileReplacement, LeavesTheOldContentOnAFullDisk) {
+  SKIP_WHERE_TRACED(SmallDisk::NEED);
   SmallDisk disk;
   WriteText(disk.Path() / "file", OLD);
   disk.Fill();
@@ -262,6 +264,7 @@ TEST_F(FileReplacement, LeavesTheOldContentOnAFullDisk) {
 }
 
 TEST_F(FileReplacement, MakesNoPartOfAFileOnAFullDisk) {
+  SKIP_WHERE_TRACED(SmallDisk::NEED);
   SmallDisk disk;
   disk.Fill();
   EXPECT_FALSE(ReplaceFile(disk.Path() / "file", NEW));
@@ -270,6 +273,7 @@ TEST_F(FileReplacement, MakesNoPartOfAFileOnAFullDisk) {
 }
 
 TEST_F(FileReplacement, LeavesTheOldContentWhereHalfTheNewWouldFit) {
+  SKIP_WHERE_TRACED(SmallDisk::NEED);
   SmallDisk disk;
   WriteText(disk.Path() / "file", OLD);
   EXPECT_FALSE(ReplaceFile(disk.Path() / "file", OfLength(SmallDisk::SIZE)));
@@ -350,6 +354,7 @@ TEST_F(RewritingInPlace, NeedsAFileThatMayBeReadAndWritten) {
 }
 
 TEST_F(RewritingInPlace, LeavesTheOldContentOnAFullDisk) {
+  SKIP_WHERE_TRACED(SmallDisk::NEED);
   SmallDisk disk;
   WriteText(disk.Path() / "file", OLD);
   disk.Fill();
@@ -359,6 +364,7 @@ TEST_F(RewritingInPlace, LeavesTheOldContentOnAFullDisk) {
 }
 
 TEST_F(RewritingInPlace, ShortensAFileOnAFullDisk) {
+  SKIP_WHERE_TRACED(SmallDisk::NEED);
   SmallDisk disk;
   WriteText(disk.Path() / "file", NEW);
   disk.Fill();

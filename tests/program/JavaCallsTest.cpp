@@ -10,6 +10,7 @@
 #include "Files.h"
 #include "LogLine.h"
 #include "Process.h"
+#include "Sandbox.h"
 
 namespace {
 
@@ -164,6 +165,7 @@ TEST_F(JavaCalls, AnAddressQueryWithoutItsMethodIsEmpty) {
 }
 
 TEST_F(JavaCalls, TheDevicesOwnClassTellsAnAddressOrNone) {
+  SKIP_WHERE_TRACED("the machine's own network has addresses that we cannot foretell");
   Command command;
   command.words = {"/build/tests/java-calls", "lan", "wlan"};
   command.environment = {{"JAVA_CLASSPATH", "/srv/vemo/java"}};

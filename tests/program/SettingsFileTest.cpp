@@ -20,6 +20,7 @@
 #include "Files.h"
 #include "Process.h"
 #include "Request.h"
+#include "Sandbox.h"
 #include "SmallDisk.h"
 
 namespace {
@@ -150,6 +151,8 @@ TEST_F(SettingsFile, StaysAsItWasWhenFileAndFolderAreReadOnly) {
   EXPECT_EQ(ReadText(SETTINGS_FILE), OLD);
 }
 
+constexpr char MOUNTS[] = "nothing can be mounted";
+
 // The request where these mounts are made.
 Command WithMounts(const std::vector<std::string>& mounts, Command request) {
   std::vector<std::string> words = {"/usr/bin/bwrap", "--dev-bind", "/", "/"};
@@ -159,11 +162,13 @@ Command WithMounts(const std::vector<std::string>& mounts, Command request) {
 }
 
 TEST_F(SettingsFile, StaysAsItWasOnAReadOnlyFileSystem) {
+  SKIP_WHERE_TRACED(MOUNTS);
   ExpectSuccess(WithMounts({"--ro-bind", "/app", "/app"}, Request("500")), "500");
   EXPECT_EQ(ReadText(SETTINGS_FILE), OLD);
 }
 
 TEST_F(SettingsFile, IsRewrittenInPlaceWhenItIsMountedOnItsOwn) {
+  SKIP_WHERE_TRACED(MOUNTS);
   const ino_t before = Inode(SETTINGS_FILE);
   for (const std::string value : {"50000", "5"}) {
     ExpectSuccess(WithMounts({"--bind", SETTINGS_FILE, SETTINGS_FILE}, Request(value)), value);
@@ -174,6 +179,7 @@ TEST_F(SettingsFile, IsRewrittenInPlaceWhenItIsMountedOnItsOwn) {
 }
 
 TEST_F(SettingsFile, StaysAsItWasOnAFullDisk) {
+  SKIP_WHERE_TRACED(SmallDisk::NEED);
   SmallDisk disk;
   WriteText(disk.Path() / "obd.conf", OLD);
   disk.Fill();
@@ -184,6 +190,7 @@ TEST_F(SettingsFile, StaysAsItWasOnAFullDisk) {
 }
 
 TEST_F(SettingsFile, StaysAsItWasOnAFullDiskAlsoWhereItIsRewrittenInPlace) {
+  SKIP_WHERE_TRACED(SmallDisk::NEED);
   SmallDisk disk;
   WriteText(disk.Path() / "obd.conf", OLD);
   disk.Fill();

@@ -6,6 +6,7 @@
 
 #include "NvmService.h"
 #include "Process.h"
+#include "Sandbox.h"
 
 namespace {
 
@@ -15,6 +16,8 @@ constexpr char TOGGLE[] = "/srv/vemo/bin/toggle-device-allocation";
 
 class MemoryCheck : public testing::Test {
  protected:
+  void SetUp() override { SKIP_WHERE_TRACED("valgrind does not see the sandbox's paths"); }
+
   // Runs the program; a memory error, or a block that is lost, fails the test.
   static Result Check(const std::vector<std::string>& program) {
     Command command;

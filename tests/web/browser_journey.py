@@ -1,6 +1,7 @@
 """The web interface as a technician uses it.
 
-    device/sandbox build --private-network -- /usr/bin/python3 /source/tests/web/browser_journey.py
+    device/sandbox build --private-network --read-only . /source -- \\
+        /usr/bin/python3 /source/tests/web/browser_journey.py
 """
 
 import re
