@@ -8,7 +8,7 @@
 namespace {
 
 std::string Text(xmlChar* text) {
-  const std::string copy = text != nullptr ? reinterpret_cast<const char*>(text) : "";
+  std::string copy = text != nullptr ? reinterpret_cast<const char*>(text) : "";
   xmlFree(text);
   return copy;
 }
