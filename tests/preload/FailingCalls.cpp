@@ -15,6 +15,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -185,6 +186,12 @@ int fchown(int descriptor, uid_t user, gid_t group) noexcept {
     return -1;
   }
   return std::getenv("FAILING_CALLS_OWNER") != nullptr ? 0 : real(descriptor, user, group);
+}
+
+int flock(int descriptor, int operation) noexcept {
+  static const auto real = Real<decltype(flock)>("flock");
+  const std::string kind = (operation & LOCK_SH) != 0 ? " shared" : " exclusive";
+  return FailsOn(descriptor, "flock", kind) ? -1 : real(descriptor, operation);
 }
 
 int fstat(int descriptor, struct stat* status) noexcept {
