@@ -302,8 +302,11 @@ TEST_F(LogClientFileTest, DoesNotWaitForTheReaderOfANamedPipe) {
 
 TEST_F(LogClientFileTest, WritesToANamedPipeThatIsRead) {
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-  const int reader = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  const int opened = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  const int reader = fcntl(opened, F_DUPFD_CLOEXEC, 100);  // out of DescriptorOf's sight
+  close(opened);
   LogClientFile client(path, true);
+  EXPECT_EQ(fcntl(DescriptorOf(path), F_GETFL) & O_NONBLOCK, 0) << "a full pipe is waited for";
   client.HandleEvent(EventWithMessage("one"));
   char text[16] = "";
   EXPECT_EQ(read(reader, text, sizeof text), 4);
