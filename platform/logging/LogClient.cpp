@@ -9,6 +9,7 @@
 
 #include "LogEvent.h"
 #include "LogLayout.h"
+#include "WriteSignals.h"
 
 namespace {
 
@@ -25,9 +26,38 @@ int AboveStandardDescriptors(int descriptor) {
   return moved;
 }
 
-// Writes it all. One `write` does unless a signal or a full disk cuts it short.
-bool WriteAll(int descriptor, const std::string& text) {
-  std::size_t written = 0;
+// A named pipe that nobody reads is not waited for; a file that another process holds a lease on
+// is, until the kernel has taken the lease back.
+int OpenForWriting(const std::string& path, int flags) {
+  constexpr mode_t MODE = 0666;
+  int descriptor = open(path.c_str(), flags | O_NONBLOCK | O_CLOEXEC, MODE);
+  if (descriptor < 0 && errno == EWOULDBLOCK) {
+    descriptor = open(path.c_str(), flags | O_CLOEXEC, MODE);
+  }
+  descriptor = AboveStandardDescriptors(descriptor);
+  if (descriptor >= 0) {
+    fcntl(descriptor, F_SETFL, flags);  // whoever reads a pipe is waited for
+  }
+  return descriptor;
+}
+
+// Makes the last byte that was written a line end, in its place, since there is no room for one
+// more: else the next process's line would begin behind it. A descriptor that appends writes at the
+// end whatever the offset.
+void EndCutLine(int descriptor) {
+  const off_t end = lseek(descriptor, 0, SEEK_CUR);
+  const int flags = fcntl(descriptor, F_GETFL);
+  if (end > 0 && flags != -1 && fcntl(descriptor, F_SETFL, flags & ~O_APPEND) == 0) {
+    pwrite(descriptor, "\n", 1, end - 1);
+    fcntl(descriptor, F_SETFL, flags);
+  }
+}
+
+// Writes it all. One `write` does unless a signal or a full disk cuts it short. False with errno
+// set and the number of bytes that arrived in `written`.
+bool WriteAll(int descriptor, const std::string& text, std::size_t& written) {
+  const WriteSignals noSignals;
+  written = 0;
   while (written < text.size()) {
     const ssize_t count = write(descriptor, text.data() + written, text.size() - written);
     if (count < 0 && errno == EINTR) {
@@ -57,8 +87,7 @@ std::string LogClient::Format(const LogEvent& event) const {
 }
 
 LogClientFile::LogClientFile(const std::string& path, bool append) : path_(path) {
-  const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | (append ? 0 : O_TRUNC);
-  descriptor_ = AboveStandardDescriptors(open(path.c_str(), flags, 0666));
+  descriptor_ = OpenForWriting(path, O_WRONLY | O_CREAT | O_APPEND | (append ? 0 : O_TRUNC));
   if (descriptor_ < 0) {
     ReportOnce("open", errno);
   }
@@ -71,9 +100,15 @@ LogClientFile::~LogClientFile() {
 }
 
 void LogClientFile::HandleEvent(const LogEvent& event) {
-  if (descriptor_ >= 0 && !WriteAll(descriptor_, Format(event))) {
-    ReportOnce("write", errno);
+  std::size_t written = 0;
+  if (descriptor_ < 0 || WriteAll(descriptor_, Format(event), written)) {
+    return;
   }
+  const int error = errno;
+  if (written > 0) {
+    EndCutLine(descriptor_);
+  }
+  ReportOnce("write", error);
 }
 
 void LogClientFile::ReportOnce(const char* operation, int error) {
@@ -81,6 +116,8 @@ void LogClientFile::ReportOnce(const char* operation, int error) {
     return;
   }
   reported_ = true;
-  WriteAll(STDERR_FILENO, "Can't " + std::string(operation) + " log file " + path_ + ": " +
-                              strerror(error) + "\n");
+  std::size_t written = 0;
+  WriteAll(STDERR_FILENO,
+           "Can't " + std::string(operation) + " log file " + path_ + ": " + strerror(error) + "\n",
+           written);
 }

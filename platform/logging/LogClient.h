@@ -40,8 +40,11 @@ class LogClientFile : public LogClient {
   // the log.
   //
   // A file that cannot be opened, or later not written, is reported on standard error once; after
-  // that the client is silent. The events it could not write are lost. A refusal that the kernel
-  // makes a signal of stays one: a limit on the size of files, a standard error that nobody reads.
+  // that the client is silent. The events it could not write are lost; of one that a full disk cut,
+  // the beginning stays, as a line of its own. Nothing of this ends the process: a refusal that the
+  // kernel makes a signal of (a limit on the size of files, a pipe without a reader) is a refusal
+  // like others. A named pipe that nobody has open for reading cannot be opened; where somebody
+  // has, a full pipe is waited for.
   LogClientFile(const std::string& path, bool append);
   ~LogClientFile() override;
   LogClientFile(const LogClientFile&) = delete;

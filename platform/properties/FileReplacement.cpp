@@ -1,40 +1,25 @@
 #include "FileReplacement.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <memory>
 #include <system_error>
+
+#include "Descriptor.h"
+#include "FileAttributes.h"
+#include "WriteSignals.h"
 
 namespace file_replacement {
 namespace {
 
 namespace fs = std::filesystem;
-
-// Owns a file descriptor.
-class Descriptor {
- public:
-  explicit Descriptor(int number) : number_(number) {}
-  ~Descriptor() { Close(); }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-
-  bool IsOpen() const { return number_ >= 0; }
-  int Get() const { return number_; }
-
-  // The last word on whether what was written arrived, on file systems that report late.
-  bool Close() {
-    const int number = number_;
-    number_ = -1;
-    return number < 0 || close(number) == 0;
-  }
-
- private:
-  int number_;
-};
 
 // Removes a file when it goes out of scope, unless it was kept.
 class RemovedFile {
@@ -120,20 +105,74 @@ bool IsRefusal(int error) {
   return error == EACCES || error == EPERM || error == EROFS || error == EBUSY || error == EXDEV;
 }
 
-// Opens a new file in the folder of `target`; `path` becomes its path. -1, with errno set, when
-// none can be made.
+// --- Locks
+//
+// A lock is taken where two processes could meet in one file: by whoever rewrites the settings file
+// in place, and whoever reads it; and on a temporary file by its maker, who needs it, so that the
+// next store can tell a file that a killed process left behind.
+
+// Waits for whoever has the file. On a file system that knows no locks there is none: that must not
+// keep anybody from their settings.
+void Lock(int descriptor, int operation) {
+  while (flock(descriptor, operation) != 0 && errno == EINTR) {
+  }
+}
+
+bool IsRemoved(int descriptor) {
+  struct stat status {};
+  return fstat(descriptor, &status) == 0 && status.st_nlink == 0;
+}
+
+// --- Temporary files
+
+// Opens a new file in the folder of `target`, locked; `path` becomes its path. -1, with errno set,
+// when none can be made.
 int OpenTemporaryFile(const fs::path& target, mode_t mode, fs::path& path) {
   constexpr int MOST_NAMES = 1000;
   for (int number = 0; number < MOST_NAMES; ++number) {
     path = target.parent_path() /
            (".ini-" + std::to_string(getpid()) + "-" + std::to_string(number) + ".tmp");
     const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-    if (descriptor >= 0 || errno != EEXIST) {
+    if (descriptor < 0 && errno != EEXIST) {
+      return -1;
+    }
+    if (descriptor < 0) {
+      continue;
+    }
+    // Another process may have taken it for one left behind, before it was locked.
+    const bool isLost = flock(descriptor, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    if (!isLost && !IsRemoved(descriptor)) {
       return descriptor;
     }
+    close(descriptor);
   }
+  errno = EEXIST;
   return -1;
 }
+
+bool IsTemporaryName(const char* name) {
+  int length = 0;
+  std::sscanf(name, ".ini-%*u-%*u.tmp%n", &length);
+  return length > 0 && name[length] == '\0';
+}
+
+// Removes the temporary files of processes that were killed. Those of living ones are locked.
+void RemoveLeftovers(const fs::path& folder) {
+  const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(folder.empty() ? "." : folder.c_str()),
+                                                    closedir);
+  while (const dirent* const entry = entries != nullptr ? readdir(entries.get()) : nullptr) {
+    if (!IsTemporaryName(entry->d_name)) {
+      continue;
+    }
+    const fs::path path = folder / entry->d_name;
+    const Descriptor left(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+    if (left.IsOpen() && flock(left.Get(), LOCK_EX | LOCK_NB) == 0 && !IsRemoved(left.Get())) {
+      unlink(path.c_str());
+    }
+  }
+}
+
+// --- What the new file keeps of the old
 
 // The owner first: changing it clears mode bits.
 bool CopyOwner(int descriptor, const struct stat& original) {
@@ -167,19 +206,24 @@ RenameResult ReplaceByRename(const fs::path& target, const struct stat* original
   RemovedFile temporary(path);
 
   if (original != nullptr) {
-    if (!CopyOwner(descriptor.Get(), *original) ||
+    if (!CopyOwner(descriptor.Get(), *original) || !CopyAttributes(descriptor.Get(), target) ||
         fchmod(descriptor.Get(), original->st_mode & 07777) != 0) {
       return RenameResult::kRefused;
     }
   }
+  // Holds the lock when the file is closed, which must be before it is renamed.
+  Descriptor lock(fcntl(descriptor.Get(), F_DUPFD_CLOEXEC, 0));
   // On the disk before it gets the name: else a power cut could leave an empty file of that name.
-  if (!WriteAll(descriptor.Get(), text) || fsync(descriptor.Get()) != 0 || !descriptor.Close()) {
+  if (!lock.IsOpen() || !WriteAll(descriptor.Get(), text) || fsync(descriptor.Get()) != 0 ||
+      !descriptor.Close()) {
     return RenameResult::kFailed;
   }
   if (rename(path.c_str(), target.c_str()) != 0) {
     return IsRefusal(errno) ? RenameResult::kRefused : RenameResult::kFailed;
   }
   temporary.Keep();
+  lock.Close();  // readers wait for it
+  RemoveLeftovers(target.parent_path());
   return SyncFolder(target.parent_path()) ? RenameResult::kDone : RenameResult::kFailed;
 }
 
@@ -200,8 +244,31 @@ void PutBack(int descriptor, const std::string& original) {
   }
 }
 
+// Opens the file, when it is this process's turn; -1 when it cannot be opened. While a process
+// waits, another may put a new file in the place of this one.
+int OpenForRewriting(const fs::path& target) {
+  constexpr int MOST_TURNS = 100;
+  Descriptor descriptor(-1);
+  for (int turn = 0; turn < MOST_TURNS; ++turn) {
+    descriptor.Reset(open(target.c_str(), O_RDWR | O_CLOEXEC));
+    if (!descriptor.IsOpen()) {
+      return -1;
+    }
+    Lock(descriptor.Get(), LOCK_EX);
+    struct stat opened {};
+    struct stat named {};
+    if (fstat(descriptor.Get(), &opened) != 0 || stat(target.c_str(), &named) != 0) {
+      return -1;
+    }
+    if (opened.st_dev == named.st_dev && opened.st_ino == named.st_ino) {
+      return descriptor.Release();
+    }
+  }
+  return -1;
+}
+
 bool RewriteInPlace(const fs::path& target, const std::string& text) {
-  Descriptor descriptor(open(target.c_str(), O_RDWR | O_CLOEXEC));
+  Descriptor descriptor(OpenForRewriting(target));
   std::string original;
   if (!descriptor.IsOpen() || !ReadAll(descriptor.Get(), original)) {
     return false;
@@ -225,17 +292,25 @@ bool RewriteInPlace(const fs::path& target, const std::string& text) {
 
 ReadResult ReadFile(const std::string& path, std::string& text) {
   text.clear();
-  // Non-blocking: opening a named pipe would wait for a writer.
-  const Descriptor descriptor(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  // Non-blocking: opening a named pipe would wait for a writer. A file that another process holds a
+  // lease on is waited for, until the kernel has taken the lease back.
+  Descriptor descriptor(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  if (!descriptor.IsOpen() && errno == EWOULDBLOCK) {
+    descriptor.Reset(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  }
   if (!descriptor.IsOpen()) {
     return errno == ENOENT ? ReadResult::kMissing : ReadResult::kUnreadable;
   }
   struct stat status {};
-  const bool isRegular = fstat(descriptor.Get(), &status) == 0 && S_ISREG(status.st_mode);
-  return isRegular && ReadAll(descriptor.Get(), text) ? ReadResult::kRead : ReadResult::kUnreadable;
+  if (fstat(descriptor.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    return ReadResult::kUnreadable;
+  }
+  Lock(descriptor.Get(), LOCK_SH);
+  return ReadAll(descriptor.Get(), text) ? ReadResult::kRead : ReadResult::kUnreadable;
 }
 
 bool ReplaceFile(const std::string& path, const std::string& text) {
+  const WriteSignals noSignals;
   fs::path target(path);
   if (!ResolveLinks(target)) {
     return false;

@@ -19,8 +19,8 @@
 //   begins with a double quote: then it stands in double quotes, with \" \\ \n \r \0 for these
 //   characters. So no value adds a line, a key or a section.
 //
-// No lock is taken: of two processes that load and store the same file at the same time, the later
-// Store wins whole.
+// Nothing is locked from Load to Store: of two processes that load and store the same file at the
+// same time, the later Store wins whole.
 #pragma once
 
 #include <set>

@@ -132,21 +132,6 @@ TEST_F(FileReplacement, LeavesTheOldContentToWhoeverIsReadingIt) {
   EXPECT_EQ(read.str(), OLD);
 }
 
-TEST_F(FileReplacement, PassesByTemporaryFilesThatOthersLeft) {
-  WriteText(path, OLD);
-  const std::string start = ".ini-" + std::to_string(getpid()) + "-";
-  const std::vector<fs::path> left = {folder / (start + "0.tmp"), folder / (start + "1.tmp")};
-  for (const fs::path& file : left) {
-    WriteText(file, "left");
-  }
-  EXPECT_TRUE(ReplaceFile(path, NEW));
-  EXPECT_EQ(ReadText(path), NEW);
-  for (const fs::path& file : left) {
-    EXPECT_EQ(ReadText(file), "left");
-    fs::remove(file);
-  }
-}
-
 TEST_F(FileReplacement, FollowsAnAbsoluteLink) {
   WriteText(elsewhere / "target", OLD);
   fs::create_symlink(elsewhere / "target", path);

@@ -1,9 +1,12 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <future>
 #include <sstream>
 
 #include "Files.h"
@@ -14,6 +17,8 @@
 #include "LogLayout.h"
 #include "LogLevelManager.h"
 #include "Logger.h"
+#include "Sandbox.h"
+#include "SmallDisk.h"
 
 namespace {
 
@@ -161,6 +166,18 @@ TEST(LogLevelManager, GivesTheNameOrElseTheNumber) {
   EXPECT_EQ(event.GetLogLevelName(), "RENAMED");
 }
 
+// The descriptor of the file at `path` in this process; -1 when it is not open.
+int DescriptorOf(const std::string& path) {
+  for (int descriptor = 0; descriptor < 64; ++descriptor) {
+    std::error_code error;
+    if (std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor), error) ==
+        path) {
+      return descriptor;
+    }
+  }
+  return -1;
+}
+
 class LogClientFileTest : public testing::Test {
  protected:
   void SetUp() override { std::filesystem::remove(path); }
@@ -219,16 +236,100 @@ TEST_F(LogClientFileTest, SaysOnceThatItCannotWrite) {
             "Can't write log file /dev/full: No space left on device\n");
 }
 
-// The descriptor of the file at `path` in this process; -1 when it is not open.
-int DescriptorOf(const std::string& path) {
-  for (int descriptor = 0; descriptor < 64; ++descriptor) {
-    std::error_code error;
-    if (std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor), error) ==
-        path) {
-      return descriptor;
-    }
+// The disk has room for the rest of this one block.
+TEST_F(LogClientFileTest, EndsTheLineThatAFullDiskCut) {
+  SKIP_WHERE_TRACED(SmallDisk::NEED);
+  SmallDisk disk;
+  const std::string log = disk.Path() / "client.log";
+  WriteText(log, std::string(4096 - 11, 'x') + "\n");
+  disk.Fill();
+  testing::internal::CaptureStderr();
+  LogClientFile client(log, true);
+  client.HandleEvent(EventWithMessage("0123456789 and more"));
+  client.HandleEvent(EventWithMessage("nothing of this"));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Can't write log file " + log + ": No space left on device\n");
+
+  std::filesystem::remove(disk.Path() / "filler");
+  client.HandleEvent(EventWithMessage("the next"));
+  LogClientFile(log, true).HandleEvent(EventWithMessage("another's"));
+  const std::vector<std::string> lines = Lines(ReadText(log));
+  ASSERT_EQ(lines.size(), 4u);
+  EXPECT_EQ(lines[1], "012345678");
+  EXPECT_EQ(lines[2], "the next");
+  EXPECT_EQ(lines[3], "another's");
+}
+
+// In a process of its own: the limit stays.
+[[noreturn]] void LogBeyondALimit(const std::string& path) {
+  LogClientFile client(path, true);
+  const rlimit limit = {1000, 1000};
+  setrlimit(RLIMIT_FSIZE, &limit);
+  for (const char* const message : {"one", "two", "three"}) {
+    client.HandleEvent(EventWithMessage(message));
   }
-  return -1;
+  _exit(0);
+}
+
+TEST_F(LogClientFileTest, TakesALimitOnTheSizeOfFilesForAFullDisk) {
+  const std::string earlier = std::string(993, 'x') + "\n";
+  WriteText(path, earlier);
+  EXPECT_EXIT(LogBeyondALimit(path), testing::ExitedWithCode(0),
+              "^Can't write log file /tmp/client.log: File too large\n$");
+  EXPECT_EQ(ReadText(path), earlier + "one\nt\n");
+}
+
+TEST_F(LogClientFileTest, LeavesTheCallersSignalsAsTheyWere) {
+  sigset_t pipe;
+  sigemptyset(&pipe);
+  sigaddset(&pipe, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+  raise(SIGPIPE);
+  LogClientFile(path, true).HandleEvent(EventWithMessage("one"));
+  sigset_t pending;
+  sigpending(&pending);
+  EXPECT_EQ(sigismember(&pending, SIGPIPE), 1);
+  const timespec now = {0, 0};
+  EXPECT_EQ(sigtimedwait(&pipe, nullptr, &now), SIGPIPE);
+  pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
+}
+
+TEST_F(LogClientFileTest, DoesNotWaitForTheReaderOfANamedPipe) {
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  testing::internal::CaptureStderr();
+  LogClientFile client(path, true);
+  client.HandleEvent(EventWithMessage("one"));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Can't open log file /tmp/client.log: No such device or address\n");
+}
+
+TEST_F(LogClientFileTest, WritesToANamedPipeThatIsRead) {
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  const int opened = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  const int reader = fcntl(opened, F_DUPFD_CLOEXEC, 100);  // out of DescriptorOf's sight
+  close(opened);
+  LogClientFile client(path, true);
+  EXPECT_EQ(fcntl(DescriptorOf(path), F_GETFL) & O_NONBLOCK, 0) << "a full pipe is waited for";
+  client.HandleEvent(EventWithMessage("one"));
+  char text[16] = "";
+  EXPECT_EQ(read(reader, text, sizeof text), 4);
+  EXPECT_STREQ(text, "one\n");
+  close(reader);
+}
+
+TEST_F(LogClientFileTest, WaitsForALeaseOnTheFile) {
+  WriteText(path, "earlier\n");
+  signal(SIGIO, SIG_IGN);
+  const int holder = open(path.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_EQ(fcntl(holder, F_SETLEASE, F_WRLCK), 0);
+  auto logged = std::async(std::launch::async,
+                           [&] { LogClientFile(path, true).HandleEvent(EventWithMessage("one")); });
+  EXPECT_EQ(logged.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+  EXPECT_EQ(fcntl(holder, F_SETLEASE, F_UNLCK), 0);
+  logged.get();
+  close(holder);
+  signal(SIGIO, SIG_DFL);
+  EXPECT_EQ(ReadText(path), "earlier\none\n");
 }
 
 TEST_F(LogClientFileTest, StaysOffTheStandardDescriptors) {

@@ -16,6 +16,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -170,6 +171,12 @@ int fchown(int descriptor, uid_t user, gid_t group) noexcept {
   return Setting("FAILING_FILE_CALLS_OWNER").empty()
              ? Real(fchown, "fchown")(descriptor, user, group)
              : 0;
+}
+
+int flock(int descriptor, int operation) noexcept {
+  const bool fails =
+      FailsOn(descriptor, "flock", (operation & LOCK_SH) != 0 ? " shared" : " exclusive");
+  return fails ? -1 : Real(flock, "flock")(descriptor, operation);
 }
 
 int fstat(int descriptor, struct stat* status) noexcept {

@@ -315,23 +315,27 @@ class SettingsFileCalls : public SettingsFile {
 TEST_F(SettingsFileCalls, BringTheContentToTheDiskBeforeItGetsItsName) {
   fs::permissions(SETTINGS_FILE, fs::perms(0640));
   ExpectSuccess(Watched(Request("500")), "500");
-  EXPECT_THAT(StoreCalls(),
-              ElementsAre("open temporary 600", "fstat temporary", "fchmod temporary 640",
-                          "pwrite temporary", "fsync temporary", "close temporary",
-                          "rename temporary obd.conf", "open .", "fsync .", "close ."));
+  EXPECT_THAT(
+      StoreCalls(),
+      ElementsAre("open temporary 600", "flock temporary exclusive", "fstat temporary",
+                  "fstat temporary", "fchmod temporary 640", "pwrite temporary", "fsync temporary",
+                  "close temporary", "rename temporary obd.conf", "open .", "fsync .", "close ."));
 }
 
 TEST_F(SettingsFileCalls, TakeTheRoomFirstAndCutLastInPlace) {
   fs::permissions(FOLDER, fs::perms(0555));
   ExpectSuccess(Watched(Request("50000")), "50000");
   EXPECT_THAT(StoreCalls(),
-              ElementsAre("open temporary 600", "open obd.conf", "fstat obd.conf", "read obd.conf",
+              ElementsAre("open temporary 600", "open obd.conf", "flock obd.conf exclusive",
+                          "fstat obd.conf", "stat obd.conf", "fstat obd.conf", "read obd.conf",
                           "read obd.conf", "posix_fallocate obd.conf", "pwrite obd.conf",
                           "ftruncate obd.conf", "fsync obd.conf", "close obd.conf"));
   ExpectSuccess(Watched(Request("5")), "5");
-  EXPECT_THAT(StoreCalls(), ElementsAre("open temporary 600", "open obd.conf", "fstat obd.conf",
-                                        "read obd.conf", "read obd.conf", "pwrite obd.conf",
-                                        "ftruncate obd.conf", "fsync obd.conf", "close obd.conf"));
+  EXPECT_THAT(StoreCalls(),
+              ElementsAre("open temporary 600", "open obd.conf", "flock obd.conf exclusive",
+                          "fstat obd.conf", "stat obd.conf", "fstat obd.conf", "read obd.conf",
+                          "read obd.conf", "pwrite obd.conf", "ftruncate obd.conf",
+                          "fsync obd.conf", "close obd.conf"));
 }
 
 TEST_F(SettingsFileCalls, RewriteInPlaceWhereTheFolderRefusesTheNewFile) {
@@ -363,11 +367,11 @@ TEST_F(SettingsFileCalls, GiveTheNewContentToTheOldOwnerBeforeItsMode) {
   Command request = Watched(Request("500"));
   request.environment["FAILING_FILE_CALLS_OWNER"] = "4242 4343";
   ExpectSuccess(request, "500");
-  EXPECT_THAT(
-      StoreCalls(),
-      ElementsAre("open temporary 600", "fstat temporary", "fchown temporary 4242 4343",
-                  "fchmod temporary 640", "pwrite temporary", "fsync temporary", "close temporary",
-                  "rename temporary obd.conf", "open .", "fsync .", "close ."));
+  EXPECT_THAT(StoreCalls(),
+              ElementsAre("open temporary 600", "flock temporary exclusive", "fstat temporary",
+                          "fstat temporary", "fchown temporary 4242 4343", "fchmod temporary 640",
+                          "pwrite temporary", "fsync temporary", "close temporary",
+                          "rename temporary obd.conf", "open .", "fsync .", "close ."));
 }
 
 TEST_F(SettingsFileCalls, RewriteTheFileOfAnOwnerThatCannotBeKept) {
