@@ -66,9 +66,8 @@ bool StoreByRequest(char* program, const std::string& value) {
   char* const arguments[] = {program, nullptr};
   pid_t child = -1;
   int status = -1;
-  const bool isRun =
-      posix_spawn(&child, program, &actions, nullptr, arguments, environ) == 0 &&
-      waitpid(child, &status, 0) == child;
+  const bool isRun = posix_spawn(&child, program, &actions, nullptr, arguments, environ) == 0 &&
+                     waitpid(child, &status, 0) == child;
   posix_spawn_file_actions_destroy(&actions);
   return isRun && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
@@ -98,8 +97,8 @@ int main(int argc, char** argv) {
     return 1;
   }
   for (long number = 1; number <= MOST_STORES; ++number) {
-    const bool isDone = program != nullptr ? StoreByRequest(program, Value(number))
-                                           : StoreByLibrary(Value(number));
+    const bool isDone =
+        program != nullptr ? StoreByRequest(program, Value(number)) : StoreByLibrary(Value(number));
     if (!isDone || !Tell(disk, offset, number)) {
       std::printf("store %ld failed\n", number);
       return 1;
