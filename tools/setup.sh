@@ -6,8 +6,8 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libcgicc-dev libxml2-dev
   libmicrohttpd-dev)
 DEVICE_PACKAGES=(bubblewrap lighttpd)
 TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang libclang-rt-14-dev clang-format
-  clang-tidy shellcheck curl chromium chromium-driver python3-selenium libxml2-utils
-  proot valgrind)
+  clang-tidy shellcheck curl chromium chromium-driver python3-selenium libxml2-utils proot valgrind
+  qemu-system-x86 busybox-static cpio e2fsprogs)
 # A Node.js from elsewhere brings its own.
 command -v npm >/dev/null || TEST_PACKAGES+=(npm)
 # Another JDK can take the place of Debian's.
@@ -105,6 +105,18 @@ install_accessibility_checker() {
   quietly build/npm.log npm install --prefix build/npm --no-save --no-audit --no-fund \
     --ignore-scripts "axe-core@$version" ||
     fail "axe-core cannot be fetched: is there a network?"
+}
+
+# The kernel of the emulated machines, out of its package: nothing is installed.
+fetch_kernel() {
+  local folder=build/machine/kernel
+  ! compgen -G "$folder/boot/vmlinuz-*" >/dev/null || return 0
+  echo "Fetching a kernel for emulated machines"
+  mkdir -p build
+  quietly build/kernel.log tools/fetch-kernel "$folder" 2>/dev/null ||
+    { quietly build/packages.log as_root apt-get -q update &&
+      quietly build/kernel.log tools/fetch-kernel "$folder"; } ||
+    fail "the kernel cannot be fetched: is there a network?"
 }
 
 is_listening() {
