@@ -42,8 +42,8 @@ NVM_LOG = pathlib.Path("/tmp/nvm.log")
 LIMIT = 20  # seconds for whatever is waited for
 
 CANARY = "http://127.0.0.3:9003"
-# Where the foreign pages are: another site; the device's own name with another port, which is the same
-# site, and its address so.
+# Where the foreign pages are: on another site; under the device's own name or address with another port,
+# which makes it the same site.
 FOREIGN = "http://127.0.0.2:9001"
 SAME_SITE = "http://localhost:9002"
 SAME_ADDRESS = "http://127.0.0.1:9002"
@@ -261,7 +261,13 @@ UNSENT = {
 
 def filled(template, url, number):
     attempt = re.search(ATTEMPT, url)
-    return template.format(u=url, a=attempt[1] if attempt else "", c=CANARY + "/permit", n=number, w=WDDX.replace("'", "\\'"))
+    return template.format(
+        u=url,
+        a=attempt[1] if attempt else "",
+        c=CANARY + "/permit",
+        n=number,
+        w=WDDX.replace("'", "\\'"),
+    )
 
 
 # --- What the page is made to echo. {u} asks the device itself for a change, {f} a foreign server.
