@@ -74,9 +74,9 @@ TEST_F(StartUpOptions, ServeThePageWithoutAWordOfTheVms) {
 }
 
 TEST_F(StartUpOptions, AreWhatTheWebServerHandsOver) {
-  EXPECT_THAT(
-      ReadText("/srv/vemo/lighttpd.conf"),
-      HasSubstr("\"JAVA_OPTIONS\"   => \"-XX:VMOptionsFile=" + std::string(SHIPPED) + "\""));
+  EXPECT_THAT(ReadText("/srv/vemo/lighttpd.conf"),
+              testing::ContainsRegex(
+                  "\"JAVA_OPTIONS\" +=> \"-XX:VMOptionsFile=" + std::string(SHIPPED) + "\""));
 }
 
 TEST_F(StartUpOptions, LeaveNothingInTheTemporaryFolder) {

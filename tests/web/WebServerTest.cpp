@@ -1,11 +1,9 @@
 // The device as a browser meets it: the real web server runs the real program; curl is the client.
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
@@ -16,7 +14,11 @@
 #include <ostream>
 #include <regex>
 #include <set>
+#include <sstream>
 #include <string>
+#include <system_error>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "ExpectedPage.h"
@@ -24,13 +26,16 @@
 #include "LogLine.h"
 #include "Process.h"
 #include "Request.h"
+#include "Tcp.h"
 
 namespace {
 
 using testing::AnyOfArray;
 using testing::Each;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsSupersetOf;
+using testing::Not;
 using testing::SizeIs;
 using testing::StartsWith;
 
@@ -105,10 +110,35 @@ const auto isStoryOfSuccess =
                 "DEBUG src/JavaVmWrapper 99 JAVA_CLASSPATH:/srv/vemo/java",
                 "DEBUG src/JavaVmWrapper 155 ChangeStdErr");
 
+// Texts of the web server's configuration, and what a test puts in their place.
+using Edits = std::vector<std::pair<std::string, std::string>>;
+
+// The shipped configuration, or a copy of it with these edits.
+std::string ConfigurationWith(const Edits& edits) {
+  const std::string folder = "/srv/vemo/";
+  const std::string name = "lighttpd.conf";
+  if (edits.empty()) {
+    return folder + name;
+  }
+  std::string text = ReadText(folder + name);
+  for (const auto& [before, after] : edits) {
+    const auto position = text.find(before);
+    if (position == std::string::npos) {
+      ADD_FAILURE() << "not in the configuration: " << before;
+      break;
+    }
+    text.replace(position, before.size(), after);
+  }
+  const std::string included = "lighttpd-same-site.conf";
+  WriteText("/tmp/configuration/" + included, ReadText(folder + included));
+  WriteText("/tmp/configuration/" + name, text);
+  return "/tmp/configuration/" + name;
+}
+
 class WebServer : public testing::Test {
  protected:
-  WebServer()
-      : server_(Command{{"/usr/sbin/lighttpd", "-D", "-f", "/srv/vemo/lighttpd.conf"},
+  explicit WebServer(const Edits& edits = {})
+      : server_(Command{{"/usr/sbin/lighttpd", "-D", "-f", ConfigurationWith(edits)},
                         {{"VEMO_PORT", "8080"}}}) {}
 
   void SetUp() override {
@@ -123,11 +153,19 @@ class WebServer : public testing::Test {
     EXPECT_EQ(ReadText(LOG_FILE), "") << "the program was started";
   }
 
-  // Programs that the server has started and that have not ended.
-  std::size_t RunningPrograms() const {
+  // Programs that the server has started and that have not ended; not who waits at the gate.
+  std::vector<pid_t> RunningPrograms() const {
     const std::string id = std::to_string(server_.Id());
-    const std::string children = ReadText("/proc/" + id + "/task/" + id + "/children");
-    return static_cast<std::size_t>(std::count(children.begin(), children.end(), ' '));
+    std::istringstream children(ReadText("/proc/" + id + "/task/" + id + "/children"));
+    std::vector<pid_t> programs;
+    for (std::string child; children >> child;) {
+      std::error_code isGone;
+      const auto path = std::filesystem::read_symlink("/proc/" + child + "/exe", isGone);
+      if (!isGone && path.filename() != "cgi-gate" && path.filename() != "lighttpd") {
+        programs.push_back(std::stoi(child));
+      }
+    }
+    return programs;
   }
 
  private:
@@ -193,35 +231,53 @@ TEST_F(WebServer, KeepsABodyShorterThanDeclaredFromTheProgram) {
   ExpectNothingDone();
 }
 
+// The Java VM leaves its door for debuggers behind when it does not end by itself.
+TEST_F(WebServer, KeepsNothingOfAProgramThatAborts) {
+  Fetch("/setobdconf.cgi", {"--header", "Content-Type: multipart/form-data; boundary=frontier",
+                            "--data-binary", "--frontier\r\nX: y\r\n--frontier--\r\n"});
+  EXPECT_THAT(ReadText(LOG_FILE), HasSubstr("ChangeStdErr"));
+  for (const auto& entry : std::filesystem::directory_iterator("/tmp")) {
+    EXPECT_THAT(entry.path().filename(), Not(StartsWith(".java_pid")));
+  }
+}
+
+// --- Limits
+
+// The configuration class holds every program in its Java VM until it is let go.
+const Edits HELD = {{"\"/srv/vemo/java\"", "\"/build/tests/java/holding\""}};
+constexpr char LET_GO[] = "/tmp/let-go";
+
 class HeldPrograms : public WebServer {
  protected:
-  // The log file is a pipe without a reader: it holds every program at its first statement.
+  explicit HeldPrograms(Edits edits = {}) : WebServer((edits.push_back(HELD[0]), edits)) {}
+
   void SetUp() override {
+    std::filesystem::remove(LET_GO);
     WebServer::SetUp();
-    ASSERT_EQ(mkfifo(LOG_FILE, 0600), 0);
   }
 
   void TearDown() override {
     LetGo();
-    EXPECT_TRUE(Eventually([this] { return RunningPrograms() == 0; }));
-    close(log_);
+    EXPECT_TRUE(Eventually([this] { return RunningPrograms().empty(); }));
+    std::filesystem::remove(LET_GO);
   }
 
-  void LetGo() {
-    if (log_ < 0) {
-      log_ = open(LOG_FILE, O_RDWR | O_CLOEXEC);
+  static void LetGo() { WriteText(LET_GO, ""); }
+
+  std::list<BackgroundProcess> StartClients(int count) const {
+    std::list<BackgroundProcess> clients;
+    for (int i = 0; i < count; ++i) {
+      clients.emplace_back(client_);
     }
+    return clients;
   }
 
   const Command client_ = Curl({"--output", "/dev/null", std::string(ROOT) + CHANGE});
-
- private:
-  int log_ = -1;
 };
 
 TEST_F(HeldPrograms, FinishTheRequestOfAClientThatWentAway) {
   BackgroundProcess client(client_);
-  ASSERT_TRUE(Eventually([this] { return RunningPrograms() == 1; }));
+  ASSERT_TRUE(Eventually([this] { return RunningPrograms().size() == 1; }));
   client.End(SIGKILL);
   // Who is answered now was heard after the end of the other.
   EXPECT_EQ(Fetch("/").status, 200);
@@ -232,12 +288,175 @@ TEST_F(HeldPrograms, FinishTheRequestOfAClientThatWentAway) {
 
 // Each holds a Java VM.
 TEST_F(HeldPrograms, AreFourAtMost) {
-  std::list<BackgroundProcess> clients;
-  for (int i = 0; i < 6; ++i) {
-    clients.emplace_back(client_);
+  const auto clients = StartClients(12);
+  EXPECT_TRUE(Eventually([this] { return RunningPrograms().size() == 4; }));
+  EXPECT_FALSE(
+      Eventually([this] { return RunningPrograms().size() > 4; }, std::chrono::seconds(1)));
+}
+
+TEST_F(HeldPrograms, KeepNobodyFromThePagesThatNeedNone) {
+  const auto clients = StartClients(12);
+  ASSERT_TRUE(Eventually([this] { return RunningPrograms().size() == 4; }));
+  EXPECT_EQ(Fetch("/").status, 200);
+  EXPECT_THAT(RunningPrograms(), SizeIs(4));
+}
+
+TEST_F(HeldPrograms, GiveTheirPlaceToTheNextHoweverTheyEnd) {
+  const auto clients = StartClients(5);
+  ASSERT_TRUE(Eventually([this] { return RunningPrograms().size() == 4; }));
+  const auto first = RunningPrograms();
+  kill(first[0], SIGKILL);
+  EXPECT_TRUE(Eventually([&] {
+    const auto now = RunningPrograms();
+    return now.size() == 4 && now != first;
+  }));
+}
+
+class ImpatientGate : public HeldPrograms {
+ protected:
+  ImpatientGate() : HeldPrograms({{"PATIENCE\" => \"60", "PATIENCE\" => \"1"}}) {}
+};
+
+TEST_F(ImpatientGate, TellsWhoGetsNoPlaceToComeAgain) {
+  const auto clients = StartClients(4);
+  ASSERT_TRUE(Eventually([this] { return RunningPrograms().size() == 4; }));
+  const Response response = Fetch(CHANGE);
+  EXPECT_EQ(response.status, 503);
+  EXPECT_EQ(response.headers.count("retry-after"), 1u);
+  EXPECT_THAT(response.body, HasSubstr("Service Unavailable"));
+  EXPECT_EQ(ReadText(SETTINGS_FILE), ReadText(SHIPPED_SETTINGS));
+}
+
+// A client that sends its request byte by byte.
+TEST_F(WebServer, ServesOthersBesideSlowClients) {
+  std::list<Connection> slow;
+  for (int i = 0; i < 60; ++i) {
+    slow.emplace_back("127.0.0.1", 8080).Send("GET / HTTP/1.1\r\nX: ");
   }
-  EXPECT_TRUE(Eventually([this] { return RunningPrograms() == 4; }));
-  EXPECT_FALSE(Eventually([this] { return RunningPrograms() > 4; }, std::chrono::seconds(1)));
+  std::filesystem::remove("/tmp/page");
+  const BackgroundProcess client(Curl({"--output", "/tmp/page", ROOT}));
+  bool isServed = false;
+  for (int i = 0; i < 15 && !isServed; ++i) {
+    for (Connection& connection : slow) {
+      connection.Send("x");
+    }
+    isServed =
+        Eventually([] { return std::filesystem::exists("/tmp/page"); }, std::chrono::seconds(1));
+  }
+  EXPECT_TRUE(isServed);
+}
+
+// Its streams would be many requests on one connection.
+TEST_F(WebServer, SpeaksNoHttp2) {
+  const std::vector<std::string> version = {"--output", "/dev/null", "--write-out",
+                                            "%{http_version}", ROOT};
+  auto arguments = version;
+  arguments.push_back("--http2");
+  EXPECT_EQ(Execute(Curl(arguments)).output, "1.1");
+  arguments.back() = "--http2-prior-knowledge";
+  EXPECT_NE(Execute(Curl(arguments)).output, "2");
+}
+
+// The gate's time limit, short, and programs of the test's own beside the device's.
+class TimeLimit : public WebServer {
+ protected:
+  explicit TimeLimit(Edits edits = {})
+      : WebServer((edits.push_back({"LIMIT\"    => \"60", "LIMIT\"    => \"1"}), edits)) {}
+
+  // More than may run at once: the limit has to hold while others wait.
+  void ExpectThatAllEndWithAnAnswer(const std::string& path) const {
+    const Result result =
+        Execute(Curl({"--parallel", "--parallel-immediate", "--parallel-max", "12", "--write-out",
+                      "%{http_code}\n", "--output", "/dev/null", ROOT + path + "?number=[1-12]"}));
+    EXPECT_EQ(result.exitStatus, 0) << result.error;
+    EXPECT_THAT(Lines(result.output), testing::AllOf(SizeIs(12), Each(AnyOfArray({"200", "500"}))));
+    EXPECT_TRUE(Eventually([this] { return RunningPrograms().empty(); }));
+  }
+};
+
+TEST_F(TimeLimit, EndsAProgramThatWaitsForItsLogFile) {
+  ASSERT_EQ(mkfifo(LOG_FILE, 0600), 0);
+  ExpectThatAllEndWithAnAnswer("/setobdconf.cgi");
+  std::filesystem::remove(LOG_FILE);
+  EXPECT_EQ(Fetch("/").status, 200);
+}
+
+TEST_F(TimeLimit, EndsAProgramThatWaitsForTheNvmService) {
+  const Listener service("127.0.0.1", NVM_PORT);
+  ExpectThatAllEndWithAnAnswer("/channeldeviceconfig.cgi");
+}
+
+class TimeLimitInJava : public TimeLimit {
+ protected:
+  TimeLimitInJava() : TimeLimit(HELD) {}
+};
+
+TEST_F(TimeLimitInJava, EndsAProgram) {
+  std::filesystem::remove(LET_GO);
+  ExpectThatAllEndWithAnAnswer("/setobdconf.cgi");
+}
+
+class OwnProgram : public TimeLimit {
+ protected:
+  OwnProgram() : TimeLimit({{"\"/srv/vemo/htdocs\"", "\"/tmp/programs\""}}) {}
+
+  void SetUp() override {
+    WriteText("/tmp/programs/index.html", "");
+    TimeLimit::SetUp();
+  }
+
+  static void Write(const std::string& script) {
+    const std::string path = "/tmp/programs/own.cgi";
+    WriteText(path, "#!/bin/sh\n" + script + "\n");
+    std::filesystem::permissions(path, std::filesystem::perms(0755));
+  }
+
+  static std::string Answer() { return "printf 'Content-Type: text/plain\\n\\n'; "; }
+};
+
+TEST_F(OwnProgram, IsEndedWhenItOnlyWaits) {
+  Write("exec sleep 1000");
+  ExpectThatAllEndWithAnAnswer("/own.cgi");
+}
+
+TEST_F(OwnProgram, IsEndedWhenItIsBusyAndDoesNotLetItselfBeTerminated) {
+  Write("trap '' TERM HUP INT; while :; do :; done");
+  ExpectThatAllEndWithAnAnswer("/own.cgi");
+}
+
+TEST_F(OwnProgram, IsEndedWhileItSpeaks) {
+  Write(Answer() + "while :; do echo more; sleep 0.1; done");
+  ExpectThatAllEndWithAnAnswer("/own.cgi");
+}
+
+TEST_F(OwnProgram, IsEndedWhenItClosedItsOutput) {
+  Write(Answer() + "exec >&- 2>&-; exec sleep 1000");
+  ExpectThatAllEndWithAnAnswer("/own.cgi");
+}
+
+TEST_F(OwnProgram, SeesNothingOfTheGate) {
+  Write(Answer() + "/usr/bin/env");
+  const Response response = Fetch("/own.cgi");
+  EXPECT_THAT(response.body, HasSubstr("JAVA_CLASSPATH=/srv/vemo/java\n"));
+  EXPECT_THAT(response.body, Not(HasSubstr("CGI_GATE")));
+}
+
+TEST_F(OwnProgram, IsNotShownWhenItIsNotExecutable) {
+  Write(Answer());
+  std::filesystem::permissions("/tmp/programs/own.cgi", std::filesystem::perms(0644));
+  const Response response = Fetch("/own.cgi");
+  EXPECT_EQ(response.status, 403);
+  EXPECT_THAT(response.body, Not(HasSubstr("printf")));
+}
+
+class GateWithoutItsFile : public WebServer {
+ protected:
+  GateWithoutItsFile() : WebServer({{"/tmp/cgi-gate.lock", "/nowhere/cgi-gate.lock"}}) {}
+};
+
+TEST_F(GateWithoutItsFile, LetsNobodyIn) {
+  EXPECT_EQ(Fetch(CHANGE).status, 500);
+  ExpectNothingDone();
 }
 
 TEST_F(WebServer, HasNoDeadLink) {
@@ -339,6 +558,12 @@ std::string NameOf(const testing::TestParamInfo<Case>& info) {
   return info.param.name;
 }
 
+// As a browser asks for an address that was typed, but for this header.
+std::vector<std::string> Typed(const std::string& header) {
+  return {"--header", "Sec-Fetch-Site: none",     "--header", "Sec-Fetch-Mode: navigate",
+          "--header", "Sec-Fetch-Dest: document", "--header", header};
+}
+
 class WebServerRefuses : public WebServer, public testing::WithParamInterface<Case> {};
 
 TEST_P(WebServerRefuses, AndLeavesTheSettingsAlone) {
@@ -359,6 +584,28 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"ARefererThatBeginsLikeOurs", {"--header", "Referer: http://localhost@example/"}, 403},
         Case{"AForeignSiteSaidByTheBrowser", {"--header", "Sec-Fetch-Site: cross-site"}, 403},
         Case{"ASiblingSiteSaidByTheBrowser", {"--header", "Sec-Fetch-Site: same-site"}, 403},
+        Case{"TwoSitesSaidByTheBrowser",
+             {"--header", "Sec-Fetch-Site: none", "--header", "Sec-Fetch-Site: cross-site"},
+             403},
+        Case{"AnUnknownSite", {"--header", "Sec-Fetch-Site: future"}, 403},
+        Case{"APrefetchSaidByTheBrowser", Typed("Sec-Purpose: prefetch"), 403},
+        Case{"APrerenderSaidByTheBrowser", Typed("Sec-Purpose: prefetch;prerender"), 403},
+        Case{"APrefetchSaidTheOlderWay", Typed("Purpose: prefetch"), 403},
+        Case{"APrefetchSaidByFirefox", Typed("X-Moz: prefetch"), 403},
+        Case{"APreviewSaidBySafari", Typed("X-Purpose: preview"), 403},
+        Case{"AWebSocketHandshake",
+             {"--header", "Connection: Upgrade", "--header", "Upgrade: websocket", "--header",
+              "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==", "--header",
+              "Origin: http://localhost:9090"},
+             403},
+        Case{"APictureForItsUse", {"--header", "Sec-Fetch-Dest: image"}, 403},
+        Case{"AFrameForItsUse", {"--header", "Sec-Fetch-Dest: iframe"}, 403},
+        Case{"AnUnknownUse", {"--header", "Sec-Fetch-Dest: future"}, 403},
+        Case{"NoUse", {"--header", "Sec-Fetch-Dest: empty"}, 403},
+        Case{"TheModeOfAPicture", {"--header", "Sec-Fetch-Mode: no-cors"}, 403},
+        Case{"TheModeOfAScript", {"--header", "Sec-Fetch-Mode: cors"}, 403},
+        Case{"TheModeOfAWebSocket", {"--header", "Sec-Fetch-Mode: websocket"}, 403},
+        Case{"AnUnknownMode", {"--header", "Sec-Fetch-Mode: future"}, 403},
         Case{"MethodHead", {"--head"}, 403},
         Case{"MethodPut", {"--request", "PUT", "--data", "CanDetectTimeout=500"}, 403},
         Case{"MethodDelete", {"--request", "DELETE"}, 403},
@@ -384,31 +631,46 @@ INSTANTIATE_TEST_SUITE_P(
                     Case{"OurOriginByAddress", {"--header", "Origin: http://127.0.0.1:8080"}},
                     Case{"OurReferer", {"--header", "Referer: http://localhost:8080/index.html"}},
                     Case{"OurSiteSaidByTheBrowser", {"--header", "Sec-Fetch-Site: same-origin"}},
-                    Case{"ATypedAddressSaidByTheBrowser", {"--header", "Sec-Fetch-Site: none"}},
+                    Case{"ATypedAddressSaidByTheBrowser", Typed("Sec-Fetch-User: ?1")},
+                    Case{"OurFormSaidByTheBrowser",
+                         {"--header", "Sec-Fetch-Site: same-origin", "--header",
+                          "Sec-Fetch-Mode: navigate", "--header", "Sec-Fetch-Dest: document",
+                          "--header", "Origin: http://localhost:8080", "--header",
+                          "Referer: http://localhost:8080/channeldeviceconfig.cgi"}},
                     Case{"ThePortOfATunnel", {"--header", "Host: localhost:9090"}}),
     NameOf);
 
+class ForeignOrder : public WebServer, public testing::WithParamInterface<const char*> {};
+
 // The pages without an effect may be linked from anywhere; what is posted to them may not.
-TEST_F(WebServer, TakesNoOrderForTheDeviceFromAForeignSite) {
-  for (const std::string page : {"/channeldeviceconfig.cgi", "/reboot.cgi"}) {
-    EXPECT_EQ(
-        Fetch(page, {"--header", "Origin: http://foreign.example", "--data", "allocation=allocate"})
-            .status,
-        403);
+TEST_P(ForeignOrder, IsNotTaken) {
+  for (const std::string page : {"/channeldeviceconfig.cgi", "/reboot.cgi", "/setobdconf.cgi",
+                                 "/index.html", "/channeldeviceconfig.cgi/more"}) {
+    EXPECT_EQ(Fetch(page, {"--header", GetParam(), "--data", "allocation=allocate"}).status, 403)
+        << page;
   }
+  EXPECT_EQ(Fetch("/reboot.cgi", {"--header", GetParam()}).status, 403);
   ExpectNothingDone();
-  EXPECT_EQ(
-      Fetch("/channeldeviceconfig.cgi", {"--header", "Referer: http://foreign.example/"}).status,
-      200);
+  EXPECT_EQ(Fetch("/channeldeviceconfig.cgi", {"--header", GetParam()}).status, 200);
 }
+
+INSTANTIATE_TEST_SUITE_P(With, ForeignOrder,
+                         testing::Values("Origin: http://foreign.example",
+                                         "Referer: http://foreign.example/",
+                                         "Sec-Fetch-Site: cross-site", "Sec-Fetch-Dest: image",
+                                         "Sec-Fetch-Mode: no-cors", "Sec-Purpose: prefetch",
+                                         "Sec-WebSocket-Key: x"));
 
 // Other spellings of the same address, none of which gets round the look at the origin.
 class ForeignOrigin : public WebServer, public testing::WithParamInterface<const char*> {};
 
 TEST_P(ForeignOrigin, IsRefusedHoweverTheAddressIsSpelt) {
-  const Response response = Fetch(std::string(GetParam()) + "?CanDetectTimeout=500",
-                                  {"--header", "Origin: http://foreign.example"});
-  EXPECT_EQ(response.status, 403);
+  for (const std::string header : {"Origin: http://foreign.example", "Sec-Purpose: prefetch",
+                                   "Sec-WebSocket-Key: x", "Sec-Fetch-Dest: image"}) {
+    const Response response =
+        Fetch(std::string(GetParam()) + "?CanDetectTimeout=500", {"--header", header});
+    EXPECT_EQ(response.status, 403) << header;
+  }
   ExpectNothingDone();
 }
 
@@ -416,7 +678,10 @@ INSTANTIATE_TEST_SUITE_P(Address, ForeignOrigin,
                          testing::Values("/setobdconf.cgi/more", "/setobdconf%2Ecgi",
                                          "/%73etobdconf.cgi", "//setobdconf.cgi",
                                          "/./setobdconf.cgi", "/css/../setobdconf.cgi",
-                                         "/css/%2e%2e/setobdconf.cgi"));
+                                         "/css/%2e%2e/setobdconf.cgi", "/css//../setobdconf.cgi",
+                                         "/setobdconf.cgi%2Fmore", "/setobdconf.cgi/",
+                                         "/setobdconf.cgi//", "/setobdconf%2ecgi/more",
+                                         "/%2Fsetobdconf.cgi", "/%2E/setobdconf.cgi"));
 
 TEST_F(WebServer, LetsNoForeignSiteReboot) {
   const Response response =

@@ -45,12 +45,19 @@ DESK = (1280, 800, False)
 PHONE = (360, 740, True)
 
 
-def wait_until(is_true, what):
-    deadline = time.monotonic() + LIMIT
+def eventually(is_true, limit=LIMIT):
+    """Whether it became true."""
+    deadline = time.monotonic() + limit
     while not is_true():
         if time.monotonic() > deadline:
-            raise TimeoutError(what)
+            return False
         time.sleep(0.02)
+    return True
+
+
+def wait_until(is_true, what):
+    if not eventually(is_true):
+        raise TimeoutError(what)
 
 
 def is_listening():
@@ -73,8 +80,11 @@ def running_device():
 
 
 @contextlib.contextmanager
-def running_browser():
+def running_browser(without=(), page_load_strategy="normal", preferences=None):
+    """`without` names arguments of Chromium's that are left out."""
     options = webdriver.ChromeOptions()
+    options.page_load_strategy = page_load_strategy
+    options.add_experimental_option("prefs", preferences or {})
     options.binary_location = "/usr/bin/chromium"
     profile = tempfile.mkdtemp(prefix="profile-", dir="/tmp")
     for argument in (
@@ -89,7 +99,8 @@ def running_browser():
         "--disable-dev-shm-usage",
         f"--user-data-dir={profile}",
     ):
-        options.add_argument(argument)
+        if argument not in without:
+            options.add_argument(argument)
     options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
     RemoteConnection.set_timeout(2 * LIMIT)
     driver = webdriver.Chrome(

@@ -1,0 +1,26 @@
+package com.tarn.vemo.config;
+
+import java.io.File;
+
+/** Does not get ready before it is let go. */
+public final class ConfigVemo {
+    static {
+        while (!new File("/tmp/let-go").exists()) {
+            try {
+                Thread.sleep(1);
+            } catch (InterruptedException e) {
+                break;
+            }
+        }
+    }
+
+    private ConfigVemo() {}
+
+    public static String getLanIp4AddressS() {
+        return "";
+    }
+
+    public static String getWlanIp4AddressS() {
+        return "";
+    }
+}
