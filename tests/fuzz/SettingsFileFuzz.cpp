@@ -258,6 +258,7 @@ void CheckSet(const std::string& before, const std::string& rawSection, const st
   const Contents contents = Examine(before);
   const std::vector<Entry> exchanged = Find(contents, section, key);
   if (exchanged.empty()) {
+    Require(old.GetProperty(rawSection, rawKey).empty(), "a key that is not there has no value");
     const std::vector<Entry> made = Find(Examine(after), section, key);
     Require(made.size() == 1, "a new key stands once");
     CheckInserted(before, after, contents, made[0], value);
