@@ -108,6 +108,7 @@ int Replay(Vm vm) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
   std::vector<std::string> arguments(argv + 1, argv + argc);
   const bool isReal = !arguments.empty() && arguments.front() == "--real-vm";
   if (isReal) {
