@@ -15,10 +15,11 @@ STEP = 15  # seconds between two lines of progress where there is no terminal
 
 
 def run_ctest(folder, arguments, is_verbose):
-    """Gives ctest's exit status and output; shows the output, or how far it is."""
+    """Shows ctest's output, or how far it is. Gives its exit status, its output and what it says of
+    each test that failed."""
     is_terminal = sys.stdout.isatty()
     lines = []
-    failed = 0
+    failures = {}
     shown = time.monotonic()
     ctest = subprocess.Popen(
         ["ctest", "--test-dir", folder, *arguments],
@@ -26,11 +27,12 @@ def run_ctest(folder, arguments, is_verbose):
     for line in ctest.stdout:
         lines.append(line)
         result = re.match(r"\s*(\d+/\d+) Test +#\d+: (.*?) ?\.*(?: {3}|[\w ]*\*\*\*)", line)
+        if result and "***" in line and "***Skipped" not in line:
+            failures[result[2]] = line.rpartition("***")[2].split("  ")[0].strip()
         if is_verbose:
             print(line, end="", flush=True)
         elif result:
-            failed += "***" in line and "***Skipped" not in line
-            text = f"{folder}: {result[1]}" + f", {failed} failed" * (failed > 0)
+            text = f"{folder}: {result[1]}" + (f", {len(failures)} failed" if failures else "")
             if is_terminal:
                 print(f"\r\033[K{text}  {result[2]}"[:100], end="", flush=True)
             elif time.monotonic() > shown + STEP:
@@ -38,7 +40,7 @@ def run_ctest(folder, arguments, is_verbose):
                 shown = time.monotonic()
     if is_terminal and not is_verbose:
         print("\r\033[K", end="")
-    return ctest.wait(), "".join(lines)
+    return ctest.wait(), "".join(lines), failures
 
 
 def skip_reason(output):
@@ -46,7 +48,7 @@ def skip_reason(output):
     return reason[1] if reason else output.strip()
 
 
-def tell(results):
+def tell(results, failures):
     """Prints failures and skips of a JUnit file. Gives the numbers of passed, failed and skipped."""
     counts = {"passed": 0, "failed": 0, "skipped": 0}
     for test in xml.etree.ElementTree.parse(results).iter("testcase"):
@@ -59,8 +61,7 @@ def tell(results):
             print(f"SKIPPED {test.get('name')}: {skip_reason(output)}")
         else:
             counts["failed"] += 1
-            reason = next((child.get("message") for child in test if child.get("message")), "")
-            print(f"FAILED {test.get('name')}: {reason}\n{output}")
+            print(f"FAILED {test.get('name')}: {failures.get(test.get('name'), '')}\n{output}")
     return counts
 
 
@@ -74,13 +75,12 @@ def main():
     for folder in folders:
         results = pathlib.Path(folder, "tests.xml").absolute()
         results.unlink(missing_ok=True)
-        status, output = run_ctest(
+        status, output, failures = run_ctest(
             folder, ["--output-junit", str(results), *arguments[split + 1:]], is_verbose)
-        counts = tell(results) if results.exists() else {}
-        if status != 0 and not counts.get("failed"):
+        counts = tell(results, failures) if results.exists() else {}
+        if not counts or (status != 0 and not counts["failed"]):
             is_broken = True
-        if (is_broken or not counts) and not is_verbose:
-            print(output)
+            print("" if is_verbose else output)
         for kind, count in counts.items():
             totals[kind] += count
     print(", ".join(f"{count} {kind}" for kind, count in totals.items()))

@@ -90,7 +90,7 @@ std::string Octal(mode_t mode) {
 }
 
 template <typename Function>
-Function* Real(const char* name) {
+Function* Real(Function*, const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
@@ -106,11 +106,10 @@ int open(const char* path, int flags, ...) {
     mode = va_arg(arguments, mode_t);
     va_end(arguments);
   }
-  static const auto real = Real<decltype(open)>("open");
   if (FailsOn(path, "open", (flags & O_CREAT) != 0 ? " " + Octal(mode) : "")) {
     return -1;
   }
-  const int descriptor = real(path, flags, mode);
+  const int descriptor = Real(open, "open")(path, flags, mode);
   if (descriptor >= 0 && !NameOf(path).empty()) {
     Names()[descriptor] = NameOf(path);
   }
@@ -119,66 +118,69 @@ int open(const char* path, int flags, ...) {
 
 // One that fails has closed all the same.
 int close(int descriptor) {
-  static const auto real = Real<decltype(close)>("close");
   const bool fails = FailsOn(descriptor, "close");
   const int error = errno;
   Names().erase(descriptor);
-  const int result = real(descriptor);
+  const int result = Real(close, "close")(descriptor);
   errno = fails ? error : errno;
   return fails ? -1 : result;
 }
 
 ssize_t read(int descriptor, void* data, size_t size) {
-  static const auto real = Real<decltype(read)>("read");
-  return FailsOn(descriptor, "read") ? -1 : real(descriptor, data, Piece(descriptor, size));
+  size = Piece(descriptor, size);
+  return FailsOn(descriptor, "read") ? -1 : Real(read, "read")(descriptor, data, size);
+}
+
+ssize_t write(int descriptor, const void* data, size_t size) {
+  const bool fails = FailsOn(descriptor, "write", " " + std::to_string(size));
+  return fails ? -1 : Real(write, "write")(descriptor, data, Piece(descriptor, size));
 }
 
 ssize_t pwrite(int descriptor, const void* data, size_t size, off_t offset) {
-  static const auto real = Real<decltype(pwrite)>("pwrite");
+  size = Piece(descriptor, size);
   return FailsOn(descriptor, "pwrite") ? -1
-                                       : real(descriptor, data, Piece(descriptor, size), offset);
+                                       : Real(pwrite, "pwrite")(descriptor, data, size, offset);
 }
 
 int fsync(int descriptor) {
-  static const auto real = Real<decltype(fsync)>("fsync");
-  return FailsOn(descriptor, "fsync") ? -1 : real(descriptor);
+  return FailsOn(descriptor, "fsync") ? -1 : Real(fsync, "fsync")(descriptor);
 }
 
 int ftruncate(int descriptor, off_t length) noexcept {
-  static const auto real = Real<decltype(ftruncate)>("ftruncate");
-  return FailsOn(descriptor, "ftruncate") ? -1 : real(descriptor, length);
+  return FailsOn(descriptor, "ftruncate") ? -1 : Real(ftruncate, "ftruncate")(descriptor, length);
 }
 
 int posix_fallocate(int descriptor, off_t offset, off_t length) {
-  static const auto real = Real<decltype(posix_fallocate)>("posix_fallocate");
-  return FailsOn(descriptor, "posix_fallocate") ? errno : real(descriptor, offset, length);
+  return FailsOn(descriptor, "posix_fallocate")
+             ? errno
+             : Real(posix_fallocate, "posix_fallocate")(descriptor, offset, length);
 }
 
 int fchmod(int descriptor, mode_t mode) noexcept {
-  static const auto real = Real<decltype(fchmod)>("fchmod");
-  return FailsOn(descriptor, "fchmod", " " + Octal(mode)) ? -1 : real(descriptor, mode);
+  return FailsOn(descriptor, "fchmod", " " + Octal(mode))
+             ? -1
+             : Real(fchmod, "fchmod")(descriptor, mode);
 }
 
 int fchown(int descriptor, uid_t user, gid_t group) noexcept {
-  static const auto real = Real<decltype(fchown)>("fchown");
   const std::string owner = " " + std::to_string(user) + " " + std::to_string(group);
   if (FailsOn(descriptor, "fchown", owner)) {
     return -1;
   }
-  return Setting("FAILING_FILE_CALLS_OWNER").empty() ? real(descriptor, user, group) : 0;
+  return Setting("FAILING_FILE_CALLS_OWNER").empty()
+             ? Real(fchown, "fchown")(descriptor, user, group)
+             : 0;
 }
 
 int fstat(int descriptor, struct stat* status) noexcept {
-  static const auto real = Real<int(int, struct stat*)>("fstat");
-  return FailsOn(descriptor, "fstat") ? -1 : real(descriptor, status);
+  return FailsOn(descriptor, "fstat") ? -1 : Real(fstat, "fstat")(descriptor, status);
 }
 
 int stat(const char* path, struct stat* status) noexcept {
-  static const auto real = Real<int(const char*, struct stat*)>("stat");
   if (FailsOn(path, "stat")) {
     return -1;
   }
-  const int result = real(path, status);
+  const int result = Real(stat, "stat")(path, status);
   const std::string owner = Setting("FAILING_FILE_CALLS_OWNER");
   if (!owner.empty() && !NameOf(path).empty()) {
     std::sscanf(owner.c_str(), "%u %u", &status->st_uid, &status->st_gid);
@@ -187,18 +189,15 @@ int stat(const char* path, struct stat* status) noexcept {
 }
 
 int lstat(const char* path, struct stat* status) noexcept {
-  static const auto real = Real<int(const char*, struct stat*)>("lstat");
-  return FailsOn(path, "lstat") ? -1 : real(path, status);
+  return FailsOn(path, "lstat") ? -1 : Real(lstat, "lstat")(path, status);
 }
 
 ssize_t readlink(const char* path, char* target, size_t size) noexcept {
-  static const auto real = Real<decltype(readlink)>("readlink");
-  return FailsOn(path, "readlink") ? -1 : real(path, target, size);
+  return FailsOn(path, "readlink") ? -1 : Real(readlink, "readlink")(path, target, size);
 }
 
 int rename(const char* from, const char* to) noexcept {
-  static const auto real = Real<decltype(rename)>("rename");
-  return FailsOn(from, "rename", " " + NameOf(to)) ? -1 : real(from, to);
+  return FailsOn(from, "rename", " " + NameOf(to)) ? -1 : Real(rename, "rename")(from, to);
 }
 
 }  // extern "C"

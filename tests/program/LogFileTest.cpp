@@ -29,11 +29,18 @@ class LogWrites : public NoSettings {
 
   // The sizes of the writes to the log that the request makes.
   static std::vector<std::string> WritesOf(Command request) {
-    request = Preload("writes", request);
-    request.environment["WATCHED_FILE"] = LOG_FILE;
-    request.environment["WRITES_RECORD"] = RECORD;
+    request = Preload("failing-file-calls", request);
+    request.environment["FAILING_FILE_CALLS_FOLDER"] = "/tmp";
+    request.environment["FAILING_FILE_CALLS_TRACE"] = RECORD;
     Execute(request);
-    return Lines(ReadText(RECORD));
+    const std::string call = "write cgi.log ";
+    std::vector<std::string> sizes;
+    for (const std::string& line : Lines(ReadText(RECORD))) {
+      if (line.rfind(call, 0) == 0) {
+        sizes.push_back(line.substr(call.size()));
+      }
+    }
+    return sizes;
   }
 
   static std::vector<std::string> SizesOfLines() {
