@@ -5,7 +5,7 @@
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libcgicc-dev libxml2-dev)
 DEVICE_PACKAGES=(bubblewrap lighttpd)
 TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang libclang-rt-14-dev clang-format
-  clang-tidy shellcheck curl chromium chromium-driver python3-selenium libxml2-utils
+  clang-tidy llvm shellcheck curl chromium chromium-driver python3-selenium libxml2-utils
   valgrind)
 # A Node.js from elsewhere brings its own.
 command -v npm >/dev/null || TEST_PACKAGES+=(npm)

@@ -42,7 +42,7 @@ std::string Text(const xmlChar* text) {
 }
 
 std::string Owned(xmlChar* text) {
-  const std::string copy = Text(text);
+  std::string copy = Text(text);
   xmlFree(text);
   return copy;
 }

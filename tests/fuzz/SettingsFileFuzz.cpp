@@ -24,7 +24,7 @@ using std::string_literals::operator""s;
 
 // In memory: each store waits for the disk.
 std::string MakeFolder() {
-  const std::string folder = "/dev/shm/settings." + std::to_string(getpid());
+  std::string folder = "/dev/shm/settings." + std::to_string(getpid());
   std::filesystem::create_directories(folder);
   return folder;
 }

@@ -11,7 +11,7 @@ namespace {
 
 using std::string_literals::operator""s;
 
-constexpr std::size_t MEBIBYTE = 1024 * 1024;
+constexpr std::size_t MEBIBYTE = 1048576;
 // The kernel takes no longer variable, name, equals sign and end included.
 constexpr std::size_t LONGEST_VARIABLE = 131072;
 

@@ -33,6 +33,7 @@ std::vector<Command> ReadCorpus() {
     requests[file.path()] = FromText(ReadText(file.path())).request;
   }
   std::vector<Command> corpus;
+  corpus.reserve(requests.size());
   for (auto& [name, request] : requests) {
     corpus.push_back(std::move(request));
   }
