@@ -31,7 +31,7 @@ function(add_tidy_target name)
   endforeach()
   add_custom_target(${name} DEPENDS ${stamps})
   add_test(NAME ${name}
-    COMMAND ${CMAKE_COMMAND} --build ${PROJECT_BINARY_DIR} --target ${name})
+    COMMAND ${CMAKE_COMMAND} --build ${PROJECT_BINARY_DIR} --target ${name} -- -k 0)
   set_tests_properties(${name} PROPERTIES TIMEOUT 1800 RUN_SERIAL ON)
 endfunction()
 
