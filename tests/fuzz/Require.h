@@ -1,0 +1,12 @@
+// What a fuzz target says when what must hold does not.
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+
+inline void Require(bool holds, const char* what) {
+  if (!holds) {
+    std::fprintf(stderr, "does not hold: %s\n", what);
+    std::abort();
+  }
+}
