@@ -6,7 +6,7 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libcgicc-dev libxml2-dev)
 DEVICE_PACKAGES=(bubblewrap lighttpd)
 TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang libclang-rt-14-dev clang-format
   clang-tidy shellcheck curl chromium chromium-driver python3-selenium libxml2-utils
-  valgrind)
+  valgrind qemu-user)
 # A Node.js from elsewhere brings its own.
 command -v npm >/dev/null || TEST_PACKAGES+=(npm)
 # Another JDK can take the place of Debian's.

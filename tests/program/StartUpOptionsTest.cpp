@@ -115,6 +115,23 @@ TEST_F(StartUpOptions, ChangeNoResultOfTheVms) {
   EXPECT_THAT(with, ElementsAreArray(ForeignLines()));
 }
 
+#ifdef __x86_64__
+// Emulated: one that has SSE2 and little more, one with SSE4.2, one with AVX2, all that the
+// emulator has.
+class Processor : public StartUpOptions, public testing::WithParamInterface<const char*> {};
+
+TEST_P(Processor, IsServedWithTheShippedOptions) {
+  Command request = Get("CanDetectTimeout=500");
+  request.words = {"/usr/bin/qemu-x86_64", "-cpu", GetParam(), PROGRAM};
+  request.environment["JAVA_OPTIONS"] = std::string("-XX:VMOptionsFile=") + SHIPPED;
+  const Result result = Execute(request);
+  EXPECT_EQ(result.output, SuccessPage("500"));
+  EXPECT_EQ(result.exitStatus, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, Processor, testing::Values("qemu64", "Nehalem", "Haswell", "max"));
+#endif
+
 class BadOption : public StartUpOptions, public testing::WithParamInterface<const char*> {};
 
 TEST_P(BadOption, IsKeptOffThePage) {
