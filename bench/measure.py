@@ -154,7 +154,7 @@ def steps():
                                 if not any(word in line for word in words)))
         return {"JAVA_OPTIONS": f"-XX:VMOptionsFile={path}"}
     misfit = Path("/tmp/class-archive-misfit")
-    subprocess.run(["cp", "-r", ARCHIVE, misfit], check=True)
+    make_archive(misfit)
     (misfit / "java.options").write_text(
         f"{DEVICE_OPTIONS.read_text()}-XX:SharedArchiveFile={DEVICE_OPTIONS}\n")
     handed = {"JAVA_OPTIONS": f"-XX:VMOptionsFile={misfit}/java.options"}
@@ -199,7 +199,8 @@ def put_settings_on_disk():
     reset()
     target = Path("/tmp/settings/obd.conf")
     target.parent.mkdir(exist_ok=True)
-    SETTINGS.rename(target) if not target.exists() else SETTINGS.unlink()
+    target.write_bytes(SETTINGS.read_bytes())
+    SETTINGS.unlink()
     SETTINGS.symlink_to(target)
 
 

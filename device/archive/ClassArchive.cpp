@@ -118,6 +118,14 @@ bool SyncFolder(const char* folder) {
   return isSynced;
 }
 
+bool WriteLine(int record, char (&line)[LONGEST_LINE], size_t* size) {
+  const size_t length = std::strlen(line);
+  line[length] = '\n';
+  *size += length + 1;
+  errno = EFBIG;
+  return *size < LARGEST_RECORD && WriteWhole(record, line, length + 1);
+}
+
 bool WriteRecord(const char* path, const char* const* files, int count) {
   const int record =
       open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
@@ -127,17 +135,14 @@ bool WriteRecord(const char* path, const char* const* files, int count) {
   char line[LONGEST_LINE];
   size_t size = 0;
   bool isWritten = true;
-  for (int i = -2; isWritten && i <= count; ++i) {
-    isWritten = i == -2     ? WriteVariable(line, OPTIONS_VARIABLE)
-                : i == -1   ? WriteVariable(line, LIBRARIES_VARIABLE)
-                : i < count ? WriteFile(line, files[i])
-                            : std::strcpy(line, END) != nullptr;
-    const size_t length = isWritten ? std::strlen(line) : 0;
-    line[length] = '\n';
-    size += length + 1;
-    isWritten = isWritten && size < LARGEST_RECORD && WriteWhole(record, line, length + 1);
+  for (const char* variable : {OPTIONS_VARIABLE, LIBRARIES_VARIABLE}) {
+    isWritten = isWritten && WriteVariable(line, variable) && WriteLine(record, line, &size);
   }
-  isWritten = isWritten && fsync(record) == 0;
+  for (int i = 0; i < count; ++i) {
+    isWritten = isWritten && WriteFile(line, files[i]) && WriteLine(record, line, &size);
+  }
+  std::strcpy(line, END);
+  isWritten = isWritten && WriteLine(record, line, &size) && fsync(record) == 0;
   const int error = errno;
   close(record);
   errno = error;
@@ -158,6 +163,14 @@ bool ClassArchiveFits(const char* folder, const char** misfit) {
     const char* const line = NextLine(&rest);
     if (line == nullptr || !WriteVariable(now, variable) || std::strcmp(line, now) != 0) {
       return Misfit(misfit, variable);
+    }
+  }
+  // Its own files first: the record of a folder that was copied is about the other one's.
+  for (const char* name : {CLASS_ARCHIVE, CLASS_ARCHIVE_OPTIONS}) {
+    const char* const line = NextLine(&rest);
+    if (line == nullptr || !Join(path, folder, name) || !WriteFile(now, path) ||
+        std::strcmp(line, now) != 0) {
+      return Misfit(misfit, name);
     }
   }
   while (const char* const line = NextLine(&rest)) {
@@ -183,12 +196,22 @@ bool UseClassArchive(const char* folder) {
 bool RecordClassArchive(const char* folder, const char* const* files, int count) {
   char record[PATH_MAX];
   char fresh[PATH_MAX];
-  if (!Join(record, folder, CLASS_ARCHIVE_RECORD) || !Join(fresh, folder, "record.new")) {
+  char archive[PATH_MAX];
+  char options[PATH_MAX];
+  constexpr int MOST_FILES = 16;
+  const char* all[MOST_FILES] = {archive, options};
+  if (!Join(record, folder, CLASS_ARCHIVE_RECORD) || !Join(fresh, folder, "record.new") ||
+      !Join(archive, folder, CLASS_ARCHIVE) || !Join(options, folder, CLASS_ARCHIVE_OPTIONS)) {
     return false;
   }
   unlink(record);
+  if (count > MOST_FILES - 2) {
+    errno = E2BIG;
+    return false;
+  }
+  std::memcpy(all + 2, files, sizeof *files * static_cast<size_t>(count));
   // The archive's name is on disk before the record that vouches for it.
-  if (SyncFolder(folder) && WriteRecord(fresh, files, count) && rename(fresh, record) == 0 &&
+  if (SyncFolder(folder) && WriteRecord(fresh, all, count + 2) && rename(fresh, record) == 0 &&
       SyncFolder(folder)) {
     return true;
   }

@@ -1,6 +1,6 @@
 // The class archive's record, from the command line.
 //
-//   class-archive record FOLDER FILE...      writes the record of these files
+//   class-archive record FOLDER FILE...      writes the record, of these files too
 //   class-archive fits FOLDER                status 0 if the archive fits; else 1, and says what
 //   does not class-archive run FOLDER PROGRAM         becomes the program, with the archive if it
 //   fits

@@ -288,6 +288,15 @@ TEST_F(ClassArchive, RecordOfAnotherFormFitsNothing) {
   }
 }
 
+// Its record vouches for the files of the folder that it is a copy of.
+TEST_F(ClassArchive, CopiedFolderFitsNothing) {
+  const path aside = "/app/aside";
+  std::filesystem::copy(FOLDER, aside);
+  Command request = Request();
+  request.words[2] = aside;
+  ExpectNotUsed(request);
+}
+
 // Nothing waits for a pipe.
 TEST_F(ClassArchive, RecordThatIsNoFileFitsNothing) {
   std::filesystem::remove(RECORD);
