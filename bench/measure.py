@@ -54,7 +54,7 @@ def spawn(command, environment, body=None, cpu=None, expected=0):
     result = subprocess.run(words + ["--"] + command, env=environment, stdout=subprocess.PIPE,
                             stderr=subprocess.DEVNULL, text=True, check=True, preexec_fn=affinity)
     cost = Cost(result.stdout)
-    if cost.status != expected:
+    if expected is not None and cost.status != expected:
         raise SystemExit(f"bench: {command} ended with status {cost.status}")
     return cost
 
@@ -153,11 +153,6 @@ def steps():
         path.write_text("".join(line for line in DEVICE_OPTIONS.read_text().splitlines(True)
                                 if not any(word in line for word in words)))
         return {"JAVA_OPTIONS": f"-XX:VMOptionsFile={path}"}
-    misfit = Path("/tmp/class-archive-misfit")
-    make_archive(misfit)
-    (misfit / "java.options").write_text(
-        f"{DEVICE_OPTIONS.read_text()}-XX:SharedArchiveFile={DEVICE_OPTIONS}\n")
-    handed = {"JAVA_OPTIONS": f"-XX:VMOptionsFile={misfit}/java.options"}
     common = {**REQUEST, **DIRECTORY}
     return {
         FIRST_STEP: ([EMBEDDER], {**common, **without("first", *ON_TRIAL)}, None),
@@ -167,10 +162,54 @@ def steps():
         "our own class archive": ([EMBEDDER], {**common, **SHIPPED}, None),
         "  through the look whether it fits": (
             [CLASS_ARCHIVE, "run", str(ARCHIVE), EMBEDDER], {**common, **OPTIONS_ALONE}, None),
-        "  one that does not fit, held back": (
-            [CLASS_ARCHIVE, "run", str(misfit), EMBEDDER], {**common, **OPTIONS_ALONE}, None),
-        "  one that does not fit, handed over": ([EMBEDDER], {**common, **handed}, None),
     }
+
+
+def change_archive(case, archive):
+    archive.chmod(0o600)
+    if case == "missing":
+        archive.unlink()
+    elif case == "unreadable":
+        archive.chmod(0)
+    elif case == "cut in the middle":
+        os.truncate(archive, archive.stat().st_size // 2)
+    elif case == "empty":
+        os.truncate(archive, 0)
+    elif case == "another VM's":
+        archive.write_bytes(DEVICE_OPTIONS.read_bytes() * 20000)
+    elif case == "a bit turned":
+        with archive.open("r+b") as file:
+            file.seek(archive.stat().st_size // 2)
+            byte = file.read(1)[0]
+            file.seek(-1, os.SEEK_CUR)
+            file.write(bytes([byte ^ 1]))
+
+
+MISFITS = ("missing", "unreadable", "cut in the middle", "empty", "another VM's", "a bit turned")
+
+
+def misfits():
+    """Each kind of archive that does not fit, held back from the VM and handed over to it."""
+    common = {**REQUEST, **DIRECTORY, **OPTIONS_ALONE}
+    found = {"none": ([EMBEDDER], common, None)}
+    for number, case in enumerate(MISFITS):
+        folder = Path(f"/app/class-archive-{number}")
+        options = make_archive(folder)
+        change_archive(case, folder / "classes.jsa")
+        found[f"{case}, held back"] = ([CLASS_ARCHIVE, "run", str(folder), EMBEDDER], common, None)
+        found[f"{case}, handed over"] = ([EMBEDDER], {**common, **options}, None)
+    return found
+
+
+def misfit_rows(costs):
+    for case in MISFITS:
+        row = [case]
+        for how in ("held back", "handed over"):
+            runs = costs[f"{case}, {how}"]
+            failed = sum(cost.status != 0 for cost in runs)
+            row.append(spread(ratios(costs, "cpu", f"{case}, {how}", "none"))[0]
+                       + (f", {failed} of {len(runs)} failed" if failed else ""))
+        yield row
 
 
 # Numerator, denominator, and the most that CPU, wall and peak may be of it.
@@ -204,12 +243,12 @@ def put_settings_on_disk():
     SETTINGS.symlink_to(target)
 
 
-def measure_costs(compared, rounds):
+def measure_costs(compared, rounds, expected=0):
     costs = {name: [] for name in compared}
     for number in range(rounds + 1):
         for name, (command, environment, cpu) in compared.items():
             put_settings_on_disk() if "on disk" in name else reset()
-            cost = spawn(command, environment, cpu=cpu)
+            cost = spawn(command, environment, cpu=cpu, expected=expected)
             if number > 0:  # the first round warms the page cache
                 costs[name].append(cost)
     return costs
@@ -556,6 +595,7 @@ def main():
     make_archive(ARCHIVE)
     costs = measure_costs(subjects(), rounds)
     step_costs = measure_costs(steps(), rounds)
+    misfit_costs = measure_costs(misfits(), rounds, expected=None)
     growth = measure_growth()
     counts = measure_instructions()
     marks = median_timeline(max(5, rounds // 2))
@@ -566,6 +606,8 @@ def main():
         table("The steps of the VM's start, each with those above it, against the first", here,
               ["bare embedder", "CPU", "peak memory", "page faults", "instructions"],
               step_rows(step_costs)),
+        table("A class archive that does not fit, against the options alone, CPU", here,
+              ["bare embedder", "held back", "handed over"], misfit_rows(misfit_costs)),
         table("One request, medians", here,
               ["", "CPU", "wall", "peak memory", "page faults", "instructions"], cost_rows(costs)),
         table("Growth of CPU time, with fake VM", here, ["", "sizes", "cost", "exponent"],
