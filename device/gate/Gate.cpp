@@ -9,6 +9,7 @@
 //   CGI_GATE_PLACES    programs that may run at once
 //   CGI_GATE_PATIENCE  seconds to wait for a place
 //   CGI_GATE_LIMIT     seconds that a program may take
+//   CGI_GATE_ARCHIVE   optional: the folder of the Java VM's class archive, see ClassArchive.h
 //
 // Nobody has to watch the program: the kernel keeps the alarm and the lock for it over the exec,
 // ends it with SIGALRM when its time is over, and gives the place free when it ends, however that
@@ -29,12 +30,15 @@
 #include <ctime>
 #include <initializer_list>
 
+#include "ClassArchive.h"
+
 namespace {
 
 constexpr char FILE_VARIABLE[] = "CGI_GATE_FILE";
 constexpr char PLACES_VARIABLE[] = "CGI_GATE_PLACES";
 constexpr char PATIENCE_VARIABLE[] = "CGI_GATE_PATIENCE";
 constexpr char LIMIT_VARIABLE[] = "CGI_GATE_LIMIT";
+constexpr char ARCHIVE_VARIABLE[] = "CGI_GATE_ARCHIVE";
 
 constexpr long MOST_PLACES = 1000;
 constexpr long MOST_SECONDS = 24 * 60 * 60;
@@ -147,6 +151,13 @@ void SetLimit(long seconds) {
   SetTimer(seconds, 0);
 }
 
+// The web server hands the page on as it comes, and ends a program whose client has gone: in the
+// middle of a change, perhaps. The program inherits that it does not listen.
+void OutliveTheClient() {
+  std::signal(SIGTERM, SIG_IGN);
+  std::signal(SIGPIPE, SIG_IGN);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -165,7 +176,12 @@ int main(int argc, char** argv) {
   }
   WaitForAPlace(file, places, patience);
   SetLimit(limit);
-  for (const char* variable : {FILE_VARIABLE, PLACES_VARIABLE, PATIENCE_VARIABLE, LIMIT_VARIABLE}) {
+  OutliveTheClient();
+  if (const char* const archive = std::getenv(ARCHIVE_VARIABLE)) {
+    UseClassArchive(archive);
+  }
+  for (const char* variable :
+       {FILE_VARIABLE, PLACES_VARIABLE, PATIENCE_VARIABLE, LIMIT_VARIABLE, ARCHIVE_VARIABLE}) {
     unsetenv(variable);
   }
   execv(argv[1], argv + 1);

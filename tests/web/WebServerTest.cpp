@@ -286,6 +286,14 @@ TEST_F(HeldPrograms, FinishTheRequestOfAClientThatWentAway) {
   EXPECT_TRUE(Eventually([] { return ReadText(SETTINGS_FILE) == SettingsWith("500"); }));
 }
 
+// The Java VM is started behind the frame.
+TEST_F(HeldPrograms, AreSeenAtWork) {
+  static constexpr char PAGE[] = "/tmp/page";
+  BackgroundProcess client(Curl({"--no-buffer", "--output", PAGE, std::string(ROOT) + CHANGE}));
+  EXPECT_TRUE(Eventually([] { return ReadText(PAGE).find("clear:both") != std::string::npos; }));
+  EXPECT_THAT(RunningPrograms(), SizeIs(1));
+}
+
 // Each holds a Java VM.
 TEST_F(HeldPrograms, AreFourAtMost) {
   const auto clients = StartClients(12);
