@@ -41,7 +41,7 @@ constexpr char LIMIT_VARIABLE[] = "CGI_GATE_LIMIT";
 constexpr char ARCHIVE_VARIABLE[] = "CGI_GATE_ARCHIVE";
 
 constexpr long MOST_PLACES = 1000;
-constexpr long MOST_SECONDS = 24 * 60 * 60;
+constexpr long MOST_SECONDS = 24L * 60 * 60;
 
 // The file's bytes are locked, not written: the first for the head of the queue, then one a place.
 constexpr off_t QUEUE = 0;
@@ -129,7 +129,7 @@ void WaitForAPlace(int file, long places, long patience) {
       Refuse("503 Service Unavailable", "no place became free");
     }
     if (isHead) {
-      const timespec pause = {0, 2 * 1000 * 1000};
+      const timespec pause = {0, 2L * 1000 * 1000};
       nanosleep(&pause, nullptr);
     } else {
       isHead = Lock(file, QUEUE, F_SETLKW);

@@ -154,9 +154,14 @@ class WebServer : public testing::Test {
   }
 
   // Programs that the server has started and that have not ended; not who waits at the gate.
-  std::vector<pid_t> RunningPrograms() const {
+  // The server's child processes: programs, and gates that wait.
+  std::string Children() const {
     const std::string id = std::to_string(server_.Id());
-    std::istringstream children(ReadText("/proc/" + id + "/task/" + id + "/children"));
+    return ReadText("/proc/" + id + "/task/" + id + "/children");
+  }
+
+  std::vector<pid_t> RunningPrograms() const {
+    std::istringstream children(Children());
     std::vector<pid_t> programs;
     for (std::string child; children >> child;) {
       std::error_code isGone;
@@ -258,7 +263,7 @@ class HeldPrograms : public WebServer {
 
   void TearDown() override {
     LetGo();
-    EXPECT_TRUE(Eventually([this] { return RunningPrograms().empty(); }));
+    EXPECT_TRUE(Eventually([this] { return Children().empty(); }));
     std::filesystem::remove(LET_GO);
   }
 
