@@ -26,6 +26,7 @@ int AboveStandardDescriptors(int descriptor) {
   return moved;
 }
 
+// Stays: see docs/kept-as-is.md, "full log pipe".
 // A named pipe that nobody reads is not waited for; a file that another process holds a lease on
 // is, until the kernel has taken the lease back.
 int OpenForWriting(const std::string& path, int flags) {

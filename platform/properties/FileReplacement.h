@@ -29,8 +29,8 @@ ReadResult ReadFile(const std::string& path, std::string& text);
 // is taken first, the old content put back when a write fails, and the length cut last. Those who
 // do so wait for one another, by flock on the file. It cannot promise what a rename does: another
 // reader than ReadFile, a process killed in the middle, a power cut, or a disk that fails twice may
-// see a mix of both; and when only bringing it to the disk failed, false means that the new content
-// stands but may not survive a power cut.
+// see a mix of both, with zeros where the file was to grow; and when only bringing it to the disk
+// failed, false means that the new content stands but may not survive a power cut.
 //
 // Extended attributes and access control lists are kept. A write-protected file in a writable
 // folder is replaced, and stays write-protected. Not kept: hard links to the file. A killed process
