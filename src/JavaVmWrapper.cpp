@@ -59,9 +59,6 @@ jmethodID FindConstructor(JNIEnv* env, int line, jclass type, const char* signat
 
 jmethodID FindStaticMethod(JNIEnv* env, int line, jclass type, const char* name,
                            const char* signature) {
-  if (type == nullptr) {
-    return nullptr;
-  }
   const jmethodID method = env->GetStaticMethodID(type, name, signature);
   if (method == nullptr) {
     LogMethodNotFound(line, name);
@@ -104,6 +101,9 @@ void SetSystemErr(JNIEnv* env, jobject printStream) {
     return;
   }
   const jclass type = FindPlatformClass(env, 203, "java/lang/System");
+  if (type == nullptr) {
+    return;
+  }
   const jmethodID setErr = FindStaticMethod(env, 211, type, "setErr", "(Ljava/io/PrintStream;)V");
   if (setErr != nullptr) {
     env->CallStaticVoidMethod(type, setErr, printStream);

@@ -141,7 +141,7 @@ bool WriteRecord(const char* path, const char* const* files, int count) {
   for (int i = 0; i < count; ++i) {
     isWritten = isWritten && WriteFile(line, files[i]) && WriteLine(record, line, &size);
   }
-  std::strcpy(line, END);
+  std::snprintf(line, sizeof line, "%s", END);
   isWritten = isWritten && WriteLine(record, line, &size) && fsync(record) == 0;
   const int error = errno;
   close(record);

@@ -121,6 +121,11 @@ void WaitForAPlace(int file, long places, long patience) {
   struct sigaction action = {};
   action.sa_handler = EndPatience;
   sigaction(SIGALRM, &action, nullptr);
+  // The web server may hand it on blocked.
+  sigset_t alarm;
+  sigemptyset(&alarm);
+  sigaddset(&alarm, SIGALRM);
+  sigprocmask(SIG_UNBLOCK, &alarm, nullptr);
   // Again and again: a signal between a look at the flag and a call that waits would be lost.
   SetTimer(patience, 1);
   bool isHead = false;
@@ -141,14 +146,10 @@ void WaitForAPlace(int file, long places, long patience) {
   Unlock(file, QUEUE);
 }
 
-// The web server may hand on signals that are ignored or blocked.
+// The new time first: at the end of the old one there would be nobody to answer the client.
 void SetLimit(long seconds) {
-  std::signal(SIGALRM, SIG_DFL);
-  sigset_t alarm;
-  sigemptyset(&alarm);
-  sigaddset(&alarm, SIGALRM);
-  sigprocmask(SIG_UNBLOCK, &alarm, nullptr);
   SetTimer(seconds, 0);
+  std::signal(SIGALRM, SIG_DFL);
 }
 
 // The web server hands the page on as it comes, and ends a program whose client has gone: in the

@@ -221,6 +221,9 @@ int ListenHttp(const std::string& address, std::uint16_t port) {
     return -1;
   }
   const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (listener == -1) {
+    return -1;
+  }
   const int on = 1;
   setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   const bool isListening =

@@ -1,5 +1,7 @@
 #include "RotatedLog.h"
 
+#include <unistd.h>
+
 RotatedLog::RotatedLog(const std::string& path, LogLayout* layout) : path_(path), layout_(layout) {
   Open();
 }
@@ -16,7 +18,11 @@ void RotatedLog::HandleEvent(const LogEvent& event) {
 void RotatedLog::Open() {
   auto file = std::make_unique<LogClientFile>(path_, true);
   file->SetLayout(layout_);
-  if (stat(path_.c_str(), &opened_) == 0 || file_ == nullptr) {
+  struct stat now = {};
+  const bool isUsable =
+      stat(path_.c_str(), &now) == 0 && S_ISREG(now.st_mode) && access(path_.c_str(), W_OK) == 0;
+  if (isUsable || file_ == nullptr) {
     file_ = std::move(file);
+    opened_ = now;
   }
 }

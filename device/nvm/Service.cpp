@@ -45,7 +45,7 @@ std::string Printable(const std::string& text) {
   constexpr std::size_t MOST_CHARACTERS = 100;
   std::string printable;
   for (const char character : text.substr(0, MOST_CHARACTERS)) {
-    if (character >= ' ' && character <= '~' && character != '\\') {
+    if (character >= ' ' && character <= '~') {
       printable += character;
     } else {
       char code[8];

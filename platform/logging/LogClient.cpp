@@ -49,7 +49,9 @@ void EndCutLine(int descriptor) {
   const off_t end = lseek(descriptor, 0, SEEK_CUR);
   const int flags = fcntl(descriptor, F_GETFL);
   if (end > 0 && flags != -1 && fcntl(descriptor, F_SETFL, flags & ~O_APPEND) == 0) {
-    pwrite(descriptor, "\n", 1, end - 1);
+    if (pwrite(descriptor, "\n", 1, end - 1) < 0) {
+      // The line stays cut.
+    }
     fcntl(descriptor, F_SETFL, flags);
   }
 }

@@ -44,7 +44,7 @@ class LogClientFile : public LogClient {
   // the beginning stays, as a line of its own. Nothing of this ends the process: a refusal that the
   // kernel makes a signal of (a limit on the size of files, a pipe without a reader) is a refusal
   // like others. A named pipe that nobody has open for reading cannot be opened; where somebody
-  // has, a full pipe is waited for.
+  // has, a full pipe is waited for, and so is a lease that another process has on the file.
   LogClientFile(const std::string& path, bool append);
   ~LogClientFile() override;
   LogClientFile(const LogClientFile&) = delete;

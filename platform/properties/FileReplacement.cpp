@@ -7,10 +7,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <system_error>
+#include <thread>
 
 #include "Descriptor.h"
 #include "FileAttributes.h"
@@ -111,11 +113,23 @@ bool IsRefusal(int error) {
 // in place, and whoever reads it; and on a temporary file by its maker, who needs it, so that the
 // next store can tell a file that a killed process left behind.
 
-// Waits for whoever has the file. On a file system that knows no locks there is none: that must not
-// keep anybody from their settings.
-void Lock(int descriptor, int operation) {
-  while (flock(descriptor, operation) != 0 && errno == EINTR) {
+// Waits for whoever has the file, but not for ever: whoever may read it can lock it. False when it
+// is still locked then. On a file system that knows no locks there is none: that must not keep
+// anybody from their settings.
+bool Lock(int descriptor, int operation) {
+  constexpr auto PAUSE = std::chrono::milliseconds(1);
+  constexpr int MOST_PAUSES = 10000;
+  for (int pause = 0; pause < MOST_PAUSES; ++pause) {
+    if (flock(descriptor, operation | LOCK_NB) == 0 || (errno != EWOULDBLOCK && errno != EINTR)) {
+      return true;
+    }
+    std::this_thread::sleep_for(PAUSE);
   }
+  return false;
+}
+
+bool IsSameFile(const struct stat& one, const struct stat& other) {
+  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
 bool IsRemoved(int descriptor) {
@@ -152,7 +166,7 @@ int OpenTemporaryFile(const fs::path& target, mode_t mode, fs::path& path) {
 
 bool IsTemporaryName(const char* name) {
   int length = 0;
-  std::sscanf(name, ".ini-%*u-%*u.tmp%n", &length);
+  std::sscanf(name, ".ini-%*[0-9]-%*[0-9].tmp%n", &length);
   return length > 0 && name[length] == '\0';
 }
 
@@ -166,7 +180,12 @@ void RemoveLeftovers(const fs::path& folder) {
     }
     const fs::path path = folder / entry->d_name;
     const Descriptor left(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
-    if (left.IsOpen() && flock(left.Get(), LOCK_EX | LOCK_NB) == 0 && !IsRemoved(left.Get())) {
+    // While it was opened its maker may have renamed it, and made another of that name.
+    struct stat opened {};
+    struct stat named {};
+    if (left.IsOpen() && flock(left.Get(), LOCK_EX | LOCK_NB) == 0 &&
+        fstat(left.Get(), &opened) == 0 && lstat(path.c_str(), &named) == 0 &&
+        IsSameFile(opened, named)) {
       unlink(path.c_str());
     }
   }
@@ -254,13 +273,15 @@ int OpenForRewriting(const fs::path& target) {
     if (!descriptor.IsOpen()) {
       return -1;
     }
-    Lock(descriptor.Get(), LOCK_EX);
+    if (!Lock(descriptor.Get(), LOCK_EX)) {
+      return -1;
+    }
     struct stat opened {};
     struct stat named {};
     if (fstat(descriptor.Get(), &opened) != 0 || stat(target.c_str(), &named) != 0) {
       return -1;
     }
-    if (opened.st_dev == named.st_dev && opened.st_ino == named.st_ino) {
+    if (IsSameFile(opened, named)) {
       return descriptor.Release();
     }
   }
@@ -305,7 +326,7 @@ ReadResult ReadFile(const std::string& path, std::string& text) {
   if (fstat(descriptor.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
     return ReadResult::kUnreadable;
   }
-  Lock(descriptor.Get(), LOCK_SH);
+  Lock(descriptor.Get(), LOCK_SH);  // whoever keeps it longer than we wait is none of us
   return ReadAll(descriptor.Get(), text) ? ReadResult::kRead : ReadResult::kUnreadable;
 }
 

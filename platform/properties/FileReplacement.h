@@ -12,7 +12,8 @@ enum class ReadResult {
 };
 
 // Reads the file at `path` into `text`; `text` is empty unless the result is kRead. Waits for a
-// ReplaceFile that is rewriting it in place, and for a process that holds a lease on it.
+// ReplaceFile that is rewriting it in place, ten seconds at most, whoever holds the lock, and for
+// the kernel to take back another process's lease.
 ReadResult ReadFile(const std::string& path, std::string& text);
 
 // Makes `text` the content of the file at `path`; a missing file is made with mode 0666 less the
@@ -27,15 +28,16 @@ ReadResult ReadFile(const std::string& path, std::string& text);
 // Where the folder refuses the new file or the rename (not writable, read-only, a file mounted on
 // its own), or owner, mode and attributes cannot be kept, the file is rewritten in place: the room
 // is taken first, the old content put back when a write fails, and the length cut last. Those who
-// do so wait for one another, by flock on the file. It cannot promise what a rename does: another
-// reader than ReadFile, a process killed in the middle, a power cut, or a disk that fails twice may
-// see a mix of both, with zeros where the file was to grow; and when only bringing it to the disk
-// failed, false means that the new content stands but may not survive a power cut.
+// do so wait for one another, by flock on the file, ten seconds at most; then it is a failure. It
+// cannot promise what a rename does: another reader than ReadFile, a process killed in the middle,
+// a power cut, or a disk that fails twice may see a mix of both, with zeros where the file was to
+// grow; and when only bringing it to the disk failed, false means that the new content stands but
+// may not survive a power cut.
 //
 // Extended attributes and access control lists are kept. A write-protected file in a writable
 // folder is replaced, and stays write-protected. Not kept: hard links to the file. A killed process
-// may leave its temporary file, `.ini-PID-N.tmp`; the next replacement in that folder removes it. A
-// limit on the size of files is a failure, not a signal.
+// may leave its temporary file, `.ini-PID-N.tmp`; the next replacement by rename in that folder
+// removes it. A limit on the size of files is a failure, not a signal.
 bool ReplaceFile(const std::string& path, const std::string& text);
 
 }  // namespace file_replacement

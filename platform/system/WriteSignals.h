@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <csignal>
 #include <ctime>
+#include <initializer_list>
 
 // While it lives, a write of this thread to a pipe without a reader, or beyond the limit on the
 // size of files, fails with EPIPE or EFBIG as any other write does, instead of ending the process.

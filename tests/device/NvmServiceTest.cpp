@@ -423,11 +423,10 @@ TEST_F(NvmServiceTest, LogsEachRequestAndRefusalsAsErrors) {
 TEST_F(NvmServiceTest, ANameForgesNoLogLine) {
   Ask("nvm%0D%0AForged", Packet(""));
   Ask("nvmAllocateDevice", NvmOwnerPacket("A&#10;B&#13;\xC2\x85\\"));
-  EXPECT_THAT(
-      NvmServiceStatements(),
-      ElementsAre("ERROR nvm\\x0D\\x0AForged: 5 Unknown function nvm\\x5Cx0D\\x5Cx0AForged; "
-                  "owner now: nobody",
-                  "INFO nvmAllocateDevice: 0 ; owner now: A\\x0AB\\x0D\\xC2\\x85\\x5C"));
+  EXPECT_THAT(NvmServiceStatements(),
+              ElementsAre("ERROR nvm\\x0D\\x0AForged: 5 Unknown function nvm\\x0D\\x0AForged; "
+                          "owner now: nobody",
+                          "INFO nvmAllocateDevice: 0 ; owner now: A\\x0AB\\x0D\\xC2\\x85\\"));
 }
 
 TEST_F(NvmServiceTest, ALongNameIsShortened) {

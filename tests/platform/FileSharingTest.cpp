@@ -123,6 +123,19 @@ TEST_F(FileSharing, ARewriterWaitsForAReader) {
   EXPECT_TRUE(replaced.get());
 }
 
+// Whoever may read the file can lock it.
+TEST_F(FileSharing, NobodyWaitsForEver) {
+  AllowNewFiles(false);
+  const OpenFile stranger(path);
+  stranger.Lock(LOCK_EX);
+  std::string text;
+  auto read = std::async(std::launch::async, [&] { return ReadFile(path, text); });
+  EXPECT_FALSE(ReplaceFile(path, NEW));
+  EXPECT_EQ(read.get(), ReadResult::kRead);
+  EXPECT_EQ(text, OLD);
+  EXPECT_EQ(ReadText(path), OLD);
+}
+
 TEST_F(FileSharing, ReadersDoNotWaitForOneAnother) {
   const OpenFile reader(path);
   reader.Lock(LOCK_SH);
@@ -231,7 +244,8 @@ TEST_F(FileSharing, TheTemporaryFileOfALivingProcessStays) {
 
 TEST_F(FileSharing, WhatHasAnotherNameStays) {
   const std::vector<std::string> others = {".ini-a-0.tmp", ".ini-1-0.tmp~", "ini-1-0.tmp",
-                                           ".ini-1.tmp",   ".ini-1-0",      ".ini--.tmp"};
+                                           ".ini-1.tmp",   ".ini-1-0",      ".ini- 1-+2.tmp",
+                                           ".ini--.tmp"};
   for (const std::string& other : others) {
     WriteText(folder / other, "another's");
   }
