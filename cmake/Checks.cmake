@@ -51,6 +51,6 @@ else()
   add_test(NAME format COMMAND clang-format --dry-run -Werror ${formatted})
   # Every file that a shell runs, and what the scripts at the top share.
   add_test(NAME shellcheck
-    COMMAND sh -c "grep -rlE '^#!.*sh$' --exclude-dir='build*' . | xargs shellcheck -x tools/*.sh"
+    COMMAND sh -c "grep -rlE '^#!.*sh$' --exclude-dir='build*' --exclude-dir=.git . | xargs shellcheck -x tools/*.sh"
     WORKING_DIRECTORY ${PROJECT_SOURCE_DIR})
 endif()

@@ -26,22 +26,32 @@ bool StartsWith(std::string_view text, std::string_view start) {
   return text.substr(0, start.size()) == start;
 }
 
+bool IsBlank(std::string_view line) {
+  return line.find_first_not_of(BLANKS) == std::string_view::npos;
+}
+
+// The line's first character that is no blank; NUL when there is none.
+char FirstCharacter(std::string_view line) {
+  const std::size_t first = line.find_first_not_of(BLANKS);
+  return first == std::string_view::npos ? '\0' : line[first];
+}
+
 bool IsComment(std::string_view line) {
-  const std::string_view text = Trim(line);
-  return !text.empty() && (text.front() == ';' || text.front() == '#');
+  const char first = FirstCharacter(line);
+  return first == ';' || first == '#';
 }
 
 // The name when the line begins a section.
 std::optional<std::string_view> ParseSection(std::string_view line) {
-  const std::string_view text = Trim(line);
-  if (text.empty() || text.front() != '[') {
+  if (FirstCharacter(line) != '[') {
     return std::nullopt;
   }
-  const std::size_t end = text.find(']');
+  const std::size_t begin = line.find('[') + 1;
+  const std::size_t end = line.find(']', begin);
   if (end == std::string_view::npos) {
     return std::nullopt;
   }
-  return Trim(text.substr(1, end - 1));
+  return Trim(line.substr(begin, end - begin));
 }
 
 struct Entry {
@@ -202,7 +212,7 @@ std::string AppendSection(std::string text, const std::string& header, const std
   for (LineReader reader(text); reader.Next(); hasLines = true) {
     lastLine = reader.Line();
   }
-  if (hasLines && !Trim(lastLine).empty()) {
+  if (hasLines && !IsBlank(lastLine)) {
     text += lineEnd;
   }
   return text + header + lineEnd + entry + (wasTerminated ? lineEnd : "");
@@ -264,7 +274,7 @@ void PropertiesIni::SetProperty(const std::string& section, const std::string& k
     if (reader.Section() != sectionName) {
       continue;
     }
-    if (!Trim(reader.Line()).empty()) {
+    if (!IsBlank(reader.Line())) {
       sectionEnd = reader.NextOffset();
     }
     const auto entry = ParseEntry(reader.Line());

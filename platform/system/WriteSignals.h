@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <csignal>
 #include <ctime>
-#include <initializer_list>
 
 // While it lives, a write of this thread to a pipe without a reader, or beyond the limit on the
 // size of files, fails with EPIPE or EFBIG as any other write does, instead of ending the process.
@@ -12,25 +11,18 @@
 class WriteSignals {
  public:
   WriteSignals() {
-    sigset_t refusals;
-    sigemptyset(&refusals);
-    sigaddset(&refusals, SIGPIPE);
-    sigaddset(&refusals, SIGXFSZ);
-    pthread_sigmask(SIG_BLOCK, &refusals, &before_);
+    sigemptyset(&refusals_);
+    sigaddset(&refusals_, SIGPIPE);
+    sigaddset(&refusals_, SIGXFSZ);
+    pthread_sigmask(SIG_BLOCK, &refusals_, &before_);
   }
 
   ~WriteSignals() {
     const int error = errno;
-    // One that the caller had blocked is the caller's to take: it may have been there before.
-    sigset_t raised;
-    sigemptyset(&raised);
-    for (const int signal : {SIGPIPE, SIGXFSZ}) {
-      if (sigismember(&before_, signal) == 0) {
-        sigaddset(&raised, signal);
-      }
-    }
+    LeaveToCaller(SIGPIPE);
+    LeaveToCaller(SIGXFSZ);
     const timespec now = {0, 0};
-    while (sigtimedwait(&raised, nullptr, &now) > 0) {
+    while (sigtimedwait(&refusals_, nullptr, &now) > 0) {
     }
     pthread_sigmask(SIG_SETMASK, &before_, nullptr);
     errno = error;
@@ -40,5 +32,13 @@ class WriteSignals {
   WriteSignals& operator=(const WriteSignals&) = delete;
 
  private:
+  // One that the caller had blocked may have been there before.
+  void LeaveToCaller(int signal) {
+    if (sigismember(&before_, signal) == 1) {
+      sigdelset(&refusals_, signal);
+    }
+  }
+
+  sigset_t refusals_;
   sigset_t before_;
 };
