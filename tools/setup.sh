@@ -4,6 +4,7 @@
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libcgicc-dev libxml2-dev
   libmicrohttpd-dev)
 DEVICE_PACKAGES=(bubblewrap lighttpd)
+PACKAGING_PACKAGES=(debhelper dpkg-dev fakeroot lighttpd lintian pkgconf)
 TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang libclang-rt-14-dev curl chromium
   chromium-driver python3-selenium valgrind)
 # A Node.js from elsewhere brings its own.
