@@ -1,12 +1,14 @@
 # What ./run and ./test share: installing what is missing, building. Sourced with the repository's top
 # as the current folder.
+# shellcheck shell=bash disable=SC2034
 
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libcgicc-dev libxml2-dev
   libmicrohttpd-dev)
 DEVICE_PACKAGES=(bubblewrap lighttpd)
 PACKAGING_PACKAGES=(debhelper dpkg-dev fakeroot lighttpd lintian pkgconf)
-TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang libclang-rt-14-dev curl chromium
-  chromium-driver python3-selenium valgrind)
+TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang libclang-rt-14-dev clang-format
+  clang-tidy shellcheck curl chromium chromium-driver python3-selenium libxml2-utils
+  proot valgrind)
 # A Node.js from elsewhere brings its own.
 command -v npm >/dev/null || TEST_PACKAGES+=(npm)
 # Another JDK can take the place of Debian's.
@@ -63,20 +65,35 @@ install_packages() {
     fail "the packages cannot be installed: is there a network? Else $by_hand"
 }
 
+# Whether the build folder was configured in another checkout and came here with a copy of it.
+is_copied() {
+  local cache=$1/CMakeCache.txt source folder
+  [[ -e $cache ]] || return 1
+  source=$(sed -n 's/^CMAKE_HOME_DIRECTORY:INTERNAL=//p' "$cache")
+  folder=$(sed -n 's/^CMAKE_CACHEFILE_DIR:INTERNAL=//p' "$cache")
+  ! [[ $source -ef . && $folder -ef $1 ]]
+}
+
 # configure FOLDER [CMAKE OPTION...]
 configure() {
   local folder=$1
   shift
+  if is_copied "$folder"; then
+    echo "The checkout is a copy: building $folder anew"
+    # All but the device's storage and what was fetched.
+    find "$folder" -mindepth 1 -maxdepth 1 ! -name state ! -name npm -exec rm -rf {} +
+  fi
   mkdir -p "$folder"
   quietly "$folder/configure.log" cmake -S . -B "$folder" -G Ninja "$@" ||
     fail "the build in $folder cannot be configured"
 }
 
-# build FOLDER [TARGET...]
+# build FOLDER [TARGET...]; a terminal shows how far it is.
 build() {
-  local folder=$1
+  local folder=$1 show=()
   shift
-  quietly "$folder/build.log" cmake --build "$folder" ${1:+--target "$@"} ||
+  [[ -t 1 ]] || show=(quietly "$folder/build.log")
+  "${show[@]}" cmake --build "$folder" ${1:+--target "$@"} ||
     fail "the build in $folder failed"
 }
 
@@ -91,7 +108,39 @@ install_accessibility_checker() {
     fail "axe-core cannot be fetched: is there a network?"
 }
 
+is_listening() {
+  (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null
+}
+
+find_sandbox() {
+  VEMO_SANDBOX_KIND=$(device/sandbox --kind 2>build/sandbox.log)
+}
+
+# Finds out, once for all that follows, which kind of sandbox the machine allows.
 check_sandbox() {
-  quietly build/sandbox.log device/sandbox build -- true ||
-    fail "the sandbox does not start: this machine does not let us make user namespaces"
+  # A tool that traces programs comes only to machines that need it.
+  if ! find_sandbox && ! is_installed proot; then
+    (install_packages proot) || true
+  fi
+  [[ -n $VEMO_SANDBOX_KIND ]] || find_sandbox || {
+    cat build/sandbox.log >&2
+    fail "the sandbox does not start"
+  }
+  export VEMO_SANDBOX_KIND
+}
+
+# Sets jobs, the number of tests that may run at once. After check_sandbox.
+prepare_tests() {
+  jobs=$(nproc)
+  [[ $VEMO_SANDBOX_KIND == proot ]] || return 0
+  # The tests of several processes would meet on the machine's only loopback.
+  jobs=1
+  local port
+  for port in 5302 8080; do
+    ! is_listening "$port" ||
+      fail "this machine refuses namespaces, so the tests use its own port $port, which is busy:" \
+        "stop what listens there (./run does)"
+  done
+  echo "This machine refuses namespaces: the tests run under proot, one after the other." \
+    "Memory leaks are not looked for, and some tests are skipped."
 }

@@ -21,9 +21,9 @@
 namespace {
 
 // The greatest request of a client is a tenth of this.
-constexpr std::size_t MOST_BODY_BYTES = 4 * 1024;
+constexpr std::size_t MOST_BODY_BYTES = std::size_t{4} * 1024;
 // For the head of a request and that of its reply.
-constexpr std::size_t CONNECTION_MEMORY_BYTES = 8 * 1024;
+constexpr std::size_t CONNECTION_MEMORY_BYTES = std::size_t{8} * 1024;
 constexpr unsigned MOST_CONNECTIONS = 256;
 // For a connection as a whole: the library's own time limit begins anew with every byte.
 constexpr std::chrono::seconds PATIENCE(5);

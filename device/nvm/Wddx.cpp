@@ -9,7 +9,7 @@
 namespace {
 
 std::string Text(xmlChar* text) {
-  const std::string copy = text != nullptr ? reinterpret_cast<const char*>(text) : "";
+  std::string copy = text != nullptr ? reinterpret_cast<const char*>(text) : "";
   xmlFree(text);
   return copy;
 }
@@ -58,7 +58,7 @@ xmlDocPtr Parse(const std::string& text) {
 
 std::optional<std::map<std::string, std::string>> ReadPacket(const std::string& text) {
   // libxml2 may crash where memory ends: throw before it does.
-  constexpr std::size_t ENOUGH_BYTES = 4 * 1024 * 1024;
+  constexpr std::size_t ENOUGH_BYTES = std::size_t{4} * 1024 * 1024;
   operator delete(operator new(ENOUGH_BYTES));
   const std::unique_ptr<xmlDoc, decltype(&xmlFreeDoc)> document(Parse(text), xmlFreeDoc);
   const xmlNodePtr root = xmlDocGetRootElement(document.get());

@@ -1,9 +1,8 @@
-// The maintainer's command, and the nVm client under a memory checker.
+// The maintainer's command.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Files.h"
 #include "NvmService.h"
 #include "Process.h"
 
@@ -32,50 +31,10 @@ TEST(ToggleCommand, EndsWith255WithoutAService) {
 
 TEST(ToggleCommand, WhatTheServiceRefusesIsNoFailure) {
   const NvmService service;
-  const Result allocation =
-      Execute({{"/usr/bin/curl", "-s", "-X", "GET", "-H", "Content-type: text/xml", "-d",
-                "<wddxPacket><data><struct><var name='DeviceOwner'><string>GARAGE</string></var>"
-                "</struct></data></wddxPacket>",
-                "http://127.0.0.1:5302/nVm?FunctionName=nvmAllocateDevice"}});
-  ASSERT_EQ(allocation.exitStatus, 0);
+  AllocateAs("GARAGE");
   const Result result = Execute({{TOGGLE}});
   EXPECT_EQ(result.exitStatus, 0);
   EXPECT_THAT(result.output, HasSubstr("Device is allocated by GARAGE"));
-}
-
-// --- Under valgrind. What is reachable at the end is kept on purpose: the log handlers.
-
-class MemoryCheck : public testing::Test {
- protected:
-  // Runs the program; a memory error, or a block that is lost, fails the test.
-  static Result Check(const std::vector<std::string>& program) {
-    Command command;
-    command.words = {"/usr/bin/valgrind", "--leak-check=full",
-                     "--errors-for-leak-kinds=definite,indirect,possible", "--error-exitcode=99"};
-    command.words.insert(command.words.end(), program.begin(), program.end());
-    command.environment = {{"VEMO_SANDBOX", "1"}, {"PATH", "/usr/bin:/bin"}};
-    const Result result = Execute(command);
-    EXPECT_THAT(result.error, HasSubstr("ERROR SUMMARY: 0 errors from 0 contexts"));
-    EXPECT_THAT(result.error, testing::AnyOf(HasSubstr("definitely lost: 0 bytes"),
-                                             HasSubstr("All heap blocks were freed")));
-    return result;
-  }
-};
-
-TEST_F(MemoryCheck, OfTheToggleWithAService) {
-  const NvmService service;
-  EXPECT_EQ(Check({TOGGLE}).exitStatus, 0);
-  EXPECT_EQ(Check({TOGGLE}).exitStatus, 0);
-}
-
-TEST_F(MemoryCheck, OfTheToggleWithoutAService) {
-  EXPECT_EQ(Check({TOGGLE}).exitStatus, 255);
-}
-
-TEST_F(MemoryCheck, OfTheReader) {
-  const Result result = Check({"/build/tests/nvm_tests", "--gtest_filter=NvmReader.*"});
-  EXPECT_EQ(result.exitStatus, 0);
-  EXPECT_THAT(result.output, HasSubstr("[  PASSED  ]"));
 }
 
 }  // namespace

@@ -120,6 +120,7 @@ TEST(LogFormater, LogsAMessageOfAnyLengthWhole) {
   for (const std::size_t length : {0u, 1u, 255u, 256u, 4095u, 4096u, 1u << 20}) {
     const std::string text(length, 'x');
     LogFormater(10, "src/X", 1).Log(&handler, "<%s>", text.c_str());
+    ASSERT_FALSE(client.events.empty());
     EXPECT_EQ(client.events.back().message, "<" + text + ">");
   }
 }

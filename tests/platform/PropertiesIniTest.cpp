@@ -33,8 +33,8 @@ std::string Stored(const std::string& value) {
   const std::string text = After("", "S", "k", value);
   const std::string start = "[S]\nk=";
   EXPECT_EQ(text.substr(0, start.size()), start);
-  EXPECT_EQ(text.back(), '\n');
-  return text.substr(start.size(), text.size() - start.size() - 1);
+  EXPECT_THAT(text, testing::EndsWith("\n"));
+  return text.substr(start.size(), text.find_last_of('\n') - start.size());
 }
 
 // What a fresh object reads in a file with this text.

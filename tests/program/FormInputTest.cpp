@@ -4,9 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Files.h"
 #include "Process.h"
-#include "PropertiesIni.h"
+#include "ProgramTest.h"
 #include "Request.h"
 
 namespace {
@@ -15,41 +14,6 @@ constexpr char FIELD[] = "CanDetectTimeout";
 constexpr std::size_t MEBIBYTE = 1024 * 1024;
 // The kernel hands no longer text than this to a program, name, end and all.
 constexpr std::size_t LONGEST_QUERY = 131072 - sizeof "QUERY_STRING=";
-
-Result Submit(const Command& request) {
-  ResetDevice();
-  return Execute(WithoutJava(request));
-}
-
-std::string StoredValue() {
-  PropertiesIni settings;
-  settings.Load(SETTINGS_FILE);
-  return settings.GetProperty("SETTINGS", "VEMODCanDetectTimeout");
-}
-
-// `inFile` is the value as it stands in the settings file.
-void ExpectTaken(const Command& request, const std::string& value, const std::string& inFile) {
-  const Result result = Submit(request);
-  // Not EXPECT_EQ: a value may be long.
-  EXPECT_TRUE(result.output == SuccessPage(value)) << result.output.substr(0, 2000);
-  EXPECT_EQ(result.error, "");
-  EXPECT_EQ(result.exitStatus, 0);
-  EXPECT_TRUE(StoredValue() == value) << StoredValue().substr(0, 1000);
-  EXPECT_TRUE(ReadText(SETTINGS_FILE) == "[SETTINGS]\nVEMODCanDetectTimeout=" + inFile + "\n")
-      << ReadText(SETTINGS_FILE).substr(0, 1000);
-}
-
-void ExpectTaken(const Command& request, const std::string& value) {
-  ExpectTaken(request, value, value);
-}
-
-void ExpectAbsent(const Command& request) {
-  const Result result = Submit(request);
-  EXPECT_EQ(result.output, WarningPage());
-  EXPECT_EQ(result.error, "");
-  EXPECT_EQ(result.exitStatus, 1);
-  EXPECT_FALSE(std::filesystem::exists(SETTINGS_FILE));
-}
 
 // ---- In every way in which a form comes.
 
@@ -243,24 +207,6 @@ TEST(QueryInput, AnEmptyQueryIsAbsent) {
   ExpectAbsent(Get(""));
 }
 
-TEST(QueryInput, AMissingQueryIsAbsent) {
-  Command request = Get("");
-  request.environment.erase("QUERY_STRING");
-  ExpectAbsent(request);
-}
-
-TEST(QueryInput, NoRequestAtAllIsAbsent) {
-  ExpectAbsent({{PROGRAM}});
-}
-
-TEST(QueryInput, ABodyOfAGetIsNotRead) {
-  Command request = Get("");
-  request.input = "CanDetectTimeout=500";
-  request.environment["CONTENT_TYPE"] = "application/x-www-form-urlencoded";
-  request.environment["CONTENT_LENGTH"] = std::to_string(request.input.size());
-  ExpectAbsent(request);
-}
-
 TEST(PostInput, TheBodyComesBeforeTheQuery) {
   Command request = PostForm("CanDetectTimeout=body");
   request.environment["QUERY_STRING"] = "CanDetectTimeout=query";
@@ -271,22 +217,6 @@ TEST(PostInput, TheQueryOfAPostIsRead) {
   Command request = PostForm("Other=1");
   request.environment["QUERY_STRING"] = "CanDetectTimeout=query";
   ExpectTaken(request, "query");
-}
-
-TEST(PostInput, TheBodyEndsAtItsAnnouncedLength) {
-  Command request = PostForm("CanDetectTimeout=500");
-  request.input += "0000";
-  ExpectTaken(request, "500");
-}
-
-TEST(PostInput, ABodyThatIsNoFormIsNotRead) {
-  ExpectAbsent(Post("text/plain", "CanDetectTimeout=500"));
-}
-
-TEST(PostInput, ABodyWithoutATypeIsReadAsAForm) {
-  Command request = PostForm("CanDetectTimeout=500");
-  request.environment.erase("CONTENT_TYPE");
-  ExpectTaken(request, "500");
 }
 
 TEST(MultipartInput, AFileIsNoField) {

@@ -1,4 +1,4 @@
-// Calls of the configuration class's static methods, in the real Java VM and in a stand-in for it.
+// Calls of the configuration class's static methods, in the real Java VM and in the fake one.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -6,9 +6,11 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "ExpectedPage.h"
 #include "Files.h"
 #include "LogLine.h"
 #include "Process.h"
+#include "Sandbox.h"
 
 namespace {
 
@@ -37,8 +39,9 @@ class JavaCalls : public testing::Test {
   // What the log says of the calls: all that follows the VM's start.
   static std::vector<std::string> CallStatements() {
     std::vector<std::string> statements = LoggedStatements();
-    EXPECT_GE(statements.size(), 4u);
-    statements.erase(statements.begin(), statements.begin() + 4);
+    const std::size_t start = StartStatements().size();
+    EXPECT_GE(statements.size(), start);
+    statements.erase(statements.begin(), statements.begin() + std::min(start, statements.size()));
     return statements;
   }
 };
@@ -117,8 +120,9 @@ TEST_F(JavaCalls, AMethodThatThrowsIsAResultAndDescribedAtTheEnd) {
   EXPECT_THAT(CallStatements(),
               ElementsAre("DEBUG src/JavaVmWrapper 273 CallFunction getThrowing"));
   EXPECT_THAT(ForeignLines(), Contains("java.lang.IllegalStateException: no number today"));
-  EXPECT_THAT(Lines(ReadText(LOG_FILE)).back(), HasSubstr("ConfigVemo.getThrowing"))
-      << "the trace comes last";
+  const std::vector<std::string> lines = LoggedLines();
+  ASSERT_FALSE(lines.empty());
+  EXPECT_THAT(lines.back(), HasSubstr("ConfigVemo.getThrowing")) << "the trace comes last";
 }
 
 TEST_F(JavaCalls, ATextMethodThatReturnsNullEndsTheProcess) {
@@ -161,6 +165,7 @@ TEST_F(JavaCalls, AnAddressQueryWithoutItsMethodIsEmpty) {
 }
 
 TEST_F(JavaCalls, TheDevicesOwnClassTellsAnAddressOrNone) {
+  SKIP_WHERE_TRACED("the machine's own network has addresses that we cannot foretell");
   Command command;
   command.words = {"/build/tests/java-calls", "lan", "wlan"};
   command.environment = {{"JAVA_CLASSPATH", "/srv/vemo/java"}};
@@ -169,7 +174,7 @@ TEST_F(JavaCalls, TheDevicesOwnClassTellsAnAddressOrNone) {
   EXPECT_THAT(LoggedStatements(), Not(Contains(StartsWith("ERROR"))));
 }
 
-// ---- With the stand-in for the Java VM: what is called, and what is not.
+// ---- With the fake VM: what is called, and what is not.
 
 class JavaCallSteps : public testing::Test {
  protected:
@@ -183,10 +188,8 @@ class JavaCallSteps : public testing::Test {
                                           const std::string& beginning = "") {
     Command command;
     command.words = {"/build/tests/java-calls", overload, "getIt"};
-    command.environment = {{"LD_PRELOAD", "/build/tests/libjava-vm.so"},
-                           {"FAKE_VM_CALLS", CALLS_FILE},
-                           {"FAKE_VM_FAILS", beginning}};
-    EXPECT_EQ(Execute(command).exitStatus, 0);
+    command.environment = {{"FAKE_VM_CALLS", CALLS_FILE}, {"FAKE_VM_FAILS", beginning}};
+    EXPECT_EQ(Execute(Preload("fake-vm", command)).exitStatus, 0);
     std::vector<std::string> calls = Lines(ReadText(CALLS_FILE));
     const auto lookUp =
         std::find(calls.begin(), calls.end(), "FindClass com/tarn/vemo/config/ConfigVemo");

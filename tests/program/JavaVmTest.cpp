@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "ExpectedPage.h"
 #include "Files.h"
 #include "LogLine.h"
 #include "Process.h"
@@ -181,7 +182,7 @@ TEST_F(RealVm, TheVmEndsBeforeTheFrameIsClosed) {
   EXPECT_THAT(page, HasSubstr("</div>\nthe Java VM ends\n</body>\n</html>\n"));
 }
 
-// ---- With the stand-in for the Java VM.
+// ---- With the fake VM.
 
 constexpr char CALLS_FILE[] = "/tmp/calls";
 
@@ -206,12 +207,12 @@ const std::string LOOKUP_CALL = "FindClass com/tarn/vemo/config/ConfigVemo";
 const Texts END_CALLS = {"ExceptionOccurred", "DestroyJavaVM"};
 const Texts END_CALLS_WITH_EXCEPTION = {"ExceptionOccurred", "ExceptionDescribe", "DestroyJavaVM"};
 
-class StandInVm : public testing::Test {
+class FakeVm : public testing::Test {
  protected:
   void SetUp() override {
     ResetDevice();
     std::filesystem::remove(CALLS_FILE);
-    request = WithoutJava(RequestWith("/srv/vemo/java"));
+    request = WithFakeVm(RequestWith("/srv/vemo/java"));
     request.environment["FAKE_VM_CALLS"] = CALLS_FILE;
   }
 
@@ -233,69 +234,70 @@ class StandInVm : public testing::Test {
   Command request;
 };
 
-TEST_F(StandInVm, IsCalledStepByStep) {
+TEST_F(FakeVm, IsCalledStepByStep) {
   ExpectSuccess(Execute(request));
   EXPECT_THAT(Calls(),
               ElementsAreArray(Joined({START_CALLS, REDIRECTION_CALLS, {LOOKUP_CALL}, END_CALLS})));
 }
 
-TEST_F(StandInVm, IsDestroyedBeforeTheFrameIsClosed) {
+TEST_F(FakeVm, IsDestroyedBeforeTheFrameIsClosed) {
   Set("FAKE_VM_CALLS", "/dev/stdout");
   EXPECT_THAT(Execute(request).output,
               HasSubstr("</div>\nExceptionOccurred\nDestroyJavaVM\n</body>\n</html>\n"));
 }
 
-TEST_F(StandInVm, IsStartedAfterTheFrameIsOpened) {
+TEST_F(FakeVm, IsStartedAfterTheFrameIsOpened) {
   Set("FAKE_VM_CALLS", "/dev/stdout");
   EXPECT_THAT(Execute(request).output,
               HasSubstr("<div style=\"clear:both\" ></div>\nJNI_CreateJavaVM "));
 }
 
-TEST_F(StandInVm, GetsOnlyTheClassPathWithoutOptions) {
+TEST_F(FakeVm, GetsOnlyTheClassPathWithoutOptions) {
   EXPECT_THAT(StartCalls(), ElementsAreArray(START_CALLS));
 }
 
-TEST_F(StandInVm, GetsTheOptionBeforeTheClassPath) {
+TEST_F(FakeVm, GetsTheOptionBeforeTheClassPath) {
   Set("JAVA_OPTIONS", "-Xmx16m");
   EXPECT_THAT(StartCalls(),
               ElementsAre("JNI_CreateJavaVM version 10002 options 2 ignoreUnrecognized 1",
                           "option -Xmx16m", "option -Djava.class.path=/srv/vemo/java"));
 }
 
-TEST_F(StandInVm, GetsAnEmptyOption) {
+TEST_F(FakeVm, GetsAnEmptyOption) {
   Set("JAVA_OPTIONS", "");
   EXPECT_THAT(StartCalls(),
               ElementsAre("JNI_CreateJavaVM version 10002 options 2 ignoreUnrecognized 1",
                           "option ", "option -Djava.class.path=/srv/vemo/java"));
 }
 
-TEST_F(StandInVm, GetsBlanksInsideTheOneOption) {
+TEST_F(FakeVm, GetsBlanksInsideTheOneOption) {
   Set("JAVA_OPTIONS", " -Xmx64m  -Xss1m ");
   EXPECT_THAT(StartCalls(),
               ElementsAre("JNI_CreateJavaVM version 10002 options 2 ignoreUnrecognized 1",
                           "option  -Xmx64m  -Xss1m ", "option -Djava.class.path=/srv/vemo/java"));
 }
 
-TEST_F(StandInVm, GetsAnEmptyClassPathWhenThereIsNone) {
+TEST_F(FakeVm, GetsAnEmptyClassPathWhenThereIsNone) {
   request.environment.erase("JAVA_CLASSPATH");
   EXPECT_THAT(StartCalls(), Contains("option -Djava.class.path="));
   EXPECT_THAT(LoggedStatements(), Contains("DEBUG src/JavaVmWrapper 99 JAVA_CLASSPATH:(null)"));
 }
 
-TEST_F(StandInVm, GetsTheClassPathUnchanged) {
+TEST_F(FakeVm, GetsTheClassPathUnchanged) {
   Set("JAVA_CLASSPATH", "/a b:/c %s.jar:");
   EXPECT_THAT(StartCalls(), Contains("option -Djava.class.path=/a b:/c %s.jar:"));
   EXPECT_THAT(LoggedStatements(),
               Contains("DEBUG src/JavaVmWrapper 99 JAVA_CLASSPATH:/a b:/c %s.jar:"));
 }
 
-TEST_F(StandInVm, APositiveResultIsSuccess) {
+TEST_F(FakeVm, APositiveResultIsSuccess) {
   Set("FAKE_VM_RESULT", "1");
   ExpectSuccess(Execute(request));
-  EXPECT_EQ(Calls().back(), "DestroyJavaVM");
+  EXPECT_THAT(Calls(),
+              ElementsAreArray(Joined({START_CALLS, REDIRECTION_CALLS, {LOOKUP_CALL}, END_CALLS})));
 }
 
-TEST_F(StandInVm, AMissingClassIsReportedThenDescribedThenTheVmDestroyed) {
+TEST_F(FakeVm, AMissingClassIsReportedThenDescribedThenTheVmDestroyed) {
   Set("FAKE_VM_FAILS", LOOKUP_CALL);
   Set("FAKE_VM_CALLS", LOG_FILE);
   ExpectOnlyTheFrame(Execute(request));
@@ -306,7 +308,7 @@ TEST_F(StandInVm, AMissingClassIsReportedThenDescribedThenTheVmDestroyed) {
                           "DestroyJavaVM"));
 }
 
-TEST_F(StandInVm, AnExceptionOfTheLastRedirectionStepIsNotLookedAt) {
+TEST_F(FakeVm, AnExceptionOfTheLastRedirectionStepIsNotLookedAt) {
   Set("FAKE_VM_FAILS", "CallStaticVoidMethodV");
   ExpectSuccess(Execute(request));
   EXPECT_THAT(Calls(),
@@ -315,7 +317,7 @@ TEST_F(StandInVm, AnExceptionOfTheLastRedirectionStepIsNotLookedAt) {
   EXPECT_THAT(LoggedStatements(), Not(Contains(StartsWith("ERROR"))));
 }
 
-TEST_F(StandInVm, ALogFileNameThatCouldNotBeMadeIsPassedOn) {
+TEST_F(FakeVm, ALogFileNameThatCouldNotBeMadeIsPassedOn) {
   Set("FAKE_VM_FAILS", "NewStringUTF");
   ExpectSuccess(Execute(request));
   EXPECT_THAT(Calls(), Contains("NewObjectV java/io/FileOutputStream.<init>"
@@ -324,14 +326,14 @@ TEST_F(StandInVm, ALogFileNameThatCouldNotBeMadeIsPassedOn) {
   EXPECT_THAT(LoggedStatements(), Not(Contains(StartsWith("ERROR"))));
 }
 
-// ---- Refused by the stand-in.
+// ---- Refused by the fake VM.
 
 struct Refusal {
   const char* name;
   const char* result;
 };
 
-class RefusedVm : public StandInVm, public testing::WithParamInterface<Refusal> {};
+class RefusedVm : public FakeVm, public testing::WithParamInterface<Refusal> {};
 
 TEST_P(RefusedVm, IsReportedAndNeverCalled) {
   Set("FAKE_VM_RESULT", GetParam().result);
@@ -345,21 +347,21 @@ INSTANTIATE_TEST_SUITE_P(JavaVm, RefusedVm,
                                          Refusal{"OutOfMemory", "-4"}),
                          [](const auto& info) { return info.param.name; });
 
-TEST_F(StandInVm, RefusedItIsDestroyedWhenItWasGivenOutAllTheSame) {
+TEST_F(FakeVm, RefusedItIsDestroyedWhenItWasGivenOutAllTheSame) {
   Set("FAKE_VM_RESULT", "-1");
   Set("FAKE_VM_LEAVES", "vm env");
   ExpectOnlyTheFrame(Execute(request));
   EXPECT_THAT(Calls(), ElementsAreArray(Joined({START_CALLS, END_CALLS})));
 }
 
-TEST_F(StandInVm, RefusedItIsDestroyedWithoutAnEnvironment) {
+TEST_F(FakeVm, RefusedItIsDestroyedWithoutAnEnvironment) {
   Set("FAKE_VM_RESULT", "-1");
   Set("FAKE_VM_LEAVES", "vm");
   ExpectOnlyTheFrame(Execute(request));
   EXPECT_THAT(Calls(), ElementsAreArray(Joined({START_CALLS, {"DestroyJavaVM"}})));
 }
 
-TEST_F(StandInVm, RefusedItsEnvironmentAloneIsAskedForAnException) {
+TEST_F(FakeVm, RefusedItsEnvironmentAloneIsAskedForAnException) {
   Set("FAKE_VM_RESULT", "-1");
   Set("FAKE_VM_LEAVES", "env");
   ExpectOnlyTheFrame(Execute(request));
@@ -374,10 +376,10 @@ struct FailingStep {
   const char* error;  // what the log says
 };
 
-class FailingRedirection : public StandInVm, public testing::WithParamInterface<FailingStep> {
+class FailingRedirection : public FakeVm, public testing::WithParamInterface<FailingStep> {
  protected:
   void SetUp() override {
-    StandInVm::SetUp();
+    FakeVm::SetUp();
     Set("FAKE_VM_FAILS", GetParam().call);
   }
 

@@ -1,5 +1,5 @@
-// The way out of the page and of the log: what is written when, and what becomes of the request
-// when standard output, the log file or the request itself breaks.
+// The way out of the page: what is written when, and what becomes of the request when standard
+// output breaks.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -9,10 +9,12 @@
 #include <algorithm>
 #include <tuple>
 
+#include "ExpectedPage.h"
 #include "Files.h"
 #include "LogLine.h"
 #include "Pipe.h"
 #include "Process.h"
+#include "ProgramTest.h"
 #include "Request.h"
 
 namespace {
@@ -23,35 +25,8 @@ using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
 
-constexpr char OLD_SETTINGS[] = "[SETTINGS]\nVEMODCanDetectTimeout=100\n";
-constexpr char NEW_SETTINGS[] = "[SETTINGS]\nVEMODCanDetectTimeout=500\n";
-constexpr char CONTENT_OPENING[] = "<div class=\"content\" >\n";
-
-enum class Vm { REAL, STAND_IN };
-
-Command With(Vm vm, const Command& request) {
-  return vm == Vm::REAL ? request : WithoutJava(request);
-}
-
-std::string NameOf(Vm vm) {
-  return vm == Vm::REAL ? "RealVm" : "StandInVm";
-}
-
 std::string NameOfVm(const testing::TestParamInfo<Vm>& info) {
   return NameOf(info.param);
-}
-
-// The success page up to this text.
-std::string PageUpTo(const std::string& end, const std::string& value = "500") {
-  const std::string page = SuccessPage(value);
-  return page.substr(0, page.find(end) + end.size());
-}
-
-void ExpectSettings(const std::string& text) {
-  EXPECT_EQ(ReadText(SETTINGS_FILE), text);
-  const auto folder = std::filesystem::path(SETTINGS_FILE).parent_path();
-  const std::filesystem::directory_iterator files(folder);
-  EXPECT_EQ(std::distance(begin(files), end(files)), 1) << "something lies beside the file";
 }
 
 // The request succeeded, whoever saw its page.
@@ -77,19 +52,6 @@ std::string ReadToEnd(const Pipe& pipe) {
   }
   return text;
 }
-
-class NoSettings : public testing::Test {
- protected:
-  void SetUp() override { ResetDevice(); }
-};
-
-class OldSettings : public testing::Test {
- protected:
-  void SetUp() override {
-    ResetDevice();
-    WriteText(SETTINGS_FILE, OLD_SETTINGS);
-  }
-};
 
 // ---- Flushing.
 
@@ -123,65 +85,17 @@ std::vector<std::string> FlushedLines(const std::string& page) {
 class Flushing : public NoSettings {};
 
 TEST_F(Flushing, EveryLineOfTheSuccessPageIsWrittenAtItsEnd) {
-  EXPECT_THAT(WritesOfPage(WithoutJava(Get("CanDetectTimeout=500"))),
+  EXPECT_THAT(WritesOfPage(WithFakeVm(Get("CanDetectTimeout=500"))),
               ElementsAreArray(FlushedLines(SuccessPage("500"))));
 }
 
 TEST_F(Flushing, EveryLineOfTheWarningPageIsWrittenAtItsEnd) {
-  EXPECT_THAT(WritesOfPage(WithoutJava(Get(""))), ElementsAreArray(FlushedLines(WarningPage())));
+  EXPECT_THAT(WritesOfPage(WithFakeVm(Get(""))), ElementsAreArray(FlushedLines(WarningPage())));
 }
 
 TEST_F(Flushing, ALineEndInTheValueIsNotFlushed) {
-  EXPECT_THAT(WritesOfPage(WithoutJava(Get("CanDetectTimeout=a%0Ab"))),
+  EXPECT_THAT(WritesOfPage(WithFakeVm(Get("CanDetectTimeout=a%0Ab"))),
               testing::Contains("<p>Set CanDetectTimeout to a\nb ms.\n"));
-}
-
-// ---- Log lines.
-
-class LogWrites : public testing::Test {
- protected:
-  void SetUp() override {
-    ResetDevice();
-    WriteText(LOG_FILE, "");
-    std::filesystem::remove(RECORD);
-  }
-
-  // The sizes of the writes to the log that the request makes.
-  static std::vector<std::string> WritesOf(Command request) {
-    request.environment["LD_PRELOAD"] += ":/build/tests/libwrites.so";
-    request.environment["WATCHED_FILE"] = LOG_FILE;
-    request.environment["WRITES_RECORD"] = RECORD;
-    Execute(request);
-    return Lines(ReadText(RECORD));
-  }
-
-  static std::vector<std::string> SizesOfLines() {
-    std::vector<std::string> sizes;
-    for (const std::string& line : Lines(ReadText(LOG_FILE))) {
-      sizes.push_back(std::to_string(line.size() + 1));
-    }
-    return sizes;
-  }
-
-  static constexpr char RECORD[] = "/tmp/writes";
-};
-
-TEST_F(LogWrites, EveryLineIsOne) {
-  const auto writes = WritesOf(WithoutJava(Get("")));
-  EXPECT_EQ(writes.size(), 7u);
-  EXPECT_THAT(writes, ElementsAreArray(SizesOfLines()));
-}
-
-TEST_F(LogWrites, TheLongestLineIsOne) {
-  // The kernel hands no longer text than this to a program, name, end and all.
-  const std::string longest(131072 - sizeof "JAVA_OPTIONS=", 'x');
-  Command request = WithoutJava(Get("CanDetectTimeout=500"));
-  request.environment["JAVA_OPTIONS"] = longest;
-  const auto writes = WritesOf(request);
-  EXPECT_THAT(writes, ElementsAreArray(SizesOfLines()));
-  const auto statements = LoggedStatements();
-  ASSERT_EQ(statements.size(), 5u);
-  EXPECT_TRUE(statements[2] == "DEBUG src/JavaVmWrapper 81 JAVA_OPTIONS: " + longest);
 }
 
 // ---- Standard descriptors that are closed.
@@ -219,7 +133,9 @@ TEST_P(ClosedDescriptors, KeepThePageOutOfTheLogOfAFailure) {
   const std::string log = ReadText(LOG_FILE);
   EXPECT_THAT(log, Not(HasSubstr("Content-Type")));
   EXPECT_THAT(log, Not(HasSubstr("</html>")));
-  EXPECT_EQ(LoggedStatements().back(),
+  const auto statements = LoggedStatements();
+  ASSERT_FALSE(statements.empty());
+  EXPECT_EQ(statements.back(),
             "ERROR src/JavaVmWrapper 118 Class 'com/tarn/vemo/config/ConfigVemo' not found");
 }
 
@@ -237,67 +153,8 @@ INSTANTIATE_TEST_SUITE_P(Program, ClosedDescriptors,
                                                           std::vector{2}, std::vector{0, 1},
                                                           std::vector{0, 2}, std::vector{1, 2},
                                                           std::vector{0, 1, 2}),
-                                          testing::Values(Vm::REAL, Vm::STAND_IN)),
+                                          testing::Values(Vm::kReal, Vm::kFake)),
                          NameOfClosed);
-
-// ---- A log file that cannot be used.
-
-class UnusableLog : public NoSettings {
- protected:
-  static Result ExpectThePageUnchanged(const Command& request) {
-    const Result result = Execute(request);
-    EXPECT_EQ(result.output, SuccessPage("500"));
-    EXPECT_EQ(result.exitStatus, 0);
-    ExpectSettings(NEW_SETTINGS);
-    return result;
-  }
-
-  static void ExpectSaidOnce(const std::string& complaint) {
-    const Result result = ExpectThePageUnchanged(WithoutJava(Get("CanDetectTimeout=500")));
-    EXPECT_EQ(result.error, complaint);
-  }
-};
-
-TEST_F(UnusableLog, AFolderInItsPlaceIsSaidOnce) {
-  std::filesystem::create_directory(LOG_FILE);
-  ExpectSaidOnce("Can't open log file /tmp/cgi.log: Is a directory\n");
-}
-
-TEST_F(UnusableLog, AReadOnlyFileIsSaidOnceAndKept) {
-  WriteText(LOG_FILE, "an earlier request\n");
-  std::filesystem::permissions(LOG_FILE, std::filesystem::perms(0444));
-  ExpectSaidOnce("Can't open log file /tmp/cgi.log: Permission denied\n");
-  EXPECT_EQ(ReadText(LOG_FILE), "an earlier request\n");
-}
-
-TEST_F(UnusableLog, AFullDiskIsSaidOnce) {
-  std::filesystem::create_symlink("/dev/full", LOG_FILE);
-  ExpectSaidOnce("Can't write log file /tmp/cgi.log: No space left on device\n");
-}
-
-TEST_F(UnusableLog, AFullDiskDoesNotStopTheVm) {
-  std::filesystem::create_symlink("/dev/full", LOG_FILE);
-  const Result result = ExpectThePageUnchanged(Get("CanDetectTimeout=500"));
-  EXPECT_EQ(result.error, "Can't write log file /tmp/cgi.log: No space left on device\n");
-}
-
-TEST_F(UnusableLog, TheVmKeepsItsOwnSystemErrAndSaysWhyThere) {
-  std::filesystem::create_directory(LOG_FILE);
-  const Result result = ExpectThePageUnchanged(Get("CanDetectTimeout=500"));
-  EXPECT_THAT(result.error, StartsWith("Can't open log file /tmp/cgi.log: Is a directory\n"
-                                       "Exception in thread \"main\" "
-                                       "java.io.FileNotFoundException: /tmp/cgi.log"));
-}
-
-TEST_F(UnusableLog, AMissingClassIsDescribedOnStandardError) {
-  std::filesystem::create_directory(LOG_FILE);
-  Command request = Get("CanDetectTimeout=500");
-  request.environment["JAVA_CLASSPATH"] = "/nowhere";
-  const Result result = Execute(request);
-  EXPECT_EQ(result.output, FrameOnly());
-  EXPECT_EQ(result.exitStatus, 1);
-  EXPECT_THAT(result.error, HasSubstr("NoClassDefFoundError: com/tarn/vemo/config/ConfigVemo"));
-}
 
 // ---- Requests whose body comes late.
 
@@ -394,7 +251,7 @@ TEST_P(LateBody, AKillAfterTheStoreLeavesTheEchoAndTheNewSettings) {
   ExpectSettings(newSettings);
 }
 
-INSTANTIATE_TEST_SUITE_P(Program, LateBody, testing::Values(Vm::REAL, Vm::STAND_IN), NameOfVm);
+INSTANTIATE_TEST_SUITE_P(Program, LateBody, testing::Values(Vm::kReal, Vm::kFake), NameOfVm);
 
 // ---- A page that nobody takes.
 
@@ -418,7 +275,7 @@ TEST_P(LostPage, AReaderWhoIsNotThereEndsTheRequestAtItsFirstLine) {
   EXPECT_THAT(LoggedLines(), ElementsAre("DEBUG src/SetObdConf 30 main"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Program, LostPage, testing::Values(Vm::REAL, Vm::STAND_IN), NameOfVm);
+INSTANTIATE_TEST_SUITE_P(Program, LostPage, testing::Values(Vm::kReal, Vm::kFake), NameOfVm);
 
 class LeavingReader : public OldSettings {
  protected:
@@ -432,65 +289,13 @@ class LeavingReader : public OldSettings {
   }
 };
 
-TEST_F(LeavingReader, EndsTheRequestBeforeTheStoreWithoutARealVm) {
-  EXPECT_EQ(ResultWith(Vm::STAND_IN).signal, SIGPIPE);
+TEST_F(LeavingReader, EndsTheRequestBeforeTheStoreUnderTheFakeVm) {
+  EXPECT_EQ(ResultWith(Vm::kFake).signal, SIGPIPE);
   ExpectSettings(OLD_SETTINGS);
 }
 
 TEST_F(LeavingReader, DoesNotEndTheRequestOnceTheRealVmCatchesTheSignal) {
-  ExpectStoredAndLogged(ResultWith(Vm::REAL));
+  ExpectStoredAndLogged(ResultWith(Vm::kReal));
 }
-
-// ---- Requests that the CGI library throws at.
-
-struct BadRequest {
-  const char* name;
-  Command (*make)();
-  const char* reason;
-};
-
-class ThrowingRequest : public OldSettings,
-                        public testing::WithParamInterface<std::tuple<BadRequest, Vm>> {};
-
-TEST_P(ThrowingRequest, AbortsBelowTheContentOpening) {
-  const auto& [bad, vm] = GetParam();
-  const Result result = Execute(With(vm, bad.make()));
-  EXPECT_EQ(result.signal, SIGABRT);
-  EXPECT_EQ(result.output, PageUpTo(CONTENT_OPENING));
-  EXPECT_THAT(result.error, HasSubstr(bad.reason));
-  ExpectSettings(OLD_SETTINGS);
-  EXPECT_THAT(LoggedLines(), ElementsAreArray(SuccessStatements()));
-}
-
-Command AnnouncingLength(const std::string& length) {
-  Command request = PostForm("CanDetectTimeout=500");
-  request.environment["CONTENT_LENGTH"] = length;
-  return request;
-}
-
-const BadRequest SHORT_BODY{"ShortBody", [] { return AnnouncingLength("1000"); }, "runtime_error"};
-const BadRequest NEGATIVE_LENGTH{"NegativeLength", [] { return AnnouncingLength("-1"); },
-                                 "length_error"};
-const BadRequest PART_WITHOUT_EMPTY_LINE{
-    "PartWithoutEmptyLine",
-    [] {
-      return Post("multipart/form-data; boundary=frontier",
-                  "--frontier\r\n"
-                  "Content-Disposition: form-data; name=\"CanDetectTimeout\"\r\n"
-                  "500\r\n"
-                  "--frontier--\r\n");
-    },
-    "runtime_error"};
-
-std::string NameOfBad(const testing::TestParamInfo<std::tuple<BadRequest, Vm>>& info) {
-  const auto& [bad, vm] = info.param;
-  return bad.name + NameOf(vm);
-}
-
-INSTANTIATE_TEST_SUITE_P(Program, ThrowingRequest,
-                         testing::Combine(testing::Values(SHORT_BODY, NEGATIVE_LENGTH,
-                                                          PART_WITHOUT_EMPTY_LINE),
-                                          testing::Values(Vm::REAL, Vm::STAND_IN)),
-                         NameOfBad);
 
 }  // namespace

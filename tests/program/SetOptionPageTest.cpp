@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "ExpectedPage.h"
 #include "Files.h"
 #include "LogLine.h"
 #include "Process.h"
@@ -99,7 +100,7 @@ TEST_F(SetOptionPage, KeepsTheLogOfEarlierRequests) {
 TEST_F(SetOptionPage, LogsWhereALinkInPlaceOfTheLogFileLeads) {
   constexpr char ELSEWHERE[] = "/tmp/elsewhere";
   std::filesystem::create_symlink(ELSEWHERE, LOG_FILE);
-  Execute(WithoutJava(Get("")));
+  Execute(WithFakeVm(Get("")));
   EXPECT_THAT(ReadText(ELSEWHERE), HasSubstr("Option CanDetectTimeout not set\n"));
   std::filesystem::remove(ELSEWHERE);
 }

@@ -16,9 +16,11 @@
 #include <set>
 #include <thread>
 
+#include "ExpectedPage.h"
 #include "Files.h"
 #include "Process.h"
 #include "Request.h"
+#include "Sandbox.h"
 #include "SmallDisk.h"
 
 namespace {
@@ -44,7 +46,7 @@ std::string Settings(const std::string& value) {
 const std::string OLD = Settings("300");
 
 Command Request(const std::string& value) {
-  return WithoutJava(Get("CanDetectTimeout=" + value));
+  return WithFakeVm(Get("CanDetectTimeout=" + value));
 }
 
 void ExpectSuccess(const Command& request, const std::string& value) {
@@ -149,6 +151,8 @@ TEST_F(SettingsFile, StaysAsItWasWhenFileAndFolderAreReadOnly) {
   EXPECT_EQ(ReadText(SETTINGS_FILE), OLD);
 }
 
+constexpr char MOUNTS[] = "nothing can be mounted";
+
 // The request where these mounts are made.
 Command WithMounts(const std::vector<std::string>& mounts, Command request) {
   std::vector<std::string> words = {"/usr/bin/bwrap", "--dev-bind", "/", "/"};
@@ -158,11 +162,13 @@ Command WithMounts(const std::vector<std::string>& mounts, Command request) {
 }
 
 TEST_F(SettingsFile, StaysAsItWasOnAReadOnlyFileSystem) {
+  SKIP_WHERE_TRACED(MOUNTS);
   ExpectSuccess(WithMounts({"--ro-bind", "/app", "/app"}, Request("500")), "500");
   EXPECT_EQ(ReadText(SETTINGS_FILE), OLD);
 }
 
 TEST_F(SettingsFile, IsRewrittenInPlaceWhenItIsMountedOnItsOwn) {
+  SKIP_WHERE_TRACED(MOUNTS);
   const ino_t before = Inode(SETTINGS_FILE);
   for (const std::string value : {"50000", "5"}) {
     ExpectSuccess(WithMounts({"--bind", SETTINGS_FILE, SETTINGS_FILE}, Request(value)), value);
@@ -173,6 +179,7 @@ TEST_F(SettingsFile, IsRewrittenInPlaceWhenItIsMountedOnItsOwn) {
 }
 
 TEST_F(SettingsFile, StaysAsItWasOnAFullDisk) {
+  SKIP_WHERE_TRACED(SmallDisk::NEED);
   SmallDisk disk;
   WriteText(disk.Path() / "obd.conf", OLD);
   disk.Fill();
@@ -183,6 +190,7 @@ TEST_F(SettingsFile, StaysAsItWasOnAFullDisk) {
 }
 
 TEST_F(SettingsFile, StaysAsItWasOnAFullDiskAlsoWhereItIsRewrittenInPlace) {
+  SKIP_WHERE_TRACED(SmallDisk::NEED);
   SmallDisk disk;
   WriteText(disk.Path() / "obd.conf", OLD);
   disk.Fill();
@@ -265,15 +273,16 @@ TEST_F(SettingsFile, IsWholeWhenTheRequestIsKilledAtAnyMoment) {
   EXPECT_GT(killed, KILLS / 10);
 }
 
-// The calls of the program on the settings file's folder, as preload/FailingCalls.cpp names them.
+// The calls of the program on the settings file's folder, as preload/FailingFileCalls.cpp names
+// them.
 class SettingsFileCalls : public SettingsFile {
  protected:
   static constexpr char TRACE[] = "/tmp/calls";
 
   static Command Watched(Command request) {
-    request.environment["LD_PRELOAD"] += ":/build/tests/libfailing-calls.so";
-    request.environment["FAILING_CALLS_FOLDER"] = FOLDER;
-    request.environment["FAILING_CALLS_TRACE"] = TRACE;
+    request = Preload("failing-file-calls", request);
+    request.environment["FAILING_FILE_CALLS_FOLDER"] = FOLDER;
+    request.environment["FAILING_FILE_CALLS_TRACE"] = TRACE;
     fs::remove(TRACE);
     return request;
   }
@@ -297,8 +306,8 @@ class SettingsFileCalls : public SettingsFile {
     const auto number = std::find(calls.begin(), calls.end(), call) - calls.begin() + 1;
     WriteText(SETTINGS_FILE, OLD);
     request = Watched(request);
-    request.environment["FAILING_CALLS"] = std::to_string(number);
-    request.environment["FAILING_CALLS_ERROR"] = std::to_string(error);
+    request.environment["FAILING_FILE_CALLS"] = std::to_string(number);
+    request.environment["FAILING_FILE_CALLS_ERROR"] = std::to_string(error);
     return request;
   }
 };
@@ -352,7 +361,7 @@ TEST_F(SettingsFileCalls, RiskNothingInPlaceWhereTheDiskIsFullOrBroken) {
 TEST_F(SettingsFileCalls, GiveTheNewContentToTheOldOwnerBeforeItsMode) {
   fs::permissions(SETTINGS_FILE, fs::perms(0640));
   Command request = Watched(Request("500"));
-  request.environment["FAILING_CALLS_OWNER"] = "4242 4343";
+  request.environment["FAILING_FILE_CALLS_OWNER"] = "4242 4343";
   ExpectSuccess(request, "500");
   EXPECT_THAT(
       StoreCalls(),
@@ -363,7 +372,7 @@ TEST_F(SettingsFileCalls, GiveTheNewContentToTheOldOwnerBeforeItsMode) {
 
 TEST_F(SettingsFileCalls, RewriteTheFileOfAnOwnerThatCannotBeKept) {
   Command request = Request("500");
-  request.environment["FAILING_CALLS_OWNER"] = "4242 4343";
+  request.environment["FAILING_FILE_CALLS_OWNER"] = "4242 4343";
   request = WithFailure(request, "fchown temporary 4242 4343", EPERM);
   const ino_t before = Inode(SETTINGS_FILE);
   ExpectSuccess(request, "500");
@@ -401,7 +410,7 @@ class EachSettingsFileCall : public SettingsFileCalls {
     ResetDevice();
     situation.prepare();
     Command request = Watched(Request(situation.value));
-    request.environment["FAILING_CALLS_PIECE"] = "16";
+    request.environment["FAILING_FILE_CALLS_PIECE"] = "16";
     return request;
   }
 
@@ -415,7 +424,7 @@ class EachSettingsFileCall : public SettingsFileCalls {
     for (std::size_t number = 1; number <= calls.size(); ++number) {
       SCOPED_TRACE(std::to_string(number) + ": " + calls[number - 1]);
       Command request = Prepared(situation);
-      request.environment["FAILING_CALLS"] = std::to_string(number);
+      request.environment["FAILING_FILE_CALLS"] = std::to_string(number);
       const bool wasLink = fs::is_symlink(SETTINGS_FILE);
       run(request, calls[number - 1]);
       EXPECT_EQ(fs::is_symlink(SETTINGS_FILE), wasLink);
@@ -431,7 +440,7 @@ bool IsTransfer(const std::string& call) {
 TEST_F(EachSettingsFileCall, IsRepeatedWhenASignalInterruptsAReadOrAWrite) {
   for (const Situation& situation : {USUAL, LONGER_IN_PLACE, SHORTER_IN_PLACE}) {
     ChooseEachCall(situation, [&](Command request, const std::string& call) {
-      request.environment["FAILING_CALLS_ERROR"] = std::to_string(EINTR);
+      request.environment["FAILING_FILE_CALLS_ERROR"] = std::to_string(EINTR);
       ExpectSuccess(request, situation.value);
       if (IsTransfer(call)) {
         EXPECT_EQ(ReadText(SETTINGS_FILE), situation.after);
@@ -463,8 +472,8 @@ class FailingSettingsFileCalls : public EachSettingsFileCall,
   // Each call fails, and with `more` all that follow it.
   static void FailEachCall(const Situation& situation, const std::string& more = "") {
     ChooseEachCall(situation, [&](Command request, const std::string&) {
-      request.environment["FAILING_CALLS"] += more;
-      request.environment["FAILING_CALLS_ERROR"] = std::to_string(GetParam().error);
+      request.environment["FAILING_FILE_CALLS"] += more;
+      request.environment["FAILING_FILE_CALLS_ERROR"] = std::to_string(GetParam().error);
       ExpectSuccess(request, situation.value);
       EXPECT_THAT(Names(FOLDER), Not(Contains(EndsWith(".tmp"))));
     });

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "ExpectedPage.h"
 #include "Files.h"
 #include "LogLine.h"
 #include "Process.h"

@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <thread>
 
-#include "CapturedOutput.h"
 #include "Files.h"
 #include "NvmClient.h"
 #include "NvmService.h"
@@ -112,9 +111,11 @@ class NvmHostileReply : public testing::Test {
 
   // Lets the toggle parse the reply as its status file.
   static int Toggle(const std::string& reply) {
-    const CapturedOutput output;
     ScriptedService service({{{HttpReply(reply)}}});
-    return ToggleDeviceAllocation();
+    testing::internal::CaptureStdout();
+    const int result = ToggleDeviceAllocation();
+    testing::internal::GetCapturedStdout();
+    return result;
   }
 };
 

@@ -5,7 +5,6 @@
 
 #include <filesystem>
 
-#include "CapturedOutput.h"
 #include "Files.h"
 #include "NvmClient.h"
 #include "NvmService.h"
@@ -31,9 +30,9 @@ class NvmToggle : public testing::Test {
 
   // Toggles once, with whoever is there; the trace is then in `trace_`.
   int Toggle() {
-    const CapturedOutput output;
+    testing::internal::CaptureStdout();
     const int result = ToggleDeviceAllocation();
-    trace_ = output.Text();
+    trace_ = testing::internal::GetCapturedStdout();
     return result;
   }
 
@@ -148,7 +147,7 @@ TEST_F(NvmToggle, OnlyTheFirstVariableOfThatNameCounts) {
 
 TEST_F(NvmToggle, AFailingAllocationIsAnEmptyReplyAndNotReported) {
   ScriptedService service({{{HttpReply(StatusReply("<string>0</string>"))}},
-                           {{}, ScriptedReply::End::Close},
+                           {{}, ScriptedReply::End::kClose},
                            {{HttpReply(DECLARATION + "<status/>")}}});
   EXPECT_EQ(Toggle(), 0);
   EXPECT_THAT(trace_, EndsWith("\n0\n" + Framed("") + Framed(DECLARATION + "<status/>")));
@@ -157,7 +156,7 @@ TEST_F(NvmToggle, AFailingAllocationIsAnEmptyReplyAndNotReported) {
 TEST_F(NvmToggle, AFailingSecondStatusIsAnEmptyReplyAndNotReported) {
   ScriptedService service({{{HttpReply(StatusReply("<string>0</string>"))}},
                            {{HttpReply(DECLARATION + "<allocated/>")}},
-                           {{}, ScriptedReply::End::Close}});
+                           {{}, ScriptedReply::End::kClose}});
   EXPECT_EQ(Toggle(), 0);
   EXPECT_THAT(trace_, EndsWith("\n0\n" + Framed(DECLARATION + "<allocated/>") + Framed("")));
 }

@@ -5,6 +5,7 @@
 #include <iostream>
 #include <sstream>
 
+#include "ExpectedPage.h"
 #include "Files.h"
 #include "Request.h"
 #include "VemoHtml.h"

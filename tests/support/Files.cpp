@@ -24,6 +24,11 @@ void ResetDevice() {
   std::filesystem::remove_all(LOG_FILE);
 }
 
+std::ptrdiff_t OpenDescriptors() {
+  const std::filesystem::directory_iterator descriptors("/proc/self/fd");
+  return std::distance(begin(descriptors), end(descriptors));
+}
+
 std::vector<std::string> Lines(const std::string& text) {
   std::vector<std::string> lines;
   std::istringstream stream(text);

@@ -17,5 +17,8 @@ void WriteText(const std::filesystem::path& path, const std::string& text);
 // /app with the runtime's folder but no settings file, no log file.
 void ResetDevice();
 
+// How many descriptors this process has open.
+std::ptrdiff_t OpenDescriptors();
+
 // The text's lines, without their newlines; an unterminated last line counts.
 std::vector<std::string> Lines(const std::string& text);

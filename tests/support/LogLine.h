@@ -1,7 +1,6 @@
 // Reading the log file as its readers do: by columns.
 #pragma once
 
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -21,11 +20,8 @@ LogLine ParseLogLine(const std::string& line);
 // What a statement says, time, handler and process aside: "ERROR src/SetObdConf 50 message".
 std::string Summary(const LogLine& line);
 
-// The statements of a log text in their order, each as its Summary. Lines that no statement wrote
+// The statements of the log file in their order, each as its Summary. Lines that no statement wrote
 // (the Java VM's) are left out.
-std::vector<std::string> Statements(const std::string& log);
-
-// The same of the log file.
 std::vector<std::string> LoggedStatements();
 
 // All lines of the log file in their order: statements as their Summary, others as they are.

@@ -10,6 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "Sandbox.h"
+#include "SmallDisk.h"
+
 namespace {
 
 bool HasArgument(int argc, char** argv, const std::string& wanted) {
@@ -24,8 +27,17 @@ bool HasArgument(int argc, char** argv, const std::string& wanted) {
 [[noreturn]] void RestartInSandbox(int argc, char** argv) {
   const auto self = std::filesystem::read_symlink("/proc/self/exe");
   const std::string inside = "/build" / self.lexically_relative(BUILD_FOLDER);
-  std::vector<std::string> words = {SOURCE_FOLDER "/device/sandbox", BUILD_FOLDER,
-                                    "--private-network", "--", inside};
+  std::vector<std::string> words = {SOURCE_FOLDER "/device/sandbox",
+                                    BUILD_FOLDER,
+                                    "--private-network",
+                                    "--read-only",
+                                    SOURCE_FOLDER,
+                                    "/source",
+                                    "--disk",
+                                    std::to_string(SmallDisk::SIZE),
+                                    SmallDisk::PATH,
+                                    "--",
+                                    inside};
   words.insert(words.end(), argv + 1, argv + argc);
   std::vector<char*> arguments;
   for (std::string& word : words) {
@@ -38,6 +50,11 @@ bool HasArgument(int argc, char** argv, const std::string& wanted) {
 }
 
 }  // namespace
+
+// LeakSanitizer asks here. It looks for leaks by ptrace, which a traced process cannot use.
+extern "C" int __lsan_is_turned_off() {
+  return IsTraced() ? 1 : 0;
+}
 
 int main(int argc, char** argv) {
   const bool isInside = std::getenv("VEMO_SANDBOX") != nullptr;

@@ -1,21 +1,19 @@
 #include "NvmService.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <filesystem>
 #include <regex>
 
 #include "Files.h"
+#include "LogLine.h"
 #include "Tcp.h"
 
 namespace {
 
 Command Start(const std::string& address, const std::function<void()>& prepare) {
   std::filesystem::remove(NVM_SERVICE_LOG_FILE);
-  Command command;
-  command.words = {"/build/device/bin/nvm-service", address};
-  command.prepare = prepare;
-  return command;
+  return {{NVM_SERVICE, address}, {}, {}, prepare};
 }
 
 }  // namespace
@@ -26,13 +24,33 @@ NvmService::NvmService(const std::string& address, const std::function<void()>& 
 }
 
 std::vector<std::string> NvmServiceStatements() {
-  static const std::regex columns(
-      R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6}  ([A-Z]+) +nvm +\d+ +device/nvm/Service +\d +)");
   std::vector<std::string> statements;
-  for (const std::string& line : Lines(ReadText(NVM_SERVICE_LOG_FILE))) {
-    statements.push_back(std::regex_replace(line, columns, "$1 "));
+  for (const std::string& text : Lines(ReadText(NVM_SERVICE_LOG_FILE))) {
+    const LogLine line = ParseLogLine(text);
+    EXPECT_EQ(line.handler, "nvm");
+    EXPECT_EQ(line.fileName, "device/nvm/Service");
+    statements.push_back(line.level + " " + line.message);
   }
   return statements;
+}
+
+std::string NvmRequest(const std::string& function, const std::string& body) {
+  return "GET /nVm?FunctionName=" + function +
+         " HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-length: " + std::to_string(body.size()) +
+         "\r\n\r\n" + body;
+}
+
+std::string NvmOwnerPacket(const std::string& owner, const std::string& clientAddress) {
+  return "<wddxPacket version='1.0'><header/><data><struct>"
+         "<var name='DeviceOwner'><string>" +
+         owner + "</string></var>\n<var name='IfhClientIpAddr'><string>" + clientAddress +
+         "</string></var></struct></data></wddxPacket>";
+}
+
+void AllocateAs(const std::string& owner) {
+  Connection connection(NVM_ADDRESS, NVM_PORT);
+  connection.Send(NvmRequest("nvmAllocateDevice", NvmOwnerPacket(owner)));
+  EXPECT_THAT(connection.ReceiveAll(), testing::EndsWith(NvmReply("1", owner, "0", "0", "")));
 }
 
 std::string NvmReply(const std::string& isAllocated, const std::string& owner,

@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <array>
+#include <filesystem>
+#include <stdexcept>
 #include <thread>
 
 #include "Pipe.h"
@@ -57,38 +59,42 @@ void Feed(Pipe& to, const std::string& text, std::size_t& fed) {
   }
 }
 
-void TakeStatus(int status, Result& result) {
-  if (WIFEXITED(status)) {
-    result.exitStatus = WEXITSTATUS(status);
-  } else if (WIFSIGNALED(status)) {
-    result.signal = WTERMSIG(status);
-  }
-}
-
 }  // namespace
+
+Command Preload(const std::string& name, Command command) {
+  const std::string library = "/build/tests/lib" + name + ".so";
+  if (!std::filesystem::exists(library)) {
+    throw std::runtime_error("there is no " + library);
+  }
+  command.environment["LD_PRELOAD"] += ":" + library;
+  return command;
+}
 
 Result Execute(const Command& command) {
   signal(SIGPIPE, SIG_IGN);  // a program need not read its input
   Pipe input;
   Pipe output;
   Pipe error;
-  const pid_t id = fork();
-  if (id == 0) {
+  Command connected = command;
+  connected.prepare = [&] {
     dup2(input.ends[0], STDIN_FILENO);
     dup2(output.ends[1], STDOUT_FILENO);
     dup2(error.ends[1], STDERR_FILENO);
-    Become(command);
-  }
+    if (command.prepare) {
+      command.prepare();
+    }
+  };
+  BackgroundProcess process(connected);
   input.Close(0);
   output.Close(1);
   error.Close(1);
   fcntl(input.ends[1], F_SETFL, O_NONBLOCK);
-
-  Result result;
-  std::size_t fed = 0;
   if (command.input.empty()) {
     input.Close(1);
   }
+
+  Result result;
+  std::size_t fed = 0;
   const auto deadline = Clock::now() + command.limit;
   while (output.ends[0] >= 0 || error.ends[0] >= 0) {
     std::array<pollfd, 3> waits = {
@@ -96,7 +102,7 @@ Result Execute(const Command& command) {
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
     if (left <= 0 || poll(waits.data(), waits.size(), static_cast<int>(left)) <= 0) {
-      kill(id, SIGKILL);
+      kill(process.Id(), SIGKILL);
       break;
     }
     if (waits[0].revents != 0) {
@@ -109,14 +115,9 @@ Result Execute(const Command& command) {
       Feed(input, command.input, fed);
     }
   }
-  int status = 0;
-  const bool isReaped = Eventually([&] { return waitpid(id, &status, WNOHANG) == id; },
-                                   std::chrono::ceil<std::chrono::seconds>(command.limit));
-  if (!isReaped) {
-    kill(id, SIGKILL);
-    waitpid(id, &status, 0);
-  }
-  TakeStatus(status, result);
+  const Result end = process.End(0, command.limit);
+  result.exitStatus = end.exitStatus;
+  result.signal = end.signal;
   return result;
 }
 
@@ -132,20 +133,20 @@ BackgroundProcess::~BackgroundProcess() {
   }
 }
 
-bool BackgroundProcess::IsRunning() {
-  return !isReaped_ && kill(id_, 0) == 0;
-}
-
-Result BackgroundProcess::End(int signal) {
-  Result result;
+Result BackgroundProcess::End(int signal, std::chrono::seconds limit) {
   int status = 0;
   kill(id_, signal);
-  if (!Eventually([&] { return waitpid(id_, &status, WNOHANG) == id_; })) {
+  if (!Eventually([&] { return waitpid(id_, &status, WNOHANG) == id_; }, limit)) {
     kill(id_, SIGKILL);
     waitpid(id_, &status, 0);
   }
   isReaped_ = true;
-  TakeStatus(status, result);
+  Result result;
+  if (WIFEXITED(status)) {
+    result.exitStatus = WEXITSTATUS(status);
+  } else {
+    result.signal = WTERMSIG(status);
+  }
   return result;
 }
 

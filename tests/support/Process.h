@@ -26,6 +26,10 @@ struct Result {
   std::string error;   // standard error
 };
 
+// The command with the library tests/preload/NAME.cpp in front of the program's own. Throws when it
+// has not been built: the loader would only warn, and the test would go on without it.
+Command Preload(const std::string& name, Command command);
+
 // Runs the command to its end.
 Result Execute(const Command& command);
 
@@ -39,9 +43,9 @@ class BackgroundProcess {
   BackgroundProcess& operator=(const BackgroundProcess&) = delete;
 
   pid_t Id() const { return id_; }
-  bool IsRunning();
-  // Sends the signal and waits for the end. Exit status and signal as in Result.
-  Result End(int signal);
+  // Sends the signal and waits for the end; kills what does not end within the limit. Exit status
+  // and signal as in Result.
+  Result End(int signal, std::chrono::seconds limit = std::chrono::seconds(20));
 
  private:
   pid_t id_;

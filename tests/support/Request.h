@@ -22,18 +22,6 @@ using Fields = std::vector<std::pair<std::string, std::string>>;
 // A POST request with these fields as multipart/form-data.
 Command PostMultipart(const Fields& fields);
 
-// The request with the stand-in for the Java VM in front of the real one; see preload/JavaVm.cpp.
-// Quick, for what has nothing to do with Java.
-Command WithoutJava(Command request);
-
-// What the page must be, byte for byte.
-std::string SuccessPage(const std::string& value);
-std::string WarningPage();
-std::string FrameOnly();
-
-// What the log says of a request until its Java VM is made, as Summary lines.
-std::vector<std::string> StartStatements(const std::string& javaOptions = "(null)",
-                                         const std::string& classPath = "/srv/vemo/java");
-
-// All that the log says of a request that succeeds.
-std::vector<std::string> SuccessStatements();
+// The request with the fake VM in front of the real one; see preload/FakeVm.cpp. Quick, for what
+// has nothing to do with Java.
+Command WithFakeVm(const Command& request);

@@ -77,7 +77,7 @@ void ScriptedService::Run() {
       requests_.push_back(ReceiveRequest(connection));
       const std::size_t number = requests_.size();
       Play(connection, number <= replies_.size() ? replies_[number - 1]
-                                                 : ScriptedReply{{}, ScriptedReply::End::Close});
+                                                 : ScriptedReply{{}, ScriptedReply::End::kClose});
     } else if (isLastLook) {
       return;
     }
@@ -98,11 +98,11 @@ void ScriptedService::Play(int connection, const ScriptedReply& reply) {
   for (std::size_t i = 0; i < reply.chunks.size() && IsWaitedFor(i); ++i) {
     SendAll(connection, reply.chunks[i]);
   }
-  if (reply.end == ScriptedReply::End::Hold) {
+  if (reply.end == ScriptedReply::End::kHold) {
     held_.push_back(connection);
     return;
   }
-  if (reply.end == ScriptedReply::End::Reset) {
+  if (reply.end == ScriptedReply::End::kReset) {
     const linger atOnce = {1, 0};
     setsockopt(connection, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
   }

@@ -11,15 +11,15 @@
 
 struct ScriptedReply {
   enum class End {
-    Hold,   // the connection stays open until the service ends
-    Close,  // closed behind the last chunk
-    Reset,  // the same, but the client sees a reset
+    kHold,   // the connection stays open until the service ends
+    kClose,  // closed behind the last chunk
+    kReset,  // the same, but the client sees a reset
   };
 
   // Each is sent when the client has consumed those before it and waits for more. What the client
   // does not wait for is not sent. (A client in a process of its own gets the first one only.)
   std::vector<std::string> chunks;
-  End end = End::Hold;
+  End end = End::kHold;
 };
 
 class ScriptedService {

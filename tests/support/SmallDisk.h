@@ -1,4 +1,4 @@
-// The sandbox's file system of 256 KiB, for the disk that runs full.
+// A file system of 256 KiB in the sandbox, for the disk that runs full.
 #pragma once
 
 #include <cstddef>
@@ -7,6 +7,9 @@
 class SmallDisk {
  public:
   static constexpr std::size_t SIZE = 262144;
+  static constexpr char PATH[] = "/small";
+  // For SKIP_WHERE_TRACED.
+  static constexpr char NEED[] = "there is no small disk to fill";
 
   // Empty and writable, at the beginning and at the end.
   SmallDisk();
@@ -14,7 +17,7 @@ class SmallDisk {
   SmallDisk(const SmallDisk&) = delete;
   SmallDisk& operator=(const SmallDisk&) = delete;
 
-  std::filesystem::path Path() const { return "/small"; }
+  std::filesystem::path Path() const { return PATH; }
   // Takes all the room that is left.
   void Fill();
 

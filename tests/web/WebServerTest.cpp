@@ -21,6 +21,7 @@
 #include <utility>
 #include <vector>
 
+#include "ExpectedPage.h"
 #include "Files.h"
 #include "LogLine.h"
 #include "Process.h"

@@ -1,16 +1,13 @@
 """What an accessibility checker, axe-core, finds on the pages of the whole stand-in device.
 
-Runs as browser_journey.py does; the checker comes from build/npm, where
-./test puts it.
+Runs as browser_journey.py does; the checker comes from build/npm, where ./test puts it.
 """
 
 import contextlib
 import pathlib
-import sys
 import unittest
 
-sys.path.insert(0, str(pathlib.Path(__file__).parent))
-import browser_journey as journey  # noqa: E402 - the path first
+import browser
 
 AXE = pathlib.Path("/source/build/npm/node_modules/axe-core/axe.min.js").read_text(encoding="utf-8")
 GRAVE = ("serious", "critical")
@@ -21,7 +18,7 @@ OF_THE_FRAME = {"html-has-lang"}
 
 def grave_findings(driver, page):
     """The rules that the page breaks, those that are serious or critical, with the elements."""
-    driver.get(journey.ROOT + page)
+    driver.get(browser.ROOT + page)
     driver.execute_script(AXE)
     result = driver.execute_async_script(
         "const done = arguments[arguments.length - 1];"
@@ -40,28 +37,28 @@ class Accessibility(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         with contextlib.ExitStack() as stack:
-            stack.enter_context(journey.running_device())
-            cls.driver = stack.enter_context(journey.running_browser())
+            stack.enter_context(browser.running_device())
+            cls.driver = stack.enter_context(browser.running_browser())
             # Our policy keeps scripts out of the pages, the checker's too.
             cls.driver.execute_cdp_cmd("Page.setBypassCSP", {"enabled": True})
             cls.addClassCleanup(stack.pop_all().close)
 
     def check(self, pages, expected):
-        for screen in (journey.DESK, journey.PHONE):
-            journey.set_screen(self.driver, screen)
+        for screen in (browser.DESK, browser.PHONE):
+            browser.set_screen(self.driver, screen)
             for page in pages:
                 with self.subTest(page=page, screen=screen):
                     found = grave_findings(self.driver, page)
                     self.assertEqual(set(found), expected, found)
 
     def test_nothing_grave_on_the_home_page(self):
-        self.check([journey.HOME], set())
+        self.check([browser.HOME], set())
 
     def test_nothing_grave_on_our_own_pages_but_the_frames(self):
-        self.check([journey.FORM, journey.REBOOT], OF_THE_FRAME)
+        self.check([browser.FORM, browser.REBOOT], OF_THE_FRAME)
 
     def test_what_is_known_of_the_pages_whose_markup_is_fixed(self):
-        self.check([journey.success("500"), journey.WARNING], OF_THE_FRAME)
+        self.check([browser.success("500"), browser.WARNING], OF_THE_FRAME)
 
 
 if __name__ == "__main__":

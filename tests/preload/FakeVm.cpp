@@ -1,9 +1,11 @@
-// Stands in front of the real Java VM library and answers JNI_CreateJavaVM itself, step by step as
-// the test wishes. Preloaded into the unmodified program. What the test sets in the environment:
+// The fake VM: stands in front of the real Java VM library and answers JNI_CreateJavaVM itself,
+// step by step as the test wishes. Preloaded into the unmodified program. What the test sets in the
+// environment:
 //
 // FAKE_VM_RESULT   what JNI_CreateJavaVM returns; 0 without it
-// FAKE_VM_LEAVES   what a negative result leaves behind: "vm", "env" or "vm env"; nothing without
-// it FAKE_VM_FAILS    the calls that fail, a line each, as far as they are to be told apart, as in
+// FAKE_VM_LEAVES   what a negative result leaves behind: "vm", "env" or "vm env"; without it
+//                  nothing
+// FAKE_VM_FAILS    the calls that fail, a line each, as far as they are to be told apart, as in
 //                  "FindClass java/io"; they give null and leave an exception pending
 // FAKE_VM_CALLS    a file to which every call is appended, a line each
 //
@@ -12,11 +14,10 @@
 #include <jni.h>
 
 #include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
 #include <deque>
 #include <sstream>
-#include <string>
+
+#include "Record.h"
 
 namespace {
 
@@ -39,20 +40,8 @@ std::string Describe(jmethodID method) {
   return Describe(static_cast<const void*>(method));
 }
 
-std::string Setting(const char* name) {
-  const char* const value = std::getenv(name);
-  return value != nullptr ? value : "";
-}
-
 void Record(const std::string& call) {
-  const std::string path = Setting("FAKE_VM_CALLS");
-  if (path.empty()) {
-    return;
-  }
-  if (std::FILE* const file = std::fopen(path.c_str(), "a")) {
-    std::fprintf(file, "%s\n", call.c_str());
-    std::fclose(file);
-  }
+  ::Record("FAKE_VM_CALLS", call);
 }
 
 bool MustFail(const std::string& call) {

@@ -1,0 +1,203 @@
+// Stands in front of the C library's file calls and lets chosen ones fail. Preloaded into the
+// unmodified program. Watched are the calls on paths below one folder, and on the descriptors that
+// they open. What the test sets in the environment:
+//
+// FAILING_FILE_CALLS_FOLDER   the folder; without it nothing is watched
+// FAILING_FILE_CALLS_TRACE    a file to which every watched call is appended, a line each
+// FAILING_FILE_CALLS          "3": the third of the watched calls fails; "3-": and all that follow
+// it FAILING_FILE_CALLS_ERROR    the errno that it fails with; without it the process is killed
+// there FAILING_FILE_CALLS_PIECE    the most bytes that one read or write moves
+// FAILING_FILE_CALLS_OWNER    who stat says owns the files, user and group; the files may then be
+// given
+//                        to anybody
+//
+// unlink is not among them: nobody could tidy up without it.
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <map>
+
+#include "Record.h"
+
+namespace {
+
+int callCount = 0;
+
+// The watched descriptors' files. Never destroyed: descriptors are closed to the very end.
+std::map<int, std::string>& Names() {
+  static auto* const names = new std::map<int, std::string>;
+  return *names;
+}
+
+// The path within the watched folder; empty outside it.
+std::string NameOf(const char* path) {
+  const std::string folder = Setting("FAILING_FILE_CALLS_FOLDER");
+  const std::string text = path;
+  if (folder.empty() || text.rfind(folder, 0) != 0) {
+    return "";
+  }
+  const std::string rest = text.substr(folder.size());
+  return rest.empty() ? "." : rest[0] == '/' ? rest.substr(1) : "";
+}
+
+bool IsChosen(int number) {
+  const std::string choice = Setting("FAILING_FILE_CALLS");
+  const int first = std::atoi(choice.c_str());
+  return !choice.empty() && (choice.back() == '-' ? number >= first : number == first);
+}
+
+// Whether this watched call must fail; errno says why.
+bool Fails(const std::string& call) {
+  Record("FAILING_FILE_CALLS_TRACE", call);
+  if (!IsChosen(++callCount)) {
+    return false;
+  }
+  const std::string error = Setting("FAILING_FILE_CALLS_ERROR");
+  if (error.empty()) {
+    raise(SIGKILL);
+  }
+  errno = std::atoi(error.c_str());
+  return true;
+}
+
+bool FailsOn(int descriptor, const std::string& call, const std::string& arguments = "") {
+  const auto name = Names().find(descriptor);
+  return name != Names().end() && Fails(call + " " + name->second + arguments);
+}
+
+bool FailsOn(const char* path, const std::string& call, const std::string& arguments = "") {
+  const std::string name = NameOf(path);
+  return !name.empty() && Fails(call + " " + name + arguments);
+}
+
+std::size_t Piece(int descriptor, std::size_t size) {
+  const std::string most = Setting("FAILING_FILE_CALLS_PIECE");
+  const bool isWhole = most.empty() || Names().count(descriptor) == 0;
+  return isWhole ? size : std::min<std::size_t>(size, std::stoul(most));
+}
+
+std::string Octal(mode_t mode) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%o", mode);
+  return text;
+}
+
+template <typename Function>
+Function* Real(Function*, const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+extern "C" {
+
+int open(const char* path, int flags, ...) {
+  mode_t mode = 0;
+  if ((flags & O_CREAT) != 0) {
+    va_list arguments;
+    va_start(arguments, flags);
+    mode = va_arg(arguments, mode_t);
+    va_end(arguments);
+  }
+  if (FailsOn(path, "open", (flags & O_CREAT) != 0 ? " " + Octal(mode) : "")) {
+    return -1;
+  }
+  const int descriptor = Real(open, "open")(path, flags, mode);
+  if (descriptor >= 0 && !NameOf(path).empty()) {
+    Names()[descriptor] = NameOf(path);
+  }
+  return descriptor;
+}
+
+// One that fails has closed all the same.
+int close(int descriptor) {
+  const bool fails = FailsOn(descriptor, "close");
+  const int error = errno;
+  Names().erase(descriptor);
+  const int result = Real(close, "close")(descriptor);
+  errno = fails ? error : errno;
+  return fails ? -1 : result;
+}
+
+ssize_t read(int descriptor, void* data, size_t size) {
+  size = Piece(descriptor, size);
+  return FailsOn(descriptor, "read") ? -1 : Real(read, "read")(descriptor, data, size);
+}
+
+ssize_t write(int descriptor, const void* data, size_t size) {
+  const bool fails = FailsOn(descriptor, "write", " " + std::to_string(size));
+  return fails ? -1 : Real(write, "write")(descriptor, data, Piece(descriptor, size));
+}
+
+ssize_t pwrite(int descriptor, const void* data, size_t size, off_t offset) {
+  size = Piece(descriptor, size);
+  return FailsOn(descriptor, "pwrite") ? -1
+                                       : Real(pwrite, "pwrite")(descriptor, data, size, offset);
+}
+
+int fsync(int descriptor) {
+  return FailsOn(descriptor, "fsync") ? -1 : Real(fsync, "fsync")(descriptor);
+}
+
+int ftruncate(int descriptor, off_t length) noexcept {
+  return FailsOn(descriptor, "ftruncate") ? -1 : Real(ftruncate, "ftruncate")(descriptor, length);
+}
+
+int posix_fallocate(int descriptor, off_t offset, off_t length) {
+  return FailsOn(descriptor, "posix_fallocate")
+             ? errno
+             : Real(posix_fallocate, "posix_fallocate")(descriptor, offset, length);
+}
+
+int fchmod(int descriptor, mode_t mode) noexcept {
+  return FailsOn(descriptor, "fchmod", " " + Octal(mode))
+             ? -1
+             : Real(fchmod, "fchmod")(descriptor, mode);
+}
+
+int fchown(int descriptor, uid_t user, gid_t group) noexcept {
+  const std::string owner = " " + std::to_string(user) + " " + std::to_string(group);
+  if (FailsOn(descriptor, "fchown", owner)) {
+    return -1;
+  }
+  return Setting("FAILING_FILE_CALLS_OWNER").empty()
+             ? Real(fchown, "fchown")(descriptor, user, group)
+             : 0;
+}
+
+int fstat(int descriptor, struct stat* status) noexcept {
+  return FailsOn(descriptor, "fstat") ? -1 : Real(fstat, "fstat")(descriptor, status);
+}
+
+int stat(const char* path, struct stat* status) noexcept {
+  if (FailsOn(path, "stat")) {
+    return -1;
+  }
+  const int result = Real(stat, "stat")(path, status);
+  const std::string owner = Setting("FAILING_FILE_CALLS_OWNER");
+  if (!owner.empty() && !NameOf(path).empty()) {
+    std::sscanf(owner.c_str(), "%u %u", &status->st_uid, &status->st_gid);
+  }
+  return result;
+}
+
+int lstat(const char* path, struct stat* status) noexcept {
+  return FailsOn(path, "lstat") ? -1 : Real(lstat, "lstat")(path, status);
+}
+
+ssize_t readlink(const char* path, char* target, size_t size) noexcept {
+  return FailsOn(path, "readlink") ? -1 : Real(readlink, "readlink")(path, target, size);
+}
+
+int rename(const char* from, const char* to) noexcept {
+  return FailsOn(from, "rename", " " + NameOf(to)) ? -1 : Real(rename, "rename")(from, to);
+}
+
+}  // extern "C"
