@@ -9,6 +9,7 @@
 //   CGI_GATE_PLACES    programs that may run at once
 //   CGI_GATE_PATIENCE  seconds to wait for a place
 //   CGI_GATE_LIMIT     seconds that a program may take
+//   CGI_GATE_ARCHIVE   folder of the Java VM's class archive; need not be there, nor be said
 //
 // Nobody has to watch the program: the kernel keeps the alarm and the lock for it over the exec,
 // ends it with SIGALRM when its time is over, and gives the place free when it ends, however that
@@ -29,12 +30,15 @@
 #include <ctime>
 #include <initializer_list>
 
+#include "ClassArchive.h"
+
 namespace {
 
 constexpr char FILE_VARIABLE[] = "CGI_GATE_FILE";
 constexpr char PLACES_VARIABLE[] = "CGI_GATE_PLACES";
 constexpr char PATIENCE_VARIABLE[] = "CGI_GATE_PATIENCE";
 constexpr char LIMIT_VARIABLE[] = "CGI_GATE_LIMIT";
+constexpr char ARCHIVE_VARIABLE[] = "CGI_GATE_ARCHIVE";
 
 constexpr long MOST_PLACES = 1000;
 constexpr long MOST_SECONDS = 24 * 60 * 60;
@@ -165,7 +169,11 @@ int main(int argc, char** argv) {
   }
   WaitForAPlace(file, places, patience);
   SetLimit(limit);
-  for (const char* variable : {FILE_VARIABLE, PLACES_VARIABLE, PATIENCE_VARIABLE, LIMIT_VARIABLE}) {
+  if (const char* const archive = std::getenv(ARCHIVE_VARIABLE)) {
+    UseClassArchive(archive);
+  }
+  for (const char* variable :
+       {FILE_VARIABLE, PLACES_VARIABLE, PATIENCE_VARIABLE, LIMIT_VARIABLE, ARCHIVE_VARIABLE}) {
     unsetenv(variable);
   }
   execv(argv[1], argv + 1);

@@ -13,8 +13,11 @@
 namespace {
 
 using testing::Contains;
+using testing::Each;
+using testing::ElementsAreArray;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::SizeIs;
 using testing::StartsWith;
 
 constexpr char SHIPPED[] = "/srv/vemo/java.options";
@@ -96,6 +99,21 @@ TEST_F(StartUpOptions, MissingFileIsKeptOffThePage) {
   ExpectOurWordsAlone(result);
   EXPECT_EQ(result.exitStatus, 1);
   EXPECT_FALSE(std::filesystem::exists(SETTINGS_FILE));
+}
+
+// The options switch off what the processor does by itself: whatever a configuration class computes
+// comes out as it does without them.
+TEST_F(StartUpOptions, ChangeNoResultOfTheVms) {
+  ExecuteWith(SHIPPED, "/build/tests/java/computing");
+  const std::vector<std::string> with = ForeignLines();
+  ResetDevice();
+  Command request = Get("CanDetectTimeout=500");
+  request.environment["JAVA_CLASSPATH"] = "/build/tests/java/computing";
+  Execute(request);
+  EXPECT_THAT(with, SizeIs(60));
+  EXPECT_THAT(with, Each(StartsWith("result ")));
+  EXPECT_THAT(with, Contains("result MD5 of abc 900150983cd24fb0d6963f7d28e17f72"));
+  EXPECT_THAT(with, ElementsAreArray(ForeignLines()));
 }
 
 class BadOption : public StartUpOptions, public testing::WithParamInterface<const char*> {};

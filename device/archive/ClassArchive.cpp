@@ -1,0 +1,200 @@
+#include "ClassArchive.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <initializer_list>
+
+namespace {
+
+constexpr char OPTIONS_VARIABLE[] = "JAVA_OPTIONS";
+// The programs find the VM through it, if it is set.
+constexpr char LIBRARIES_VARIABLE[] = "LD_LIBRARY_PATH";
+// The last line: without it the record is torn.
+constexpr char END[] = "end";
+
+constexpr size_t LARGEST_RECORD = 16384;
+constexpr size_t LONGEST_LINE = PATH_MAX + 128;
+
+// Whether it all went in.
+bool Fits(int length, size_t size) {
+  return length >= 0 && static_cast<size_t>(length) < size;
+}
+
+bool Join(char (&path)[PATH_MAX], const char* folder, const char* name) {
+  if (Fits(std::snprintf(path, sizeof path, "%s/%s", folder, name), sizeof path)) {
+    return true;
+  }
+  errno = ENAMETOOLONG;
+  return false;
+}
+
+// The lines as they would be recorded now.
+
+bool WriteVariable(char (&line)[LONGEST_LINE], const char* name) {
+  const char* const value = std::getenv(name);
+  errno = EINVAL;
+  return Fits(std::snprintf(line, sizeof line, "%s=%s", name, value == nullptr ? "" : value),
+              sizeof line) &&
+         std::strchr(line, '\n') == nullptr;
+}
+
+bool WriteFile(char (&line)[LONGEST_LINE], const char* path) {
+  struct stat file = {};
+  if (stat(path, &file) != 0 || access(path, R_OK) != 0) {
+    return false;
+  }
+  errno = EINVAL;
+  return Fits(std::snprintf(line, sizeof line, "%lld %lld.%09ld %llu %s",
+                            static_cast<long long>(file.st_size),
+                            static_cast<long long>(file.st_mtim.tv_sec), file.st_mtim.tv_nsec,
+                            static_cast<unsigned long long>(file.st_ino), path),
+              sizeof line) &&
+         path[0] == '/' && std::strchr(line, '\n') == nullptr;
+}
+
+// The record's text with its end, which is 0; -1 when there is none, or one too large.
+ssize_t Read(const char* path, char (&text)[LARGEST_RECORD]) {
+  const int file = open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+  if (file == -1) {
+    return -1;
+  }
+  size_t length = 0;
+  ssize_t count = 0;
+  while (length < sizeof text - 1 &&
+         (count = read(file, text + length, sizeof text - 1 - length)) > 0) {
+    length += static_cast<size_t>(count);
+  }
+  close(file);
+  text[length] = '\0';
+  const bool isWhole = count == 0 && std::strlen(text) == length;
+  return isWhole ? static_cast<ssize_t>(length) : -1;
+}
+
+// Cuts the first line off the text; null when it has no end.
+char* NextLine(char** text) {
+  char* const line = *text;
+  char* const end = std::strchr(line, '\n');
+  if (end == nullptr) {
+    return nullptr;
+  }
+  *end = '\0';
+  *text = end + 1;
+  return line;
+}
+
+bool Misfit(const char** misfit, const char* what) {
+  if (misfit != nullptr) {
+    *misfit = what;
+  }
+  return false;
+}
+
+bool WriteWhole(int file, const char* text, size_t length) {
+  while (length > 0) {
+    const ssize_t count = write(file, text, length);
+    if (count <= 0) {
+      return false;
+    }
+    text += count;
+    length -= static_cast<size_t>(count);
+  }
+  return true;
+}
+
+bool SyncFolder(const char* folder) {
+  const int file = open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (file == -1) {
+    return false;
+  }
+  const bool isSynced = fsync(file) == 0;
+  close(file);
+  return isSynced;
+}
+
+bool WriteRecord(const char* path, const char* const* files, int count) {
+  const int record =
+      open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
+  if (record == -1) {
+    return false;
+  }
+  char line[LONGEST_LINE];
+  size_t size = 0;
+  bool isWritten = true;
+  for (int i = -2; isWritten && i <= count; ++i) {
+    isWritten = i == -2     ? WriteVariable(line, OPTIONS_VARIABLE)
+                : i == -1   ? WriteVariable(line, LIBRARIES_VARIABLE)
+                : i < count ? WriteFile(line, files[i])
+                            : std::strcpy(line, END) != nullptr;
+    const size_t length = isWritten ? std::strlen(line) : 0;
+    line[length] = '\n';
+    size += length + 1;
+    isWritten = isWritten && size < LARGEST_RECORD && WriteWhole(record, line, length + 1);
+  }
+  isWritten = isWritten && fsync(record) == 0;
+  const int error = errno;
+  close(record);
+  errno = error;
+  return isWritten;
+}
+
+}  // namespace
+
+bool ClassArchiveFits(const char* folder, const char** misfit) {
+  static char text[LARGEST_RECORD];
+  char path[PATH_MAX];
+  if (!Join(path, folder, CLASS_ARCHIVE_RECORD) || Read(path, text) < 0) {
+    return Misfit(misfit, "there is no record");
+  }
+  char* rest = text;
+  char now[LONGEST_LINE];
+  for (const char* variable : {OPTIONS_VARIABLE, LIBRARIES_VARIABLE}) {
+    const char* const line = NextLine(&rest);
+    if (line == nullptr || !WriteVariable(now, variable) || std::strcmp(line, now) != 0) {
+      return Misfit(misfit, variable);
+    }
+  }
+  while (const char* const line = NextLine(&rest)) {
+    if (std::strcmp(line, END) == 0) {
+      return *rest == '\0' || Misfit(misfit, "the record goes on after its end");
+    }
+    const char* const file = std::strchr(line, '/');
+    if (file == nullptr || !WriteFile(now, file) || std::strcmp(line, now) != 0) {
+      return Misfit(misfit, file == nullptr ? "the record is of another form" : file);
+    }
+  }
+  return Misfit(misfit, "the record is torn");
+}
+
+bool UseClassArchive(const char* folder) {
+  char path[PATH_MAX];
+  char option[PATH_MAX + 32];
+  return ClassArchiveFits(folder) && Join(path, folder, CLASS_ARCHIVE_OPTIONS) &&
+         Fits(std::snprintf(option, sizeof option, "-XX:VMOptionsFile=%s", path), sizeof option) &&
+         setenv(OPTIONS_VARIABLE, option, 1) == 0;
+}
+
+bool RecordClassArchive(const char* folder, const char* const* files, int count) {
+  char record[PATH_MAX];
+  char fresh[PATH_MAX];
+  if (!Join(record, folder, CLASS_ARCHIVE_RECORD) || !Join(fresh, folder, "record.new")) {
+    return false;
+  }
+  unlink(record);
+  // The archive's name is on disk before the record that vouches for it.
+  if (SyncFolder(folder) && WriteRecord(fresh, files, count) && rename(fresh, record) == 0 &&
+      SyncFolder(folder)) {
+    return true;
+  }
+  const int error = errno;
+  unlink(fresh);
+  unlink(record);
+  errno = error;
+  return false;
+}

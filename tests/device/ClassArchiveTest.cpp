@@ -1,0 +1,321 @@
+// The class archive: made by one command from a request, used while it fits, and never in the way.
+// `class-archive run` does with it what the gate in front of the programs does.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "ExpectedPage.h"
+#include "Files.h"
+#include "LogLine.h"
+#include "Process.h"
+#include "Request.h"
+
+namespace {
+
+using std::filesystem::path;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr char TOOL[] = "/srv/vemo/bin/class-archive";
+constexpr char OPTIONS[] = "/tmp/shipped.options";
+const path FOLDER = "/app/class-archive";
+const path ARCHIVE = FOLDER / "classes.jsa";
+const path RECORD = FOLDER / "record";
+// A Java VM that can be changed: the program's own one, linked but for the library and the
+// launcher.
+const path VM = "/tmp/vm";
+const path LIBRARY = VM / "lib/server/libjvm.so";
+
+// The VM that the program is linked to.
+path OwnVm() {
+  const Result linked = Execute({{PROGRAM}, {{"LD_TRACE_LOADED_OBJECTS", "1"}}});
+  const size_t end = linked.output.find("/lib/server/libjvm.so (");
+  const size_t begin = linked.output.rfind(' ', end) + 1;
+  return linked.output.substr(begin, end - begin);
+}
+
+void CopyVm() {
+  namespace fs = std::filesystem;
+  const path own = fs::canonical(OwnVm());
+  fs::remove_all(VM);
+  fs::create_directories(VM / "bin");
+  fs::create_directories(VM / "lib/server");
+  for (const auto& entry : fs::directory_iterator(own / "lib")) {
+    if (entry.path().filename() == "libjli.so") {
+      // The launcher takes the folder of this one for its home.
+      fs::copy_file(entry.path(), VM / "lib/libjli.so");
+    } else if (entry.path().filename() != "server") {
+      fs::create_symlink(entry.path(), VM / "lib" / entry.path().filename());
+    }
+  }
+  for (const auto& entry : fs::directory_iterator(own)) {
+    if (!fs::exists(VM / entry.path().filename())) {
+      fs::create_symlink(entry.path(), VM / entry.path().filename());
+    }
+  }
+  fs::copy_file(own / "bin/java", VM / "bin/java");
+  for (const char* name : {"libjvm.so", "classes.jsa"}) {
+    fs::copy_file(own / "lib/server" / name, VM / "lib/server" / name);
+  }
+}
+
+Result Make(const path& folder = FOLDER, const std::string& program = PROGRAM) {
+  return Execute({{"/srv/vemo/make-class-archive", program, OPTIONS, "/srv/vemo/java", folder},
+                  {{"PATH", "/usr/bin:/bin"}, {"LD_LIBRARY_PATH", LIBRARY.parent_path()}}});
+}
+
+// The request as the gate would start it.
+Command Request() {
+  Command request = Get("CanDetectTimeout=500");
+  request.words = {TOOL, "run", FOLDER, PROGRAM};
+  request.environment["JAVA_OPTIONS"] = std::string("-XX:VMOptionsFile=") + OPTIONS;
+  request.environment["JAVA_CLASSPATH"] = "/build/tests/java/mapping";
+  request.environment["LD_LIBRARY_PATH"] = LIBRARY.parent_path();
+  return request;
+}
+
+class ClassArchive : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    ResetDevice();
+    CopyVm();
+    WriteText(OPTIONS, ReadText("/srv/vemo/java.options"));
+  }
+
+  void SetUp() override {
+    ResetDevice();
+    std::filesystem::remove_all(FOLDER);
+    made_ = Make();
+    ASSERT_EQ(made_.exitStatus, 0) << made_.error;
+    std::filesystem::remove(LOG_FILE);
+  }
+
+  static void ExpectServed(const Result& result) {
+    EXPECT_EQ(result.output, SuccessPage("500"));
+    EXPECT_EQ(result.error, "");
+    EXPECT_EQ(result.exitStatus, 0);
+  }
+
+  // The request is served, with the archive.
+  static void ExpectUsed(const Command& request = Request()) {
+    ExpectServed(Execute(request));
+    EXPECT_THAT(ForeignLines(), ElementsAre("mapped " + ARCHIVE.string()));
+  }
+
+  // The request is served, with the options that it came with and the VM's own archive.
+  static void ExpectNotUsed(const Command& request = Request()) {
+    ExpectServed(Execute(request));
+    EXPECT_THAT(LoggedStatements(), Contains("DEBUG src/JavaVmWrapper 81 JAVA_OPTIONS: " +
+                                             request.environment.at("JAVA_OPTIONS")));
+    EXPECT_THAT(ForeignLines(), Not(Contains(HasSubstr(FOLDER.string()))));
+  }
+
+  // It says so, with this word.
+  static void ExpectMisfit(const std::string& word) {
+    Command fits = Request();
+    fits.words = {TOOL, "fits", FOLDER};
+    const Result result = Execute(fits);
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_THAT(result.error, HasSubstr(word));
+  }
+
+  Result made_;
+};
+
+TEST_F(ClassArchive, IsMadeFromARequestAndUsed) {
+  EXPECT_EQ(made_.output, "");
+  EXPECT_EQ(made_.error, "");
+  ExpectUsed();
+}
+
+TEST_F(ClassArchive, StoresNothingWhenItIsMade) {
+  EXPECT_FALSE(std::filesystem::exists(SETTINGS_FILE));
+}
+
+TEST_F(ClassArchive, FitsEveryClassPath) {
+  Command request = Request();
+  request.environment["JAVA_CLASSPATH"] = "/nowhere:/build/tests/java/mapping";
+  ExpectUsed(request);
+}
+
+TEST_F(ClassArchive, IsNotMadeAgainWhileItFits) {
+  const auto time = std::filesystem::last_write_time(ARCHIVE);
+  EXPECT_EQ(Make().exitStatus, 0);
+  EXPECT_EQ(std::filesystem::last_write_time(ARCHIVE), time);
+}
+
+TEST_F(ClassArchive, MissingFolderDoesNoHarm) {
+  std::filesystem::remove_all(FOLDER);
+  ExpectMisfit("no record");
+  ExpectNotUsed();
+}
+
+TEST_F(ClassArchive, MissingArchiveDoesNoHarm) {
+  std::filesystem::remove(ARCHIVE);
+  ExpectMisfit("classes.jsa");
+  ExpectNotUsed();
+}
+
+TEST_F(ClassArchive, MissingOptionsDoNoHarm) {
+  std::filesystem::remove(FOLDER / "java.options");
+  ExpectMisfit("java.options");
+  ExpectNotUsed();
+}
+
+TEST_F(ClassArchive, UnreadableArchiveDoesNoHarm) {
+  std::filesystem::permissions(ARCHIVE, std::filesystem::perms::none);
+  ExpectMisfit("classes.jsa");
+  ExpectNotUsed();
+}
+
+TEST_F(ClassArchive, ArchiveCutShortDoesNoHarm) {
+  std::filesystem::permissions(ARCHIVE, std::filesystem::perms::owner_all);
+  std::filesystem::resize_file(ARCHIVE, std::filesystem::file_size(ARCHIVE) / 2);
+  ExpectMisfit("classes.jsa");
+  ExpectNotUsed();
+}
+
+TEST_F(ClassArchive, EmptyArchiveDoesNoHarm) {
+  std::filesystem::permissions(ARCHIVE, std::filesystem::perms::owner_all);
+  std::filesystem::resize_file(ARCHIVE, 0);
+  ExpectMisfit("classes.jsa");
+  ExpectNotUsed();
+}
+
+// Turns the bits of one byte around.
+void Flip(const path& file, std::uintmax_t offset) {
+  std::filesystem::permissions(file, std::filesystem::perms::owner_all);
+  std::fstream stream(file, std::ios::in | std::ios::out | std::ios::binary);
+  stream.seekg(static_cast<std::streamoff>(offset));
+  const int byte = stream.get();
+  stream.seekp(static_cast<std::streamoff>(offset));
+  stream.put(static_cast<char>(~byte));
+}
+
+TEST_F(ClassArchive, ArchiveWrittenToDoesNoHarm) {
+  Flip(ARCHIVE, std::filesystem::file_size(ARCHIVE) / 2);
+  ExpectMisfit("classes.jsa");
+  ExpectNotUsed();
+}
+
+// What no time stamp tells, the next start of the device finds.
+TEST_F(ClassArchive, DamageBehindTheSystemsBackIsFoundAtTheNextStart) {
+  struct stat before = {};
+  ASSERT_EQ(stat(ARCHIVE.c_str(), &before), 0);
+  Flip(ARCHIVE, std::filesystem::file_size(ARCHIVE) / 2);
+  const timespec times[] = {before.st_atim, before.st_mtim};
+  ASSERT_EQ(utimensat(AT_FDCWD, ARCHIVE.c_str(), times, 0), 0);
+  EXPECT_EQ(Make().exitStatus, 0);
+  struct stat after = {};
+  ASSERT_EQ(stat(ARCHIVE.c_str(), &after), 0);
+  EXPECT_NE(after.st_ino, before.st_ino);
+  std::filesystem::remove(LOG_FILE);
+  ExpectUsed();
+}
+
+TEST_F(ClassArchive, AnotherArchiveInItsPlaceDoesNoHarm) {
+  std::filesystem::remove(ARCHIVE);
+  std::filesystem::copy_file(VM / "lib/server/classes.jsa", ARCHIVE);
+  ExpectMisfit("classes.jsa");
+  ExpectNotUsed();
+}
+
+TEST_F(ClassArchive, IsNotUsedWithAChangedVm) {
+  std::filesystem::last_write_time(LIBRARY, std::filesystem::file_time_type::clock::now());
+  ExpectMisfit("libjvm.so");
+  ExpectNotUsed();
+  EXPECT_EQ(Make().exitStatus, 0);
+  std::filesystem::remove(LOG_FILE);
+  ExpectUsed();
+}
+
+TEST_F(ClassArchive, IsNotUsedWithoutItsVm) {
+  const path aside = LIBRARY.string() + ".aside";
+  std::filesystem::rename(LIBRARY, aside);
+  ExpectMisfit("libjvm.so");
+  ExpectNotUsed();
+  std::filesystem::rename(aside, LIBRARY);
+}
+
+TEST_F(ClassArchive, IsNotUsedWithAnotherVmInFront) {
+  Command request = Request();
+  request.environment.erase("LD_LIBRARY_PATH");
+  ExpectNotUsed(request);
+}
+
+TEST_F(ClassArchive, IsNotUsedWithChangedOptions) {
+  const std::string options = ReadText(OPTIONS);
+  WriteText(OPTIONS, options + "-Dvemo.greeting=other\n");
+  ExpectMisfit("shipped.options");
+  ExpectNotUsed();
+  WriteText(OPTIONS, options);
+}
+
+TEST_F(ClassArchive, IsNotUsedWithOtherOptions) {
+  Command request = Request();
+  request.environment["JAVA_OPTIONS"] = "-Xmx16m";
+  ExpectNotUsed(request);
+}
+
+TEST_F(ClassArchive, RecordCutAnywhereFitsNothing) {
+  const std::string record = ReadText(RECORD);
+  ASSERT_THAT(record, HasSubstr("\nend\n"));
+  for (size_t length = 0; length < record.size(); ++length) {
+    WriteText(RECORD, record.substr(0, length));
+    Command fits = Request();
+    fits.words = {TOOL, "fits", FOLDER};
+    EXPECT_EQ(Execute(fits).exitStatus, 1) << length;
+  }
+  ExpectNotUsed();
+}
+
+TEST_F(ClassArchive, RecordOfAnotherFormFitsNothing) {
+  const std::string record = ReadText(RECORD);
+  for (const std::string& other :
+       {std::string("end\n"), record + record, record + "more", std::string(1 << 20, 'x'),
+        "x" + record, std::string(100, '\0'), record + '\0'}) {
+    WriteText(RECORD, other);
+    Command fits = Request();
+    fits.words = {TOOL, "fits", FOLDER};
+    EXPECT_EQ(Execute(fits).exitStatus, 1) << other.substr(0, 100);
+  }
+}
+
+// Nothing waits for a pipe.
+TEST_F(ClassArchive, RecordThatIsNoFileFitsNothing) {
+  std::filesystem::remove(RECORD);
+  ASSERT_EQ(mkfifo(RECORD.c_str(), S_IRUSR | S_IWUSR), 0);
+  ExpectNotUsed();
+}
+
+TEST_F(ClassArchive, MakingThatWasCutShortLeavesTheRequestWithout) {
+  std::filesystem::remove(RECORD);
+  WriteText(FOLDER / "new/classes.jsa", "torn");
+  ExpectNotUsed();
+  EXPECT_EQ(Make().exitStatus, 0);
+  EXPECT_FALSE(std::filesystem::exists(FOLDER / "new"));
+  std::filesystem::remove(LOG_FILE);
+  ExpectUsed();
+}
+
+TEST_F(ClassArchive, MakingThatFailsSaysWhyAndLeavesNoRecord) {
+  std::filesystem::remove(ARCHIVE);
+  const Result failed = Make(FOLDER, "/bin/true");
+  EXPECT_EQ(failed.exitStatus, 1);
+  EXPECT_THAT(failed.error, HasSubstr("finds no Java VM"));
+  EXPECT_FALSE(std::filesystem::exists(RECORD));
+  ExpectNotUsed();
+}
+
+TEST_F(ClassArchive, FolderThatCannotBeWrittenIsNoArchive) {
+  EXPECT_EQ(Make("/srv/vemo/class-archive").exitStatus, 1);
+}
+
+}  // namespace
