@@ -90,9 +90,18 @@ class Root:
                 "DEBIAN_FRONTEND=noninteractive", "chroot", self.path, *command]
 
     def start(self, *command):
-        """Runs on in the background, until close()."""
-        return subprocess.Popen(self._command(command), stdin=subprocess.DEVNULL,
-                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        """Runs on in the background, until stop() or close()."""
+        told = subprocess.Popen(
+            self._command(("sh", "-c", 'echo $$; exec "$@" >/dev/null 2>&1', "start", *command)),
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
+        told.number = told.stdout.readline().strip()
+        told.stdout.close()
+        return told
+
+    def stop(self, process):
+        """Ends what start() gave."""
+        self.run("sh", "-c", f"kill {process.number}", status=None)
+        process.wait(timeout=60)
 
     def run(self, *command, status=0, text=None):
         """What it wrote, to both streams. Fails when it ends with another status; None: any is good."""
