@@ -374,8 +374,9 @@ class Module(InRoot):
         self.device.run("usermod", "--append", "--groups", "vemo-web", "www-data")
         server = self.device.start("lighttpd", "-D", "-f", "/etc/lighttpd/lighttpd.conf")
         self.addCleanup(self.device.stop, server)
-        request = ("exec 3<>/dev/tcp/127.0.0.1/8080; "
-                   r"printf 'GET /setobdconf.cgi?%s HTTP/1.0\r\nHost: %s\r\n\r\n' \"$0\" \"$1\" >&3; cat <&3")
+        request = """exec 3<>/dev/tcp/127.0.0.1/8080
+            printf 'GET /setobdconf.cgi?%s HTTP/1.0\\r\\nHost: %s\\r\\n\\r\\n' "$0" "$1" >&3
+            cat <&3"""
         for _ in range(30):
             page = self.device.run("bash", "-c", request, "", "localhost", status=None)
             if "HTTP/1.0" in page:
