@@ -8,7 +8,7 @@ DEVICE_PACKAGES=(bubblewrap lighttpd)
 PACKAGING_PACKAGES=(debhelper dpkg-dev fakeroot pkgconf)
 TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang libclang-rt-14-dev clang-format
   clang-tidy shellcheck curl chromium chromium-driver python3-selenium libxml2-utils
-  proot valgrind)
+  proot valgrind qemu-system-x86 busybox-static cpio e2fsprogs)
 # What ./test --long needs beside these, and beside PACKAGING_PACKAGES.
 LONG_TEST_PACKAGES=(lintian mmdebstrap)
 # A Node.js from elsewhere brings its own.
@@ -145,4 +145,16 @@ prepare_tests() {
   done
   echo "This machine refuses namespaces: the tests run under proot, one after the other." \
     "Memory leaks are not looked for, and some tests are skipped."
+}
+
+# The kernel of the emulated machines, out of its package: nothing is installed.
+fetch_kernel() {
+  local folder=build/machine/kernel
+  ! compgen -G "$folder/boot/vmlinuz-*" >/dev/null || return 0
+  echo "Fetching a kernel for emulated machines"
+  mkdir -p build
+  quietly build/kernel.log tools/fetch-kernel "$folder" 2>/dev/null ||
+    { quietly build/packages.log as_root apt-get -q update &&
+      quietly build/kernel.log tools/fetch-kernel "$folder"; } ||
+    fail "the kernel cannot be fetched: is there a network?"
 }

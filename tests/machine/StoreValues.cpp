@@ -1,0 +1,108 @@
+// Stores one value after the other in the settings file, in the machine whose power is cut.
+//
+//   store-values DISK OFFSET LIE [PROGRAM]
+//
+// The number of each store that is done, 0 before the first, goes to DISK at OFFSET, which is past
+// the file system, and then to standard output. So the disk's log of writes tells, between the
+// writes of the stores, what was known to be stored at that moment.
+//
+// With PROGRAM each store is a whole request to it. Else the library stores, and a store that fails
+// ends it all. With the LIE "file" or "folder", fsync does nothing to such, and says that it did.
+
+#include <fcntl.h>
+#include <grp.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "PropertiesIni.h"
+
+namespace {
+
+constexpr char PATH[] = "/app/tarn-belox/runvex/obd.conf";
+constexpr uid_t USER = 1000;
+// Far more than a machine gets done before its power is cut.
+constexpr long MOST_STORES = 1000000;
+
+std::string lie;
+
+// Of ever another length, so that all that follows the value moves. power_cut.py knows it too.
+std::string Value(long number) {
+  return std::to_string(number) + std::string(static_cast<std::size_t>(number * 7919 % 3000), 'x');
+}
+
+bool Tell(int disk, off_t offset, long number) {
+  alignas(4096) static char sector[512];
+  std::memset(sector, 0, sizeof sector);
+  std::snprintf(sector, sizeof sector, "%ld\n", number);
+  if (pwrite(disk, sector, sizeof sector, offset) != sizeof sector) {
+    return false;
+  }
+  std::printf("done %ld\n", number);
+  return std::fflush(stdout) == 0;
+}
+
+bool StoreByLibrary(const std::string& value) {
+  PropertiesIni settings;
+  if (!settings.Load(PATH)) {
+    return false;
+  }
+  settings.SetProperty("SETTINGS", "VEMODCanDetectTimeout", value);
+  return settings.Store(PATH, "");
+}
+
+bool StoreByRequest(char* program, const std::string& value) {
+  setenv("REQUEST_METHOD", "GET", 1);
+  setenv("QUERY_STRING", ("CanDetectTimeout=" + value).c_str(), 1);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+  char* const arguments[] = {program, nullptr};
+  pid_t child = -1;
+  int status = -1;
+  const bool isRun = posix_spawn(&child, program, &actions, nullptr, arguments, environ) == 0 &&
+                     waitpid(child, &status, 0) == child;
+  posix_spawn_file_actions_destroy(&actions);
+  return isRun && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+}  // namespace
+
+// Names that the linker gives, with --wrap=fsync.
+extern "C" int __real_fsync(int descriptor);
+extern "C" int __wrap_fsync(int descriptor) {
+  struct stat status {};
+  fstat(descriptor, &status);
+  const bool isLie = lie == (S_ISDIR(status.st_mode) ? "folder" : "file");
+  return isLie ? 0 : __real_fsync(descriptor);
+}
+
+int main(int argc, char** argv) {
+  if (argc < 4) {
+    return 2;
+  }
+  const int disk = open(argv[1], O_WRONLY | O_DIRECT | O_CLOEXEC);
+  const off_t offset = std::atol(argv[2]);
+  lie = argv[3];
+  char* const program = argc > 4 ? argv[4] : nullptr;
+  if (disk < 0 || setgroups(0, nullptr) != 0 || setgid(USER) != 0 || setuid(USER) != 0 ||
+      !Tell(disk, offset, 0)) {
+    std::perror("store-values");
+    return 1;
+  }
+  for (long number = 1; number <= MOST_STORES; ++number) {
+    const bool isDone =
+        program != nullptr ? StoreByRequest(program, Value(number)) : StoreByLibrary(Value(number));
+    if (!isDone || !Tell(disk, offset, number)) {
+      std::printf("store %ld failed\n", number);
+      return 1;
+    }
+  }
+  return 0;
+}

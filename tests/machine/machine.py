@@ -1,0 +1,179 @@
+"""A whole machine, emulated: a kernel of Debian's, a small initramfs or a disk, the serial console.
+
+Needs no privilege and no hardware support: QEMU emulates every instruction.
+"""
+
+import pathlib
+import re
+import shutil
+import subprocess
+import threading
+import time
+
+# Those of the kernel's drivers that are not built in, each behind what it needs.
+MODULES = (
+    "virtio/virtio_ring",
+    "virtio/virtio",
+    "virtio/virtio_pci_modern_dev",
+    "virtio/virtio_pci_legacy_dev",
+    "virtio/virtio_pci",
+    "block/virtio_blk",
+)
+
+INIT = """#!/bin/busybox sh
+/bin/busybox --install -s /bin
+mount -t proc proc /proc
+mount -t devtmpfs dev /dev
+for module in {modules}; do insmod "/modules/$module.ko"; done
+{script}
+poweroff -f
+"""
+
+
+class MachineError(Exception):
+    """The machine did not do what was waited for; the text holds its console's end."""
+
+
+class Kernel:
+    """Debian's kernel, unpacked into a folder: tools/fetch-kernel does that."""
+
+    def __init__(self, folder):
+        images = sorted(pathlib.Path(folder).glob("boot/vmlinuz-*"))
+        if not images:
+            raise MachineError(f"no kernel in {folder}: tools/fetch-kernel {folder} fetches it")
+        self.image = images[-1]
+        version = self.image.name.removeprefix("vmlinuz-")
+        self.drivers = pathlib.Path(folder) / "lib/modules" / version / "kernel/drivers"
+
+
+def libraries(binary, without=()):
+    """The shared libraries that a program of this machine needs, by their paths."""
+    told = subprocess.run(["ldd", binary], capture_output=True, text=True, check=True).stdout
+    found = re.findall(r"^\t(?:(\S+) => )?(/\S+) \(", told, re.MULTILINE)
+    return {path: path for name, path in found if name not in without}
+
+
+def make_initramfs(path, kernel, files, script):
+    """Packs an initramfs that runs the shell script as root, and then turns the machine off.
+
+    `files`: path in the machine -> path here. Busybox' tools are there too.
+    """
+    staging = path.with_suffix(".d")
+    shutil.rmtree(staging, ignore_errors=True)
+    for folder in ("bin", "dev", "modules", "proc", "tmp"):
+        (staging / folder).mkdir(parents=True)
+    names = [pathlib.PurePath(module).name for module in MODULES]
+    for name, module in zip(names, MODULES):
+        shutil.copy(kernel.drivers / f"{module}.ko", staging / "modules")
+    for target, source in {"/bin/busybox": "/bin/busybox", **files}.items():
+        target = staging / target.lstrip("/")
+        target.parent.mkdir(parents=True, exist_ok=True)
+        shutil.copy(source, target)
+    init = staging / "init"
+    init.write_text(INIT.format(modules=" ".join(names), script=script))
+    init.chmod(0o755)
+    paths = "\n".join(str(p.relative_to(staging)) for p in sorted(staging.rglob("*")))
+    # Not compressed: the emulated processor would take longer to unpack it than the host to load it.
+    with open(path, "wb") as archive:
+        subprocess.run(["cpio", "--create", "--format=newc", "--owner=0:0", "--quiet"],
+                       input=paths.encode(), stdout=archive, cwd=staging, check=True)
+    shutil.rmtree(staging)
+
+
+def disk(path):
+    """A disk for Machine. Nothing is held back, so that what was written outlives a kill."""
+    return ["-drive", f"file={path},format=raw,if=virtio,cache=writeback"]
+
+
+def logged_disk(path, log, name="disk"):
+    """A disk for Machine whose every write and flush goes to `log` too; see write_log.py."""
+    return [
+        "-blockdev", f"driver=file,node-name={name}-file,filename={path}",
+        "-blockdev", f"driver=file,node-name={name}-log,filename={log}",
+        "-blockdev", f"driver=blklogwrites,node-name={name},file={name}-file,log={name}-log",
+        # A disk with a write cache, that the kernel has to flush.
+        "-device", f"virtio-blk-pci,drive={name},write-cache=on,discard=off,write-zeroes=off",
+    ]
+
+
+class Machine:
+    """Starts on construction. As a context manager it is killed at the end.
+
+    `parameters` go to the kernel, which hands those it does not know, NAME=VALUE, to the init as
+    environment variables. `arguments` go to QEMU: disks, port forwarding.
+    """
+
+    def __init__(self, kernel, initramfs=None, arguments=(), parameters="", memory_mib=256):
+        command = [
+            # Should this process be killed, the machine goes with it.
+            "setpriv", "--pdeathsig", "KILL", "qemu-system-x86_64",
+            "-accel", "tcg", "-m", str(memory_mib), "-nodefaults", "-no-user-config",
+            "-display", "none", "-no-reboot", "-serial", "stdio", "-kernel", str(kernel.image),
+            # The kernel's own check of the timer takes a busy host for a broken timer.
+            "-append", f"console=ttyS0 quiet panic=-1 no_timer_check {parameters}", *arguments,
+        ]
+        if initramfs is not None:
+            command += ["-initrd", str(initramfs)]
+        self._console = bytearray()
+        self._has_ended = False
+        self._changed = threading.Condition()
+        self._process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                         stderr=subprocess.STDOUT)
+        self._reader = threading.Thread(target=self._read, daemon=True)
+        self._reader.start()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.kill()
+
+    def _read(self):
+        while chunk := self._process.stdout.read1():
+            with self._changed:
+                self._console += chunk
+                self._changed.notify_all()
+        with self._changed:
+            self._has_ended = True
+            self._changed.notify_all()
+
+    def console(self):
+        """All that the machine wrote so far."""
+        with self._changed:
+            return self._console.decode(errors="replace").replace("\r\n", "\n")
+
+    def send(self, text):
+        """Types into the console."""
+        self._process.stdin.write(text.encode())
+        self._process.stdin.flush()
+
+    def _wait(self, is_done, what, seconds):
+        end = time.monotonic() + seconds
+        while not (result := is_done()):
+            with self._changed:
+                left = end - time.monotonic()
+                if left > 0 and not self._has_ended:
+                    self._changed.wait(min(left, 1))
+                    continue
+            if result := is_done():
+                break
+            raise MachineError(f"waited for {what}; the console's end:\n{self.console()[-3000:]}")
+        return result
+
+    def wait_for(self, pattern, seconds):
+        """Waits until the console shows the regular expression; its match."""
+        return self._wait(lambda: re.search(pattern, self.console(), re.MULTILINE),
+                          repr(pattern), seconds)
+
+    def wait_until_off(self, seconds):
+        """Waits until the machine turned itself off; its console."""
+        self._wait(lambda: self._has_ended, "the end", seconds)
+        return self.console()
+
+    def kill(self):
+        """The power cut. What the machine wrote to its console before is in `console` then."""
+        self._process.kill()
+        self._process.wait()
+        self._reader.join()
+        self._process.stdin.close()
+        self._process.stdout.close()
