@@ -1,5 +1,5 @@
-# Finds the JDK: JAVA_HOME when it is set, else the one that Debian installs. Gives JNI::JVM for the
-# programs and Java_JAVAC_EXECUTABLE for the classes beside them.
+# Finds the JDK: JAVA_HOME when it is set, else the one that Debian installs. Leaves where it
+# is to FindJNI, and Java_JAVAC_EXECUTABLE for the classes beside the programs.
 
 if(NOT "$ENV{JAVA_HOME}" STREQUAL "")
   file(REAL_PATH "$ENV{JAVA_HOME}" java_home)
@@ -22,18 +22,3 @@ find_path(JAVA_INCLUDE_PATH jni.h PATHS "${java_home}/include" NO_DEFAULT_PATH)
 find_path(JAVA_INCLUDE_PATH2 jni_md.h PATHS "${java_home}/include/linux" NO_DEFAULT_PATH)
 find_library(JAVA_JVM_LIBRARY jvm PATHS "${java_home}/lib/server" NO_DEFAULT_PATH)
 find_program(Java_JAVAC_EXECUTABLE javac PATHS "${java_home}/bin" NO_DEFAULT_PATH)
-find_package(JNI REQUIRED COMPONENTS JVM)
-
-# add_java_classes(NAME SOURCES FOLDER): the target NAME compiles what is below the folder SOURCES
-# into FOLDER, a class path, for the oldest Java VM that a device may have.
-function(add_java_classes name sources folder)
-  file(GLOB_RECURSE files CONFIGURE_DEPENDS ${sources}/*.java)
-  add_custom_command(
-    OUTPUT ${folder}.stamp
-    COMMAND ${CMAKE_COMMAND} -E rm -rf ${folder}
-    COMMAND ${Java_JAVAC_EXECUTABLE} --release 11 -Xlint:all,-options -d ${folder} ${files}
-    COMMAND ${CMAKE_COMMAND} -E touch ${folder}.stamp
-    DEPENDS ${files}
-    VERBATIM)
-  add_custom_target(${name} DEPENDS ${folder}.stamp)
-endfunction()

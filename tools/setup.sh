@@ -5,9 +5,12 @@
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libcgicc-dev libxml2-dev
   libmicrohttpd-dev)
 DEVICE_PACKAGES=(bubblewrap lighttpd)
+PACKAGING_PACKAGES=(debhelper dpkg-dev fakeroot pkgconf)
 TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang libclang-rt-14-dev clang-format
   clang-tidy llvm shellcheck curl chromium chromium-driver python3-selenium libxml2-utils proot
-  valgrind qemu-system-x86 qemu-user busybox-static cpio e2fsprogs)
+  systemd valgrind qemu-system-x86 qemu-user busybox-static cpio e2fsprogs)
+# What ./test --long needs beside these, and beside PACKAGING_PACKAGES.
+LONG_TEST_PACKAGES=(lintian mmdebstrap)
 # A Node.js from elsewhere brings its own.
 command -v npm >/dev/null || TEST_PACKAGES+=(npm)
 # Another JDK can take the place of Debian's.

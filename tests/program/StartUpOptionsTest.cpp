@@ -77,9 +77,10 @@ TEST_F(StartUpOptions, ServeThePageWithoutAWordOfTheVms) {
 }
 
 TEST_F(StartUpOptions, AreWhatTheWebServerHandsOver) {
-  EXPECT_THAT(ReadText("/srv/vemo/lighttpd.conf"),
-              testing::ContainsRegex(
-                  "\"JAVA_OPTIONS\" +=> \"-XX:VMOptionsFile=" + std::string(SHIPPED) + "\""));
+  EXPECT_THAT(ReadText("/srv/vemo/lighttpd-site.conf"),
+              HasSubstr("\"JAVA_OPTIONS\"      => \"-XX:VMOptionsFile=\" + var.vemo_java_options"));
+  EXPECT_THAT(ReadText("/srv/vemo/lighttpd-paths.conf"),
+              HasSubstr("var.vemo_java_options = \"" + std::string(SHIPPED) + "\""));
 }
 
 TEST_F(StartUpOptions, LeaveNothingInTheTemporaryFolder) {

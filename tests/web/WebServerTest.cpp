@@ -113,26 +113,35 @@ const auto isStoryOfSuccess =
 // Texts of the web server's configuration, and what a test puts in their place.
 using Edits = std::vector<std::pair<std::string, std::string>>;
 
-// The shipped configuration, or a copy of it with these edits.
+// The shipped configuration, or a copy of it with these edits, each made where it finds its text.
 std::string ConfigurationWith(const Edits& edits) {
-  const std::string folder = "/srv/vemo/";
-  const std::string name = "lighttpd.conf";
+  const std::string shipped = "/srv/vemo/";
+  const std::string copy = "/tmp/configuration/";
   if (edits.empty()) {
-    return folder + name;
+    return shipped + "lighttpd.conf";
   }
-  std::string text = ReadText(folder + name);
-  for (const auto& [before, after] : edits) {
-    const auto position = text.find(before);
-    if (position == std::string::npos) {
-      ADD_FAILURE() << "not in the configuration: " << before;
-      break;
+  std::map<std::string, std::string> files;
+  for (const char* name : {"", "-paths", "-same-site", "-site"}) {
+    const std::string file = "lighttpd" + std::string(name) + ".conf";
+    files[file] = ReadText(shipped + file);
+  }
+  Edits all = {{"var.vemo_folder       = \"/srv/vemo\"", "var.vemo_folder = \"" + copy + "\""}};
+  all.insert(all.end(), edits.begin(), edits.end());
+  for (const auto& [before, after] : all) {
+    bool isFound = false;
+    for (auto& [file, text] : files) {
+      const auto position = isFound ? std::string::npos : text.find(before);
+      if (position != std::string::npos) {
+        text.replace(position, before.size(), after);
+        isFound = true;
+      }
     }
-    text.replace(position, before.size(), after);
+    EXPECT_TRUE(isFound) << "not in the configuration: " << before;
   }
-  const std::string included = "lighttpd-same-site.conf";
-  WriteText("/tmp/configuration/" + included, ReadText(folder + included));
-  WriteText("/tmp/configuration/" + name, text);
-  return "/tmp/configuration/" + name;
+  for (const auto& [file, text] : files) {
+    WriteText(copy + file, text);
+  }
+  return copy + "lighttpd.conf";
 }
 
 class WebServer : public testing::Test {

@@ -65,10 +65,18 @@ def is_listening():
         return client.connect_ex(("127.0.0.1", PORT)) == 0
 
 
-@contextlib.contextmanager
-def running_device():
+def write_shipped_settings():
     SETTINGS.parent.mkdir(parents=True, exist_ok=True)
     shutil.copyfile(SHIPPED_SETTINGS, SETTINGS)
+
+
+def read_settings():
+    return SETTINGS.read_text()
+
+
+@contextlib.contextmanager
+def running_device():
+    write_shipped_settings()
     device = subprocess.Popen(["/srv/vemo/start"], env={**os.environ, "VEMO_PORT": str(PORT)})
     try:
         wait_until(is_listening, "the web server does not listen")

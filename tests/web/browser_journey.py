@@ -5,7 +5,6 @@
 """
 
 import re
-import shutil
 import unittest
 
 from selenium.webdriver.common.by import By
@@ -24,7 +23,7 @@ class Browser(unittest.TestCase):
     """A browser on a desk, at the device's home page; the device as it was shipped."""
 
     def setUp(self):
-        shutil.copyfile(browser.SHIPPED_SETTINGS, browser.SETTINGS)
+        browser.write_shipped_settings()
         browser.set_screen(self.driver, browser.DESK)
         self.open(browser.HOME)
 
@@ -98,7 +97,7 @@ class Journey(Browser):
         self.assertIn("Set CanDetectTimeout to 500 ms.", self.text())
         self.open(browser.FORM)
         self.assertEqual(self.field().get_attribute("value"), "500")
-        self.assertIn("\nVEMODCanDetectTimeout=500\n", browser.SETTINGS.read_text())
+        self.assertIn("\nVEMODCanDetectTimeout=500\n", browser.read_settings())
 
     def test_a_click_on_the_label_leads_into_the_field(self):
         self.open(browser.FORM)

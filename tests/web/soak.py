@@ -48,16 +48,18 @@ def start_device():
     """As it is shipped, but that a query that begins with HANG meets a configuration class that never
     gets ready, and a gate that does not wait long."""
     shipped = pathlib.Path("/srv/vemo/lighttpd.conf").read_text()
-    environment = re.search(r"setenv\.set-environment = \(.*?\n\)\n", shipped, re.DOTALL)[0]
+    site = pathlib.Path("/srv/vemo/lighttpd-site.conf").read_text()
+    environment = re.search(r"setenv\.set-environment = \(.*?\n\)\n", site, re.DOTALL)[0]
     hanging = environment
-    for before, after in (('/srv/vemo/java"', '/build/tests/java/holding"'),
+    for before, after in (("var.vemo_class_path", '"/build/tests/java/holding"'),
                           ('LIMIT"    => "60', 'LIMIT" => "2')):
         assert before in hanging
         hanging = hanging.replace(before, after)
     OWN.mkdir()
     configuration = OWN / "lighttpd.conf"
     configuration.write_text(f'{shipped}\n$HTTP["querystring"] =~ "^{HANG}" {{\n{hanging}}}\n')
-    shutil.copy("/srv/vemo/lighttpd-same-site.conf", OWN)
+    for included in pathlib.Path("/srv/vemo").glob("lighttpd-*.conf"):
+        shutil.copy(included, OWN)
     start = pathlib.Path("/srv/vemo/start").read_text()
     start = start.replace("/srv/vemo/lighttpd.conf", str(configuration))
     assert str(configuration) in start

@@ -1,0 +1,13 @@
+# add_java_classes(NAME SOURCES FOLDER): the target NAME compiles what is below the folder SOURCES
+# into FOLDER, a class path, for the oldest Java VM that a device may have.
+function(add_java_classes name sources folder)
+  file(GLOB_RECURSE files CONFIGURE_DEPENDS ${sources}/*.java)
+  add_custom_command(
+    OUTPUT ${folder}.stamp
+    COMMAND ${CMAKE_COMMAND} -E rm -rf ${folder}
+    COMMAND ${Java_JAVAC_EXECUTABLE} --release 11 -Xlint:all,-options -d ${folder} ${files}
+    COMMAND ${CMAKE_COMMAND} -E touch ${folder}.stamp
+    DEPENDS ${files}
+    VERBATIM)
+  add_custom_target(${name} DEPENDS ${folder}.stamp)
+endfunction()

@@ -1,0 +1,393 @@
+"""The Debian packages in a bare root that is not booted: installed, upgraded, broken, removed.
+
+    python3 -B tests/packaging/packages.py BUILD [Class[.test]]
+"""
+
+import contextlib
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import time
+import unittest
+
+import root
+
+BUILD = pathlib.Path(sys.argv.pop(1)).resolve()
+
+SETTINGS = "/app/tarn-belox/runvex/obd.conf"
+LOG = "/tmp/cgi.log"
+WEB_SERVER = "/etc/vemo-web/web-server.conf"
+OPTIONS = "/etc/vemo-web/java.options"
+CLASS_FOLDER = "/usr/share/vemo-web/java"
+ARCHIVE = "/var/cache/vemo-web/archive"
+TEXT = "; by hand\n[SETTINGS]\nVEMODCanDetectTimeout = 500\n"
+
+
+def owner(device, path):
+    status = device.file(path).lstat()
+    names = device.run("stat", "--format=%U:%G", path).strip()
+    return f"{names} {status.st_mode & 0o7777:o}"
+
+
+class Lint(unittest.TestCase):
+    def test_lintian_has_nothing_to_say(self):
+        files = [*root.packages(BUILD).values(), *(BUILD / "packages/debug").glob("*.deb")]
+        said = subprocess.run(["lintian", "--pedantic", "--allow-root", *files], capture_output=True,
+                              text=True, check=False)
+        self.assertEqual(said.stdout, "")
+        self.assertEqual(said.returncode, 0, said.stderr)
+
+    def test_the_checksums_are_those_of_the_files(self):
+        root.packages(BUILD)
+        subprocess.run(["sha256sum", "--check", "--quiet", "SHA256SUMS"], cwd=BUILD / "packages", check=True)
+
+    def test_nothing_tells_of_the_building_machine(self):
+        """Neither paths of the build nor those of its Java VM."""
+        for name, file in root.packages(BUILD).items():
+            with self.subTest(name):
+                content = subprocess.run(["dpkg-deb", "--fsys-tarfile", file], capture_output=True,
+                                         check=True).stdout
+                for path in (str(root.SOURCE), str(BUILD), "openjdk-amd64"):
+                    self.assertNotIn(path.encode(), content)
+
+
+class InRoot(unittest.TestCase):
+    """One root for the tests of a class, with nothing of ours installed."""
+
+    @classmethod
+    def setUpClass(cls):
+        if reason := root.why_not():
+            raise unittest.SkipTest(reason)
+        cls.made = root.packages(BUILD)
+        cls.device = root.Root(BUILD, cls.__name__)
+        cls.addClassCleanup(cls.device.close)
+
+    def read(self, path):
+        return self.device.file(path).read_text(encoding="utf-8")
+
+
+class LifeCycle(InRoot):
+    """In the order of their names: what one leaves is what the next begins with."""
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        cls.older = root.packages(BUILD, "0.9.0")
+        cls.before = cls.listing()
+
+    @classmethod
+    def listing(cls):
+        """All files but those that dpkg and apt keep for themselves, with owner and mode."""
+        told = cls.device.run(
+            "find", "/", "-xdev", "-path", "/proc", "-prune", "-o", "-path", "/dev", "-prune", "-o",
+            "-path", "/var/lib/dpkg", "-prune", "-o", "-path", "/var/log", "-prune", "-o",
+            "-path", "/var/cache", "-prune", "-o", "-path", "/var/lib/apt", "-prune", "-o",
+            "-path", "/root", "-prune", "-o", "-printf", "%p %U:%G %m\n")
+        return set(told.splitlines())
+
+    def test_1_one_installation_gives_the_whole_device(self):
+        self.device.install(*(self.made[name] for name in ("vemo-web", "vemo-web-standin")))
+        self.assertEqual(owner(self.device, LOG), "root:vemo-web 660")
+        self.assertEqual(owner(self.device, os.path.dirname(SETTINGS)), "vemo-web:vemo-web 775")
+        self.assertFalse(self.device.file(SETTINGS).exists())
+        self.assertTrue(self.device.file(ARCHIVE + "/record").exists())
+        for unit in ("vemo-web", "vemo-web-nvm"):
+            self.assertEqual(self.device.run("systemctl", "is-enabled", unit).strip(), "enabled")
+
+    def test_2_an_upgrade_over_itself_keeps_settings_and_configuration(self):
+        self.device.file(SETTINGS).write_text(TEXT, encoding="utf-8")
+        self.device.run("chown", "games:games", SETTINGS)
+        self.device.run("chmod", "640", SETTINGS)
+        text = self.read(WEB_SERVER).replace("8080", "8088")
+        self.device.file(WEB_SERVER).write_text(text, encoding="utf-8")
+        self.device.file(OPTIONS).write_text(self.read(OPTIONS) + "-Xmx17m\n", encoding="utf-8")
+        self.device.run("chmod", "0700", os.path.dirname(SETTINGS))
+        self.device.file(LOG).write_text("a line\n", encoding="utf-8")
+        self.device.run("apt-get", "-q", "-y", "-o", "APT::Sandbox::User=root", "--reinstall", "install",
+                        *(f"/root/{self.made[name].name}" for name in ("vemo-web", "vemo-web-standin")))
+        self.expect_kept()
+
+    def expect_kept(self):
+        self.assertEqual(self.read(SETTINGS), TEXT)
+        self.assertEqual(owner(self.device, SETTINGS), "games:games 640")
+        self.assertEqual(owner(self.device, os.path.dirname(SETTINGS)), "vemo-web:vemo-web 700")
+        self.assertIn("server.port = 8088", self.read(WEB_SERVER))
+        self.assertIn("-Xmx17m", self.read(OPTIONS))
+        self.assertTrue(self.read(LOG).startswith("a line\n"))
+
+    def test_3_a_downgrade_and_an_upgrade_keep_settings_and_configuration(self):
+        for packages, version in ((self.older, "0.9.0"), (self.made, None)):
+            self.device.install(*(packages[name] for name in ("vemo-web", "vemo-web-standin")))
+            if version:
+                self.assertIn(version, self.device.run("dpkg-query", "--show", "vemo-web"))
+            self.expect_kept()
+
+    def test_4_another_java_vm_gets_an_archive_of_its_own(self):
+        """As a package of it would: by the trigger."""
+        record = self.read(ARCHIVE + "/record")
+        library = next(self.device.file("/usr/lib/jvm").glob("java-17-*/lib/modules"))
+        os.utime(library)
+        self.device.run("dpkg-trigger", "--by-package=base-files", "/usr/lib/jvm")
+        self.device.run("dpkg", "--configure", "--pending")
+        self.assertNotEqual(self.read(ARCHIVE + "/record"), record)
+
+    def test_5_rotation_renames_the_log(self):
+        self.device.file(LOG).write_text("full\n" * 300000, encoding="utf-8")
+        self.device.run("logrotate", "/etc/logrotate.conf")
+        self.assertEqual(self.read(LOG), "")
+        self.assertEqual(owner(self.device, LOG), "root:vemo-web 660")
+        self.assertTrue(self.read(LOG + ".1").startswith("full\n"))
+
+    def test_6_a_planted_link_in_the_logs_place_is_not_followed(self):
+        self.device.file(LOG).unlink()
+        self.device.file(LOG).symlink_to("/etc/passwd")
+        before = owner(self.device, "/etc/passwd")
+        self.device.run("systemd-tmpfiles", "--create", "vemo-web.conf", status=None)
+        self.assertEqual(owner(self.device, "/etc/passwd"), before)
+        self.device.file(LOG).unlink()
+        self.device.run("systemd-tmpfiles", "--create", "vemo-web.conf")
+        self.assertEqual(owner(self.device, LOG), "root:vemo-web 660")
+
+    def test_7_removing_keeps_what_is_configured(self):
+        self.device.run("apt-get", "-q", "-y", "remove", "vemo-web-standin", "vemo-web")
+        self.assertEqual(self.read(SETTINGS), TEXT)
+        self.assertIn("server.port = 8088", self.read(WEB_SERVER))
+        self.assertFalse(self.device.file("/usr/libexec/vemo-web").exists())
+
+    def test_8_purging_leaves_the_settings_file_and_nothing_else(self):
+        self.device.run("apt-get", "-q", "-y", "purge", "vemo-web-standin", "vemo-web")
+        self.assertEqual(self.read(SETTINGS), TEXT)
+        self.assertEqual(owner(self.device, SETTINGS), "games:games 640")
+        left = {line.split(" ")[0] for line in self.listing() - self.before
+                if re.search(r"vemo|cgi\.log|nvm\.log|^/app", line)}
+        self.assertEqual(left, {"/app", "/app/tarn-belox", "/app/tarn-belox/runvex", SETTINGS})
+
+    def test_9_installed_and_purged_without_a_settings_file_it_leaves_no_trace(self):
+        self.device.file(SETTINGS).unlink()
+        self.device.install(*(self.made[name] for name in ("vemo-web", "vemo-web-standin")))
+        self.device.run("apt-get", "-q", "-y", "purge", "vemo-web-standin", "vemo-web")
+        self.assertFalse(self.device.file("/app").exists())
+        left = [line for line in self.listing() - self.before if re.search(r"vemo|cgi\.log|nvm\.log", line)]
+        self.assertEqual(left, [])
+        self.assertFalse(self.device.file("/var/cache/vemo-web").exists())
+        self.assertNotIn("vemo", self.read("/etc/passwd"))
+
+
+class Check(InRoot):
+    """Every breakage that vemo-web-check knows is made, and it names it and nothing else. Since nothing is
+    booted, the services are started by hand, and that the service does not run is said always."""
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        cls.device.install(*(cls.made[name] for name in ("vemo-web", "vemo-web-standin")))
+        cls.nvm = cls.device.start("/usr/libexec/vemo-web/nvm-service")
+        cls.device.run("install", "-d", "-o", "vemo-web", "/run/vemo-web")
+        cls.start_server()
+        cls.addClassCleanup(lambda: cls.device.stop(cls.nvm))
+        cls.addClassCleanup(lambda: cls.device.stop(cls.server))
+
+    @classmethod
+    def start_server(cls):
+        cls.server = cls.device.start(
+            "setpriv", "--reuid=vemo-web", "--regid=vemo-web", "--clear-groups", "--reset-env",
+            "/usr/sbin/lighttpd", "-D", "-f", "/usr/share/vemo-web/lighttpd.conf")
+        for _ in range(30):
+            if "request" not in cls.named():
+                return
+            time.sleep(0.1)
+        raise AssertionError(cls.device.run("vemo-web-check", status=None))
+
+    @classmethod
+    def named(cls):
+        """What is wrong, but for the service."""
+        told = cls.device.run("vemo-web-check", status=1)
+        wrong = set(re.findall(r"^WRONG  (.{14})", told, re.MULTILINE))
+        wrong = {what.strip() for what in wrong}
+        # Each with what to do.
+        assert len(re.findall(r"^ {22}-> \S", told, re.MULTILINE)) == len(wrong), told
+        assert "service" in wrong, told
+        return wrong - {"service"}
+
+    @contextlib.contextmanager
+    def without(self, path):
+        """While it lasts, the file or folder has another name."""
+        file = self.device.file(path)
+        away = file.with_name("." + file.name)
+        file.rename(away)
+        try:
+            yield
+        finally:
+            if file.is_symlink() or file.is_file():
+                file.unlink()
+            away.rename(file)
+
+    @contextlib.contextmanager
+    def changed(self, path, before, after):
+        text = self.read(path)
+        self.assertIn(before, text)
+        file = self.device.file(path)
+        old = file.stat()
+        file.write_text(text.replace(before, after), encoding="utf-8")
+        try:
+            yield
+        finally:
+            file.write_text(text, encoding="utf-8")
+            # The class archive's record knows it by its time.
+            os.utime(file, ns=(old.st_atime_ns, old.st_mtime_ns))
+
+    @contextlib.contextmanager
+    def mode(self, path, mode, user=None):
+        file = self.device.file(path)
+        old = file.stat()
+        file.chmod(mode)
+        if user:
+            self.device.run("chown", user, path)
+        try:
+            yield
+        finally:
+            os.chown(file, old.st_uid, old.st_gid)
+            file.chmod(old.st_mode & 0o7777)
+
+    def test_a_whole_device_is_not_found_fault_with(self):
+        self.assertEqual(self.named(), set())
+
+    def test_it_stores_nothing(self):
+        self.named()
+        self.assertFalse(self.device.file(SETTINGS).exists())
+
+    def test_no_java_vm(self):
+        with self.without("/usr/lib/jvm/default-java"):
+            self.assertLessEqual({"Java VM", "class", "request"}, self.named())
+
+    def test_no_class(self):
+        with self.without(CLASS_FOLDER):
+            self.assertEqual(self.named(), {"class", "request"})
+
+    def test_a_class_path_elsewhere(self):
+        with self.changed(WEB_SERVER, CLASS_FOLDER, "/nowhere"):
+            self.assertEqual(self.named(), {"class"})
+
+    def test_options_that_the_vm_refuses(self):
+        with self.changed(OPTIONS, "-Xmx16m", "-Xmx1k"):
+            self.assertEqual(self.named(), {"class", "class archive", "request"})
+
+    def test_options_that_cannot_be_read(self):
+        with self.mode(OPTIONS, 0o600):
+            self.assertLessEqual({"VM options", "class", "request"}, self.named())
+
+    def test_an_archive_of_another_vm(self):
+        with self.changed(ARCHIVE + "/record", "/lib/modules", "/lib/others"):
+            self.assertEqual(self.named(), {"class archive"})
+
+    def test_no_archive(self):
+        with self.without(ARCHIVE):
+            self.assertEqual(self.named(), {"class archive"})
+
+    def test_a_log_that_cannot_be_written(self):
+        with self.mode(LOG, 0o640):
+            self.assertEqual(self.named(), {"log"})
+
+    def test_no_log(self):
+        with self.without(LOG):
+            self.assertEqual(self.named(), {"log"})
+
+    def test_a_planted_log(self):
+        with self.mode(LOG, 0o666, "games"):
+            self.assertIn("log", self.named())
+
+    def test_a_link_in_the_logs_place(self):
+        with self.without(LOG):
+            self.device.file(LOG).symlink_to("/etc/hostname")
+            self.assertIn("log", self.named())
+
+    def test_settings_that_cannot_be_read(self):
+        self.device.file(SETTINGS).write_text(TEXT, encoding="utf-8")
+        try:
+            for mode in (0o600, 0o644):
+                with self.subTest(mode), self.mode(SETTINGS, mode):
+                    self.assertEqual(self.named(), {"settings file"})
+        finally:
+            self.device.file(SETTINGS).unlink()
+
+    def test_a_settings_folder_that_cannot_be_written(self):
+        with self.mode(os.path.dirname(SETTINGS), 0o755, "root"):
+            self.assertEqual(self.named(), {"settings file"})
+
+    def test_no_settings_folder(self):
+        with self.without(os.path.dirname(SETTINGS)):
+            self.assertEqual(self.named(), {"settings file"})
+
+    def test_a_configuration_that_the_web_server_refuses(self):
+        with self.changed(WEB_SERVER, "server.port = 8080", "server.port = eighty"):
+            self.assertIn("configuration", self.named())
+
+    def test_nobody_listens_where_the_configuration_says(self):
+        with self.changed(WEB_SERVER, "8080", "8081"):
+            self.assertEqual(self.named(), {"request"})
+
+    def test_names_that_the_server_does_not_know(self):
+        with self.changed(WEB_SERVER, '"localhost|', '"foreign.example|'):
+            self.assertEqual(self.named(), {"request"})
+
+    def test_no_nvm_service(self):
+        self.device.stop(self.nvm)
+        self.assertEqual(self.named(), {"nVm service"})
+        type(self).nvm = self.device.start("/usr/libexec/vemo-web/nvm-service")
+        for _ in range(30):
+            if not self.named():
+                return
+        self.fail("the nVm service does not start again")
+
+    def test_no_user(self):
+        with self.changed("/etc/passwd", "vemo-web:", "somebody:"):
+            told = self.device.run("vemo-web-check", status=1)
+        self.assertIn("WRONG  user", told)
+
+    def test_arguments_and_other_users_are_refused(self):
+        self.device.run("vemo-web-check", "--all", status=2)
+        self.device.run("setpriv", "--reuid=games", "--clear-groups", "vemo-web-check", status=2)
+
+    def test_a_password_is_asked_for(self):
+        """By the lines that the configuration has for it."""
+        commented = re.search(r"^#auth.*\Z", self.read(WEB_SERVER), re.MULTILINE | re.DOTALL)[0]
+        digest = self.device.run("sha256sum", text="technician:vemo-web:secret").split()[0]
+        self.device.file("/etc/vemo-web/password").write_text(f"technician:vemo-web:{digest}\n")
+        self.device.run("chgrp", "vemo-web", "/etc/vemo-web/password")
+        with self.changed(WEB_SERVER, commented, commented.replace("#", "")):
+            self.device.stop(self.server)
+            self.start_server()
+            self.assertIn("asks for a password", self.device.run("vemo-web-check", status=1))
+        self.device.stop(self.server)
+        self.start_server()
+
+
+class Module(InRoot):
+    def test_another_lighttpd_serves_the_pages(self):
+        self.device.install(*(self.made[name] for name in ("vemo-web", "vemo-web-standin")))
+        self.device.run("lighty-enable-mod", "vemo-web")
+        said = self.device.run("lighttpd", "-tt", "-f", "/etc/lighttpd/lighttpd.conf")
+        self.assertEqual(said, "")
+        self.device.run("install", "-d", "-o", "www-data", "/run/lighttpd")
+        self.device.run("usermod", "--append", "--groups", "vemo-web", "www-data")
+        server = self.device.start("lighttpd", "-D", "-f", "/etc/lighttpd/lighttpd.conf")
+        self.addCleanup(self.device.stop, server)
+        request = """exec 3<>/dev/tcp/127.0.0.1/8080
+            printf 'GET /setobdconf.cgi?%s HTTP/1.0\\r\\nHost: %s\\r\\n\\r\\n' "$0" "$1" >&3
+            cat <&3"""
+        for _ in range(30):
+            page = self.device.run("bash", "-c", request, "", "localhost", status=None)
+            if "HTTP/1.0" in page:
+                break
+            time.sleep(0.1)
+        self.assertIn("Option CanDetectTimeout not set", page)
+        self.assertIn(" 403 ", self.device.run("bash", "-c", request, "", "foreign.example"))
+        page = self.device.run("bash", "-c", request, "CanDetectTimeout=700", "localhost")
+        self.assertIn("Set new option was successful.", page)
+        self.assertIn("VEMODCanDetectTimeout=700", self.read(SETTINGS))
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)

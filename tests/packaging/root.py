@@ -1,0 +1,125 @@
+"""A bare Debian 12 in a folder, to be installed into: programs run in it by chroot, in namespaces of their
+own, with a network of nothing but a loopback. It is not booted: systemd does not run there."""
+
+import os
+import pathlib
+import shutil
+import subprocess
+
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
+
+# Beside what is bare: apt's cache holds what the packages depend on.
+DEPENDENCIES = ("default-jre-headless", "lighttpd", "logrotate", "libcgicc3", "libmicrohttpd12", "libxml2")
+
+
+def why_not():
+    """Why no root can be made here, or None."""
+    if os.geteuid() != 0:
+        return "only root may make a root"
+    probe = subprocess.run(["unshare", "--mount", "--net", "--pid", "--fork", "true"],
+                           capture_output=True, check=False)
+    if probe.returncode != 0:
+        return "this machine does not let us make namespaces"
+    return None
+
+
+def bare_archive(build):
+    """The archive of the bare root, made when it is missing."""
+    archive = build / "roots/bare.tar"
+    if not archive.exists():
+        archive.parent.mkdir(parents=True, exist_ok=True)
+        subprocess.run([SOURCE / "tools/make-bare-root", archive, *DEPENDENCIES], check=True)
+    return archive
+
+
+def packages(build, version=None):
+    """The Debian packages by their names, made when they are missing; with another version, repacked."""
+    folder = build / "packages"
+    if not (folder / "SHA256SUMS").exists():
+        subprocess.run([SOURCE / "package"], check=True)
+    made = {file.name.split("_")[0]: file for file in folder.glob("*.deb")}
+    if version is None:
+        return made
+    other = build / "packages" / version
+    shutil.rmtree(other, ignore_errors=True)
+    other.mkdir()
+    for name, file in list(made.items()):
+        tree = other / name
+        subprocess.run(["dpkg-deb", "--raw-extract", file, tree], check=True)
+        control = tree / "DEBIAN/control"
+        own = file.name.split("_")[1]
+        control.write_text(control.read_text()
+                           .replace(f"Version: {own}\n", f"Version: {version}\n")
+                           .replace(f"vemo-web (= {own})", f"vemo-web (= {version})"))
+        made[name] = other / f"{name}_{version}.deb"
+        subprocess.run(["dpkg-deb", "--root-owner-group", "--build", tree, made[name]], check=True,
+                       stdout=subprocess.DEVNULL)
+        shutil.rmtree(tree)
+    return made
+
+
+class Root:
+    """A root unpacked into a folder; close() ends all that runs in it and removes it."""
+
+    def __init__(self, build, name):
+        self.path = build / "roots" / name
+        shutil.rmtree(self.path, ignore_errors=True)
+        self.path.mkdir(parents=True)
+        subprocess.run(["tar", "--extract", "--numeric-owner", "--xattrs", "--exclude=./dev/*",
+                        "--file", bare_archive(build), "--directory", self.path], check=True)
+        # The namespaces' first process; with it ends all in them.
+        self._holder = subprocess.Popen(
+            ["setpriv", "--pdeathsig", "KILL", "unshare", "--mount", "--net", "--pid", "--ipc", "--fork",
+             "--kill-child", "sh", "-euc",
+             'mount -t proc proc "$0/proc"; mount --rbind /dev "$0/dev"; ip link set lo up 2>/dev/null ||'
+             ' true; echo ready; exec sleep infinity', self.path],
+            stdout=subprocess.PIPE, text=True)
+        assert self._holder.stdout.readline() == "ready\n"
+        child = pathlib.Path(f"/proc/{self._holder.pid}/task/{self._holder.pid}/children")
+        self._first = child.read_text().split()[0]
+
+    def close(self):
+        self._holder.kill()
+        self._holder.wait()
+        self._holder.stdout.close()
+        shutil.rmtree(self.path)
+
+    def _command(self, command):
+        return ["nsenter", "--target", self._first, "--mount", "--net", "--pid", "--ipc",
+                "env", "-i", "PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C",
+                "DEBIAN_FRONTEND=noninteractive", "chroot", self.path, *command]
+
+    def start(self, *command):
+        """Runs on in the background, until stop() or close()."""
+        told = subprocess.Popen(
+            self._command(("sh", "-c", 'echo $$; exec "$@" >/dev/null 2>&1', "start", *command)),
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
+        told.number = told.stdout.readline().strip()
+        told.stdout.close()
+        return told
+
+    def stop(self, process):
+        """Ends what start() gave."""
+        self.run("sh", "-c", f"kill {process.number}", status=None)
+        process.wait(timeout=60)
+
+    def run(self, *command, status=0, text=None):
+        """What it wrote, to both streams. Fails when it ends with another status; None: any is good."""
+        done = subprocess.run(self._command(command), input=text, stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT, text=True, timeout=600, check=False,
+                              errors="replace")
+        if status is not None and done.returncode != status:
+            raise AssertionError(f"{command} ended with {done.returncode}:\n{done.stdout}")
+        return done.stdout
+
+    def install(self, *files):
+        """By apt, from package files, with what they depend on from its cache."""
+        folder = self.path / "root"
+        for file in files:
+            shutil.copy(file, folder)
+        names = [f"/root/{file.name}" for file in files]
+        return self.run("apt-get", "-q", "-y", "--no-install-recommends", "--allow-downgrades",
+                        "-o", "APT::Sandbox::User=root", "install", *names)
+
+    def file(self, path):
+        return self.path / path.lstrip("/")

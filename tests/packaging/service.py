@@ -1,0 +1,36 @@
+"""The units, as systemd judges them without running them: python3 -B tests/packaging/service.py BUILD"""
+
+import pathlib
+import re
+import subprocess
+import sys
+import unittest
+
+BUILD = pathlib.Path(sys.argv.pop(1)).resolve()
+UNITS = {file.name: file for file in (BUILD / "packaging").rglob("vemo-web*.service")}
+MOST_EXPOSED = 2.5
+
+
+class Units(unittest.TestCase):
+    def test_each_is_confined(self):
+        self.assertEqual(set(UNITS), {"vemo-web.service", "vemo-web-nvm.service"})
+        for name, file in UNITS.items():
+            with self.subTest(name):
+                told = subprocess.run(["systemd-analyze", "security", "--offline=yes", "--no-pager", file],
+                                      capture_output=True, text=True, check=False).stdout
+                level = float(re.search(r"Overall exposure level.*: ([0-9.]+)", told)[1])
+                print(f"{name}: {level}", file=sys.stderr)
+                self.assertLess(level, MOST_EXPOSED, told)
+
+    def test_each_is_understood(self):
+        for name, file in UNITS.items():
+            with self.subTest(name):
+                told = subprocess.run(["systemd-analyze", "verify", "--man=no", file], capture_output=True,
+                                      text=True, check=False).stderr
+                # The programs are not installed here.
+                words = [line for line in told.splitlines() if "is not executable" not in line]
+                self.assertEqual([line for line in words if name in line], [])
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
