@@ -28,48 +28,50 @@ def undefined(file):
 
 
 class Hardening(unittest.TestCase):
-    def each(self, files):
-        for file in files:
-            with self.subTest(file.name):
-                yield file
-
     def test_programs_are_position_independent(self):
-        for file in self.each(DYNAMIC + STATIC):
-            self.assertRegex(told("readelf", "--file-header", file), r"Type:\s+DYN \(Position-Independent")
-            self.assertRegex(told("readelf", "--dynamic", file), r"FLAGS_1.*\bPIE\b")
+        for file in DYNAMIC + STATIC:
+            with self.subTest(file.name):
+                self.assertRegex(told("readelf", "--file-header", file), r"Type:\s+DYN \(Position-Independent")
+                self.assertRegex(told("readelf", "--dynamic", file), r"FLAGS_1.*\bPIE\b")
 
     def test_what_the_loader_fills_in_is_read_only_at_once(self):
-        for file in self.each(DYNAMIC + STATIC):
-            self.assertIn("GNU_RELRO", told("readelf", "--program-headers", "--wide", file))
-            self.assertIn("BIND_NOW", told("readelf", "--dynamic", file))
+        for file in DYNAMIC + STATIC:
+            with self.subTest(file.name):
+                self.assertIn("GNU_RELRO", told("readelf", "--program-headers", "--wide", file))
+                self.assertIn("BIND_NOW", told("readelf", "--dynamic", file))
 
     def test_no_memory_is_writable_and_executable(self):
-        for file in self.each(DYNAMIC + STATIC):
-            headers = told("readelf", "--program-headers", "--wide", file)
-            self.assertRegex(headers, r"GNU_STACK.* RW +0x")
-            self.assertNotIn(" RWE ", headers)
+        for file in DYNAMIC + STATIC:
+            with self.subTest(file.name):
+                headers = told("readelf", "--program-headers", "--wide", file)
+                self.assertRegex(headers, r"GNU_STACK.* RW +0x")
+                self.assertNotIn(" RWE ", headers)
 
     def test_the_stack_is_guarded(self):
-        for file in self.each(DYNAMIC):
-            self.assertIn("__stack_chk_fail", undefined(file))
+        for file in DYNAMIC:
+            with self.subTest(file.name):
+                self.assertIn("__stack_chk_fail", undefined(file))
 
     def test_calls_of_the_c_library_are_checked(self):
-        for file in self.each(DYNAMIC):
-            self.assertTrue({name for name in undefined(file) if name.endswith("_chk")} - {"__stack_chk_fail"})
+        for file in DYNAMIC:
+            with self.subTest(file.name):
+                self.assertTrue({name for name in undefined(file) if name.endswith("_chk")} - {"__stack_chk_fail"})
 
     def test_jumps_have_marked_targets(self):
         if "X86-64" not in told("readelf", "--file-header", DYNAMIC[0]):
             self.skipTest("another processor")
-        for file in self.each(DYNAMIC + STATIC):
-            # The library's own few are marked or not as the distribution wishes.
-            main = told("objdump", "--disassemble=main", "--no-show-raw-insn", file)
-            self.assertRegex(main, r"<main>:\n\s+[0-9a-f]+:\s+endbr64")
+        for file in DYNAMIC + STATIC:
+            with self.subTest(file.name):
+                # The library's own few are marked or not as the distribution wishes.
+                main = told("objdump", "--disassemble=main", "--no-show-raw-insn", file)
+                self.assertRegex(main, r"<main>:\n\s+[0-9a-f]+:\s+endbr64")
 
     def test_calls_that_tests_watch_keep_their_names(self):
-        for file in self.each(DYNAMIC):
-            other = {name for name in undefined(file)
-                     if (match := re.fullmatch(r"__(\w+?)(64)?_(chk|2)", name)) and match[1] in WATCHED}
-            self.assertEqual(other, set())
+        for file in DYNAMIC:
+            with self.subTest(file.name):
+                other = {name for name in undefined(file)
+                         if (match := re.fullmatch(r"__(\w+?)(64)?_(chk|2)", name)) and match[1] in WATCHED}
+                self.assertEqual(other, set())
 
     def test_the_java_vm_is_linked_and_found_in_the_build_machines_jdk(self):
         self.assertIn("JNI_CreateJavaVM", undefined(DYNAMIC[0]))
