@@ -12,7 +12,6 @@
 #include <string>
 #include <vector>
 
-#include "../support/Sandbox.h"
 #include "NvmManipulator.h"
 #include "Require.h"
 
@@ -205,11 +204,6 @@ class Client : public NvmManipulator {
 void Ignore(void*, const char*, ...) {}
 
 }  // namespace
-
-// LeakSanitizer asks here. It looks for leaks by ptrace, which a traced process cannot use.
-extern "C" int __lsan_is_turned_off() {
-  return IsTraced() ? 1 : 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   xmlSetGenericErrorFunc(nullptr, Ignore);  // each client's end takes it away again

@@ -321,7 +321,7 @@ MARKUP = {
     "popover": "<div popover id=v onbeforetoggle=\"" + HARM + "\">x</div>",
     "dialog": "<dialog open><img src='{u}'></dialog>",
     "xmp": "<xmp></xmp><img src='{u}'>",
-    "legacy-layer": "<bgsound src='{u}'><image src='{u}'><isindex action='{u}'>",
+    "rare-elements": "<bgsound src='{u}'><image src='{u}'><isindex action='{u}'>",
     "applet": "<applet code=x archive='{u}'></applet>",
     "frameset": "</p></div><frameset><frame src='{u}'></frameset>",
     "importmap": "<script type=importmap>{{\"imports\":{{\"x\":\"{u}\"}}}}</script>",
