@@ -32,10 +32,19 @@ def bare_archive(build):
     return archive
 
 
+def newest_source():
+    """When the last of the files changed that the packages are made of."""
+    parts = ("src", "platform", "device", "packaging", "cmake", "docs", "CMakeLists.txt", "package")
+    files = [file for part in parts for file in (SOURCE / part, *(SOURCE / part).rglob("*"))]
+    return max(file.lstat().st_mtime for file in files)
+
+
 def packages(build, version=None):
-    """The Debian packages by their names, made when they are missing; with another version, repacked."""
+    """The Debian packages by their names, made when they are missing or older than what is in them; with
+    another version, repacked."""
     folder = build / "packages"
-    if not (folder / "SHA256SUMS").exists():
+    made = folder / "SHA256SUMS"
+    if not made.exists() or made.stat().st_mtime < newest_source():
         subprocess.run([SOURCE / "package"], check=True)
     made = {file.name.split("_")[0]: file for file in folder.glob("*.deb")}
     if version is None:
