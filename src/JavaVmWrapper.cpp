@@ -36,7 +36,8 @@ constexpr char CONFIG_CLASS[] = "com/tarn/vemo/config/ConfigVemo";
   LogFormater(LOG_LEVEL_ERROR, SOURCE, line).Log(GetCgiLogHandler(), "Can't create %s", what);
 }
 
-// The steps from here on give null, logged, when they fail, and null when they are given null.
+// The steps from here on give null, logged, when they fail; those of the redirection give null,
+// silently, when they are given it.
 
 jclass FindPlatformClass(JNIEnv* env, int line, const char* name) {
   const jclass type = env->FindClass(name);
