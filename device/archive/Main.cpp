@@ -1,9 +1,12 @@
-// The class archive's record, from the command line.
+// The class archive's record, from the command line:
 //
-//   class-archive record FOLDER FILE...      writes the record, of these files too
-//   class-archive fits FOLDER                status 0 if the archive fits; else 1, and says what
-//   does not class-archive run FOLDER PROGRAM         becomes the program, with the archive if it
-//   fits
+//   class-archive record FOLDER FILE...
+//   class-archive fits FOLDER
+//   class-archive run FOLDER PROGRAM
+//
+// The first writes the record, of these files too. The second ends with status 0 if the archive
+// fits; else with 1, and says what does not. The third becomes the program, with the archive if it
+// fits.
 
 #include <unistd.h>
 
