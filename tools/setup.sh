@@ -10,7 +10,8 @@ TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang libclang-rt-14-
   clang-tidy llvm shellcheck curl chromium chromium-driver python3-selenium libxml2-utils proot
   systemd valgrind qemu-system-x86 qemu-user busybox-static cpio e2fsprogs)
 # What ./test --long needs beside these, and beside PACKAGING_PACKAGES.
-LONG_TEST_PACKAGES=(lintian mmdebstrap)
+LONG_TEST_PACKAGES=(lintian mmdebstrap ccache diffoscope-minimal faketime git locales
+  gdb linux-perf python3-matplotlib wrk pngquant)
 # A Node.js from elsewhere brings its own.
 command -v npm >/dev/null || TEST_PACKAGES+=(npm)
 # Another JDK can take the place of Debian's.
