@@ -5,7 +5,7 @@ function(add_java_classes name sources folder)
   add_custom_command(
     OUTPUT ${folder}.stamp
     COMMAND ${CMAKE_COMMAND} -E rm -rf ${folder}
-    COMMAND ${Java_JAVAC_EXECUTABLE} --release 11 -Xlint:all,-options -d ${folder} ${files}
+    COMMAND ${Java_JAVAC_EXECUTABLE} --release 11 -encoding UTF-8 -Xlint:all,-options -d ${folder} ${files}
     COMMAND ${CMAKE_COMMAND} -E touch ${folder}.stamp
     DEPENDS ${files}
     VERBATIM)

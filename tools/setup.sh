@@ -15,7 +15,8 @@ CROSS_PACKAGES=(g++-aarch64-linux-gnu g++-arm-linux-gnueabihf mmdebstrap)
 SYSROOT_PACKAGES=(libc6 libstdc++6 libcgicc-dev libxml2-dev libmicrohttpd-dev openjdk-17-jre-headless
   libgtest-dev libgmock-dev librapidcheck-dev lighttpd)
 # What ./test --long needs beside these, and beside PACKAGING_PACKAGES.
-LONG_TEST_PACKAGES=(lintian mmdebstrap)
+LONG_TEST_PACKAGES=(lintian mmdebstrap ccache diffoscope-minimal faketime git locales
+  gdb linux-perf python3-matplotlib wrk pngquant)
 # A Node.js from elsewhere brings its own.
 command -v npm >/dev/null || TEST_PACKAGES+=(npm)
 # Another JDK can take the place of Debian's.

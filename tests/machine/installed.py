@@ -7,6 +7,7 @@ browser in front of it, and its power cut while it works.
 import http.client
 import pathlib
 import re
+import shlex
 import shutil
 import socket
 import subprocess
@@ -17,10 +18,12 @@ import unittest
 
 BUILD = pathlib.Path(sys.argv.pop(1)).resolve()
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
-sys.path += [str(SOURCE / "tests/packaging"), str(SOURCE / "tests/web")]
+sys.path += [str(SOURCE / "tests/packaging"), str(SOURCE / "tests/web"),
+             str(SOURCE / "tests/docs")]
 
 import browser  # noqa: E402
 import browser_journey  # noqa: E402
+import commands  # noqa: E402
 import machine  # noqa: E402
 import root  # noqa: E402
 
@@ -179,6 +182,14 @@ class Installed(browser_journey.Journey):
         status, told = self.device.run("vemo-web-check")
         self.assertEqual(status, 0, told)
         self.assertNotIn("WRONG", told)
+
+    def test_1_the_commands_of_the_pages(self):
+        for command, rule in commands.commands_in(("machine",)):
+            with self.subTest(page=command.page, command=command.text):
+                status, told = self.device.run(f"bash -c {shlex.quote(commands.script(command, rule))}")
+                self.assertEqual(status, rule.status, told)
+                self.assertRegex(told, rule.says)
+        self.device.wait_for_page()
 
     def test_2_nothing_but_its_own_is_writable_for_the_service(self):
         """Looked at in the service's own view of the system."""

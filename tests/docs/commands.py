@@ -1,0 +1,338 @@
+"""Runs the commands of README.md, CONTRIBUTING.md, docs/ and the manual pages, each as it stands there.
+
+    python3 -B tests/docs/commands.py BUILD [Listed | Checkout | Installed][.test]
+
+RULES tells for each command where it runs and by what it is seen to have worked; a command without a rule
+fails, and a rule without a command. Commands are the lines of code blocks, and what stands in a sentence
+`like this` and begins with a program. Lines of a block that set variables go before those that follow them.
+"""
+
+import dataclasses
+import os
+import pathlib
+import re
+import shlex
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
+sys.path.append(str(SOURCE / "tests/packaging"))
+
+import root  # noqa: E402
+
+SECONDS = 300  # for one command, on a host that may be busy
+PLACES = {
+    "checkout": "a copy of the checkout, with the build folders that ./test leaves",
+    "device": "the stand-in device's sandbox, in that copy",
+    "root": "the bare root: the rules of this place run in their order, each leaves what the next finds",
+    "beside": "the machine around the bare root, in the root's network",
+    "machine": "the booted machine, by tests/machine/installed.py",
+    "elsewhere": "another test runs the same words: `test`, a file that holds `says`",
+    "nowhere": "it is no command",
+}
+
+
+@dataclasses.dataclass(frozen=True)
+class Rule:
+    pattern: str  # of the whole command
+    place: str
+    says: str = ""  # a pattern of its output
+    status: int = 0
+    prepare: str = ""  # done before it, by the same shell
+    after: str = ""  # must succeed behind it
+    stdin: str = ""
+    until: str = ""  # it would take long, or never end: it is ended when this succeeds, $OUT being its output
+    test: str = ""  # of "elsewhere"
+
+
+SAYS = 'grep -qE "%s" "$OUT"'
+REQUESTED = "grep -qs . %s"  # a log with a line: the program ran
+
+RULES = [
+    Rule(r".*[─│].*|\d{4}-.*  DEBUG .*|add_page\(.*|-(XX|z).*|cmake --install", "nowhere"),
+
+    # ./test meets a ctest that runs a few tests whatever it is asked: this one is among the others.
+    Rule(r"(VEMO_SANDBOX_KIND=proot )?\./test( -R SetOptionPage| --rerun-failed| --long| --verbose)?", "checkout",
+         says=r"\n[1-9]\d* passed, 0 failed, \d+ skipped\n"),
+    Rule(r"\./run( --port 8081)?", "checkout", until=SAYS % "^The device's web interface: .*:80(80|81)/"),
+    Rule(r"\./package", "elsewhere", test="tests/packaging/root.py", says='SOURCE / "package"'),
+    Rule(r"device/sandbox build --state build/state -- \S*toggle-device-allocation", "checkout",
+         prepare="./run >build/run.log & until grep -q Ctrl-C build/run.log; do sleep 0.1; done",
+         says="(?i)alloc"),
+
+    Rule(r"cmake -S \. -B build .*&& cmake --build build|cmake --build build", "checkout", says="ninja|Linking"),
+    Rule(r"cmake -S \. -B build -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF .*", "checkout",
+         says="have been written to"),
+    Rule(r"DESTDIR=\S+ cmake --install build --component program", "checkout",
+         after="readelf -d staging/usr/libexec/vemo-web/setobdconf.cgi | grep -F [/opt/jre/lib/server]"),
+
+    Rule(r"git diff .*clang-format -i", "checkout",
+         prepare="rm -rf .git; git init -q; git add src .clang-format; sed -i 's/^int main/int   main/' src/*.cpp"
+                 "; git -c user.name=n -c user.email=e@example.org commit -qm All"
+                 "; sed -i 's/^int   main/int    main/' src/*.cpp",
+         after="git diff --quiet && exit 1; grep -q '^int main' src/SetObdConf.cpp"),
+    Rule(r"cmake --preset release", "checkout", says="have been written to"),
+    Rule(r"ninja -C build library_tests program_tests", "checkout"),
+    Rule(r"build/tests/\w+ --gtest_filter=.*", "checkout", says=r"\[  PASSED  \] [1-9]"),
+    Rule(r"cmake --preset debug && cmake --build --preset debug", "checkout", until=SAYS % r"^\[3/[0-9]+\]"),
+    # The debug build takes long: the other one stands in its place.
+    Rule(r"\$sandbox gdb --args \S+", "checkout", prepare="ln -sfn build build-debug",
+         stdin="run --gtest_filter=PropertiesIni.*\nquit\n", says=r"\[  PASSED  \] [^\0]*exited normally"),
+    Rule(r"\$sandbox valgrind \S+", "checkout", prepare="ln -sfn build build-debug",
+         until=SAYS % r"\[       OK \]"),
+
+    Rule(r"tests/hostile/run build (--real-vm 1000|100000) 7", "checkout",
+         until=REQUESTED % "/dev/shm/hostile.*/tmp/cgi.log"),
+    Rule(r"tests/fuzz/run build-clang SettingsFileFuzz 3600", "checkout", until=SAYS % "^#[0-9]+.*INITED"),
+    Rule(r"tests/fuzz/coverage build-clang SettingsFileFuzz", "checkout", says=r"PropertiesIni\.cpp +\d+ +\d+ "),
+    Rule(r"python3 -B tests/packaging/packages\.py build Check\.test_no_log", "checkout", says=r"\nOK"),
+    Rule(r"python3 -B tests/machine/installed\.py build", "elsewhere",
+         test="tests/machine/CMakeLists.txt", says="installed.py ${PROJECT_BINARY_DIR})"),
+    Rule(r"python3 -B tests/packaging/same_bits\.py build", "elsewhere",
+         test="tests/packaging/CMakeLists.txt", says="add_packaging_test(SameBits same_bits LONG)"),
+    Rule(r"python3 -B tests/docs/commands\.py build Listed", "checkout", says=r"\nOK"),
+    Rule(r"python3 -B tests/docs/commands\.py build (Checkout|Installed)", "elsewhere", test="tests/CMakeLists.txt",
+         says="foreach(place Listed Checkout Installed)"),
+    Rule(r"tools/make-readme-pictures", "checkout", says="All pages: "),
+    Rule(r"\./bench/run", "checkout", until=REQUESTED % "build/bench-state/tmp/cgi.log"),
+    Rule(r"\./bench/run --keep", "checkout",
+         prepare="mkdir -p build/bench-results; cp docs/images/{growth,timeline}.png bench/instructions.json"
+                 " build/bench-results; echo kept >build/bench-results/results.txt",
+         after="grep -qx kept docs/speed-results.txt"),
+    Rule(r"\./bench/profile", "checkout", until="compgen -G '/tmp/*/samples'"),
+    Rule(r"time /srv/vemo/htdocs/setobdconf\.cgi >/dev/null", "device", status=1, says=r"\nreal\s"),
+    Rule(r"/srv/vemo/make-class-archive .* /app/class-archive", "device", after="test -s /app/class-archive/record"),
+    Rule(r"/srv/vemo/bin/class-archive fits /app/class-archive", "device", status=1, says="class-archive: "),
+
+    Rule(r"apt-get install gdb", "root", prepare="export APT_CONFIG=/root/simulate", says=r"\nInst gdb "),
+    Rule(r"apt install \./build/packages/\S+ \./build/packages/\S+", "root", says="Setting up vemo-web-standin"),
+    Rule(r"setpriv --reuid vemo-web .*setobdconf\.cgi", "root", status=1, says="Option CanDetectTimeout not set"),
+    # Nothing is booted here: the services are started by hand, and that alone is wrong.
+    Rule(r"vemo-web-check", "root", status=1,
+         prepare="{ /usr/libexec/vemo-web/nvm-service & install -d -o vemo-web /run/vemo-web;"
+                 " setpriv --reuid=vemo-web --regid=vemo-web --clear-groups --reset-env /usr/sbin/lighttpd -D"
+                 " -f /usr/share/vemo-web/lighttpd.conf & } >/dev/null 2>&1 </dev/null;"
+                 " for i in {1..100}; do (: >/dev/tcp/127.0.0.1/8080) 2>/dev/null && break; sleep 0.1; done",
+         says=r"^(ok .*\n)*WRONG  service .*\n.*\n(ok .*\n)*$"),
+    Rule(r"vemo-web-check \| grep -A1 \^WRONG", "root", says="WRONG  service .*\n +->"),
+    Rule(r"curl -d CanDetectTimeout=500 \S+", "beside", says="Set new option was successful"),
+    Rule(r"apt install \./vemo-web_\*\.deb", "root", prepare="dpkg --force-depends --remove vemo-web; cd build/packages",
+         says="Setting up vemo-web "),
+    Rule(r"lighty-enable-mod vemo-web", "root", says="Enabling vemo-web: ok"),
+    Rule(r"sed -i .*web-server\.conf", "root",
+         after=r"grep -F 'server.bind = \"192.168.7.1\"' /etc/vemo-web/web-server.conf"
+               r" && grep -F '192\.168\.7\.1' /etc/vemo-web/web-server.conf"),
+    Rule(r"apt purge vemo-web vemo-web-standin", "root", says="Purging configuration files for vemo-web "),
+
+    Rule(r"systemctl disable --now lighttpd", "machine", prepare="systemctl unmask lighttpd; systemctl enable lighttpd",
+         after="! systemctl is-enabled lighttpd"),
+    Rule(r"systemctl restart vemo-web", "machine", after="systemctl is-active vemo-web"),
+    Rule(r"systemd-analyze security vemo-web", "machine", says="Overall exposure level for vemo-web.service: 1.7"),
+    Rule(r"systemctl edit vemo-web", "machine",
+         prepare=r"printf '#!/bin/sh\nsed -i \"2a [Service]\\\\nIPAddressAllow=10.0.2.0/24\" \"$1\"\n' >/run/editor;"
+                 " chmod +x /run/editor; export SYSTEMD_EDITOR=/run/editor",
+         after="systemctl show -p IPAddressAllow vemo-web | grep -F 10.0.2.0 && systemctl revert vemo-web"),
+]
+
+
+@dataclasses.dataclass(frozen=True)
+class Command:
+    page: str
+    text: str
+    setup: str = ""  # the lines of its block before it that set variables
+    block: int = 0  # of its page; 0 in a sentence
+
+
+def block_lines(text):
+    """The commands of a code block; a line that ends in a backslash goes on."""
+    return [line.strip() for line in re.sub(r"\\\n\s*", "", text).splitlines() if line.strip()]
+
+
+def is_program(word):
+    """Whether a sentence's `word ...` is a command."""
+    file = SOURCE / word
+    return (shutil.which(word, path="/usr/sbin:/usr/bin:/sbin:/bin") is not None or word == "vemo-web-check"
+            or word.startswith("/srv/vemo/") or ("/" in word and file.is_file() and os.access(file, os.X_OK)))
+
+
+def commands_of(page, blocks, sentences):
+    for number, block in enumerate(blocks, 1):
+        setup = []
+        for line in block_lines(block):
+            without_comment = re.sub(r"\s+#\s.*$", "", line)
+            if re.fullmatch(r"export .*|\w+=(\"[^\"]*\"|\S*)", without_comment):
+                setup.append(line)
+            else:
+                yield Command(page, without_comment, "\n".join(setup), number)
+    for text in re.findall(r"`([^`]+)`", sentences):
+        words = text.split()
+        first = next((word for word in words if not re.match(r"\w+=", word)), "")
+        alone = words[:1] == words and not first.startswith(("./", "tools/"))
+        if words and not alone and is_program(first):
+            yield Command(page, " ".join(words))
+
+
+def pages():
+    """All commands, in the order of the pages."""
+    for path in (SOURCE / "README.md", SOURCE / "CONTRIBUTING.md", *sorted((SOURCE / "docs").glob("*.md"))):
+        text = path.read_text(encoding="utf-8")
+        block = re.compile(r"(?m)^```\w*\n(?P<fenced>(?:.*\n)*?)```$|(?<=\n\n)(?P<indented>(?: {4}.*\n|\n(?= {4}))+)")
+        blocks = [found["fenced"] or found["indented"] for found in block.finditer(text)]
+        yield from commands_of(path.relative_to(SOURCE).as_posix(), blocks, block.sub("", text))
+    for path in sorted((SOURCE / "packaging/man").glob("*.in")):
+        text = path.read_text(encoding="utf-8").replace(r"\e", "\\")
+        for name, folder in (("SHARED", "/usr/share/vemo-web"), ("SETTINGS", "/etc/vemo-web"),
+                             ("PROGRAMS", "/usr/libexec/vemo-web")):
+            text = text.replace(f"@VEMO_{name}@", folder)
+        blocks = re.findall(r"(?s)\.Bd -literal.*?\n(.*?)\.Ed", text)
+        yield from commands_of(path.relative_to(SOURCE).as_posix(), blocks, "")
+
+
+def rule_of(command):
+    return next((rule for rule in RULES if re.fullmatch(rule.pattern, command.text)), None)
+
+
+def commands_in(place):
+    """Commands of a place with their rules, those of one block behind one another, none twice; where one leaves
+    what the next finds, in the order of the rules."""
+    found = {}
+    for command in pages():
+        rule = rule_of(command)
+        if rule and rule.place in place:
+            found.setdefault((command.text, command.setup), (command, rule))
+    pairs = list(found.values())
+    if "root" in place:
+        pairs.sort(key=lambda pair: RULES.index(pair[1]))
+    return pairs
+
+
+def script(command, rule):
+    """For bash: the command as it stands, between what its rule wants before and behind it."""
+    lines = [rule.prepare, command.setup, command.text]
+    if rule.until:
+        # With this shell ends all that runs in its namespaces.
+        lines = [rule.prepare, f"{{ {command.setup}\n{command.text}\n}} & job=$!",
+                 f"for ((i = 0; i < {SECONDS * 5}; i++)); do",
+                 f"  ! {{ {rule.until}; }} >/dev/null || exit 0",
+                 '  kill -0 "$job" || { wait "$job"; echo "it ended by itself, with $?"; exit 99; }',
+                 "  sleep 0.2", "done", "exit 98"]
+    if rule.after:
+        lines += ["status=$?", f"{{ {rule.after}; }} || {{ echo 'not seen: ' {shlex.quote(rule.after)}; exit 97; }}",
+                  'exit "$status"']
+    return "\n".join(lines)
+
+
+class Listed(unittest.TestCase):
+    def test_each_command_has_a_rule(self):
+        found = list(pages())
+        self.assertGreater(len(found), 30)
+        for command in found:
+            with self.subTest(page=command.page, command=command.text):
+                self.assertIsNotNone(rule_of(command), "no rule of tests/docs/commands.py runs it")
+
+    def test_each_rule_has_a_command(self):
+        used = {rule_of(command) for command in pages()}
+        for rule in RULES:
+            with self.subTest(rule.pattern):
+                self.assertIn(rule, used)
+                self.assertIn(rule.place, PLACES)
+
+    def test_what_runs_elsewhere_does(self):
+        for rule in RULES:
+            if rule.place == "elsewhere":
+                with self.subTest(rule.pattern):
+                    self.assertIn(rule.says, (SOURCE / rule.test).read_text(encoding="utf-8"))
+
+
+class Place(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        if reason := root.why_not():
+            raise unittest.SkipTest(reason)
+        cls.folder = pathlib.Path(tempfile.mkdtemp(prefix="vemo-web."))
+        cls.addClassCleanup(shutil.rmtree, cls.folder)
+
+    def expect(self, rule, status, output):
+        self.assertEqual(status, rule.status, output[-3000:])
+        self.assertRegex(output.replace("\r", "\n"), f"(?m){rule.says}" if rule.says else "")
+
+
+class Checkout(Place):
+    """In a layer above this checkout, at its place, since build folders know theirs; what a block leaves there is
+    there for its next line, and gone with it. Nobody else's ports are in the way."""
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        ctest = cls.folder / "bin/ctest"
+        ctest.parent.mkdir()
+        ctest.write_text(f'#!/bin/sh\nexec {shutil.which("ctest")} "$@" -R "SetOptionPage|LogLine"\n', encoding="utf-8")
+        ctest.chmod(0o755)
+
+    def layer(self, name):
+        folder = self.folder / name
+        if not folder.exists():
+            (folder / "upper").mkdir(parents=True)
+            (folder / "work").mkdir()
+        return folder
+
+    def run_in(self, layer, text, stdin):
+        """Status and output."""
+        mount = (f"mount -t overlay overlay -o lowerdir={SOURCE},upperdir={layer}/upper,workdir={layer}/work {SOURCE}"
+                 f" && ip link set lo up && cd {SOURCE} && exec bash -c \"$0\"")
+        with open(self.folder / "output", "w+", encoding="utf-8", errors="replace") as output:
+            done = subprocess.run(
+                ["unshare", "--mount", "--net", "--pid", "--fork", "--kill-child", "--mount-proc", "sh", "-c", mount,
+                 text], input=stdin, stdout=output, stderr=subprocess.STDOUT, text=True, check=False,
+                timeout=SECONDS, env={**os.environ, "PATH": f"{self.folder}/bin:{os.environ['PATH']}",
+                                      "OUT": output.name})
+            output.seek(0)
+            return done.returncode, output.read()
+
+    def test_commands(self):
+        for command, rule in commands_in(("checkout", "device")):
+            with self.subTest(page=command.page, command=command.text):
+                text = script(command, rule)
+                if rule.place == "device":
+                    text = ("mkdir -p build/commands/app build/commands/tmp; exec device/sandbox build"
+                            f" --state build/commands --private-network -- bash -c {shlex.quote(text)}")
+                status, output = self.run_in(self.layer(f"{pathlib.Path(command.page).stem}-{command.block}"), text,
+                                             rule.stdin)
+                self.expect(rule, status, output)
+
+
+class Installed(Place):
+    """In a bare root that is not booted."""
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        made = root.packages(BUILD)
+        cls.device = root.Root(BUILD, "Commands")
+        cls.addClassCleanup(cls.device.close)
+        packages = cls.device.file("/root/build/packages")
+        packages.mkdir(parents=True)
+        for file in made.values():
+            shutil.copy(file, packages)
+        # Who types the commands says yes; the cache holds no more than what is needed.
+        options = 'APT::Get::Assume-Yes "true"; APT::Install-Recommends "false"; APT::Sandbox::User "root";\n'
+        cls.device.file("/etc/apt/apt.conf.d/commands").write_text(options, encoding="utf-8")
+        cls.device.file("/root/simulate").write_text(options + 'APT::Get::Simulate "true";\n', encoding="utf-8")
+
+    def test_commands(self):
+        for command, rule in commands_in(("root", "beside")):
+            with self.subTest(page=command.page, command=command.text):
+                text = script(command, rule)
+                if rule.place == "root":
+                    output = self.device.run("bash", "-c", f"cd /root; {text}\nexit", status=rule.status)
+                else:
+                    output = self.device.run_beside("bash", "-c", text, status=rule.status)
+                self.expect(rule, rule.status, output)
+
+
+if __name__ == "__main__":
+    BUILD = pathlib.Path(sys.argv.pop(1)).resolve()
+    unittest.main(verbosity=2)
