@@ -87,10 +87,12 @@ class Installation:
         self.port = port
         self.edits = edits
         shutil.rmtree(self.root, ignore_errors=True)
-        for folder in (self.programs / "gated", self.run, share / "web-servers"):
+        settings = self.root / "etc"
+        for folder in (self.programs / "gated", self.run, settings / "web-servers"):
             folder.mkdir(parents=True)
+        shutil.copy(DEVICE / "java.options", settings)
         self.places = {
-            "PROGRAMS": self.programs, "SHARED": share, "SETTINGS": DEVICE, "RUN": self.run,
+            "PROGRAMS": self.programs, "SHARED": share, "SETTINGS": settings, "RUN": self.run,
             "ARCHIVE": "/app/class-archive", "CLASS_PATH": DEVICE / "java",
         }
         (self.programs / "cgi-gate").symlink_to(DEVICE / "bin/cgi-gate")
@@ -120,7 +122,7 @@ class Installation:
         for name in names:
             text = (SOURCE / f"packaging/web-servers/{name}.in").read_text(encoding="utf-8")
             texts.append(self.edited(self.configured(text)))
-            (self.places["SHARED"] / "web-servers" / name).write_text(texts[-1], encoding="utf-8")
+            (self.places["SETTINGS"] / "web-servers" / name).write_text(texts[-1], encoding="utf-8")
         return "".join(texts)
 
 
@@ -695,8 +697,8 @@ PROTECTIONS = {
     "refuses a request line of more than 4 kB": refuses_long_request_lines,
     "starts no program for a body that is cut": keeps_short_bodies_off,
     "serves others beside 60 slow clients": serves_others_beside_slow_clients,
-    "drops a client that says nothing": drops_silent_clients,
     "limits the number of connections": limits_connections,
+    "drops a client that says nothing for seconds": drops_silent_clients,
     "serves one request a connection": serves_one_request_a_connection,
     "speaks no HTTP/2 in clear text": speaks_no_http2,
     "runs four programs at a time": runs_four_at_a_time,
@@ -850,7 +852,7 @@ class Every(unittest.TestCase):
     def test_gives_the_java_vm_its_variables_and_nothing_of_the_gate(self):
         environment = program_environment()
         self.assertEqual(environment["JAVA_CLASSPATH"], "/srv/vemo/java")
-        self.assertEqual(environment["JAVA_OPTIONS"], "-XX:VMOptionsFile=/srv/vemo/java.options")
+        self.assertRegex(environment["JAVA_OPTIONS"], r"^-XX:VMOptionsFile=/.*/java\.options$")
         self.assertEqual([name for name in environment if name.startswith("CGI_GATE")], [])
 
     def test_serves_a_request_with_the_real_java_vm(self):
