@@ -12,8 +12,8 @@ import http.client
 import os
 import pathlib
 import re
-import shutil
 import shlex
+import shutil
 import signal
 import socket
 import struct
@@ -32,6 +32,7 @@ LOG = pathlib.Path("/tmp/cgi.log")
 FAKE_VM = "/build/tests/libfake-vm.so"
 BACKGROUND = {}  # what is under way
 LIMIT = 30  # seconds for whatever is waited for
+WHILE = 4  # seconds in which what is to happen does, shorter than the servers' own times
 MOMENT = 0.7  # seconds in which what is not to happen would
 
 PAGES = ("setobdconf.cgi", "channeldeviceconfig.cgi", "reboot.cgi")
@@ -41,6 +42,7 @@ FORM = "CanDetectTimeout="
 CHANGE = f"{SET_OPTION}?{FORM}500"
 MULTIPART = "multipart/form-data; boundary=frontier"
 FOREIGN = "Origin: http://foreign.example"
+HEADER = r"printf 'Content-Type: text/plain\n\n'"  # of a program that is a script
 
 
 def eventually(is_true, limit=LIMIT):
@@ -126,6 +128,9 @@ class Installation:
         return "".join(texts)
 
 
+DOCUMENTS = "share/htdocs"
+
+
 def configure_lighttpd(installation):
     """The shipped files of the stand-in, at its own place for what tests change."""
     folder = installation.root / "lighttpd"
@@ -134,8 +139,9 @@ def configure_lighttpd(installation):
     for file in DEVICE.glob("lighttpd*.conf"):
         part = file.read_text(encoding="utf-8")
         for before, after in (('"/srv/vemo"', folder), ('"/srv/vemo/htdocs"', DOCUMENTS),
-                              ('"/srv/vemo/bin/cgi-gate"', "libexec/cgi-gate"), ('"/tmp/cgi-gate.lock"', "run/gate"),
-                              ('"/tmp"', "run"), ('"/tmp/lighttpd-error.log"', "run/error.log"),
+                              ('"/srv/vemo/bin/cgi-gate"', "libexec/cgi-gate"),
+                              ('"/tmp/cgi-gate.lock"', "run/gate"), ('"/tmp"', "run"),
+                              ('"/tmp/lighttpd-error.log"', "run/error.log"),
                               ('"/tmp/lighttpd-access.log"', "run/access.log")):
             part = part.replace(before, f'"{installation.root / after}"')
         part = installation.edited(part)
@@ -143,9 +149,6 @@ def configure_lighttpd(installation):
         text += part
     return text, [["/usr/bin/env", f"VEMO_PORT={installation.port}", "/usr/sbin/lighttpd", "-D", "-f",
                    str(folder / "lighttpd.conf")]]
-
-
-DOCUMENTS = "share/htdocs"
 
 
 def unit_command(text):
@@ -161,7 +164,8 @@ def configure_apache2(installation):
 
 
 def configure_nginx(installation):
-    text = installation.configure("nginx.conf", "nginx-requests.conf", "nginx-site.conf", "nginx.service.conf")
+    text = installation.configure("nginx.conf", "nginx-requests.conf", "nginx-site.conf",
+                                  "nginx.service.conf")
     return text, [unit_command(text)]
 
 
@@ -173,7 +177,8 @@ def configure_busybox(installation):
 def configure_front(installation):
     """nginx before busybox httpd, which listens on another port."""
     text, commands = configure_busybox(installation)
-    commands[0] = [word.replace(f":{installation.port}", f":{installation.port + 100}") for word in commands[0]]
+    port = installation.port
+    commands[0] = [word.replace(f":{port}", f":{port + 100}") for word in commands[0]]
     more = installation.configure("nginx-front.conf", "nginx-requests.conf", "nginx-site.conf")
     nginx = re.search(r"(?m)^# +nginx (-c .*)$", more)[1]
     return text + more, [*commands, [str(UNPACKED / "usr/sbin/nginx"), *nginx.split()]]
@@ -344,7 +349,8 @@ def refuses_header(*headers):
 
 def typed(header):
     """As a browser asks for an address that was typed, but for this header."""
-    return "\r\n".join(("Sec-Fetch-Site: none", "Sec-Fetch-Mode: navigate", "Sec-Fetch-Dest: document", header))
+    return "\r\n".join(("Sec-Fetch-Site: none", "Sec-Fetch-Mode: navigate", "Sec-Fetch-Dest: document",
+                        header))
 
 
 def refuses_foreign_hosts():
@@ -367,7 +373,8 @@ def refuses_foreign_sites():
 
 
 def refuses_what_is_no_navigation():
-    return refuses_header(*(f"Sec-Fetch-Mode: {word}" for word in ("no-cors", "cors", "websocket", "future")))
+    return refuses_header(*(f"Sec-Fetch-Mode: {word}"
+                            for word in ("no-cors", "cors", "websocket", "future")))
 
 
 def refuses_what_is_no_document():
@@ -383,6 +390,11 @@ def refuses_websockets():
     return refuses_header("Connection: Upgrade\r\nUpgrade: websocket", "Sec-WebSocket-Key: dGhlIHNhbXBsZQ==")
 
 
+def looks_at_both_of_two_headers():
+    return refuses(*(request(CHANGE, *headers) for headers in (
+        ("Sec-Fetch-Site: none", "Sec-Fetch-Site: cross-site"), ("Origin: http://localhost", FOREIGN))))
+
+
 def refuses_foreign_orders_to_other_pages():
     """What is posted to them, and the reboot however it is asked for."""
     seen = []
@@ -395,16 +407,18 @@ def refuses_foreign_orders_to_other_pages():
 
 
 SPELLINGS = (
-    "/setobdconf.cgi/", "/setobdconf.cgi//", "/setobdconf.cgi/more", "/setobdconf.cgi%2F", "/setobdconf.cgi%2fmore",
-    "/setobdconf%2Ecgi", "/setobdconf%2ecgi/more", "/%73etobdconf.cgi", "//setobdconf.cgi", "/%2fsetobdconf.cgi",
-    "/./setobdconf.cgi", "/%2e/setobdconf.cgi", "/css/../setobdconf.cgi", "/css/%2e%2e/setobdconf.cgi",
-    "/css//../setobdconf.cgi", "/css/..%2fsetobdconf.cgi", "/setobdconf.cgi;x", "/setobdconf.cgi;x/",
-    "/setobdconf.cgi%3bx", "/setobdconf.cgi%00", "/setobdconf.cgi%00.html", "/setobdconf.cgi%20", "/setobdconf.cgi.",
+    "/setobdconf.cgi/", "/setobdconf.cgi//", "/setobdconf.cgi/more", "/setobdconf.cgi%2F",
+    "/setobdconf.cgi%2fmore", "/setobdconf%2Ecgi", "/setobdconf%2ecgi/more", "/%73etobdconf.cgi",
+    "//setobdconf.cgi", "/%2fsetobdconf.cgi", "/./setobdconf.cgi", "/%2e/setobdconf.cgi",
+    "/css/../setobdconf.cgi", "/css/%2e%2e/setobdconf.cgi", "/css//../setobdconf.cgi",
+    "/css/..%2fsetobdconf.cgi", "/setobdconf.cgi;x", "/setobdconf.cgi;x/", "/setobdconf.cgi%3bx",
+    "/setobdconf.cgi%00", "/setobdconf.cgi%00.html", "/setobdconf.cgi%20", "/setobdconf.cgi.",
     "/setobdconf.cgi%0a", "/setobdconf.cgi~", "/setobdconf.CGI", "/SETOBDCONF.cgi", "/setobdconf.cgi%23",
-    "/setobdconf.cgi%3f", "/setobdconf.cgi\\", "/\\setobdconf.cgi", "/gated/setobdconf.cgi", "/cgi-bin/setobdconf.cgi",
-    "/cgi-bin/../setobdconf.cgi", "/htdocs/setobdconf.cgi", "/../libexec/setobdconf.cgi",
-    "/%2e%2e/libexec/setobdconf.cgi", "/..%2flibexec%2fsetobdconf.cgi", "http://localhost/setobdconf.cgi",
-    "http://localhost//setobdconf.cgi", "/setobdconf%252Ecgi", "/setobdconf.cgi%c0%80",
+    "/setobdconf.cgi%3f", "/setobdconf.cgi\\", "/\\setobdconf.cgi", "/gated/setobdconf.cgi",
+    "/cgi-bin/setobdconf.cgi", "/cgi-bin/../setobdconf.cgi", "/htdocs/setobdconf.cgi",
+    "/../libexec/setobdconf.cgi", "/%2e%2e/libexec/setobdconf.cgi", "/..%2flibexec%2fsetobdconf.cgi",
+    "http://localhost/setobdconf.cgi", "http://localhost//setobdconf.cgi", "/setobdconf%252Ecgi",
+    "/setobdconf.cgi%c0%80",
 )
 
 
@@ -477,6 +491,14 @@ def keeps_short_bodies_off():
     return is_kept
 
 
+def begin_request(server, stack):
+    """A client that does not end its request until the stack does."""
+    client = stack.enter_context(contextlib.closing(server.connect()))
+    client.sendall(b"GET / HTTP/1.1\r\nX: ")
+    time.sleep(0.003)  # else a short queue of the kernel's costs a second each
+    return client
+
+
 def is_closed(client):
     """By the server."""
     client.setblocking(False)
@@ -492,9 +514,7 @@ def is_closed(client):
 def serves_others_beside_slow_clients():
     """While these are there, not once they are dropped."""
     with contextlib.ExitStack() as stack:
-        slow = [stack.enter_context(contextlib.closing(SERVER.connect())) for _ in range(60)]
-        for client in slow:
-            client.sendall(b"GET / HTTP/1.1\r\nX: ")
+        slow = [begin_request(SERVER, stack) for _ in range(60)]
         return SERVER.get("/index.html")[0] == 200 and not any(map(is_closed, slow))
 
 
@@ -504,12 +524,10 @@ def limits_connections(server):
         opened = []
         try:
             for _ in range(300):
-                opened.append(stack.enter_context(contextlib.closing(server.connect(5))))
-                opened[-1].sendall(b"GET / HTTP/1.1\r\nX: ")
-                time.sleep(0.003)  # a short queue is no limit: it would only cost time
-            last = stack.enter_context(contextlib.closing(server.connect(5)))
+                opened.append(begin_request(server, stack))
+            last = stack.enter_context(contextlib.closing(server.connect()))
             last.sendall(request("/index.html"))
-            last.settimeout(MOMENT)
+            last.settimeout(WHILE)
             is_limited = b" 200 " not in last.recv(100)
         except OSError:
             is_limited = True
@@ -523,7 +541,7 @@ def serves_one_request_a_connection():
     sent = request("/index.html").replace(b"Connection: close\r\n", b"")
     with contextlib.closing(SERVER.connect()) as client:
         client.sendall(sent)
-        client.settimeout(MOMENT)
+        client.settimeout(WHILE)
         received = b""
         with contextlib.suppress(OSError):
             while more := client.recv(65536):
@@ -547,7 +565,7 @@ def speaks_no_http2():
 
 def drops_silent_clients(server):
     """One that does not end its request. No server drops it later than in this time, or in a minute."""
-    with contextlib.closing(server.connect(5)) as client:
+    with contextlib.closing(server.connect(WHILE)) as client:
         client.sendall(b"GET / HTTP/1.1\r\nX: ")
         try:
             while client.recv(1000):
@@ -589,7 +607,7 @@ def command_lines(server):
 def lets_programs_finish(server):
     """Though the client goes within the page. Apache kills, three seconds later."""
     finished = server.installation.root / "finished"
-    script = "printf 'Content-Type: text/plain\\n\\n'\n" + 21 * "echo line; /bin/sleep 0.2\n" + f": >{finished}"
+    script = f"{HEADER}\n" + 21 * "echo line; /bin/sleep 0.2\n" + f": >{finished}"
     with server.own_program(script) as page:
         client = server.connect()
         client.sendall(request(page))
@@ -603,7 +621,7 @@ def runs_four_at_a_time(server):
     folder = server.installation.root / "running"
     folder.mkdir()
     go = server.installation.root / "go"
-    script = f": >{folder}/$$\nwhile [ ! -e {go} ]; do /bin/sleep 0.05; done\nprintf 'Content-Type: text/plain\\n\\nx'"
+    script = f": >{folder}/$$\nwhile [ ! -e {go} ]; do /bin/sleep 0.05; done\n{HEADER}"
     with server.own_program(script) as page, ThreadPoolExecutor(10) as clients:
         answers = [clients.submit(server.get, page) for _ in range(10)]
         is_full = eventually(lambda: len(list(folder.iterdir())) >= 4)
@@ -620,7 +638,7 @@ def runs_four_at_a_time(server):
 def tells_who_gets_no_place(server):
     """The answers to five, when nobody waits long."""
     go = server.installation.root / "go"
-    script = f"while [ ! -e {go} ]; do /bin/sleep 0.05; done\nprintf 'Content-Type: text/plain\\n\\nx'"
+    script = f"while [ ! -e {go} ]; do /bin/sleep 0.05; done\n{HEADER}"
     with server.own_program(script) as page, ThreadPoolExecutor(5) as clients:
         answers = [clients.submit(server.get, page) for _ in range(5)]
         eventually(lambda: any(answer.done() for answer in answers))
@@ -631,7 +649,7 @@ def tells_who_gets_no_place(server):
 def sends(name, value):
     """With every answer: of pages, programs, refusals."""
     seen = {target: SERVER.get(target)[1].get(name, "") == value
-            for target in ("/index.html", CHANGE, SET_OPTION, "/css/all.css", "/images/tarn.gif", "/nowhere.html")}
+            for target in ("/index.html", CHANGE, SET_OPTION, "/css/all.css", "/nowhere.html")}
     seen["refusal"] = SERVER.get(CHANGE, FOREIGN)[1].get(name, "") == value
     return same(seen, list(seen.values()))
 
@@ -641,7 +659,7 @@ def forbids_to_keep_pages_of_programs():
 
 
 def program_environment():
-    with SERVER.own_program("printf 'Content-Type: text/plain\\n\\n'; exec /usr/bin/env") as page:
+    with SERVER.own_program(f"{HEADER}; exec /usr/bin/env") as page:
         _, _, body = SERVER.get(page)
     return dict(line.split("=", 1) for line in body.decode().splitlines() if "=" in line)
 
@@ -653,12 +671,12 @@ def gives_no_path_and_no_home():
 
 def streams():
     go = SERVER.installation.root / "next"
-    script = ("printf 'Content-Type: text/plain\\n\\nfirst\\n'\n"
+    script = (f"{HEADER}; echo first\n"
               f"while [ ! -e {go} ]; do /bin/sleep 0.05; done\necho last")
     received = b""
     with SERVER.own_program(script) as page, contextlib.closing(SERVER.connect()) as client:
         client.sendall(request(page))
-        client.settimeout(MOMENT)
+        client.settimeout(WHILE)
         with contextlib.suppress(OSError):
             while b"first" not in received and (more := client.recv(1000)):
                 received += more
@@ -686,6 +704,7 @@ PROTECTIONS = {
     "refuses a Sec-Fetch-Dest that is no document": refuses_what_is_no_document,
     "refuses a prefetch: Sec-Purpose, Purpose, X-Purpose, X-Moz": refuses_prefetches,
     "refuses a WebSocket: Upgrade, Sec-WebSocket-Key": refuses_websockets,
+    "looks at both when one of these comes twice": looks_at_both_of_two_headers,
     "refuses foreign orders to the other pages": refuses_foreign_orders_to_other_pages,
     "is not got round by another spelling of the address": refuses_other_spellings,
     "never shows a program as text": shows_no_program,
