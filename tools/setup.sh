@@ -8,7 +8,7 @@ DEVICE_PACKAGES=(bubblewrap lighttpd)
 PACKAGING_PACKAGES=(debhelper dpkg-dev fakeroot pkgconf)
 TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang libclang-rt-14-dev clang-format
   clang-tidy llvm shellcheck curl chromium chromium-driver python3-selenium libxml2-utils proot
-  systemd valgrind qemu-system-x86 qemu-user busybox-static cpio e2fsprogs)
+  systemd valgrind qemu-system-x86 qemu-user busybox-static cpio e2fsprogs apache2-bin libfcgi0ldbl)
 # For other processors: Debian's cross compilers here, and what is unpacked of those processors' packages, to
 # compile against and to run.
 CROSS_PACKAGES=(g++-aarch64-linux-gnu g++-arm-linux-gnueabihf mmdebstrap)
@@ -116,16 +116,25 @@ install_accessibility_checker() {
     fail "axe-core cannot be fetched: is there a network?"
 }
 
-# The kernel of the emulated machines, out of its package: nothing is installed.
-fetch_kernel() {
-  local folder=build/machine/kernel
-  ! compgen -G "$folder/boot/vmlinuz-*" >/dev/null || return 0
-  echo "Fetching a kernel for emulated machines"
+# unpack FOLDER PACKAGE...: what is in the packages, in the folder; nothing is installed.
+unpack() {
+  ! tools/unpack-packages --is-there "$@" || return 0
+  echo "Fetching ${*:2}"
   mkdir -p build
-  quietly build/kernel.log tools/fetch-kernel "$folder" 2>/dev/null ||
+  quietly build/unpack.log tools/unpack-packages "$@" 2>/dev/null ||
     { quietly build/packages.log as_root apt-get -q update &&
-      quietly build/kernel.log tools/fetch-kernel "$folder"; } ||
-    fail "the kernel cannot be fetched: is there a network?"
+      quietly build/unpack.log tools/unpack-packages "$@"; } ||
+    fail "the packages cannot be fetched: is there a network?"
+}
+
+# The kernel of the emulated machines.
+fetch_kernel() {
+  unpack build/machine/kernel linux-image-cloud-amd64
+}
+
+# The web servers that, installed, would start services of their own.
+fetch_web_servers() {
+  unpack build/web-servers nginx fcgiwrap
 }
 
 # make_sysroot ARCHITECTURE: unpacks SYSROOT_PACKAGES of another Debian architecture in build/roots.

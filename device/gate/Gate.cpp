@@ -3,6 +3,10 @@
 //
 //   cgi-gate PROGRAM
 //
+// What follows PROGRAM is left out, so a file that a web server can start needs one line:
+//
+//   #!/usr/libexec/vemo-web/cgi-gate /usr/libexec/vemo-web/setobdconf.cgi
+//
 // The web server says in the environment, which the program does not get to see:
 //
 //   CGI_GATE_FILE      the file in which the places are locked; made when it is missing
@@ -10,6 +14,13 @@
 //   CGI_GATE_PATIENCE  seconds to wait for a place
 //   CGI_GATE_LIMIT     seconds that a program may take
 //   CGI_GATE_ARCHIVE   optional: the folder of the Java VM's class archive, see ClassArchive.h
+//   CGI_GATE_BODY      optional, for a web server that starts programs before it has the body: the
+//                      body is read before a place is taken, and the program gets it whole; one of
+//                      more bytes is answered "413 Content Too Large", one in chunks "411 Length
+//                      Required", one that is cut or does not come in time "400 Bad Request"
+//   CGI_GATE_APART     optional, for a web server that kills programs whose client has gone: when
+//   it
+//                      is set, the program runs in a process of its own
 //
 // Nobody has to watch the program: the kernel keeps the alarm and the lock for it over the exec,
 // ends it with SIGALRM when its time is over, and gives the place free when it ends, however that
@@ -20,6 +31,7 @@
 
 #include <fcntl.h>
 #include <sys/time.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -39,8 +51,11 @@ constexpr char PLACES_VARIABLE[] = "CGI_GATE_PLACES";
 constexpr char PATIENCE_VARIABLE[] = "CGI_GATE_PATIENCE";
 constexpr char LIMIT_VARIABLE[] = "CGI_GATE_LIMIT";
 constexpr char ARCHIVE_VARIABLE[] = "CGI_GATE_ARCHIVE";
+constexpr char BODY_VARIABLE[] = "CGI_GATE_BODY";
+constexpr char APART_VARIABLE[] = "CGI_GATE_APART";
 
 constexpr long MOST_PLACES = 1000;
+constexpr long MOST_BYTES = 65536;  // what a pipe holds
 constexpr long MOST_SECONDS = 24L * 60 * 60;
 
 // The file's bytes are locked, not written: the first for the head of the queue, then one a place.
@@ -116,8 +131,7 @@ void SetTimer(long seconds, long interval) {
   setitimer(ITIMER_REAL, &timer, nullptr);
 }
 
-// Only the head of the queue looks out for a place, the others sleep behind it.
-void WaitForAPlace(int file, long places, long patience) {
+void BeginPatience(long seconds) {
   struct sigaction action = {};
   action.sa_handler = EndPatience;
   sigaction(SIGALRM, &action, nullptr);
@@ -127,7 +141,49 @@ void WaitForAPlace(int file, long places, long patience) {
   sigaddset(&alarm, SIGALRM);
   sigprocmask(SIG_UNBLOCK, &alarm, nullptr);
   // Again and again: a signal between a look at the flag and a call that waits would be lost.
-  SetTimer(patience, 1);
+  SetTimer(seconds, 1);
+}
+
+// What is announced, and no more, into a pipe that becomes the standard input.
+void ReadBody(long most) {
+  if (std::getenv("HTTP_TRANSFER_ENCODING") != nullptr) {
+    Refuse("411 Length Required", "a body of unknown length");
+  }
+  const char* const text = std::getenv("CONTENT_LENGTH");
+  if (text == nullptr || *text == '\0') {
+    return;
+  }
+  char* end = nullptr;
+  const long length = std::strtol(text, &end, 10);
+  if (length < 0 || *end != '\0') {
+    Refuse("400 Bad Request", "no length");
+  }
+  if (length > most) {
+    Refuse("413 Content Too Large", "the body is too large");
+  }
+  int body[2];
+  if (pipe(body) == -1) {
+    Fail("no pipe");
+  }
+  char buffer[4096];
+  for (long missing = length; missing > 0;) {
+    const size_t wanted = missing < static_cast<long>(sizeof buffer) ? missing : sizeof buffer;
+    const ssize_t count = read(STDIN_FILENO, buffer, wanted);
+    if (count == 0 || (count == -1 && (errno != EINTR || isPatienceOver != 0))) {
+      Refuse("400 Bad Request", "the body is not there");
+    }
+    if (count > 0 && write(body[1], buffer, count) != count) {
+      Fail("no pipe");
+    }
+    missing -= count > 0 ? count : 0;
+  }
+  dup2(body[0], STDIN_FILENO);
+  close(body[0]);
+  close(body[1]);
+}
+
+// Only the head of the queue looks out for a place, the others sleep behind it.
+void WaitForAPlace(int file, long places) {
   bool isHead = false;
   while (!isHead || !TakeAPlace(file, places)) {
     if (isPatienceOver != 0) {
@@ -159,10 +215,46 @@ void OutliveTheClient() {
   std::signal(SIGPIPE, SIG_IGN);
 }
 
+volatile pid_t apart = -1;
+
+// It takes note of that while it waits; then it outlives the client.
+void HandOnTheEnd(int) {
+  kill(apart, SIGTERM);
+  _exit(EXIT_FAILURE);
+}
+
+// Returns in the process that becomes the program; the other stays for the web server, which may
+// kill it.
+void GoApart() {
+  sigset_t end;
+  sigset_t before;
+  sigemptyset(&end);
+  sigaddset(&end, SIGTERM);
+  sigprocmask(SIG_BLOCK, &end, &before);
+  const pid_t child = fork();
+  if (child == -1) {
+    Fail("no process");
+  }
+  if (child == 0) {
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+    return;
+  }
+  apart = child;
+  std::signal(SIGTERM, HandOnTheEnd);
+  sigprocmask(SIG_UNBLOCK, &end, nullptr);
+  // The page's end is the program's.
+  close(STDIN_FILENO);
+  close(STDOUT_FILENO);
+  int status = 0;
+  while (waitpid(child, &status, 0) == -1 && errno == EINTR) {
+  }
+  _exit(WIFEXITED(status) ? WEXITSTATUS(status) : EXIT_FAILURE);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
+  if (argc < 2) {
     errno = EINVAL;
     Fail("usage: cgi-gate PROGRAM");
   }
@@ -175,16 +267,24 @@ int main(int argc, char** argv) {
   if (file == -1) {
     Fail(FILE_VARIABLE);
   }
-  WaitForAPlace(file, places, patience);
+  if (std::getenv(APART_VARIABLE) != nullptr) {
+    GoApart();
+  }
+  BeginPatience(patience);
+  if (std::getenv(BODY_VARIABLE) != nullptr) {
+    ReadBody(Number(BODY_VARIABLE, MOST_BYTES));
+  }
+  WaitForAPlace(file, places);
   SetLimit(limit);
   OutliveTheClient();
   if (const char* const archive = std::getenv(ARCHIVE_VARIABLE)) {
     UseClassArchive(archive);
   }
-  for (const char* variable :
-       {FILE_VARIABLE, PLACES_VARIABLE, PATIENCE_VARIABLE, LIMIT_VARIABLE, ARCHIVE_VARIABLE}) {
+  for (const char* variable : {FILE_VARIABLE, PLACES_VARIABLE, PATIENCE_VARIABLE, LIMIT_VARIABLE,
+                               ARCHIVE_VARIABLE, BODY_VARIABLE, APART_VARIABLE}) {
     unsetenv(variable);
   }
+  argv[2] = nullptr;
   execv(argv[1], argv + 1);
   Fail(argv[1]);
 }

@@ -74,6 +74,7 @@ def make_disk(path):
     try:
         made = root.packages(BUILD)
         device.install(made["vemo-web"], made["vemo-web-standin"])
+        device.install_known(*root.WEB_SERVERS)
         configuration = device.file("/etc/vemo-web/web-server.conf")
         text = configuration.read_text(encoding="utf-8")
         configuration.write_text(text.replace('"127.0.0.1"', '"0.0.0.0"', 1), encoding="utf-8")
@@ -82,9 +83,9 @@ def make_disk(path):
         device.file("/etc/fstab").write_text("/dev/vda / ext4 defaults 0 1\n", encoding="utf-8")
         device.file("/etc/hostname").write_text("vemo\n", encoding="utf-8")
         device.run("systemctl", "enable", "systemd-networkd", "test-shell")
-        # Debian's own web server comes with it, and is not wanted.
-        device.run("systemctl", "mask", "lighttpd", "serial-getty@ttyS0", "apt-daily.timer",
-                   "apt-daily-upgrade.timer")
+        # Debian's own services of the web servers are not wanted.
+        device.run("systemctl", "mask", "lighttpd", "nginx", "fcgiwrap.socket", "fcgiwrap",
+                   "serial-getty@ttyS0", "apt-daily.timer", "apt-daily-upgrade.timer")
         device.run("sh", "-c", "rm -rf /root/*.deb /var/cache/apt/archives/*.deb /var/lib/apt/lists/*")
         path.unlink(missing_ok=True)
         subprocess.run(["mkfs.ext4", "-q", "-d", device.path, path, "1500M"], check=True)
@@ -232,6 +233,29 @@ class Installed(browser_journey.Journey):
         self.device.wait_for_page()
         self.assertIn("src/SetObdConf", self.device.read(LOG))
         self.expect_content()
+
+    def test_5_other_web_servers_take_its_place(self):
+        """As docs/web-servers.md tells."""
+        unit = "/etc/systemd/system/vemo-web.service.d/web-server.conf"
+        try:
+            for number, (name, process) in enumerate(
+                    {"apache2": "apache2", "nginx": "nginx", "busybox-httpd": "busybox"}.items()):
+                with self.subTest(name):
+                    _, told = self.device.run(
+                        "cp -r /usr/share/vemo-web/web-servers /etc/vemo-web; "
+                        f"install -D -m 0644 /etc/vemo-web/web-servers/{name}.service.conf {unit}; "
+                        "systemctl daemon-reload; systemctl restart vemo-web; for _ in $(seq 200); do "
+                        "(exec 3<>/dev/tcp/127.0.0.1/8080) 2>/dev/null && break; sleep 0.5; done; "
+                        "cat /proc/$(systemctl show --property MainPID --value vemo-web)/comm; "
+                        "exec 3<>/dev/tcp/127.0.0.1/8080; printf 'GET /setobdconf.cgi?CanDetectTimeout="
+                        f"80{number} HTTP/1.0\\r\\nHost: localhost\\r\\n\\r\\n' >&3; cat <&3")
+                    self.assertTrue(told.startswith(process + "\n"), told)
+                    self.assertIn("Set new option was successful.", told)
+                    self.assertIn(f"CanDetectTimeout=80{number}\n", self.device.read(SETTINGS))
+                    self.expect_content()
+        finally:
+            self.device.run(f"rm {unit}; systemctl daemon-reload; systemctl restart vemo-web")
+            self.device.wait_for_page()
 
     def test_z_nothing_is_lost_when_the_power_is_cut(self):
         answered = []

@@ -35,12 +35,12 @@ class MachineError(Exception):
 
 
 class Kernel:
-    """Debian's kernel, unpacked into a folder: tools/fetch-kernel does that."""
+    """Debian's kernel, unpacked into a folder: tools/unpack-packages does that."""
 
     def __init__(self, folder):
         images = sorted(pathlib.Path(folder).glob("boot/vmlinuz-*"))
         if not images:
-            raise MachineError(f"no kernel in {folder}: tools/fetch-kernel {folder} fetches it")
+            raise MachineError(f"no kernel in {folder}: tools/unpack-packages {folder} linux-image-cloud-amd64")
         self.image = images[-1]
         version = self.image.name.removeprefix("vmlinuz-")
         self.drivers = pathlib.Path(folder) / "lib/modules" / version / "kernel/drivers"

@@ -10,6 +10,8 @@ SOURCE = pathlib.Path(__file__).resolve().parents[2]
 
 # Beside what is bare: apt's cache holds what the packages depend on.
 DEPENDENCIES = ("default-jre-headless", "lighttpd", "logrotate", "libcgicc3", "libmicrohttpd12", "libxml2")
+# Which can take lighttpd's place.
+WEB_SERVERS = ("apache2-bin", "busybox", "fcgiwrap", "nginx")
 
 
 def why_not():
@@ -24,11 +26,14 @@ def why_not():
 
 
 def bare_archive(build):
-    """The archive of the bare root, made when it is missing."""
+    """The archive of the bare root, made when it is missing or has other packages in its cache."""
     archive = build / "roots/bare.tar"
-    if not archive.exists():
+    held = build / "roots/bare.packages"
+    packages_held = " ".join((*DEPENDENCIES, *WEB_SERVERS))
+    if not archive.exists() or not held.exists() or held.read_text() != packages_held:
         archive.parent.mkdir(parents=True, exist_ok=True)
-        subprocess.run([SOURCE / "tools/make-bare-root", archive, *DEPENDENCIES], check=True)
+        subprocess.run([SOURCE / "tools/make-bare-root", archive, *packages_held.split()], check=True)
+        held.write_text(packages_held)
     return archive
 
 
@@ -135,7 +140,9 @@ class Root:
         folder = self.path / "root"
         for file in files:
             shutil.copy(file, folder)
-        names = [f"/root/{file.name}" for file in files]
+        return self.install_known(*(f"/root/{file.name}" for file in files))
+
+    def install_known(self, *names):
         return self.run("apt-get", "-q", "-y", "--no-install-recommends", "--allow-downgrades",
                         "-o", "APT::Sandbox::User=root", "install", *names)
 

@@ -1,0 +1,933 @@
+"""Each web server for which a configuration is installed, with the same requests: what it hands on, and what
+it keeps off. The table of docs/web-servers.md is held against what is seen, cell by cell, both ways.
+
+    device/sandbox BUILD --private-network --read-only . /source -- \\
+        python3 -B /source/tests/web/web_servers.py lighttpd|apache2|nginx|busybox|front [Table.test_...]
+
+Works inside the device's sandbox, with Debian's own Python. A fake Java VM costs nothing; one request has the
+real one."""
+
+import contextlib
+import http.client
+import os
+import pathlib
+import re
+import shlex
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import time
+import unittest
+from concurrent.futures import ThreadPoolExecutor
+
+SOURCE = pathlib.Path("/source")
+DEVICE = pathlib.Path("/srv/vemo")
+UNPACKED = pathlib.Path("/build/web-servers")  # by tools/unpack-packages
+SETTINGS = pathlib.Path("/app/tarn-belox/runvex/obd.conf")
+SHIPPED_SETTINGS = (SOURCE / "device/obd.conf").read_text(encoding="utf-8")
+LOG = pathlib.Path("/tmp/cgi.log")
+FAKE_VM = "/build/tests/libfake-vm.so"
+BACKGROUND = {}  # what is under way
+LIMIT = 30  # seconds for whatever is waited for
+WHILE = 4  # seconds in which what is to happen does, shorter than the servers' own times
+MOMENT = 0.7  # seconds in which what is not to happen would
+
+PAGES = ("setobdconf.cgi", "channeldeviceconfig.cgi", "reboot.cgi")
+SET_OPTION = "/setobdconf.cgi"
+OWN_PROGRAM = "channeldeviceconfig.cgi"  # whose place a test's own program takes
+FORM = "CanDetectTimeout="
+CHANGE = f"{SET_OPTION}?{FORM}500"
+MULTIPART = "multipart/form-data; boundary=frontier"
+FOREIGN = "Origin: http://foreign.example"
+HEADER = r"printf 'Content-Type: text/plain\n\n'"  # of a program that is a script
+
+
+def eventually(is_true, limit=LIMIT):
+    deadline = time.monotonic() + limit
+    while not is_true():
+        if time.monotonic() > deadline:
+            return False
+        time.sleep(0.01)
+    return True
+
+
+def settings_with(value):
+    return re.sub(r"(?m)^(VEMODCanDetectTimeout=).*", lambda match: match[1] + value, SHIPPED_SETTINGS)
+
+
+def is_program_running():
+    for link in pathlib.Path("/proc").glob("[0-9]*/exe"):
+        with contextlib.suppress(OSError):
+            if os.readlink(link).endswith(".cgi"):
+                return True
+    return False
+
+
+def reset():
+    # One whose client got its answer may not have ended.
+    eventually(lambda: not is_program_running())
+    SETTINGS.parent.mkdir(parents=True, exist_ok=True)
+    SETTINGS.write_text(SHIPPED_SETTINGS, encoding="utf-8")
+    LOG.write_bytes(b"")
+
+
+# --- Servers
+
+
+class Installation:
+    """What is installed, at other places: /tmp/NAME in the place of all folders. `edits` are made in the
+    configuration, for tests alone."""
+
+    def __init__(self, name, port, edits):
+        self.root = pathlib.Path("/tmp") / name
+        self.programs = self.root / "libexec"
+        self.run = self.root / "run"
+        share = self.root / "share"
+        self.port = port
+        self.edits = edits
+        shutil.rmtree(self.root, ignore_errors=True)
+        settings = self.root / "etc"
+        for folder in (self.programs / "gated", self.run, settings / "web-servers"):
+            folder.mkdir(parents=True)
+        shutil.copy(DEVICE / "java.options", settings)
+        self.places = {
+            "PROGRAMS": self.programs, "SHARED": share, "SETTINGS": settings, "RUN": self.run,
+            "ARCHIVE": "/app/class-archive", "CLASS_PATH": DEVICE / "java",
+        }
+        (self.programs / "cgi-gate").symlink_to(DEVICE / "bin/cgi-gate")
+        shutil.copytree(DEVICE / "htdocs", share / "htdocs", ignore=lambda _, names: set(names) & set(PAGES))
+        gated = (SOURCE / "packaging/web-servers/gated.cgi.in").read_text(encoding="utf-8")
+        for page in PAGES:
+            (self.programs / page).symlink_to(DEVICE / "htdocs" / page)
+            (share / "htdocs" / page).symlink_to(self.programs / page)
+            file = self.programs / "gated" / page
+            file.write_text(self.configured(gated).replace("@PAGE@", page), encoding="utf-8")
+            file.chmod(0o755)
+
+    def configured(self, text):
+        for name, place in self.places.items():
+            text = text.replace(f"@VEMO_{name}@", str(place))
+        text = re.sub(r"\b8081\b", str(self.port + 100), text)
+        return re.sub(r"\b8080\b", str(self.port), text)
+
+    def edited(self, text):
+        for before, after in self.edits:
+            text = re.sub(before, after, text)
+        return text
+
+    def configure(self, *names):
+        """The named templates, at their place; their text."""
+        texts = []
+        for name in names:
+            text = (SOURCE / f"packaging/web-servers/{name}.in").read_text(encoding="utf-8")
+            texts.append(self.edited(self.configured(text)))
+            (self.places["SETTINGS"] / "web-servers" / name).write_text(texts[-1], encoding="utf-8")
+        return "".join(texts)
+
+
+DOCUMENTS = "share/htdocs"
+
+
+def configure_lighttpd(installation):
+    """The shipped files of the stand-in, at its own place for what tests change."""
+    folder = installation.root / "lighttpd"
+    folder.mkdir()
+    text = ""
+    for file in DEVICE.glob("lighttpd*.conf"):
+        part = file.read_text(encoding="utf-8")
+        for before, after in (('"/srv/vemo"', folder), ('"/srv/vemo/htdocs"', DOCUMENTS),
+                              ('"/srv/vemo/bin/cgi-gate"', "libexec/cgi-gate"),
+                              ('"/tmp/cgi-gate.lock"', "run/gate"), ('"/tmp"', "run"),
+                              ('"/tmp/lighttpd-error.log"', "run/error.log"),
+                              ('"/tmp/lighttpd-access.log"', "run/access.log")):
+            part = part.replace(before, f'"{installation.root / after}"')
+        part = installation.edited(part)
+        (folder / file.name).write_text(part, encoding="utf-8")
+        text += part
+    return text, [["/usr/bin/env", f"VEMO_PORT={installation.port}", "/usr/sbin/lighttpd", "-D", "-f",
+                   str(folder / "lighttpd.conf")]]
+
+
+def unit_command(text):
+    """What the unit's drop-in starts."""
+    line = re.findall(r"(?m)^ExecStart=(.+)$", text.replace("\\\n", ""))[-1]
+    return shlex.split(line.replace("/usr/sbin/fcgiwrap", f"{UNPACKED}/usr/sbin/fcgiwrap")
+                       .replace("/usr/sbin/nginx", f"{UNPACKED}/usr/sbin/nginx"))
+
+
+def configure_apache2(installation):
+    text = installation.configure("apache2.conf", "apache2.service.conf")
+    return text, [unit_command(text)]
+
+
+def configure_nginx(installation):
+    text = installation.configure("nginx.conf", "nginx-requests.conf", "nginx-site.conf",
+                                  "nginx.service.conf")
+    return text, [unit_command(text)]
+
+
+def configure_busybox(installation):
+    text = installation.configure("busybox-httpd.conf", "busybox-httpd.service.conf")
+    return text, [unit_command(text)]
+
+
+def configure_front(installation):
+    """nginx before busybox httpd, which listens on another port."""
+    text, commands = configure_busybox(installation)
+    port = installation.port
+    commands[0] = [word.replace(f":{port}", f":{port + 100}") for word in commands[0]]
+    more = installation.configure("nginx-front.conf", "nginx-requests.conf", "nginx-site.conf")
+    nginx = re.search(r"(?m)^# +nginx (-c .*)$", more)[1]
+    return text + more, [*commands, [str(UNPACKED / "usr/sbin/nginx"), *nginx.split()]]
+
+
+SERVERS = {  # by the name on the command line: the column of the table, and the configuration
+    "lighttpd": ("lighttpd", configure_lighttpd),
+    "apache2": ("Apache", configure_apache2),
+    "nginx": ("nginx", configure_nginx),
+    "busybox": ("busybox httpd", configure_busybox),
+    "front": ("busybox httpd behind nginx", configure_front),
+}
+
+# The Java VM that costs nothing: preloaded into the programs; the gate is static.
+WITH_FAKE_VM = (r"(?m)^(.*)\bJAVA_CLASSPATH\b(\"?[ =>]+)[^\s;,]+(.*)$",
+                lambda match: f"{match[0]}\n{match[1]}LD_PRELOAD{match[2]}{FAKE_VM}{match[3]}"
+                if "=>" not in match[2] else f'{match[0]}\n{match[1]}LD_PRELOAD{match[2]}"{FAKE_VM}",')
+
+
+def gate(name, seconds):
+    return rf"(CGI_GATE_{name}\"?[ =>]+\"?)60\b", rf"\g<1>{seconds}"
+
+
+# For tests of times: a program ends, a client that says nothing goes.
+SHORT_TIMES = (gate("LIMIT", 1), gate("PATIENCE", 20), (r"(max-read-idle += )5", r"\g<1>1"),
+               (r"header=5 body=5", "header=1 body=1"), (r"(client_\w+_timeout) 5", r"\1 1"))
+
+
+class Server:
+    """One, running."""
+
+    def __init__(self, number, edits):
+        self.installation = Installation(f"web-{number}", 8080 + number, edits)
+        self.text, commands = SERVERS[NAME][1](self.installation)
+        self.errors = self.installation.root / "errors"
+        self.processes = []
+        with open(self.errors, "wb") as errors:
+            for command in commands:
+                # Apache ends its whole process group.
+                self.processes.append(subprocess.Popen(
+                    command, stdin=subprocess.DEVNULL, stdout=errors, stderr=errors,
+                    env={"PATH": os.environ["PATH"], "HOME": "/nowhere"}, start_new_session=True))
+        if not eventually(lambda: self.is_ready() or any(p.poll() is not None for p in self.processes)) \
+                or not self.is_ready():
+            self.stop()
+            raise RuntimeError(f"{NAME} does not start: {self.errors.read_text()}")
+
+    def is_ready(self):
+        try:
+            with contextlib.closing(self.connect(2)) as client:
+                client.sendall(request("/index.html"))
+                return b" 200 " in client.recv(100)
+        except OSError:
+            return False
+
+    def stop(self):
+        for process in self.processes:
+            with contextlib.suppress(ProcessLookupError):
+                os.killpg(process.pid, signal.SIGTERM)
+        for process in self.processes:
+            try:
+                process.wait(5)
+            except subprocess.TimeoutExpired:
+                os.killpg(process.pid, signal.SIGKILL)
+                process.wait()
+
+    def connect(self, timeout=LIMIT):
+        return socket.create_connection(("127.0.0.1", self.installation.port), timeout=timeout)
+
+    def ask(self, sent):
+        """Status, headers and body of the answer; status 0 when there is none."""
+        try:
+            with contextlib.closing(self.connect()) as client:
+                try:
+                    client.sendall(sent)
+                except OSError:
+                    pass  # who is refused early may still be told so
+                response = http.client.HTTPResponse(client, method=sent.split(b" ")[0].decode())
+                response.begin()
+                try:
+                    body = response.read()
+                except http.client.IncompleteRead as cut:
+                    body = cut.partial
+                headers = {}
+                for name, value in response.getheaders():
+                    name = name.lower()
+                    headers[name] = f"{headers[name]}, {value}" if name in headers else value
+                return response.status, headers, body
+        except (OSError, http.client.HTTPException) as error:
+            return 0, {}, repr(error).encode()
+
+    def get(self, target, *headers):
+        return self.ask(request(target, *headers))
+
+    @contextlib.contextmanager
+    def own_program(self, script, mode=0o755, page=OWN_PROGRAM):
+        """The script in the place of a page's program."""
+        program = self.installation.programs / page
+        program.unlink()
+        program.write_text(f"#!/bin/sh\n{script}\n", encoding="utf-8")
+        program.chmod(mode)
+        try:
+            yield "/" + page
+        finally:
+            program.unlink()
+            program.symlink_to(DEVICE / "htdocs" / page)
+
+
+def request(target, *headers, method="GET", host="localhost", version="1.1"):
+    lines = [f"{method} {target} HTTP/{version}", *([f"Host: {host}"] if host else []), "Connection: close"]
+    return "".join(f"{line}\r\n" for line in (*lines, *headers, "")).encode("latin-1")
+
+
+def post(target, body, kind="application/x-www-form-urlencoded", *headers):
+    if isinstance(body, str):
+        body = body.encode()
+    return request(target, f"Content-Type: {kind}", f"Content-Length: {len(body)}", *headers,
+                   method="POST") + body
+
+
+def part(*lines):
+    return "".join(f"{line}\r\n" for line in ("--frontier", *lines, "--frontier--"))
+
+
+def run_program(query="", page=SET_OPTION):
+    """What the program itself says, without a web server: the body of its page."""
+    environment = {"REQUEST_METHOD": "GET", "QUERY_STRING": query, "LD_PRELOAD": FAKE_VM}
+    said = subprocess.run([DEVICE / f"htdocs{page}"], env=environment, stdout=subprocess.PIPE, check=False)
+    return said.stdout.split(b"\n\n", 1)[1]
+
+
+# --- What is seen
+
+
+def is_started(act):
+    """Whether the set-option program was started by the act's request."""
+    reset()
+    act()
+    return LOG.stat().st_size > 0 or SETTINGS.read_text(encoding="utf-8") != SHIPPED_SETTINGS
+
+
+def refuses(*requests):
+    """Whether each of the requests to the set-option page is answered with a refusal."""
+    seen = []
+    for sent in requests:
+        reset()
+        status, _, body = SERVER.ask(sent)
+        is_done = LOG.stat().st_size > 0
+        if is_done == (400 <= status < 600 or status == 0):
+            raise AssertionError(f"{sent[:200]}: status {status}, though the program was "
+                                 f"{'' if is_done else 'not '}started: {body[:300]}")
+        seen.append(not is_done)
+    return same(requests, seen)
+
+
+def same(what, seen):
+    if len(set(seen)) != 1:
+        raise AssertionError(f"neither yes nor no: {dict(zip(what, seen))}")
+    return seen[0]
+
+
+def refuses_header(*headers):
+    """By GET and by POST."""
+    return refuses(*(request(CHANGE, header) for header in headers),
+                   *(post(SET_OPTION, FORM + "500", "application/x-www-form-urlencoded", header)
+                     for header in headers))
+
+
+def typed(header):
+    """As a browser asks for an address that was typed, but for this header."""
+    return "\r\n".join(("Sec-Fetch-Site: none", "Sec-Fetch-Mode: navigate", "Sec-Fetch-Dest: document",
+                        header))
+
+
+def refuses_foreign_hosts():
+    return refuses(*(request(CHANGE, host=host) for host in
+                     ("foreign.example", "localhost.foreign.example", "foreign.example:8080")),
+                   request(CHANGE, host=None, version="1.0"))
+
+
+def refuses_foreign_origins():
+    return refuses_header(FOREIGN, "Origin: null", "Origin: http://localhost.example",
+                          "Origin: https://localhost")
+
+
+def refuses_foreign_referers():
+    return refuses_header("Referer: http://foreign.example/", "Referer: http://localhost@example/")
+
+
+def refuses_foreign_sites():
+    return refuses_header(*(f"Sec-Fetch-Site: {word}" for word in ("cross-site", "same-site", "future")))
+
+
+def refuses_what_is_no_navigation():
+    return refuses_header(*(f"Sec-Fetch-Mode: {word}"
+                            for word in ("no-cors", "cors", "websocket", "future")))
+
+
+def refuses_what_is_no_document():
+    return refuses_header(*(f"Sec-Fetch-Dest: {word}" for word in ("image", "iframe", "empty", "future")))
+
+
+def refuses_prefetches():
+    return refuses_header(*map(typed, ("Sec-Purpose: prefetch", "Sec-Purpose: prefetch;prerender",
+                                       "Purpose: prefetch", "X-Moz: prefetch", "X-Purpose: preview")))
+
+
+def refuses_websockets():
+    return refuses_header("Connection: Upgrade\r\nUpgrade: websocket", "Sec-WebSocket-Key: dGhlIHNhbXBsZQ==")
+
+
+def looks_at_both_of_two_headers():
+    return refuses(*(request(CHANGE, *headers) for headers in (
+        ("Sec-Fetch-Site: none", "Sec-Fetch-Site: cross-site"), ("Origin: http://localhost", FOREIGN))))
+
+
+def refuses_foreign_orders_to_other_pages():
+    """What is posted to them, and the reboot however it is asked for."""
+    seen = []
+    for header in (FOREIGN, "Sec-Fetch-Site: cross-site", "Sec-Fetch-Dest: image", "Sec-Purpose: prefetch"):
+        for sent in (post("/channeldeviceconfig.cgi", "allocation=allocate", "text/plain", header),
+                     post("/reboot.cgi", "", "text/plain", header), request("/reboot.cgi", header)):
+            status = SERVER.ask(sent)[0]
+            seen.append({200: False, 403: True}[status])
+    return same(range(len(seen)), seen)
+
+
+SPELLINGS = (
+    "/setobdconf.cgi/", "/setobdconf.cgi//", "/setobdconf.cgi/more", "/setobdconf.cgi%2F",
+    "/setobdconf.cgi%2fmore", "/setobdconf%2Ecgi", "/setobdconf%2ecgi/more", "/%73etobdconf.cgi",
+    "//setobdconf.cgi", "/%2fsetobdconf.cgi", "/./setobdconf.cgi", "/%2e/setobdconf.cgi",
+    "/css/../setobdconf.cgi", "/css/%2e%2e/setobdconf.cgi", "/css//../setobdconf.cgi",
+    "/css/..%2fsetobdconf.cgi", "/setobdconf.cgi;x", "/setobdconf.cgi;x/", "/setobdconf.cgi%3bx",
+    "/setobdconf.cgi%00", "/setobdconf.cgi%00.html", "/setobdconf.cgi%20", "/setobdconf.cgi.",
+    "/setobdconf.cgi%0a", "/setobdconf.cgi~", "/setobdconf.CGI", "/SETOBDCONF.cgi", "/setobdconf.cgi%23",
+    "/setobdconf.cgi%3f", "/setobdconf.cgi\\", "/\\setobdconf.cgi", "/gated/setobdconf.cgi",
+    "/cgi-bin/setobdconf.cgi", "/cgi-bin/../setobdconf.cgi", "/htdocs/setobdconf.cgi",
+    "/../libexec/setobdconf.cgi", "/%2e%2e/libexec/setobdconf.cgi", "/..%2flibexec%2fsetobdconf.cgi",
+    "http://localhost/setobdconf.cgi", "http://localhost//setobdconf.cgi", "/setobdconf%252Ecgi",
+    "/setobdconf.cgi%c0%80",
+)
+
+
+def refuses_other_spellings():
+    """No other address of the page gets round the look at the origin."""
+    return not any(is_started(lambda: SERVER.get(f"{spelling}?{FORM}500", header))
+                   for header in (FOREIGN, "Sec-Purpose: prefetch") for spelling in SPELLINGS)
+
+
+def shows_no_program():
+    """Not by any address, and not when it is not executable."""
+    def is_page(answer):
+        return b"\x7fELF" not in answer[2] and b"secret" not in answer[2] and b"#!" not in answer[2]
+
+    seen = [is_page(SERVER.get(spelling)) for spelling in (SET_OPTION, *SPELLINGS)]
+    with SERVER.own_program("# secret", 0o644, "setobdconf.cgi"):
+        seen += [is_page(SERVER.get(spelling)) for spelling in (SET_OPTION, *SPELLINGS)]
+        gated = SERVER.installation.programs / "gated/setobdconf.cgi"
+        gated.chmod(0o644)
+        seen += [is_page(SERVER.get(spelling)) for spelling in (SET_OPTION, *SPELLINGS)]
+        gated.chmod(0o755)
+    return all(seen)
+
+
+def listens_on_loopback_alone():
+    """Every address of 127/8 is this machine's."""
+    try:
+        socket.create_connection(("127.0.0.2", SERVER.installation.port), timeout=LIMIT).close()
+        return False
+    except ConnectionRefusedError:
+        return True
+
+
+def refuses_other_methods():
+    return refuses(*(request(CHANGE, method=method) for method in ("DELETE", "OPTIONS", "PATCH", "FOO")),
+                   post(SET_OPTION, FORM + "500").replace(b"POST", b"PUT", 1))
+
+
+def refuses_head_of_programs():
+    return refuses(request(CHANGE, method="HEAD"))
+
+
+def refuses_large_bodies():
+    return refuses(post(SET_OPTION, FORM + 5000 * "5"))
+
+
+def refuses_large_bodies_in_chunks():
+    body = FORM + 5000 * "5"
+    return refuses(request(SET_OPTION, "Content-Type: application/x-www-form-urlencoded",
+                           "Transfer-Encoding: chunked", method="POST")
+                   + f"{len(body):x}\r\n{body}\r\n0\r\n\r\n".encode())
+
+
+def refuses_large_headers():
+    return refuses(request(CHANGE, "Cookie: " + 5000 * "5"))
+
+
+def refuses_long_request_lines():
+    return refuses(request(CHANGE + 5000 * "5"))
+
+
+def keeps_short_bodies_off():
+    """A program is not started for a body that never comes."""
+    reset()
+    with contextlib.closing(SERVER.connect()) as client:
+        client.sendall(post(SET_OPTION, FORM + "500").replace(b"Length: 20", b"Length: 99"))
+        is_kept = not eventually(lambda: LOG.stat().st_size > 0, MOMENT)
+    # The program that was started is not to meet the next test.
+    eventually(lambda: "ChangeStdErr" in LOG.read_text() or is_kept)
+    return is_kept
+
+
+def begin_request(server, stack):
+    """A client that does not end its request until the stack does."""
+    client = stack.enter_context(contextlib.closing(server.connect()))
+    client.sendall(b"GET / HTTP/1.1\r\nX: ")
+    time.sleep(0.003)  # else a short queue of the kernel's costs a second each
+    return client
+
+
+def is_closed(client):
+    """By the server."""
+    client.setblocking(False)
+    try:
+        client.recv(1000)
+    except BlockingIOError:
+        return False
+    except OSError:
+        pass
+    return True
+
+
+def serves_others_beside_slow_clients():
+    """While these are there, not once they are dropped."""
+    with contextlib.ExitStack() as stack:
+        slow = [begin_request(SERVER, stack) for _ in range(60)]
+        return SERVER.get("/index.html")[0] == 200 and not any(map(is_closed, slow))
+
+
+def limits_connections(server):
+    """Of 300 and one more, some are closed, or the last is not served while they last."""
+    with contextlib.ExitStack() as stack:
+        opened = []
+        try:
+            for _ in range(300):
+                opened.append(begin_request(server, stack))
+            last = stack.enter_context(contextlib.closing(server.connect()))
+            last.sendall(request("/index.html"))
+            last.settimeout(WHILE)
+            is_limited = b" 200 " not in last.recv(100)
+        except OSError:
+            is_limited = True
+        is_limited |= any(map(is_closed, opened))
+    if not eventually(lambda: server.get("/index.html")[0] == 200):
+        raise AssertionError("nobody is served any more")
+    return is_limited
+
+
+def serves_one_request_a_connection():
+    sent = request("/index.html").replace(b"Connection: close\r\n", b"")
+    with contextlib.closing(SERVER.connect()) as client:
+        client.sendall(sent)
+        client.settimeout(WHILE)
+        received = b""
+        with contextlib.suppress(OSError):
+            while more := client.recv(65536):
+                received += more
+        with contextlib.suppress(OSError):
+            client.sendall(sent)
+            received += client.recv(100)
+    return received.count(b"HTTP/1.1 200") + received.count(b"HTTP/1.0 200") == 1
+
+
+def speaks_no_http2():
+    settings = struct.pack(">I", 0)[1:] + b"\4\0" + struct.pack(">I", 0)  # an empty frame SETTINGS
+    with contextlib.closing(SERVER.connect(2)) as client:
+        client.sendall(b"PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n" + settings)
+        answer = b""
+        with contextlib.suppress(OSError):
+            answer = client.recv(100)
+    is_upgraded = SERVER.get("/index.html", "Upgrade: h2c", "HTTP2-Settings: AAMAAABkAAQAAP__")[0] == 101
+    return not is_upgraded and answer[3:4] != b"\4"
+
+
+def drops_silent_clients(server):
+    """One that does not end its request. No server drops it later than in this time, or in a minute."""
+    with contextlib.closing(server.connect(WHILE)) as client:
+        client.sendall(b"GET / HTTP/1.1\r\nX: ")
+        try:
+            while client.recv(1000):
+                pass
+            return True
+        except TimeoutError:
+            return False
+        except OSError:
+            return True
+
+
+def ends_programs_that_hang(server):
+    """More than may run at once: the limit has to hold while others wait."""
+    script = """case $QUERY_STRING in
+        0) exec /bin/sleep 1000 ;;
+        1) trap '' TERM HUP INT; while :; do :; done ;;
+        *) printf 'Content-Type: text/plain\\n\\n'; exec >&- 2>&-; exec /bin/sleep 1000 ;;
+    esac"""
+    with server.own_program(script) as page, ThreadPoolExecutor(6) as clients:
+        answers = list(clients.map(lambda i: server.get(f"{page}?{i % 3}"), range(6)))
+        is_over = eventually(lambda: not command_lines(server), 5)
+    if not all(status in (0, 200, 500, 502, 504) for status, _, _ in answers):
+        raise AssertionError(answers)
+    return is_over
+
+
+def command_lines(server):
+    """Of all processes that the server's own program has started, and of that."""
+    program = str(server.installation.programs / OWN_PROGRAM).encode()
+    found = []
+    for file in pathlib.Path("/proc").glob("[0-9]*/cmdline"):
+        with contextlib.suppress(OSError):
+            words = file.read_bytes()
+            if program in words:
+                found.append(words)
+    return found
+
+
+def lets_programs_finish(server):
+    """Though the client goes within the page. Apache kills, three seconds later."""
+    finished = server.installation.root / "finished"
+    script = f"{HEADER}\n" + 21 * "echo line; /bin/sleep 0.2\n" + f": >{finished}"
+    with server.own_program(script) as page:
+        client = server.connect()
+        client.sendall(request(page))
+        client.recv(1)
+        client.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        client.close()
+        return eventually(finished.exists)
+
+
+def runs_four_at_a_time(server):
+    folder = server.installation.root / "running"
+    folder.mkdir()
+    go = server.installation.root / "go"
+    script = f": >{folder}/$$\nwhile [ ! -e {go} ]; do /bin/sleep 0.05; done\n{HEADER}"
+    with server.own_program(script) as page, ThreadPoolExecutor(10) as clients:
+        answers = [clients.submit(server.get, page) for _ in range(10)]
+        is_full = eventually(lambda: len(list(folder.iterdir())) >= 4)
+        time.sleep(MOMENT)
+        running = len(list(folder.iterdir()))
+        is_served = server.get("/index.html")[0] == 200
+        go.touch()
+        statuses = [answer.result()[0] for answer in answers]
+    if not is_full or statuses != 10 * [200]:
+        raise AssertionError(f"{running} run, {statuses}")
+    return running == 4 and is_served
+
+
+def tells_who_gets_no_place(server):
+    """The answers to five, when nobody waits long."""
+    go = server.installation.root / "go"
+    script = f"while [ ! -e {go} ]; do /bin/sleep 0.05; done\n{HEADER}"
+    with server.own_program(script) as page, ThreadPoolExecutor(5) as clients:
+        answers = [clients.submit(server.get, page) for _ in range(5)]
+        eventually(lambda: any(answer.done() for answer in answers))
+        go.touch()
+        return sorted((answer.result() for answer in answers), key=lambda answer: answer[0])
+
+
+def sends(name, value):
+    """With every answer: of pages, programs, refusals."""
+    seen = {target: SERVER.get(target)[1].get(name, "") == value
+            for target in ("/index.html", CHANGE, SET_OPTION, "/css/all.css", "/nowhere.html")}
+    seen["refusal"] = SERVER.get(CHANGE, FOREIGN)[1].get(name, "") == value
+    return same(seen, list(seen.values()))
+
+
+def forbids_to_keep_pages_of_programs():
+    return same(PAGES, [SERVER.get(f"/{page}")[1].get("cache-control") == "no-store" for page in PAGES])
+
+
+def program_environment():
+    with SERVER.own_program(f"{HEADER}; exec /usr/bin/env") as page:
+        _, _, body = SERVER.get(page)
+    return dict(line.split("=", 1) for line in body.decode().splitlines() if "=" in line)
+
+
+def gives_no_path_and_no_home():
+    # The script's shell adds no PATH of its own.
+    return not {"PATH", "HOME"} & set(program_environment())
+
+
+def streams():
+    go = SERVER.installation.root / "next"
+    script = (f"{HEADER}; echo first\n"
+              f"while [ ! -e {go} ]; do /bin/sleep 0.05; done\necho last")
+    received = b""
+    with SERVER.own_program(script) as page, contextlib.closing(SERVER.connect()) as client:
+        client.sendall(request(page))
+        client.settimeout(WHILE)
+        with contextlib.suppress(OSError):
+            while b"first" not in received and (more := client.recv(1000)):
+                received += more
+        is_there = b"first" in received
+        go.touch()
+        client.settimeout(LIMIT)
+        while more := client.recv(1000):
+            received += more
+    if b"last" not in received:
+        raise AssertionError(received)
+    return is_there
+
+
+POLICY = ("sandbox allow-same-origin allow-forms; default-src 'none'; style-src 'self'; img-src 'self'; "
+          "form-action 'self'; base-uri 'none'; frame-ancestors 'none'")
+
+# By the row of the table.
+PROTECTIONS = {
+    "listens on 127.0.0.1 alone": listens_on_loopback_alone,
+    "refuses a foreign name in Host": refuses_foreign_hosts,
+    "refuses a foreign Origin": refuses_foreign_origins,
+    "refuses a foreign Referer": refuses_foreign_referers,
+    "refuses a foreign Sec-Fetch-Site": refuses_foreign_sites,
+    "refuses a Sec-Fetch-Mode that is no navigation": refuses_what_is_no_navigation,
+    "refuses a Sec-Fetch-Dest that is no document": refuses_what_is_no_document,
+    "refuses a prefetch: Sec-Purpose, Purpose, X-Purpose, X-Moz": refuses_prefetches,
+    "refuses a WebSocket: Upgrade, Sec-WebSocket-Key": refuses_websockets,
+    "looks at both when one of these comes twice": looks_at_both_of_two_headers,
+    "refuses foreign orders to the other pages": refuses_foreign_orders_to_other_pages,
+    "is not got round by another spelling of the address": refuses_other_spellings,
+    "never shows a program as text": shows_no_program,
+    "refuses methods other than GET, HEAD, POST": refuses_other_methods,
+    "refuses HEAD of a program": refuses_head_of_programs,
+    "refuses a body of more than 4 kB": refuses_large_bodies,
+    "refuses such a body in chunks": refuses_large_bodies_in_chunks,
+    "refuses a header of more than 4 kB": refuses_large_headers,
+    "refuses a request line of more than 4 kB": refuses_long_request_lines,
+    "starts no program for a body that is cut": keeps_short_bodies_off,
+    "serves others beside 60 slow clients": serves_others_beside_slow_clients,
+    "limits the number of connections": limits_connections,
+    "drops a client that says nothing for seconds": drops_silent_clients,
+    "serves one request a connection": serves_one_request_a_connection,
+    "speaks no HTTP/2 in clear text": speaks_no_http2,
+    "runs four programs at a time": runs_four_at_a_time,
+    "ends a program that hangs": ends_programs_that_hang,
+    "lets a program finish when its client goes": lets_programs_finish,
+    "hands a page on as it comes": streams,
+    "gives programs no PATH and no HOME": gives_no_path_and_no_home,
+    "sends Content-Security-Policy": lambda: sends("content-security-policy", POLICY),
+    "sends Referrer-Policy": lambda: sends("referrer-policy", "same-origin"),
+    "sends X-Content-Type-Options": lambda: sends("x-content-type-options", "nosniff"),
+    "sends X-Frame-Options": lambda: sends("x-frame-options", "DENY"),
+    "sends Cache-Control with pages of programs": forbids_to_keep_pages_of_programs,
+}
+# These wait: they begin first, each with a server of its own and these edits.
+IN_THE_BACKGROUND = {
+    limits_connections: (),
+    lets_programs_finish: (),
+    runs_four_at_a_time: (),
+    drops_silent_clients: SHORT_TIMES,
+    ends_programs_that_hang: SHORT_TIMES,
+    tells_who_gets_no_place: (gate("PATIENCE", 1),),
+}
+
+
+def setUpModule():
+    global SERVER
+    reset()
+    SERVER = start_server(0)
+    pool = ThreadPoolExecutor(len(IN_THE_BACKGROUND))
+    unittest.addModuleCleanup(pool.shutdown)
+    for number, (act, edits) in enumerate(IN_THE_BACKGROUND.items(), 1):
+        BACKGROUND[act] = pool.submit(act, start_server(number, *edits))
+
+
+def start_server(number, *edits, vm=WITH_FAKE_VM):
+    server = Server(number, [*([vm] if vm else []), *edits])
+    unittest.addModuleCleanup(server.stop)
+    return server
+
+
+def see(act):
+    return BACKGROUND[act].result() if act in BACKGROUND else act()
+
+
+class Table(unittest.TestCase):
+    """What docs/web-servers.md says of the server."""
+
+    def test_has_a_row_for_every_protection_and_no_other(self):
+        self.assertEqual(list(ROWS), list(PROTECTIONS))
+
+    def test_names_nothing_that_the_configuration_does_not_have(self):
+        for row, cell in ROWS.items():
+            for word in re.findall(r"`([^`]*)`", cell):
+                self.assertIn(word, SERVER.text, row)
+
+
+def test_name(row):
+    return "test_" + re.sub(r"\W+", "_", row.lower())
+
+
+def add_cell(row, act):
+    def test(self):
+        word = re.match(r"(yes|no)\b", ROWS.get(row, ""))
+        self.assertIsNotNone(word, "the cell begins neither with yes nor with no")
+        self.assertEqual("yes" if see(act) else "no", word[0], row)
+    setattr(Table, test_name(row), test)
+
+
+for item in PROTECTIONS.items():
+    add_cell(*item)
+
+
+class Every(unittest.TestCase):
+    """What every server does."""
+
+    def setUp(self):
+        reset()
+
+    def assert_stored(self, sent, value):
+        status, headers, body = SERVER.ask(sent)
+        self.assertEqual(status, 200)
+        self.assertEqual(headers["content-type"], "text/html")
+        self.assertEqual(body.decode("latin-1"), run_program(FORM + value).decode("latin-1"))
+        self.assertEqual(SETTINGS.read_text(), settings_with(value))
+
+    def test_serves_a_get_request(self):
+        self.assert_stored(request(CHANGE), "500")
+
+    def test_serves_a_posted_form(self):
+        self.assert_stored(post(SET_OPTION, FORM + "501"), "501")
+
+    def test_serves_a_posted_multipart_form(self):
+        body = part(f'Content-Disposition: form-data; name="{FORM[:-1]}"', "", "502")
+        self.assert_stored(post(SET_OPTION, body, MULTIPART), "502")
+
+    def test_serves_the_page_of_exit_status_1(self):
+        status, _, body = SERVER.get(SET_OPTION)
+        self.assertEqual((status, body), (200, run_program()))
+        self.assertIn(b"Option CanDetectTimeout not set", body)
+        self.assertEqual(SETTINGS.read_text(), SHIPPED_SETTINGS)
+
+    def test_hands_on_what_there_is_of_a_page_whose_program_aborts(self):
+        status, _, body = SERVER.ask(post(SET_OPTION, part("X: y"), MULTIPART))
+        whole = run_program()
+        self.assertEqual((status, body), (200, whole[:whole.index(b'<p class="warn"')]))
+        self.assertEqual(SERVER.get(SET_OPTION)[0], 200)
+
+    def test_serves_the_other_pages(self):
+        for page, mark in (("/", b"<h2>VEMO Web Server</h2>"), ("/index.html", b"<h2>VEMO Web Server</h2>"),
+                           ("/reboot.cgi", b"</html>"), ("/channeldeviceconfig.cgi", b"</html>"),
+                           ("/css/all.css", b"{")):
+            status, _, body = SERVER.get(page)
+            self.assertEqual(status, 200, page)
+            self.assertIn(mark, body)
+
+    def test_says_what_a_file_is(self):
+        for file, kind in (("/index.html", "text/html;charset=iso-8859-1"), ("/css/all.css", "text/css"),
+                           ("/images/kesta.jpg", "image/jpeg"), ("/images/tarn.gif", "image/gif")):
+            self.assertTrue(SERVER.get(file)[1]["content-type"].replace("; ", ";").startswith(kind), file)
+
+    def test_serves_twenty_at_once(self):
+        values = [str(value) for value in range(100, 120)]
+        with ThreadPoolExecutor(20) as clients:
+            answers = list(clients.map(lambda value: SERVER.get(CHANGE[:-3] + value), values))
+        log = LOG.read_text().splitlines()
+        for value, (status, _, body) in zip(values, answers):
+            self.assertEqual((status, body), (200, run_program(FORM + value)))
+        self.assertEqual(len([line for line in log if line.endswith(" main")]), 20)
+        self.assertIn(SETTINGS.read_text(), map(settings_with, values + ["119"]))
+
+    def test_takes_the_orders_of_its_own_pages(self):
+        port = SERVER.installation.port
+        for headers in ((f"Origin: http://localhost:{port}",), (f"Origin: http://127.0.0.1:{port}",),
+                        (f"Referer: http://localhost:{port}/index.html",), ("Sec-Fetch-Site: same-origin",),
+                        (typed("Sec-Fetch-User: ?1"),), ("Origin: http://localhost:9090",)):
+            reset()
+            self.assertEqual(SERVER.get(CHANGE, *headers)[0], 200, headers)
+            self.assertEqual(SETTINGS.read_text(), settings_with("500"), headers)
+        self.assertEqual(SERVER.ask(request(CHANGE, host="127.0.0.1:9090"))[0], 200)
+
+    def test_lets_foreign_pages_link_to_what_changes_nothing(self):
+        for page in ("/index.html", "/channeldeviceconfig.cgi"):
+            self.assertEqual(SERVER.get(page, "Referer: http://foreign.example/",
+                                        "Sec-Fetch-Site: cross-site")[0], 200)
+
+    def test_tells_who_gets_no_place_to_come_again(self):
+        answers = see(tells_who_gets_no_place)
+        self.assertEqual([status for status, _, _ in answers], [200, 200, 200, 200, 503])
+        self.assertIn("retry-after", answers[-1][1])
+
+    def test_gives_the_java_vm_its_variables_and_nothing_of_the_gate(self):
+        environment = program_environment()
+        self.assertEqual(environment["JAVA_CLASSPATH"], "/srv/vemo/java")
+        self.assertRegex(environment["JAVA_OPTIONS"], r"^-XX:VMOptionsFile=/.*/java\.options$")
+        self.assertEqual([name for name in environment if name.startswith("CGI_GATE")], [])
+
+    def test_serves_a_request_with_the_real_java_vm(self):
+        server = start_server(len(IN_THE_BACKGROUND) + 1, vm=None)
+        self.addCleanup(server.stop)
+        status, _, body = server.get(CHANGE)
+        self.assertEqual((status, body), (200, run_program(FORM + "500")))
+        self.assertEqual(SETTINGS.read_text(), settings_with("500"))
+
+
+class Behind(unittest.TestCase):
+    """busybox httpd, when another server is to stand before it."""
+
+    def test_answers_the_named_client_alone(self):
+        for source, status in (("127.0.0.1", b"200"), ("127.0.0.2", b"403")):
+            with contextlib.closing(socket.create_connection(
+                    ("127.0.0.1", SERVER.installation.port), LIMIT, (source, 0))) as client:
+                client.sendall(request("/index.html"))
+                self.assertEqual(client.recv(100).split()[1], status, source)
+
+
+def load_tests(loader, *_):
+    """All that concerns the server; what waits last."""
+    cases = (Every, Table) + ((Behind,) if NAME == "busybox" else ())
+    tests = [test for case in cases for test in loader.loadTestsFromTestCase(case)]
+    late = {test_name(row) for row, act in PROTECTIONS.items() if act in IN_THE_BACKGROUND}
+    return unittest.TestSuite(sorted(tests, key=lambda test: test.id().rsplit(".", 1)[1] in late))
+
+
+def read_table(column):
+    """What the document says of the server, by row."""
+    rows = {}
+    heading = None
+    for line in (SOURCE / "docs/web-servers.md").read_text(encoding="utf-8").splitlines():
+        cells = [cell.strip() for cell in line.strip("|").split("|")]
+        if not line.startswith("|"):
+            heading = None
+        elif heading is None:
+            heading = cells
+        elif heading[0] == "it" and not set(line) <= set("|-"):
+            if len(cells) != len(heading):
+                raise ValueError(line)
+            rows[cells[0]] = cells[heading.index(column)]
+    return rows
+
+
+if __name__ == "__main__":
+    NAME = sys.argv.pop(1)
+    if sys.argv[1:] == ["--see"]:
+        setUpModule()
+        for row, act in PROTECTIONS.items():
+            try:
+                print(f"{row:55} {'yes' if see(act) else 'no'}", flush=True)
+            except AssertionError as error:
+                print(f"{row:55} ??? {error}", flush=True)
+        unittest.doModuleCleanups()
+        sys.exit()
+    ROWS = read_table(SERVERS[NAME][0])
+    unittest.main(verbosity=2)
