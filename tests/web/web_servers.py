@@ -207,11 +207,15 @@ SHORT_TIMES = (gate("LIMIT", 1), gate("PATIENCE", 20), (r"(max-read-idle += )5",
                (r"header=5 body=5", "header=1 body=1"), (r"(client_\w+_timeout) 5", r"\1 1"))
 
 
+# Root without its rights, which proot gives: nginx cannot become another user.
+AS_ROOT = (("daemon off;", "daemon off; user root;"),) if os.geteuid() == 0 else ()
+
+
 class Server:
     """One, running."""
 
     def __init__(self, number, edits):
-        self.installation = Installation(f"web-{number}", 8080 + number, edits)
+        self.installation = Installation(f"web-{number}", 8080 + number, [*AS_ROOT, *edits])
         self.text, commands = SERVERS[NAME][1](self.installation)
         self.errors = self.installation.root / "errors"
         self.processes = []
