@@ -224,7 +224,8 @@ class Server:
                 # Apache ends its whole process group.
                 self.processes.append(subprocess.Popen(
                     command, stdin=subprocess.DEVNULL, stdout=errors, stderr=errors,
-                    env={"PATH": os.environ["PATH"], "HOME": "/nowhere"}, start_new_session=True))
+                    env={"PATH": os.environ["PATH"], "HOME": "/nowhere", "LD_LIBRARY_PATH": "/nowhere"},
+                    start_new_session=True))
         if not eventually(lambda: self.is_ready() or any(p.poll() is not None for p in self.processes)) \
                 or not self.is_ready():
             self.stop()
@@ -609,7 +610,7 @@ def command_lines(server):
 
 
 def lets_programs_finish(server):
-    """Though the client goes within the page. Apache kills, three seconds later."""
+    """Though the client goes within the page. Apache kills, some seconds later."""
     finished = server.installation.root / "finished"
     script = f"{HEADER}\n" + 21 * "echo line; /bin/sleep 0.2\n" + f": >{finished}"
     with server.own_program(script) as page:
@@ -673,6 +674,10 @@ def gives_no_path_and_no_home():
     return not {"PATH", "HOME"} & set(program_environment())
 
 
+def hands_on_the_library_path():
+    return program_environment().get("LD_LIBRARY_PATH") == "/nowhere"
+
+
 def streams():
     go = SERVER.installation.root / "next"
     script = (f"{HEADER}; echo first\n"
@@ -729,6 +734,7 @@ PROTECTIONS = {
     "lets a program finish when its client goes": lets_programs_finish,
     "hands a page on as it comes": streams,
     "gives programs no PATH and no HOME": gives_no_path_and_no_home,
+    "hands on LD_LIBRARY_PATH, which may name the Java VM": hands_on_the_library_path,
     "sends Content-Security-Policy": lambda: sends("content-security-policy", POLICY),
     "sends Referrer-Policy": lambda: sends("referrer-policy", "same-origin"),
     "sends X-Content-Type-Options": lambda: sends("x-content-type-options", "nosniff"),
