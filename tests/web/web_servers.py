@@ -325,8 +325,15 @@ def is_started(act):
     return LOG.stat().st_size > 0 or SETTINGS.read_text(encoding="utf-8") != SHIPPED_SETTINGS
 
 
+def expect_to_be_served():
+    """Else nothing that is refused proves a thing. lighttpd remembers for a second what a file was."""
+    if not eventually(lambda: SERVER.get(CHANGE)[0] == 200):
+        raise AssertionError("an ordinary request is refused, too")
+
+
 def refuses(*requests):
     """Whether each of the requests to the set-option page is answered with a refusal."""
+    expect_to_be_served()
     seen = []
     for sent in requests:
         reset()
@@ -429,6 +436,7 @@ SPELLINGS = (
 
 def refuses_other_spellings():
     """No other address of the page gets round the look at the origin."""
+    expect_to_be_served()
     return not any(is_started(lambda: SERVER.get(f"{spelling}?{FORM}500", header))
                    for header in (FOREIGN, "Sec-Purpose: prefetch") for spelling in SPELLINGS)
 
@@ -487,6 +495,7 @@ def refuses_long_request_lines():
 
 def keeps_short_bodies_off():
     """A program is not started for a body that never comes."""
+    expect_to_be_served()
     reset()
     with contextlib.closing(SERVER.connect()) as client:
         client.sendall(post(SET_OPTION, FORM + "500").replace(b"Length: 20", b"Length: 99"))
@@ -757,9 +766,9 @@ def setUpModule():
     reset()
     SERVER = start_server(0)
     pool = ThreadPoolExecutor(len(IN_THE_BACKGROUND))
-    unittest.addModuleCleanup(pool.shutdown)
     for number, (act, edits) in enumerate(IN_THE_BACKGROUND.items(), 1):
         BACKGROUND[act] = pool.submit(act, start_server(number, *edits))
+    unittest.addModuleCleanup(pool.shutdown)  # before its servers end
 
 
 def start_server(number, *edits, vm=WITH_FAKE_VM):
