@@ -8,9 +8,11 @@ DEVICE_PACKAGES=(bubblewrap lighttpd)
 PACKAGING_PACKAGES=(debhelper dpkg-dev fakeroot pkgconf)
 TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang libclang-rt-14-dev clang-format
   clang-tidy llvm shellcheck curl chromium chromium-driver python3-selenium libxml2-utils proot
-  systemd valgrind qemu-system-x86 qemu-user busybox-static cpio e2fsprogs apache2-bin libfcgi0ldbl)
+  systemd valgrind qemu-system-x86 qemu-user busybox-static cpio e2fsprogs)
 # What ./test --long needs beside these, and beside PACKAGING_PACKAGES.
 LONG_TEST_PACKAGES=(lintian mmdebstrap)
+# Web servers, as far as they start no service; fetch_web_servers has the others.
+TEST_PACKAGES+=(apache2-bin libfcgi0ldbl)
 # A Node.js from elsewhere brings its own.
 command -v npm >/dev/null || TEST_PACKAGES+=(npm)
 # Another JDK can take the place of Debian's.
