@@ -11,14 +11,15 @@ TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang libclang-rt-14-
   systemd valgrind qemu-system-x86 qemu-user busybox-static cpio e2fsprogs)
 # What ./test --long needs beside these, and beside PACKAGING_PACKAGES.
 LONG_TEST_PACKAGES=(lintian mmdebstrap)
-# Web servers, as far as they start no service; fetch_web_servers has the others.
-TEST_PACKAGES+=(apache2-bin libfcgi0ldbl)
 # A Node.js from elsewhere brings its own.
 command -v npm >/dev/null || TEST_PACKAGES+=(npm)
 # Another JDK can take the place of Debian's.
 if [[ -z ${JAVA_HOME:-} ]]; then
   BUILD_PACKAGES+=(openjdk-17-jdk-headless)
 fi
+
+# Web servers, as far as they start no service; fetch_web_servers has the others.
+TEST_PACKAGES+=(apache2-bin libfcgi0ldbl)
 
 fail() {
   echo "${0##*/}: $*" >&2
