@@ -207,11 +207,15 @@ SHORT_TIMES = (gate("LIMIT", 1), gate("PATIENCE", 20), (r"(max-read-idle += )5",
                (r"header=5 body=5", "header=1 body=1"), (r"(client_\w+_timeout) 5", r"\1 1"))
 
 
+# Root without its rights, which proot gives: nginx cannot become another user.
+AS_ROOT = (("daemon off;", "daemon off; user root;"),) if os.geteuid() == 0 else ()
+
+
 class Server:
     """One, running."""
 
     def __init__(self, number, edits):
-        self.installation = Installation(f"web-{number}", 8080 + number, edits)
+        self.installation = Installation(f"web-{number}", 8080 + number, [*AS_ROOT, *edits])
         self.text, commands = SERVERS[NAME][1](self.installation)
         self.errors = self.installation.root / "errors"
         self.processes = []
@@ -220,7 +224,8 @@ class Server:
                 # Apache ends its whole process group.
                 self.processes.append(subprocess.Popen(
                     command, stdin=subprocess.DEVNULL, stdout=errors, stderr=errors,
-                    env={"PATH": os.environ["PATH"], "HOME": "/nowhere"}, start_new_session=True))
+                    env={"PATH": os.environ["PATH"], "HOME": "/nowhere", "LD_LIBRARY_PATH": "/nowhere"},
+                    start_new_session=True))
         if not eventually(lambda: self.is_ready() or any(p.poll() is not None for p in self.processes)) \
                 or not self.is_ready():
             self.stop()
@@ -320,8 +325,15 @@ def is_started(act):
     return LOG.stat().st_size > 0 or SETTINGS.read_text(encoding="utf-8") != SHIPPED_SETTINGS
 
 
+def expect_to_be_served():
+    """Else nothing that is refused proves a thing. lighttpd remembers for a second what a file was."""
+    if not eventually(lambda: SERVER.get(CHANGE)[0] == 200):
+        raise AssertionError("an ordinary request is refused, too")
+
+
 def refuses(*requests):
     """Whether each of the requests to the set-option page is answered with a refusal."""
+    expect_to_be_served()
     seen = []
     for sent in requests:
         reset()
@@ -424,6 +436,7 @@ SPELLINGS = (
 
 def refuses_other_spellings():
     """No other address of the page gets round the look at the origin."""
+    expect_to_be_served()
     return not any(is_started(lambda: SERVER.get(f"{spelling}?{FORM}500", header))
                    for header in (FOREIGN, "Sec-Purpose: prefetch") for spelling in SPELLINGS)
 
@@ -482,6 +495,7 @@ def refuses_long_request_lines():
 
 def keeps_short_bodies_off():
     """A program is not started for a body that never comes."""
+    expect_to_be_served()
     reset()
     with contextlib.closing(SERVER.connect()) as client:
         client.sendall(post(SET_OPTION, FORM + "500").replace(b"Length: 20", b"Length: 99"))
@@ -605,7 +619,7 @@ def command_lines(server):
 
 
 def lets_programs_finish(server):
-    """Though the client goes within the page. Apache kills, three seconds later."""
+    """Though the client goes within the page. Apache kills, some seconds later."""
     finished = server.installation.root / "finished"
     script = f"{HEADER}\n" + 21 * "echo line; /bin/sleep 0.2\n" + f": >{finished}"
     with server.own_program(script) as page:
@@ -669,6 +683,10 @@ def gives_no_path_and_no_home():
     return not {"PATH", "HOME"} & set(program_environment())
 
 
+def hands_on_the_library_path():
+    return program_environment().get("LD_LIBRARY_PATH") == "/nowhere"
+
+
 def streams():
     go = SERVER.installation.root / "next"
     script = (f"{HEADER}; echo first\n"
@@ -725,6 +743,7 @@ PROTECTIONS = {
     "lets a program finish when its client goes": lets_programs_finish,
     "hands a page on as it comes": streams,
     "gives programs no PATH and no HOME": gives_no_path_and_no_home,
+    "hands on LD_LIBRARY_PATH, which may name the Java VM": hands_on_the_library_path,
     "sends Content-Security-Policy": lambda: sends("content-security-policy", POLICY),
     "sends Referrer-Policy": lambda: sends("referrer-policy", "same-origin"),
     "sends X-Content-Type-Options": lambda: sends("x-content-type-options", "nosniff"),
@@ -747,9 +766,9 @@ def setUpModule():
     reset()
     SERVER = start_server(0)
     pool = ThreadPoolExecutor(len(IN_THE_BACKGROUND))
-    unittest.addModuleCleanup(pool.shutdown)
     for number, (act, edits) in enumerate(IN_THE_BACKGROUND.items(), 1):
         BACKGROUND[act] = pool.submit(act, start_server(number, *edits))
+    unittest.addModuleCleanup(pool.shutdown)  # before its servers end
 
 
 def start_server(number, *edits, vm=WITH_FAKE_VM):
