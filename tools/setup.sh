@@ -129,7 +129,8 @@ fetch_kernel() {
 
 # make_sysroot ARCHITECTURE: unpacks SYSROOT_PACKAGES of another Debian architecture in build/roots.
 make_sysroot() {
-  local folder=build/roots/$1 wanted="${SYSROOT_PACKAGES[*]}"
+  local folder=build/roots/$1 wanted
+  wanted="$(cksum <tools/make-sysroot) ${SYSROOT_PACKAGES[*]}"
   [[ $(cat "$folder.packages" 2>/dev/null) != "$wanted" ]] || return 0
   echo "Unpacking packages of $1"
   mkdir -p build/roots
