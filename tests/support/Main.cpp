@@ -1,7 +1,8 @@
 // Runs the tests of one binary inside the device's sandbox, so that they and the programs they
 // start have an /app and a /tmp of their own. Outside it, the binary starts itself again inside.
 //
-// --java-vm=FOLDER: the programs find that folder's libjvm.so before the one that they are linked to.
+// --java-vm=FOLDER: the programs find that folder's libjvm.so before the one that they are linked
+// to.
 
 #include <gtest/gtest.h>
 #include <unistd.h>

@@ -72,6 +72,10 @@ void PutVmInFront(const std::string& folder) {
   vmInFront = folder;
 }
 
+std::string VmInFront() {
+  return vmInFront;
+}
+
 Command Preload(const std::string& name, Command command) {
   const std::string library = "/build/tests/lib" + name + ".so";
   if (!std::filesystem::exists(library)) {
