@@ -9,16 +9,34 @@ import shutil
 import subprocess
 import threading
 import time
+import typing
 
-# Those of the kernel's drivers that are not built in, each behind what it needs.
-MODULES = (
-    "virtio/virtio_ring",
-    "virtio/virtio",
-    "virtio/virtio_pci_modern_dev",
-    "virtio/virtio_pci_legacy_dev",
-    "virtio/virtio_pci",
-    "block/virtio_blk",
+# The kernel's drivers for a disk, in the order in which they need each other; of a kernel that has some
+# built in, the rest.
+DISK = (
+    "drivers/virtio/virtio_ring",
+    "drivers/virtio/virtio",
+    "drivers/virtio/virtio_pci_modern_dev",
+    "drivers/virtio/virtio_pci_legacy_dev",
+    "drivers/virtio/virtio_pci",
+    "drivers/block/virtio_blk",
 )
+EXT4 = ("crypto/crc32c_generic", "lib/crc16", "fs/mbcache", "fs/jbd2/jbd2", "fs/ext4/ext4")
+NETWORK = ("net/core/failover", "drivers/net/net_failover", "drivers/net/virtio_net")
+
+
+class Architecture(typing.NamedTuple):
+    emulator: tuple
+    console: str
+    parameters: str = ""
+
+
+ARCHITECTURES = {
+    # The kernel's own check of the timer takes a busy host for a broken timer.
+    "amd64": Architecture(("qemu-system-x86_64",), "ttyS0", "no_timer_check"),
+    "arm64": Architecture(("qemu-system-aarch64", "-machine", "virt", "-cpu", "cortex-a53"), "ttyAMA0"),
+    "armhf": Architecture(("qemu-system-arm", "-machine", "virt", "-cpu", "cortex-a15"), "ttyAMA0"),
+}
 
 INIT = """#!/bin/busybox sh
 /bin/busybox --install -s /bin
@@ -35,15 +53,23 @@ class MachineError(Exception):
 
 
 class Kernel:
-    """Debian's kernel, unpacked into a folder: tools/fetch-kernel does that."""
+    """Debian's kernel, unpacked into a folder: tools/fetch-kernel does that, and tools/make-sysroot."""
 
-    def __init__(self, folder):
+    def __init__(self, folder, architecture="amd64"):
+        self.architecture = ARCHITECTURES[architecture]
         images = sorted(pathlib.Path(folder).glob("boot/vmlinuz-*"))
         if not images:
             raise MachineError(f"no kernel in {folder}: tools/fetch-kernel {folder} fetches it")
         self.image = images[-1]
         version = self.image.name.removeprefix("vmlinuz-")
-        self.drivers = pathlib.Path(folder) / "lib/modules" / version / "kernel/drivers"
+        self._modules = pathlib.Path(folder) / "lib/modules" / version
+        self.drivers = self._modules / "kernel/drivers"
+
+    def modules(self, names):
+        """The files of those that are not built in."""
+        built_in = (self._modules / "modules.builtin").read_text().split()
+        files = [f"kernel/{name}.ko" for name in names]
+        return [self._modules / file for file in files if file not in built_in]
 
 
 def libraries(binary, without=()):
@@ -53,24 +79,24 @@ def libraries(binary, without=()):
     return {path: path for name, path in found if name not in without}
 
 
-def make_initramfs(path, kernel, files, script):
+def make_initramfs(path, kernel, files, script, modules=DISK, busybox="/bin/busybox"):
     """Packs an initramfs that runs the shell script as root, and then turns the machine off.
 
-    `files`: path in the machine -> path here. Busybox' tools are there too.
+    `files`: path in the machine -> path here. Busybox' tools are there too, and the kernel's modules.
     """
     staging = path.with_suffix(".d")
     shutil.rmtree(staging, ignore_errors=True)
     for folder in ("bin", "dev", "modules", "proc", "tmp"):
         (staging / folder).mkdir(parents=True)
-    names = [pathlib.PurePath(module).name for module in MODULES]
-    for name, module in zip(names, MODULES):
-        shutil.copy(kernel.drivers / f"{module}.ko", staging / "modules")
-    for target, source in {"/bin/busybox": "/bin/busybox", **files}.items():
+    drivers = kernel.modules(modules)
+    for driver in drivers:
+        shutil.copy(driver, staging / "modules")
+    for target, source in {"/bin/busybox": busybox, **files}.items():
         target = staging / target.lstrip("/")
         target.parent.mkdir(parents=True, exist_ok=True)
         shutil.copy(source, target)
     init = staging / "init"
-    init.write_text(INIT.format(modules=" ".join(names), script=script))
+    init.write_text(INIT.format(modules=" ".join(driver.stem for driver in drivers), script=script))
     init.chmod(0o755)
     paths = "\n".join(str(p.relative_to(staging)) for p in sorted(staging.rglob("*")))
     # Not compressed: the emulated processor would take longer to unpack it than the host to load it.
@@ -104,13 +130,13 @@ class Machine:
     """
 
     def __init__(self, kernel, initramfs=None, arguments=(), parameters="", memory_mib=256):
+        kind = kernel.architecture
         command = [
             # Should this process be killed, the machine goes with it.
-            "setpriv", "--pdeathsig", "KILL", "qemu-system-x86_64",
+            "setpriv", "--pdeathsig", "KILL", *kind.emulator,
             "-accel", "tcg", "-m", str(memory_mib), "-nodefaults", "-no-user-config",
             "-display", "none", "-no-reboot", "-serial", "stdio", "-kernel", str(kernel.image),
-            # The kernel's own check of the timer takes a busy host for a broken timer.
-            "-append", f"console=ttyS0 quiet panic=-1 no_timer_check {parameters}", *arguments,
+            "-append", f"console={kind.console} quiet panic=-1 {kind.parameters} {parameters}", *arguments,
         ]
         if initramfs is not None:
             command += ["-initrd", str(initramfs)]
