@@ -9,6 +9,11 @@ PACKAGING_PACKAGES=(debhelper dpkg-dev fakeroot pkgconf)
 TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang libclang-rt-14-dev clang-format
   clang-tidy llvm shellcheck curl chromium chromium-driver python3-selenium libxml2-utils proot
   systemd valgrind qemu-system-x86 qemu-user busybox-static cpio e2fsprogs)
+# For other processors: Debian's cross compilers here, and what is unpacked of those processors' packages, to
+# compile against and to run.
+CROSS_PACKAGES=(g++-aarch64-linux-gnu g++-arm-linux-gnueabihf mmdebstrap)
+SYSROOT_PACKAGES=(libc6 libstdc++6 libcgicc-dev libxml2-dev libmicrohttpd-dev openjdk-17-jre-headless
+  libgtest-dev libgmock-dev librapidcheck-dev lighttpd)
 # What ./test --long needs beside these, and beside PACKAGING_PACKAGES.
 LONG_TEST_PACKAGES=(lintian mmdebstrap)
 # A Node.js from elsewhere brings its own.
@@ -120,6 +125,17 @@ fetch_kernel() {
     { quietly build/packages.log as_root apt-get -q update &&
       quietly build/kernel.log tools/fetch-kernel "$folder"; } ||
     fail "the kernel cannot be fetched: is there a network?"
+}
+
+# make_sysroot ARCHITECTURE: unpacks SYSROOT_PACKAGES of another Debian architecture in build/roots.
+make_sysroot() {
+  local folder=build/roots/$1 wanted="${SYSROOT_PACKAGES[*]}"
+  [[ $(cat "$folder.packages" 2>/dev/null) != "$wanted" ]] || return 0
+  echo "Unpacking packages of $1"
+  mkdir -p build/roots
+  quietly "$folder.log" as_root tools/make-sysroot "$1" "$folder" "${SYSROOT_PACKAGES[@]}" ||
+    fail "the packages of $1 cannot be unpacked: is there a network?"
+  echo "$wanted" >"$folder.packages"
 }
 
 is_listening() {

@@ -4,11 +4,9 @@ browser in front of it, and its power cut while it works.
     python3 -B tests/machine/installed.py BUILD
 """
 
-import http.client
 import pathlib
 import re
 import shutil
-import socket
 import subprocess
 import sys
 import threading
@@ -19,24 +17,17 @@ BUILD = pathlib.Path(sys.argv.pop(1)).resolve()
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 sys.path += [str(SOURCE / "tests/packaging"), str(SOURCE / "tests/web")]
 
+import booted  # noqa: E402
 import browser  # noqa: E402
 import browser_journey  # noqa: E402
 import machine  # noqa: E402
 import root  # noqa: E402
+from booted import LOG, PAGE, SETTINGS  # noqa: E402
 
 FOLDER = BUILD / "machine"
-SETTINGS = "/app/tarn-belox/runvex/obd.conf"
-LOG = "/tmp/cgi.log"
 LOG_LINE = re.compile(r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6}  (DEBUG|ERROR) +\S+ +\d+ +\S+ +\d+ ")
 
-# Seconds. Every instruction is emulated, on a host that may be busy.
-BOOT = 600
-PAGE = 240
-
-# The kernel's modules for a network card, each behind what it needs.
-NETWORK = ("../net/core/failover", "net/net_failover", "net/virtio_net")
 INIT = """
-for module in failover net_failover virtio_net; do insmod "/modules/$module.ko"; done
 mkdir /disk
 mount /dev/vda /disk
 exec switch_root /disk /sbin/init
@@ -57,12 +48,6 @@ Environment=PS1= TERM=dumb HISTFILE=
 WantedBy=multi-user.target
 """
 NETWORKD = "[Match]\nName=en* eth*\n[Network]\nAddress=10.0.2.15/24\nGateway=10.0.2.2\n"
-
-
-def free_port():
-    with socket.socket() as listener:
-        listener.bind(("127.0.0.1", 0))
-        return listener.getsockname()[1]
 
 
 def make_disk(path):
@@ -89,65 +74,23 @@ def make_disk(path):
         device.close()
 
 
-class Device:
+class Device(booted.Device):
     """The booted machine."""
 
     def __init__(self, disk):
+        super().__init__()
         kernel = machine.Kernel(FOLDER / "kernel")
-        modules = {f"/modules/{pathlib.PurePath(m).name}.ko": kernel.drivers / f"{m}.ko" for m in NETWORK}
         initramfs = FOLDER / "installed.initramfs"
-        machine.make_initramfs(initramfs, kernel, modules, INIT)
-        self.port = free_port()
-        self._number = 0
-        self.machine = machine.Machine(kernel, initramfs, [
-            *machine.disk(disk),
-            "-netdev", f"user,id=card,restrict=on,hostfwd=tcp:127.0.0.1:{self.port}-:8080",
-            "-device", "virtio-net-pci,netdev=card", "-device", "virtio-rng-pci",
-        ], memory_mib=1024, parameters="systemd.show_status=0 net.ifnames=0")
-        self.started = time.monotonic()
-
-    def get(self, address, seconds=PAGE):
-        """Status and page; status 0 when nobody answers."""
-        client = http.client.HTTPConnection("localhost", self.port, timeout=seconds)
-        try:
-            client.request("GET", address)
-            answer = client.getresponse()
-            return answer.status, answer.read().decode("iso-8859-1")
-        except (OSError, http.client.HTTPException):
-            return 0, ""
-        finally:
-            client.close()
-
-    def wait_for_page(self):
-        """Seconds from power-on to the first page."""
-        while True:
-            status, page = self.get("/setobdconf.cgi")
-            taken = time.monotonic() - self.started
-            if status == 200 and page.endswith("</html>\n"):
-                return taken
-            if taken > BOOT:
-                raise TimeoutError(f"{status} {page}\n{self.machine.console()[-3000:]}")
-            time.sleep(0.2)
-
-    def run(self, command):
-        """Exit status and output of a command of the shell on the console."""
-        self._number += 1
-        mark = f"{self._number}-{self.port}"
-        # The mark is put together there, so that an echo of the order is none.
-        self.machine.send(f"stty -echo; echo '<'{mark}'>'; {{ {command}\n}} 2>&1; echo \"<$?/\"'{mark}>'\n")
-        found = self.machine.wait_for(rf"(?s)<{mark}>\n(.*?)<(\d+)/{mark}>", PAGE)
-        return int(found[2]), found[1]
-
-    def read(self, path):
-        status, text = self.run(f"cat {path}")
-        if status != 0:
-            raise AssertionError(text)
-        return text
+        machine.make_initramfs(initramfs, kernel, {}, INIT, machine.DISK + machine.NETWORK)
+        self.machine = machine.Machine(kernel, initramfs, [*machine.disk(disk), *self.card()],
+                                       memory_mib=1024, parameters="systemd.show_status=0 net.ifnames=0")
 
 
-class Installed(browser_journey.Journey):
+class Installed(booted.Requests, browser_journey.Journey):
     """The browser's journey, and more, on the booted machine. In the order of their names; the last cuts
     the power."""
+
+    ARCHIVE = "/var/cache/vemo-web/archive"
 
     @classmethod
     def setUpClass(cls):
@@ -165,7 +108,7 @@ class Installed(browser_journey.Journey):
         browser.PORT = cls.device.port
         browser.ROOT = f"http://localhost:{browser.PORT}"
         browser.LIMIT = PAGE
-        shipped = (SOURCE / "device/obd.conf").read_text(encoding="utf-8")
+        shipped = booted.shipped_settings()
         browser.write_shipped_settings = lambda: cls.device.run(
             f"cat >{SETTINGS} <<'END'\n{shipped}END\nchown vemo-web: {SETTINGS}")
         browser.read_settings = lambda: cls.device.read(SETTINGS)
@@ -192,26 +135,6 @@ class Installed(browser_journey.Journey):
                 status, told = self.device.run(f"{enter} sh -c ': >>{place}'")
                 self.assertEqual(status == 0, is_allowed, told)
         self.device.run("rm -f /app/tarn-belox/runvex/new")
-
-    def test_3_page_settings_file_and_log_are_as_they_must_be(self):
-        _, before = self.device.run(f"wc -l <{LOG}")
-        status, page = self.device.get("/setobdconf.cgi?CanDetectTimeout=750")
-        self.assertEqual(status, 200)
-        self.assertIn("<p>Set CanDetectTimeout to 750 ms.\n</p>Set new option was successful.<br />\n", page)
-        shipped = (SOURCE / "device/obd.conf").read_text(encoding="utf-8")
-        self.assertEqual(self.device.read(SETTINGS),
-                         re.sub("(?m)^VEMODCanDetectTimeout=.*", "VEMODCanDetectTimeout=750", shipped))
-        _, lines = self.device.run(f"tail -n +{int(before) + 1} {LOG}")
-        texts = [line[line.index("src/"):].split(None, 2) for line in lines.splitlines()]
-        self.assertEqual([(text[0], text[1]) for text in texts],
-                         [("src/SetObdConf", "30"), ("src/JavaVmWrapper", "73"), ("src/JavaVmWrapper", "81"),
-                          ("src/JavaVmWrapper", "99"), ("src/JavaVmWrapper", "155")])
-        self.assertIn("/var/cache/vemo-web/archive/java.options", texts[2][2])
-
-    def test_3_the_java_side_tells_the_devices_address(self):
-        """Though the service may not ask the kernel by netlink, and sees nothing of /proc/net."""
-        _, page = self.device.get("/channeldeviceconfig.cgi")
-        self.assertIn("10.0.2.15", page)
 
     def test_4_rotation_in_the_midst_loses_no_request(self):
         status, told = self.device.run(
@@ -248,7 +171,7 @@ class Installed(browser_journey.Journey):
         self.assertGreaterEqual(len(answered), 6)
 
         self.boot()
-        shipped = (SOURCE / "device/obd.conf").read_text(encoding="utf-8")
+        shipped = booted.shipped_settings()
         found = re.fullmatch(
             re.escape(shipped).replace("VEMODCanDetectTimeout=300", r"VEMODCanDetectTimeout=(\d+)"),
             self.device.read(SETTINGS))

@@ -1,0 +1,224 @@
+"""Whole requests on Arm with that processor's own Java VM: the device's web server, its programs and the
+program's tests in an emulated machine.
+
+    python3 -B tests/machine/arm.py BUILD ARCHITECTURE [TEST]
+
+BUILD is what was built for it, and ARCHITECTURE Debian's name of it: arm64, armhf.
+"""
+
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+import unittest
+
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
+sys.path.append(str(SOURCE / "tests/machine"))
+
+import booted  # noqa: E402
+import machine  # noqa: E402
+from booted import LOG, PAGE, SETTINGS  # noqa: E402
+
+ROOTS = SOURCE / "build/roots"
+TESTS_LIMIT = 1800
+# Libraries that no program there needs.
+SANITIZERS = ("libasan", "libhwasan", "liblsan", "libtsan", "libubsan")
+
+INITRAMFS = """
+mkdir /disk
+mount -t ext4 /dev/vda /disk
+exec switch_root /disk /bin/busybox sh /init
+"""
+# The user and the folders are those of the sandbox. Nobody logs in.
+INIT = f"""
+/bin/busybox --install -s /bin
+export PATH=/bin:/sbin
+mount -t proc proc /proc
+mount -t sysfs sys /sys
+mount -t devtmpfs dev /dev
+mkdir -p /dev/shm
+for folder in app tmp dev/shm; do mount -t tmpfs -o uid=1000,gid=1000 tmpfs "/$folder"; done
+mount -t tmpfs -o uid=1000,gid=1000,mode=0755,size=262144 tmpfs /small
+ip link set lo up
+ip address add 10.0.2.15/24 dev eth0
+ip link set eth0 up
+mkdir -p {pathlib.PurePath(SETTINGS).parent}
+cp /source/device/obd.conf {SETTINGS}
+chown -R 1000:1000 /app
+exec </dev/console >/dev/console 2>&1
+stty -echo
+echo ready
+# By a pipe: at a terminal it would talk. Not by cat, whose sendfile loses what is typed early.
+dd bs=1 2>/dev/null | sh
+"""
+# Runs a command as the web server's user, with what is set in the sandbox.
+AS_USER = ("cd /tmp; /bin/setpriv --reuid 1000 --regid 1000 --clear-groups env -i PATH=/bin:/sbin HOME=/tmp "
+           "LANG=C.UTF-8 PWD=/tmp VEMO_PORT=8080 VEMO_SANDBOX=machine")
+
+
+class Image:
+    """The disk of a machine, from unpacked packages and what was built."""
+
+    def __init__(self, architecture, build, folder):
+        self._root = ROOTS / architecture
+        self._tree = folder / "tree"
+        shutil.rmtree(folder, ignore_errors=True)
+        self._tree.mkdir(parents=True)
+        for name in ("bin", "sbin", "lib"):
+            (self._tree / "usr" / name).mkdir(parents=True)
+            (self._tree / name).symlink_to(f"usr/{name}")
+        for name in ("app", "build/tests", "dev", "proc", "small", "source", "srv", "sys", "tmp"):
+            (self._tree / name).mkdir(parents=True)
+        self._take_packages()
+        self._take_build(build)
+        self.path = folder / "disk"
+        subprocess.run(["mkfs.ext4", "-q", "-m", "0", "-O", "^has_journal", "-d", self._tree, self.path, "400M"],
+                       check=True)
+        shutil.rmtree(self._tree)
+
+    def _copy(self, source, target):
+        target = self._tree / target
+        target.mkdir(parents=True, exist_ok=True)
+        subprocess.run(["cp", "-a", *source, target], check=True)
+
+    def _take_packages(self):
+        root = self._root
+        # Busybox' setpriv sets no user.
+        self._copy([root / "usr/bin/busybox", root / "usr/bin/setpriv"], "usr/bin")
+        self._copy([root / "usr/sbin/lighttpd"], "usr/sbin")
+        self._copy([*root.glob("usr/lib/ld-linux*"), root / "usr/lib/lighttpd", root / "usr/lib/jvm"], "usr/lib")
+        self._copy(root.glob("etc/java-*"), "etc")
+        for folder in root.glob("usr/lib/*-linux-gnu*"):
+            libraries = [path for path in folder.glob("*.so*") if not path.name.startswith(SANITIZERS)]
+            self._copy(libraries, folder.relative_to(root))
+
+    def _take_build(self, build):
+        self._copy([build / "device"], "build")
+        self._copy([build / "setobdconf.cgi"], "build")
+        tests = build / "tests"
+        self._copy([tests / "program_tests", tests / "class_archive_tests", tests / "java-calls", tests / "java",
+                    *tests.glob("lib*.so")], "build/tests")
+        (self._tree / "srv/vemo").symlink_to("/build/device")
+        self._copy([SOURCE / "device/obd.conf"], "source/device")
+        paths = self._tree / "build/device/lighttpd-paths.conf"
+        text = paths.read_text(encoding="utf-8")
+        paths.write_text(text.replace('"127.0.0.1"', '"0.0.0.0"', 1), encoding="utf-8")
+        files = {"etc/passwd": "root:x:0:0::/:/bin/sh\nweb:x:1000:1000::/tmp:/bin/sh\n",
+                 "etc/group": "root:x:0:\nweb:x:1000:\n", "etc/hosts": "127.0.0.1 localhost\n", "init": INIT}
+        for path, text in files.items():
+            (self._tree / path).write_text(text, encoding="utf-8")
+
+
+class Device(booted.Device):
+    def __init__(self, architecture, build, folder, arguments=()):
+        super().__init__()
+        root = ROOTS / architecture
+        image = Image(architecture, build, folder)
+        kernel = machine.Kernel(root, architecture)
+        initramfs = folder / "initramfs"
+        machine.make_initramfs(initramfs, kernel, {}, INITRAMFS, machine.DISK + machine.EXT4 + machine.NETWORK,
+                               busybox=root / "usr/bin/busybox")
+        self.machine = machine.Machine(kernel, initramfs, [*machine.disk(image.path), *self.card(), *arguments],
+                                       memory_mib=512)
+        self.machine.wait_for("^ready$", booted.BOOT)
+
+    def start(self):
+        """Starts what the device starts."""
+        self.run(f"{AS_USER} sh /srv/vemo/start </dev/null >/tmp/start.log 2>&1 &")
+
+
+class Arm(booted.Requests, unittest.TestCase):
+    """In the order of their names."""
+
+    ARCHIVE = "/app/class-archive"
+
+    @classmethod
+    def setUpClass(cls):
+        folder = BUILD / "machine"
+        cls.device = Device(ARCHITECTURE, BUILD, folder)
+        cls.addClassCleanup(shutil.rmtree, folder)
+        cls.addClassCleanup(lambda: cls.device.machine.kill())
+        cls.device.start()
+        print(f"from power-on to the first page: {cls.device.wait_for_page():.1f} s", file=sys.stderr)
+
+    def settings(self):
+        return self.device.read(SETTINGS)
+
+    def settings_with(self, value):
+        return re.sub("(?m)^VEMODCanDetectTimeout=.*", f"VEMODCanDetectTimeout={value}", booted.shipped_settings())
+
+    def test_1_the_machine_is_what_it_says(self):
+        status, told = self.device.run("uname -m")
+        self.assertEqual((status, told.strip()), (0, {"arm64": "aarch64", "armhf": "armv7l"}[ARCHITECTURE]))
+
+    def test_1_the_class_archive_is_made_and_fits(self):
+        status, told = self.device.run(
+            f"{AS_USER} JAVA_OPTIONS=-XX:VMOptionsFile=/srv/vemo/java.options "
+            f"JAVA_CLASSPATH=/srv/vemo/java /srv/vemo/bin/class-archive fits {self.ARCHIVE}")
+        self.assertEqual(status, 0, told + self.device.read("/tmp/start.log"))
+
+    def test_2_without_the_field_nothing_is_stored(self):
+        before = self.settings()
+        status, page = self.device.get("/setobdconf.cgi")
+        self.assertEqual(status, 200)
+        self.assertIn('<p class="warn" >Option CanDetectTimeout not set</p>', page)
+        self.assertEqual(self.settings(), before)
+
+    def test_4_a_posted_value_is_stored_with_its_umlaut(self):
+        status, page = self.device.ask("POST", "/setobdconf.cgi", "CanDetectTimeout=8%FC0",
+                                       {"Content-Type": "application/x-www-form-urlencoded"})
+        self.assertEqual(status, 200)
+        self.assertIn("<p>Set CanDetectTimeout to 8\xfc0 ms.\n", page)
+        _, bytes_ = self.device.run(f"grep CanDetect {SETTINGS} | od -c | head -n 3")
+        self.assertIn("8 374   0", bytes_)
+
+    def test_4_what_the_web_server_refuses_is_not_stored(self):
+        before = self.settings()
+        form = {"Content-Type": "application/x-www-form-urlencoded"}
+        for what, expected, request in (
+                ("another name", 403, ("GET", "/setobdconf.cgi?CanDetectTimeout=1", None, {"Host": "foreign.example"})),
+                ("another site", 403, ("POST", "/setobdconf.cgi", "CanDetectTimeout=1",
+                                       {**form, "Origin": "http://foreign.example"})),
+                ("another method", 403, ("PUT", "/setobdconf.cgi", "CanDetectTimeout=1", form)),
+                ("a long body", 413, ("POST", "/setobdconf.cgi", "CanDetectTimeout=" + 8192 * "1", form))):
+            with self.subTest(what):
+                self.assertEqual(self.device.ask(*request)[0], expected)
+        self.assertEqual(self.settings(), before)
+
+    def test_4_the_sibling_pages_are_served(self):
+        for address, text in (("/index.html", "</html>"), ("/css/all.css", "body"),
+                              ("/channeldeviceconfig.cgi", "</html>\n"), ("/reboot.cgi", "</html>\n")):
+            with self.subTest(address):
+                status, page = self.device.get(address)
+                self.assertEqual(status, 200)
+                self.assertIn(text, page)
+
+    def test_5_the_nvm_client_talks_to_the_service(self):
+        status, told = self.device.run(f"{AS_USER} /build/device/bin/toggle-device-allocation")
+        self.assertEqual(status, 0, told)
+        self.assertIn("nvm", told.lower())
+        _, page = self.device.get("/channeldeviceconfig.cgi")
+        print(told, page)
+
+    def test_z_the_programs_own_tests_pass(self):
+        """Not those that start it in a namespace of its own: there is no bubblewrap. And none of processors
+        other than this one."""
+        self.device.run("kill $(pidof lighttpd) $(pidof nvm-service)")
+        for name, without in (("program_tests", "SettingsFile.StaysAsItWasOnAReadOnlyFileSystem:"
+                               "SettingsFile.IsRewrittenInPlaceWhenItIsMountedOnItsOwn"),
+                              ("class_archive_tests", "")):
+            with self.subTest(name):
+                status, told = self.device.run(
+                    f"{AS_USER} /build/tests/{name} --gtest_filter=-{without} >/{name}.log 2>&1; status=$?; "
+                    f"grep -E '^\\[  (PASSED|SKIPPED|FAILED) |^\\[=' /{name}.log; (exit $status)", TESTS_LIMIT)
+                print(told, file=sys.stderr)
+                self.assertEqual(status, 0, self.device.read(f"/{name}.log")[-20000:])
+
+
+if __name__ == "__main__":
+    BUILD = pathlib.Path(sys.argv.pop(1)).resolve()
+    ARCHITECTURE = sys.argv.pop(1)
+    for tool in (machine.ARCHITECTURES[ARCHITECTURE].emulator[0], "mkfs.ext4"):
+        assert shutil.which(tool), f"{tool} is missing"
+    unittest.main(verbosity=2)

@@ -1,0 +1,104 @@
+"""The booted device, as it is seen through its web server and on its console."""
+
+import http.client
+import pathlib
+import re
+import socket
+import time
+
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
+SETTINGS = "/app/tarn-belox/runvex/obd.conf"
+LOG = "/tmp/cgi.log"
+
+# Seconds. Every instruction is emulated, on a host that may be busy.
+BOOT = 600
+PAGE = 240
+
+
+def free_port():
+    with socket.socket() as listener:
+        listener.bind(("127.0.0.1", 0))
+        return listener.getsockname()[1]
+
+
+def shipped_settings():
+    return (SOURCE / "device/obd.conf").read_text(encoding="utf-8")
+
+
+class Device:
+    """A machine with a shell on its console, whose port 8080 is `port` here."""
+
+    def __init__(self):
+        self.port = free_port()
+        self._number = 0
+        self.machine = None
+        self.started = time.monotonic()
+
+    def card(self):
+        """QEMU's arguments for the network card, and for the chance that the machine needs at its start."""
+        return ["-netdev", f"user,id=card,restrict=on,hostfwd=tcp:127.0.0.1:{self.port}-:8080",
+                "-device", "virtio-net-pci,netdev=card", "-device", "virtio-rng-pci"]
+
+    def ask(self, method, address, body=None, headers=None, seconds=PAGE):
+        """Status and page; status 0 when nobody answers."""
+        client = http.client.HTTPConnection("localhost", self.port, timeout=seconds)
+        try:
+            client.request(method, address, body, headers or {})
+            answer = client.getresponse()
+            return answer.status, answer.read().decode("iso-8859-1")
+        except (OSError, http.client.HTTPException):
+            return 0, ""
+        finally:
+            client.close()
+
+    def get(self, address, seconds=PAGE):
+        return self.ask("GET", address, seconds=seconds)
+
+    def wait_for_page(self):
+        """Seconds from power-on to the first page."""
+        while True:
+            status, page = self.get("/setobdconf.cgi")
+            taken = time.monotonic() - self.started
+            if status == 200 and page.endswith("</html>\n"):
+                return taken
+            if taken > BOOT:
+                raise TimeoutError(f"{status} {page}\n{self.machine.console()[-3000:]}")
+            time.sleep(0.2)
+
+    def run(self, command, seconds=PAGE):
+        """Exit status and output of a command of the shell on the console."""
+        self._number += 1
+        mark = f"{self._number}-{self.port}"
+        # The mark is put together there, so that an echo of the order is none.
+        self.machine.send(f"stty -echo; echo '<'{mark}'>'; {{ {command}\n}} 2>&1; echo \"<$?/\"'{mark}>'\n")
+        found = self.machine.wait_for(rf"(?s)<{mark}>\n(.*?)<(\d+)/{mark}>", seconds)
+        return int(found[2]), found[1]
+
+    def read(self, path):
+        status, text = self.run(f"cat {path}")
+        if status != 0:
+            raise AssertionError(text)
+        return text
+
+
+class Requests:
+    """For a TestCase with `device`. `ARCHIVE`: the folder of its class archive."""
+
+    def test_3_page_settings_file_and_log_are_as_they_must_be(self):
+        _, before = self.device.run(f"wc -l <{LOG}")
+        status, page = self.device.get("/setobdconf.cgi?CanDetectTimeout=750")
+        self.assertEqual(status, 200)
+        self.assertIn("<p>Set CanDetectTimeout to 750 ms.\n</p>Set new option was successful.<br />\n", page)
+        self.assertEqual(self.device.read(SETTINGS), re.sub(
+            "(?m)^VEMODCanDetectTimeout=.*", "VEMODCanDetectTimeout=750", shipped_settings()))
+        _, lines = self.device.run(f"tail -n +{int(before) + 1} {LOG}")
+        texts = [line[line.index("src/"):].split(None, 2) for line in lines.splitlines()]
+        self.assertEqual([(text[0], text[1]) for text in texts],
+                         [("src/SetObdConf", "30"), ("src/JavaVmWrapper", "73"), ("src/JavaVmWrapper", "81"),
+                          ("src/JavaVmWrapper", "99"), ("src/JavaVmWrapper", "155")])
+        self.assertIn(f"{self.ARCHIVE}/java.options", texts[2][2])
+
+    def test_3_the_java_side_tells_the_devices_address(self):
+        """Also where the service may not ask the kernel by netlink, and sees nothing of /proc/net."""
+        _, page = self.device.get("/channeldeviceconfig.cgi")
+        self.assertIn("10.0.2.15", page)
