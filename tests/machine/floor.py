@@ -1,8 +1,8 @@
 """How little memory a device may have: a kernel, busybox, the web server, the programs, a Java runtime.
 
-    python3 -B tests/machine/floor.py BUILD             what docs/on-a-device.md tells, at its figures
-    python3 -B tests/machine/floor.py BUILD search      finds the figures
-    python3 -B tests/machine/floor.py BUILD try MIB     one request, then four at once, and what is told of them
+    python3 -B tests/machine/floor.py BUILD [Floor.TEST]    what docs/on-a-device.md tells, at its figures
+    python3 -B tests/machine/floor.py BUILD search          finds the figures
+    python3 -B tests/machine/floor.py BUILD try MIB         one request, then four at once, with so much left for them
 
 No swap; vm.overcommit_memory is the kernel's own, 0. What is in memory for good: the kernel, the shell that
 is its first process, the web server. The disk is ext4, with /tmp and /run on it.
@@ -235,10 +235,10 @@ def attempt(disk, available):
                              "dmesg | grep -iE 'out of memory|oom|killed' | tail -n 12")[1], flush=True)
 
 
-def told():
-    """What docs/on-a-device.md tells: the least MiB left, by the number of requests at once."""
-    return {int(row["requests at once"]): int(row["memory left for them"].removesuffix(" MiB"))
-            for row in pages.rows("docs/on-a-device.md") if "memory left for them" in row}
+def told(column="memory left for them"):
+    """What docs/on-a-device.md tells: the least MiB, by the number of requests at once."""
+    return {int(row["requests at once"]): int(row[column].removesuffix(" MiB"))
+            for row in pages.rows("docs/on-a-device.md") if column in row}
 
 
 class Floor(unittest.TestCase):
@@ -254,31 +254,39 @@ class Floor(unittest.TestCase):
             with self.subTest(requests):
                 self.assertTrue(serves(self.disk, mib + MARGIN, requests))
 
+    def test_a_machine_with_little_more_memory_in_all_serves_requests(self):
+        for requests, mib in told("all memory, with Debian's cloud kernel").items():
+            with self.subTest(requests):
+                self.assertTrue(boots(self.disk, mib + MARGIN, requests))
+
     def test_far_below_it_the_page_is_cut_the_logs_tell_and_nothing_is_lost(self):
         with Device(self.disk, MACHINE) as device:
             device.wait_until_ready()
             device.leave(told()[1] // 2)
             answer = Answer(device.port, 1000)
-            self.assertEqual(answer.status, 200)
-            self.assertNotIn(SUCCESS, answer.page)
-            self.assertNotIn("</html>", answer.page)
-            end = re.search(r"CGI pid (\d+) died with signal (9|14)$", device.read(ERRORS), re.MULTILINE)
-            self.assertIsNotNone(end, device.read(ERRORS))
+            # A minute is not always enough for the page's head. Then the server says it in a page of its own.
+            self.assertIn(answer.status, (200, 500), answer)
+            self.assertNotIn("<h2>", answer.page)
+            # The server says it when it has seen the end, which it may after it answered.
+            _, errors = device.run(f"for try in 1 2 3 4 5; do grep 'died with' {ERRORS} && break; sleep 1; done; "
+                                   f"cat {ERRORS}")
+            end = re.search(r"CGI pid (\d+) died with signal (9|14)$", errors, re.MULTILINE)
+            self.assertIsNotNone(end, errors)
             print(f"{answer}; {end[0]}")
             if end[2] == "9":
                 self.assertRegex(device.run("dmesg")[1], rf"Out of memory: Killed process {end[1]} \(setobdconf")
-            self.expect_whole(device, (300, 1000))
+            self.expect_whole(device, 300)
             # As soon as there is memory again, without a start of anything.
             device.run("umount /taken")
             answer = Answer(device.port, 2000)
             self.assertTrue(answer.is_served(), answer)
-            self.expect_whole(device, (2000,))
+            self.expect_whole(device, 2000)
 
-    def expect_whole(self, device, values):
-        """The settings file holds one of these values, and all else as it was; the log whole lines."""
+    def expect_whole(self, device, value):
+        """The settings file holds this value, and all else as it was; the log whole lines."""
         shipped = booted.shipped_settings()
-        self.assertIn(device.read(booted.SETTINGS),
-                      [re.sub("(?m)^(VEMODCanDetectTimeout)=.*", rf"\1={value}", shipped) for value in values])
+        self.assertEqual(device.read(booted.SETTINGS),
+                         re.sub("(?m)^(VEMODCanDetectTimeout)=.*", rf"\1={value}", shipped))
         log = device.read(booted.LOG)
         self.assertTrue(log.endswith("\n"))
         for line in log.splitlines():
@@ -299,11 +307,11 @@ def main():
         case ["try", mib]:
             make_disk(disk)
             attempt(disk, int(mib))
-        case []:
+        case [*test] if all(name.startswith("Floor") for name in test):
             if reason := root.why_not():
                 print(f"skipped '{reason}'\nOK (skipped=1)")
                 return
-            unittest.main(argv=sys.argv[:1], verbosity=2)
+            unittest.main(argv=sys.argv[:1] + test, verbosity=2)
         case _:
             sys.exit(__doc__)
 
