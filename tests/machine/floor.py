@@ -34,7 +34,7 @@ MODULES = pathlib.Path("/usr/lib/lighttpd")
 ERRORS = "/var/log/web-server"
 ARCHIVE = "/var/cache/vemo-web/archive"
 PROGRAM = "/usr/libexec/vemo-web/setobdconf.cgi"
-LOG_LINE = re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6}  (DEBUG|ERROR) +cgi +\d+ +src/\S+ +\d+ +\S.*")
+LOG_LINE = re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6}  (DEBUG|ERROR) +cgi +\d+ +src/\S+ +\d+ +\S.*\n")
 SUCCESS = "Set new option was successful."
 # Seconds. The gate ends a program after 60.
 LIMIT = 150
@@ -65,6 +65,8 @@ if [ "$task" = archive ]; then
 fi
 su vemo-web -c "exec {WEB_SERVER} -D -f /usr/share/vemo-web/lighttpd.conf" 2>>{ERRORS} </dev/null &
 echo -1000 >/proc/self/oom_score_adj
+: >>{booted.LOG}
+chown vemo-web {booted.LOG}
 echo ready
 exec setsid -c sh -c "while true; do sh; done" <>/dev/console >&0 2>&1
 """
@@ -262,7 +264,7 @@ class Floor(unittest.TestCase):
     def test_far_below_it_the_page_is_cut_the_logs_tell_and_nothing_is_lost(self):
         with Device(self.disk, MACHINE) as device:
             device.wait_until_ready()
-            device.leave(told()[1] // 2)
+            device.leave(told()[1] * 2 // 3)
             answer = Answer(device.port, 1000)
             # A minute is not always enough for the page's head. Then the server says it in a page of its own.
             self.assertIn(answer.status, (200, 500), answer)
@@ -288,9 +290,7 @@ class Floor(unittest.TestCase):
         self.assertEqual(device.read(booted.SETTINGS),
                          re.sub("(?m)^(VEMODCanDetectTimeout)=.*", rf"\1={value}", shipped))
         log = device.read(booted.LOG)
-        self.assertTrue(log.endswith("\n"))
-        for line in log.splitlines():
-            self.assertRegex(line, f"^{LOG_LINE.pattern}$")
+        self.assertEqual([line for line in log.splitlines(True) if not LOG_LINE.fullmatch(line)], [])
 
 
 def main():
