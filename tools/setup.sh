@@ -13,9 +13,10 @@ TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang libclang-rt-14-
 # compile against and to run.
 CROSS_PACKAGES=(g++-aarch64-linux-gnu g++-arm-linux-gnueabihf mmdebstrap)
 SYSROOT_PACKAGES=(libc6 libstdc++6 libcgicc-dev libxml2-dev libmicrohttpd-dev openjdk-17-jre-headless
-  libgtest-dev libgmock-dev librapidcheck-dev lighttpd)
+  libgtest-dev libgmock-dev librapidcheck-dev lighttpd busybox-static)
+declare -A SYSROOT_KERNEL=([arm64]=linux-image-cloud-arm64 [armhf]=linux-image-armmp-lpae)
 # What ./test --long needs beside these, and beside PACKAGING_PACKAGES.
-LONG_TEST_PACKAGES=(lintian mmdebstrap)
+LONG_TEST_PACKAGES=(lintian mmdebstrap qemu-system-arm)
 # A Node.js from elsewhere brings its own.
 command -v npm >/dev/null || TEST_PACKAGES+=(npm)
 # Another JDK can take the place of Debian's.
@@ -127,13 +128,15 @@ fetch_kernel() {
     fail "the kernel cannot be fetched: is there a network?"
 }
 
-# make_sysroot ARCHITECTURE: unpacks SYSROOT_PACKAGES of another Debian architecture in build/roots.
+# make_sysroot ARCHITECTURE: unpacks SYSROOT_PACKAGES of another Debian architecture, and a kernel, in
+# build/roots.
 make_sysroot() {
-  local folder=build/roots/$1 wanted="${SYSROOT_PACKAGES[*]}"
+  local folder=build/roots/$1 packages=("${SYSROOT_PACKAGES[@]}" "${SYSROOT_KERNEL[$1]}") wanted
+  wanted="$(cksum <tools/make-sysroot) ${packages[*]}"
   [[ $(cat "$folder.packages" 2>/dev/null) != "$wanted" ]] || return 0
   echo "Unpacking packages of $1"
   mkdir -p build/roots
-  quietly "$folder.log" as_root tools/make-sysroot "$1" "$folder" "${SYSROOT_PACKAGES[@]}" ||
+  quietly "$folder.log" as_root tools/make-sysroot "$1" "$folder" "${packages[@]}" ||
     fail "the packages of $1 cannot be unpacked: is there a network?"
   echo "$wanted" >"$folder.packages"
 }

@@ -2,12 +2,14 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -46,6 +48,10 @@ class RemovedFile {
 bool ReadAll(int descriptor, std::string& text) {
   struct stat status {};
   fstat(descriptor, &status);
+  // A 32-bit machine cannot hold it: its length is none there, or a wrong one.
+  if (static_cast<std::uintmax_t>(status.st_size) >= text.max_size()) {
+    return false;
+  }
   text.resize(static_cast<std::size_t>(status.st_size) + 1);
   std::size_t length = 0;
   while (true) {
@@ -90,13 +96,15 @@ bool WriteAll(int descriptor, const std::string& text) {
 bool ResolveLinks(fs::path& path) {
   constexpr int MOST_LINKS = 40;
   for (int links = 0; links <= MOST_LINKS; ++links) {
-    std::error_code error;
-    const fs::path target = fs::read_symlink(path, error);
-    if (error) {
+    // Not the standard library's: that of a 32-bit machine asks for the file's times as well, and
+    // fails where one is after 2038.
+    char target[PATH_MAX];
+    const ssize_t length = readlink(path.c_str(), target, sizeof target);
+    if (length < 0) {
       // No link, or nothing there.
-      return error == std::errc::invalid_argument || error == std::errc::no_such_file_or_directory;
+      return errno == EINVAL || errno == ENOENT;
     }
-    path = path.parent_path() / target;
+    path = path.parent_path() / std::string(target, static_cast<std::size_t>(length));
   }
   return false;
 }

@@ -39,13 +39,13 @@ def newest_source():
     return max(file.lstat().st_mtime for file in files)
 
 
-def packages(build, version=None):
+def packages(build, version=None, architecture=None):
     """The Debian packages by their names, made when they are missing or older than what is in them; with
-    another version, repacked."""
-    folder = build / "packages"
+    another version, repacked. Without an architecture this machine's."""
+    folder = build / (f"packages-{architecture}" if architecture else "packages")
     made = folder / "SHA256SUMS"
     if not made.exists() or made.stat().st_mtime < newest_source():
-        subprocess.run([SOURCE / "package"], check=True)
+        subprocess.run([SOURCE / "package", *([architecture] if architecture else [])], check=True)
     made = {file.name.split("_")[0]: file for file in folder.glob("*.deb")}
     if version is None:
         return made

@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -5,6 +6,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <fstream>
 #include <sstream>
 
@@ -103,6 +105,19 @@ TEST_F(FileReplacement, ReplacesTheContent) {
     EXPECT_TRUE(ReplaceFile(path, text));
     EXPECT_EQ(ReadText(path), text);
   }
+}
+
+// A file system gives a time of no 32 bits, and with it, where they were too few, no answer at all.
+TEST_F(FileReplacement, ReplacesAFileDatedAfter2038) {
+  WriteText(path, OLD);
+  const timespec date = {2209032000, 0};
+  const timespec dates[] = {date, date};
+  ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), dates, 0), 0);
+  std::string text;
+  EXPECT_EQ(ReadFile(path, text), ReadResult::kRead);
+  EXPECT_EQ(text, OLD);
+  EXPECT_TRUE(ReplaceFile(path, NEW));
+  EXPECT_EQ(ReadText(path), NEW);
 }
 
 TEST_F(FileReplacement, FindsTheFileOfTheWorkingFolder) {
@@ -372,6 +387,21 @@ TEST_F(FileReading, GivesTheWholeText) {
     EXPECT_EQ(text, content);
   }
 }
+
+#if SIZE_MAX <= 0xffffffff
+// Whoever took its length for less would store a piece of it.
+TEST_F(FileReading, TellsAFileThatNoMemoryHolds) {
+  WriteText(path, OLD);
+  for (const std::uintmax_t size :
+       {1ULL << 31, (1ULL << 32) - 1, 1ULL << 32, (1ULL << 32) + OLD.size()}) {
+    SCOPED_TRACE(size);
+    fs::resize_file(path, size);
+    std::string text;
+    EXPECT_EQ(ReadFile(path, text), ReadResult::kUnreadable);
+    EXPECT_EQ(text, "");
+  }
+}
+#endif
 
 TEST_F(FileReading, TellsAMissingFile) {
   EXPECT_EQ(Read(), ReadResult::kMissing);

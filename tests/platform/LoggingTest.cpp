@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <future>
 #include <sstream>
 
@@ -150,6 +151,12 @@ TEST(LogEvent, TellsItsLocalTimeWithMicroseconds) {
   tzset();
 }
 
+TEST(LogEvent, TellsATimeAfter2038) {
+  LogEvent event;
+  event.time = {2209032000, 7};
+  EXPECT_EQ(event.GetDateTimeUsec().substr(0, 5), "2040-");
+}
+
 TEST(LogEvent, IsOfThisMomentAndThisProcess) {
   const LogEvent event;
   EXPECT_LE(std::abs(event.time.tv_sec - std::time(nullptr)), 5);
@@ -225,6 +232,19 @@ TEST_F(LogClientFileTest, SaysOnceThatItCannotOpen) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "Can't open log file /nowhere/client.log: No such file or directory\n");
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+}
+
+// Nothing but its end takes room on the disk.
+TEST_F(LogClientFileTest, AppendsBeyondTheOffsetsOf32Bits) {
+  for (const std::uintmax_t size : {(1ULL << 31) - 3, (1ULL << 32) - 3, 5ULL << 30}) {
+    SCOPED_TRACE(size);
+    WriteText(path, "");
+    std::filesystem::resize_file(path, size);
+    LogClientFile(path, true).HandleEvent(EventWithMessage("the end"));
+    std::ifstream file(path, std::ios::binary);
+    file.seekg(static_cast<std::streamoff>(size));
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), "the end\n");
+  }
 }
 
 TEST_F(LogClientFileTest, SaysOnceThatItCannotWrite) {
