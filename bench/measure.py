@@ -106,6 +106,8 @@ def other_vms():
     """Name and folder of each other VM of the machine."""
     own = Path(own_vm()).resolve()
     found = {library.resolve().parents[2] for library in Path("/usr/lib/jvm").glob("*/lib/server/libjvm.so")}
+    # One that tools/make-java-runtime made.
+    found |= {library.parents[2] for library in Path("/build").glob("java-runtime/lib/server/libjvm.so")}
     return {folder.name: folder for folder in sorted(found - {own})}
 
 
@@ -588,9 +590,26 @@ def table(title, here, head, rows):
     return f"{title}\n{here}\n\n" + "\n".join(lines) + "\n"
 
 
+def vm_table(rounds):
+    """The request as shipped under each VM, against the program's own."""
+    compared = {}
+    own = Path(own_vm()).resolve().name
+    for name, vm in {own: None, **other_vms()}.items():
+        options = make_archive(Path(f"/tmp/class-archive-{name}"), vm)
+        compared[name] = ([PROGRAM], {**REQUEST, **DIRECTORY, **options, **libraries(vm)}, None)
+    costs = measure_costs(compared, rounds)
+    rows = ([name, *(spread(ratios(costs, kind, name, own))[0] for kind in ("cpu", "wall")),
+             f"{median(costs[name], 'peak') / 1024:.1f} MiB"] for name in costs)
+    return table(f"One request as shipped, against {own}: medians of {rounds} rounds, with their middle "
+                 "halves", machine(), ["", "CPU", "wall", "peak memory"], rows)
+
+
 def main():
     folder = Path(sys.argv[1])
     rounds = int(sys.argv[2])
+    if "--vms" in sys.argv:
+        print(vm_table(rounds))
+        return
     folder.mkdir(parents=True, exist_ok=True)
     make_archive(ARCHIVE)
     costs = measure_costs(subjects(), rounds)

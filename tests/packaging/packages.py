@@ -7,12 +7,17 @@ import contextlib
 import os
 import pathlib
 import re
+import shutil
 import subprocess
 import sys
 import time
 import unittest
 
 import root
+
+sys.path.append(str(root.SOURCE / "tests/docs"))
+
+import pages  # noqa: E402
 
 BUILD = pathlib.Path(sys.argv.pop(1)).resolve()
 
@@ -66,6 +71,50 @@ class InRoot(unittest.TestCase):
 
     def read(self, path):
         return self.device.file(path).read_text(encoding="utf-8")
+
+
+class Sizes(InRoot):
+    """docs/on-a-device.md tells what a bare Debian 12 has to fetch and to keep, in MB of apt's."""
+
+    def measured(self, package):
+        file = self.made.get(package)
+        needs_us = package == "vemo-web-standin"
+        wanted = [self.made["vemo-web"]] if needs_us else []
+        if file:
+            wanted.append(file)
+            fields = subprocess.run(["dpkg-deb", "--field", file], capture_output=True, text=True,
+                                    check=True).stdout
+            fetched = file.stat().st_size / 1e6
+        else:
+            # Of a package of Debian's, apt's lists in the bare root know all.
+            fields = self.device.run("apt-cache", "show", "--no-all-versions", package)
+            fetched = int(re.search(r"^Size: (\d+)", fields, re.MULTILINE)[1]) / 1e6
+        kept = int(re.search(r"^Installed-Size: (\d+)", fields, re.MULTILINE)[1]) * 1024 / 1e6
+        for one in wanted:
+            shutil.copy(one, self.device.file("/root"))
+        told = self.device.run("apt-get", "-q", "--assume-no", "--no-install-recommends", "install",
+                               *([f"/root/{one.name}" for one in wanted] or [package]), status=None)
+        return {"fetched": fetched, "on the disk": kept,
+                "packages": int(re.search(r"(\d+) newly installed", told)[1]),
+                "fetched with them": float(re.search(r"([\d.]+) MB of archives", told)[1]),
+                "on the disk with them": float(re.search(r"([\d.]+) MB of additional", told)[1])}
+
+    def test_what_the_packages_take_is_told_within_a_tenth(self):
+        rows = [row for row in pages.rows("docs/on-a-device.md") if "fetched with them" in row]
+        self.assertGreater(len(rows), len(self.made))
+        for row in rows:
+            package = pages.code(row["package"])[0]
+            with self.subTest(package):
+                found = self.measured(package)
+                print(package, {what: round(size, 2) for what, size in found.items()})
+                for what, size in found.items():
+                    self.assertAlmostEqual(float(row[what]), size, delta=size / 10, msg=what)
+
+    def test_what_a_made_java_runtime_takes_is_told_within_a_tenth(self):
+        runtime = BUILD / "java-runtime"
+        found = sum(file.stat().st_size for file in runtime.rglob("*") if file.is_file()) / 1e6
+        told = float(re.search(r"makes one of (\d+) MB", pages.read("docs/on-a-device.md"))[1])
+        self.assertAlmostEqual(told, found, delta=found / 10)
 
 
 class LifeCycle(InRoot):

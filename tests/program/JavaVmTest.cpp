@@ -72,6 +72,12 @@ class RealVm : public testing::Test {
   void SetUp() override { ResetDevice(); }
 };
 
+TEST_F(RealVm, IsTheOneInFrontOfTheProgramsOwn) {
+  const Result loaded = Execute({{PROGRAM}, {{"LD_TRACE_LOADED_OBJECTS", "1"}}});
+  const std::string folder = VmInFront().empty() ? "/lib/server" : " " + VmInFront();
+  EXPECT_THAT(loaded.output, HasSubstr(folder + "/libjvm.so ("));
+}
+
 TEST_F(RealVm, WithoutOptionsTheLogShowsANullText) {
   ExpectSuccess(Execute(RequestWith("/srv/vemo/java")));
   EXPECT_THAT(LoggedStatements(), Contains("DEBUG src/JavaVmWrapper 81 JAVA_OPTIONS: (null)"));

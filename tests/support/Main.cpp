@@ -1,5 +1,8 @@
 // Runs the tests of one binary inside the device's sandbox, so that they and the programs they
 // start have an /app and a /tmp of their own. Outside it, the binary starts itself again inside.
+//
+// --java-vm=FOLDER: the programs find that folder's libjvm.so before the one that they are linked
+// to.
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -10,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "Process.h"
 #include "Sandbox.h"
 #include "SmallDisk.h"
 
@@ -22,6 +26,16 @@ bool HasArgument(int argc, char** argv, const std::string& wanted) {
     }
   }
   return false;
+}
+
+std::string ValueOfArgument(int argc, char** argv, const std::string& name) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string word = argv[i];
+    if (word.rfind(name + "=", 0) == 0) {
+      return word.substr(name.size() + 1);
+    }
+  }
+  return "";
 }
 
 [[noreturn]] void RestartInSandbox(int argc, char** argv) {
@@ -62,5 +76,6 @@ int main(int argc, char** argv) {
     RestartInSandbox(argc, argv);
   }
   testing::InitGoogleTest(&argc, argv);
+  PutVmInFront(ValueOfArgument(argc, argv, "--java-vm"));
   return RUN_ALL_TESTS();
 }

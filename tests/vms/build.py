@@ -1,0 +1,63 @@
+"""A program built with one JDK runs under every other: the same page, settings file and log.
+
+    python3 -B tests/vms/build.py BUILD
+"""
+
+import os
+import pathlib
+import re
+import subprocess
+import sys
+
+import vms
+
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
+BUILD = pathlib.Path(sys.argv[1]).resolve()
+REQUEST = """
+export REQUEST_METHOD=GET QUERY_STRING=CanDetectTimeout=750 JAVA_CLASSPATH=/srv/vemo/java
+export JAVA_OPTIONS=-XX:VMOptionsFile=/source/device/java.options
+mkdir -p /app/tarn-belox/runvex
+cp /source/device/obd.conf /app/tarn-belox/runvex
+LD_TRACE_LOADED_OBJECTS=1 /build/setobdconf.cgi | grep -o '/.*/libjvm.so' || exit
+/build/setobdconf.cgi
+echo "status $?"
+cat /app/tarn-belox/runvex/obd.conf /tmp/cgi.log
+"""
+
+
+def build(home):
+    """The program and the device's class, by this JDK; their build folder."""
+    folder = BUILD / "with" / home.name
+    environment = {**os.environ, "JAVA_HOME": str(home)}
+    for command in (["cmake", "-S", SOURCE, "-B", folder, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Release",
+                     "-DBUILD_TESTING=OFF", "-DCMAKE_COMPILE_WARNING_AS_ERROR=ON"],
+                    ["cmake", "--build", folder, "--target", "setobdconf.cgi", "device-java"]):
+        subprocess.run(command, env=environment, stdout=subprocess.DEVNULL, check=True)
+    return folder
+
+
+def request(folder, home):
+    """All that a request leaves, but for times and process numbers."""
+    told = subprocess.run(
+        [SOURCE / "device/sandbox", folder, "--private-network", "--read-only", SOURCE, "/source", "--",
+         "/usr/bin/env", f"LD_LIBRARY_PATH={home}/lib/server", "/bin/sh", "-c", REQUEST],
+        capture_output=True, check=True, encoding="iso-8859-1").stdout
+    library, rest = told.split("\n", 1)
+    if pathlib.Path(library) != home / "lib/server/libjvm.so":
+        raise SystemExit(f"under {home} the program loads {library}")
+    return re.sub(r"(?m)^\S+ \S+(  (?:DEBUG|ERROR) +\S+ +)\d+", r"\1", rest)
+
+
+homes = vms.all_vms()
+seen = {}
+for builder in homes.values():
+    built = build(builder)
+    for runner in homes.values():
+        seen[f"built with {builder.name}, run with {runner.name}"] = request(built, runner)
+first, *others = seen.items()
+if "VEMODCanDetectTimeout=750\n" not in first[1] or "\nstatus 0\n" not in first[1]:
+    sys.exit(f"{first[0]}:\n{first[1]}")
+for name, left in others:
+    print(name)
+    if left != first[1]:
+        sys.exit(f"{name}:\n{left}\nand {first[0]}:\n{first[1]}")
