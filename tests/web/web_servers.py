@@ -59,9 +59,9 @@ def settings_with(value):
 
 
 def is_program_running():
-    for link in pathlib.Path("/proc").glob("[0-9]*/exe"):
+    for process in filter(str.isdigit, os.listdir("/proc")):
         with contextlib.suppress(OSError):
-            if os.readlink(link).endswith(".cgi"):
+            if os.readlink(f"/proc/{process}/exe").endswith(".cgi"):
                 return True
     return False
 
