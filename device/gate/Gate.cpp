@@ -19,8 +19,7 @@
 //                      more bytes is answered "413 Content Too Large", one in chunks "411 Length
 //                      Required", one that is cut or does not come in time "400 Bad Request"
 //   CGI_GATE_APART     optional, for a web server that kills programs whose client has gone: when
-//   it
-//                      is set, the program runs in a process of its own
+//                      set, the program runs in a process of its own
 //
 // Nobody has to watch the program: the kernel keeps the alarm and the lock for it over the exec,
 // ends it with SIGALRM when its time is over, and gives the place free when it ends, however that
