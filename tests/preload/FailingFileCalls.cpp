@@ -90,9 +90,23 @@ std::string Octal(mode_t mode) {
   return text;
 }
 
+// What the C library calls it: on a 32-bit machine what takes wide offsets and times has another
+// name, and the headers give it to ours too.
+std::string NameInLibrary(const std::string& name) {
+  if (sizeof(void*) == 8) {
+    return name;
+  }
+  if (name == "stat" || name == "fstat" || name == "lstat") {
+    return "__" + name + "64_time64";
+  }
+  const bool isWide =
+      name == "open" || name == "pwrite" || name == "ftruncate" || name == "posix_fallocate";
+  return isWide ? name + "64" : name;
+}
+
 template <typename Function>
 Function* Real(Function*, const char* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, NameInLibrary(name).c_str()));
 }
 
 }  // namespace
