@@ -18,7 +18,7 @@ sys.path.append(str(SOURCE / "tests/machine"))
 
 import booted  # noqa: E402
 import machine  # noqa: E402
-from booted import LOG, PAGE, SETTINGS  # noqa: E402
+from booted import SETTINGS  # noqa: E402
 
 ROOTS = SOURCE / "build/roots"
 TESTS_LIMIT = 1800
@@ -183,7 +183,8 @@ class Arm(booted.Requests, unittest.TestCase):
         before = self.settings()
         form = {"Content-Type": "application/x-www-form-urlencoded"}
         for what, expected, request in (
-                ("another name", 403, ("GET", "/setobdconf.cgi?CanDetectTimeout=1", None, {"Host": "foreign.example"})),
+                ("another name", 403, ("GET", "/setobdconf.cgi?CanDetectTimeout=1", None,
+                                       {"Host": "foreign.example"})),
                 ("another site", 403, ("POST", "/setobdconf.cgi", "CanDetectTimeout=1",
                                        {**form, "Origin": "http://foreign.example"})),
                 ("another method", 403, ("PUT", "/setobdconf.cgi", "CanDetectTimeout=1", form)),
@@ -214,7 +215,8 @@ class Arm(booted.Requests, unittest.TestCase):
         # They expect no address but the loopback's.
         self.device.run("kill $(pidof lighttpd) $(pidof nvm-service); ip link set eth0 down")
         status, told = self.device.run(
-            f"{AS_USER} /build/tests/program_tests --gtest_brief=1 --gtest_filter=-{':'.join(NOT_HERE)}", TESTS_LIMIT)
+            f"{AS_USER} /build/tests/program_tests --gtest_brief=1 --gtest_filter=-{':'.join(NOT_HERE)}",
+            TESTS_LIMIT)
         print(told, file=sys.stderr)
         self.assertEqual(status, 0, told)
 

@@ -85,6 +85,18 @@ class Hardening(unittest.TestCase):
                 main = told(objdump, "--disassemble=main", "--no-show-raw-insn", file)
                 self.assertRegex(main, rf"<main>:\n\s+[0-9a-f]+:\s+({first})")
 
+    def test_offsets_and_times_are_wide(self):
+        """On 32-bit machines the C library has two of each of these; the narrow ones end at 2 GiB, and in 2038."""
+        if MACHINE != ARM_32:
+            return
+        narrow = set("open openat creat fopen freopen mkstemp lseek fseeko ftello pread pwrite truncate ftruncate "
+                     "posix_fallocate fallocate stat fstat lstat fstatat readdir fcntl sendfile time gettimeofday "
+                     "clock_gettime nanosleep localtime localtime_r gmtime gmtime_r mktime utimensat futimens "
+                     "select ppoll sigtimedwait recvmsg setsockopt getrlimit setrlimit".split())
+        for file in DYNAMIC:
+            with self.subTest(file.name):
+                self.assertEqual(undefined(file) & narrow, set())
+
     def test_calls_that_tests_watch_keep_their_names(self):
         for file in DYNAMIC:
             with self.subTest(file.name):

@@ -90,9 +90,13 @@ std::string Octal(mode_t mode) {
   return text;
 }
 
+// The next of the same name. That is not always the name in the source: with wide offsets and times
+// the calls have others on 32-bit machines.
 template <typename Function>
-Function* Real(Function*, const char* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+Function* Real(Function* own) {
+  Dl_info symbol = {};
+  dladdr(reinterpret_cast<void*>(own), &symbol);
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, symbol.dli_sname));
 }
 
 }  // namespace
@@ -110,7 +114,7 @@ int open(const char* path, int flags, ...) {
   if (FailsOn(path, "open", (flags & O_CREAT) != 0 ? " " + Octal(mode) : "")) {
     return -1;
   }
-  const int descriptor = Real(open, "open")(path, flags, mode);
+  const int descriptor = Real(open)(path, flags, mode);
   if (descriptor >= 0 && !NameOf(path).empty()) {
     Names()[descriptor] = NameOf(path);
   }
@@ -122,45 +126,41 @@ int close(int descriptor) {
   const bool fails = FailsOn(descriptor, "close");
   const int error = errno;
   Names().erase(descriptor);
-  const int result = Real(close, "close")(descriptor);
+  const int result = Real(close)(descriptor);
   errno = fails ? error : errno;
   return fails ? -1 : result;
 }
 
 ssize_t read(int descriptor, void* data, size_t size) {
   size = Piece(descriptor, size);
-  return FailsOn(descriptor, "read") ? -1 : Real(read, "read")(descriptor, data, size);
+  return FailsOn(descriptor, "read") ? -1 : Real(read)(descriptor, data, size);
 }
 
 ssize_t write(int descriptor, const void* data, size_t size) {
   const bool fails = FailsOn(descriptor, "write", " " + std::to_string(size));
-  return fails ? -1 : Real(write, "write")(descriptor, data, Piece(descriptor, size));
+  return fails ? -1 : Real(write)(descriptor, data, Piece(descriptor, size));
 }
 
 ssize_t pwrite(int descriptor, const void* data, size_t size, off_t offset) {
   size = Piece(descriptor, size);
-  return FailsOn(descriptor, "pwrite") ? -1
-                                       : Real(pwrite, "pwrite")(descriptor, data, size, offset);
+  return FailsOn(descriptor, "pwrite") ? -1 : Real(pwrite)(descriptor, data, size, offset);
 }
 
 int fsync(int descriptor) {
-  return FailsOn(descriptor, "fsync") ? -1 : Real(fsync, "fsync")(descriptor);
+  return FailsOn(descriptor, "fsync") ? -1 : Real(fsync)(descriptor);
 }
 
 int ftruncate(int descriptor, off_t length) noexcept {
-  return FailsOn(descriptor, "ftruncate") ? -1 : Real(ftruncate, "ftruncate")(descriptor, length);
+  return FailsOn(descriptor, "ftruncate") ? -1 : Real(ftruncate)(descriptor, length);
 }
 
 int posix_fallocate(int descriptor, off_t offset, off_t length) {
-  return FailsOn(descriptor, "posix_fallocate")
-             ? errno
-             : Real(posix_fallocate, "posix_fallocate")(descriptor, offset, length);
+  return FailsOn(descriptor, "posix_fallocate") ? errno
+                                                : Real(posix_fallocate)(descriptor, offset, length);
 }
 
 int fchmod(int descriptor, mode_t mode) noexcept {
-  return FailsOn(descriptor, "fchmod", " " + Octal(mode))
-             ? -1
-             : Real(fchmod, "fchmod")(descriptor, mode);
+  return FailsOn(descriptor, "fchmod", " " + Octal(mode)) ? -1 : Real(fchmod)(descriptor, mode);
 }
 
 int fchown(int descriptor, uid_t user, gid_t group) noexcept {
@@ -168,26 +168,24 @@ int fchown(int descriptor, uid_t user, gid_t group) noexcept {
   if (FailsOn(descriptor, "fchown", owner)) {
     return -1;
   }
-  return Setting("FAILING_FILE_CALLS_OWNER").empty()
-             ? Real(fchown, "fchown")(descriptor, user, group)
-             : 0;
+  return Setting("FAILING_FILE_CALLS_OWNER").empty() ? Real(fchown)(descriptor, user, group) : 0;
 }
 
 int flock(int descriptor, int operation) noexcept {
   const bool fails =
       FailsOn(descriptor, "flock", (operation & LOCK_SH) != 0 ? " shared" : " exclusive");
-  return fails ? -1 : Real(flock, "flock")(descriptor, operation);
+  return fails ? -1 : Real(flock)(descriptor, operation);
 }
 
 int fstat(int descriptor, struct stat* status) noexcept {
-  return FailsOn(descriptor, "fstat") ? -1 : Real(fstat, "fstat")(descriptor, status);
+  return FailsOn(descriptor, "fstat") ? -1 : Real(fstat)(descriptor, status);
 }
 
 int stat(const char* path, struct stat* status) noexcept {
   if (FailsOn(path, "stat")) {
     return -1;
   }
-  const int result = Real(stat, "stat")(path, status);
+  const int result = Real(stat)(path, status);
   const std::string owner = Setting("FAILING_FILE_CALLS_OWNER");
   if (!owner.empty() && !NameOf(path).empty()) {
     std::sscanf(owner.c_str(), "%u %u", &status->st_uid, &status->st_gid);
@@ -196,15 +194,15 @@ int stat(const char* path, struct stat* status) noexcept {
 }
 
 int lstat(const char* path, struct stat* status) noexcept {
-  return FailsOn(path, "lstat") ? -1 : Real(lstat, "lstat")(path, status);
+  return FailsOn(path, "lstat") ? -1 : Real(lstat)(path, status);
 }
 
 ssize_t readlink(const char* path, char* target, size_t size) noexcept {
-  return FailsOn(path, "readlink") ? -1 : Real(readlink, "readlink")(path, target, size);
+  return FailsOn(path, "readlink") ? -1 : Real(readlink)(path, target, size);
 }
 
 int rename(const char* from, const char* to) noexcept {
-  return FailsOn(from, "rename", " " + NameOf(to)) ? -1 : Real(rename, "rename")(from, to);
+  return FailsOn(from, "rename", " " + NameOf(to)) ? -1 : Real(rename)(from, to);
 }
 
 }  // extern "C"

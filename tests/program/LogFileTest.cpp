@@ -4,6 +4,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
 #include "ExpectedPage.h"
 #include "Files.h"
 #include "LogLine.h"
@@ -53,6 +58,22 @@ class LogWrites : public NoSettings {
 
   static constexpr char RECORD[] = "/tmp/writes";
 };
+
+// Where offsets of 32 bits end. Nothing but the end takes room on the disk.
+TEST_F(LogWrites, GoOnBeyondTwoAndFourGiB) {
+  for (const std::uintmax_t size : {(1ULL << 31) - 3, (1ULL << 32) - 3, 5ULL << 30}) {
+    SCOPED_TRACE(size);
+    WriteText(LOG_FILE, "");
+    std::filesystem::resize_file(LOG_FILE, size);
+    Execute(WithFakeVm(Get("CanDetectTimeout=500")));
+    std::ifstream log(LOG_FILE, std::ios::binary);
+    log.seekg(static_cast<std::streamoff>(size));
+    const std::string added(std::istreambuf_iterator<char>(log), {});
+    EXPECT_THAT(added, testing::EndsWith("\n"));
+    EXPECT_THAT(added, HasSubstr("src/SetObdConf"));
+    std::filesystem::remove(LOG_FILE);
+  }
+}
 
 TEST_F(LogWrites, EveryLineIsOne) {
   const auto writes = WritesOf(WithFakeVm(Get("")));
