@@ -35,3 +35,7 @@ find_path(JAVA_INCLUDE_PATH2 jni_md.h PATHS "${java_home}/include/linux" "${buil
 find_library(JAVA_JVM_LIBRARY jvm PATHS "${java_home}/lib/server" NO_DEFAULT_PATH NO_CMAKE_FIND_ROOT_PATH)
 find_program(Java_JAVAC_EXECUTABLE javac PATHS "${build_java_home}/bin"
   NO_DEFAULT_PATH NO_CMAKE_FIND_ROOT_PATH)
+if(CMAKE_CROSSCOMPILING)
+  # Not Debian's: the one in PATH.
+  find_program(Java_JAVAC_EXECUTABLE javac NO_CMAKE_FIND_ROOT_PATH)
+endif()
