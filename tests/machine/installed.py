@@ -132,7 +132,7 @@ class Installed(booted.Requests, browser_journey.Journey):
             with self.subTest(page=command.page, command=command.text):
                 status, told = self.device.run(f"bash -c {shlex.quote(commands.script(command, rule))}")
                 self.assertEqual(status, rule.status, told)
-                self.assertRegex(told, rule.says)
+                self.assertRegex(told, f"(?m){rule.says}")
         self.device.wait_for_page()
 
     def test_2_nothing_but_its_own_is_writable_for_the_service(self):
