@@ -96,7 +96,10 @@ configure() {
     find "$folder" -mindepth 1 -maxdepth 1 ! -name state ! -name npm -exec rm -rf {} +
   fi
   mkdir -p "$folder"
-  quietly "$folder/configure.log" cmake -S . -B "$folder" -G Ninja "$@" ||
+  local configure=(quietly "$folder/configure.log" cmake -S . -B "$folder" -G Ninja "$@")
+  "${configure[@]}" || fail "the build in $folder cannot be configured"
+  # Told another compiler than the folder had, CMake begins anew and forgets what else it was told.
+  ! grep -q 'require your cache to be deleted' "$folder/configure.log" || "${configure[@]}" ||
     fail "the build in $folder cannot be configured"
 }
 
