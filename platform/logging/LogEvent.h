@@ -6,6 +6,10 @@
 #include <cstdint>
 #include <string>
 
+// On 32-bit machines an event is as large as the library knows it only with
+// _FILE_OFFSET_BITS=64 and _TIME_BITS=64, which the library's CMake target brings.
+static_assert(sizeof(time_t) == 8);
+
 class LogEvent {
  public:
   // An empty event of this process and of this moment.

@@ -1,7 +1,8 @@
 #include "PropertiesIni.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
-#include <filesystem>
 #include <optional>
 #include <string_view>
 
@@ -238,9 +239,12 @@ std::string Comment(const std::string& header, std::string_view lineEnd) {
   return comment;
 }
 
+// The C++ library's own comparison fails on 32-bit machines for files dated after 2038.
 bool IsSameFile(const std::string& path, const std::string& other) {
-  std::error_code error;
-  return path == other || std::filesystem::equivalent(path, other, error);
+  struct stat one {};
+  struct stat two {};
+  return path == other || (stat(path.c_str(), &one) == 0 && stat(other.c_str(), &two) == 0 &&
+                           one.st_dev == two.st_dev && one.st_ino == two.st_ino);
 }
 
 }  // namespace
