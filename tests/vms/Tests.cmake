@@ -1,0 +1,47 @@
+# What has to do with Java, again under a VM in front of the program's own: the programs' RUNPATH gives way
+# to LD_LIBRARY_PATH, which the web server hands on. FOLDER is that of libjvm.so, as the sandbox sees it.
+# PROPERTIES: of all of these tests; without them the browser's is quick.
+function(add_tests_under_vm name folder)
+  cmake_parse_arguments(PARSE_ARGV 2 test "" "" PROPERTIES)
+  add_browser_test(browser_journey.${name} browser_journey ENV LD_LIBRARY_PATH=${folder})
+  if(test_PROPERTIES)
+    set_tests_properties(browser_journey.${name} PROPERTIES LABELS long ${test_PROPERTIES})
+  endif()
+  set(under EXTRA_ARGS --java-vm=${folder} TEST_SUFFIX .${name}
+    PROPERTIES TIMEOUT 300 LABELS long ${test_PROPERTIES})
+  foreach(binary program_tests page_tests)
+    gtest_discover_tests(${binary} TEST_FILTER
+      *RealVm*:JavaCalls.*:StartUpOptions.*:*BadOption*:*Processor*:SetOptionPage.*:SiblingPages.* ${under})
+  endforeach()
+  gtest_discover_tests(class_archive_tests ${under})
+endfunction()
+
+file(REAL_PATH "${JAVA_JVM_LIBRARY}" own_vm)
+file(GLOB vms "/usr/lib/jvm/*/lib/server/libjvm.so")
+foreach(vm ${vms})
+  string(REGEX REPLACE "^/usr/lib/jvm/([^/]*)/.*" "\\1" jdk "${vm}")
+  file(REAL_PATH "${vm}" real_vm)
+  if(NOT real_vm STREQUAL own_vm AND NOT IS_SYMLINK /usr/lib/jvm/${jdk})
+    cmake_path(GET vm PARENT_PATH folder)
+    add_tests_under_vm(${jdk} ${folder})
+  endif()
+endforeach()
+
+# A runtime of what is needed and no more, made from the JDK that the program is linked to.
+add_test(NAME java_runtime
+  COMMAND ${PROJECT_SOURCE_DIR}/tools/make-java-runtime ${PROJECT_BINARY_DIR}/java-runtime
+          ${PROJECT_BINARY_DIR}/device/java)
+set_tests_properties(java_runtime PROPERTIES
+  TIMEOUT 300 LABELS long FIXTURES_SETUP java_runtime ENVIRONMENT "JAVA_HOME=${JAVA_HOME_IN_USE}")
+add_tests_under_vm(java-runtime /build/java-runtime/lib/server
+  PROPERTIES FIXTURES_REQUIRED java_runtime)
+
+# What docs/on-a-device.md says of each, and programs built with one and run with another.
+add_test(NAME java_vms.table
+  COMMAND ${PROJECT_SOURCE_DIR}/device/sandbox ${PROJECT_BINARY_DIR} --private-network
+          --read-only ${PROJECT_SOURCE_DIR} /source -- /usr/bin/python3 -B /source/tests/vms/table.py)
+add_test(NAME java_vms.build
+  COMMAND python3 -B ${CMAKE_CURRENT_SOURCE_DIR}/vms/build.py ${PROJECT_BINARY_DIR})
+# The table tells of the small runtime too, when it is there.
+set_tests_properties(java_vms.table PROPERTIES TIMEOUT 300 LABELS long DEPENDS java_runtime)
+set_tests_properties(java_vms.build PROPERTIES TIMEOUT 600 LABELS long PROCESSORS 2)
