@@ -3,6 +3,7 @@
 # clang-tidy reads what the compilation database of the sanitizers' tree says. A stamp for each file,
 # younger than the objects of its target: only what has changed is read again.
 function(add_tidy_target name)
+  set(settings ${PROJECT_SOURCE_DIR}/.clang-tidy ${PROJECT_SOURCE_DIR}/tests/.clang-tidy)
   foreach(folder ${ARGN})
     get_property(targets DIRECTORY ${PROJECT_SOURCE_DIR}/${folder} PROPERTY BUILDSYSTEM_TARGETS)
     foreach(target ${targets})
@@ -21,7 +22,7 @@ function(add_tidy_target name)
           OUTPUT ${stamp}
           COMMAND clang-tidy --quiet -p ${PROJECT_BINARY_DIR} ${source}
           COMMAND ${CMAKE_COMMAND} -E touch ${stamp}
-          DEPENDS ${source} ${PROJECT_SOURCE_DIR}/.clang-tidy $<TARGET_OBJECTS:${target}>
+          DEPENDS ${source} ${settings} $<TARGET_OBJECTS:${target}>
           COMMENT "clang-tidy ${source}"
           VERBATIM)
         list(APPEND stamps ${stamp})
