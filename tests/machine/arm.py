@@ -29,6 +29,8 @@ NOT_HERE = ("SettingsFile.StaysAsItWasOnAReadOnlyFileSystem",
             "SettingsFile.IsRewrittenInPlaceWhenItIsMountedOnItsOwn",
             "SettingsFile.IsWholeAfterRequestsAtTheSameTime",
             "SettingsFile.IsWholeWhenTheRequestIsKilledAtAnyMoment")
+# And two that make dozens, where the C library has one kind of each call: with two kinds they say which is made.
+DOZENS = {"arm64": ("SettingsFileCalls.RiskNothing*", "SettingsFileCalls.RewriteInPlace*"), "armhf": ()}
 # Libraries that no program there needs.
 SANITIZERS = ("libasan", "libhwasan", "liblsan", "libtsan", "libubsan")
 
@@ -198,11 +200,12 @@ class Arm(booted.Requests, unittest.TestCase):
     def test_z_the_programs_own_tests_pass(self):
         # They expect no address but the loopback's.
         self.device.run("kill $(pidof lighttpd) $(pidof nvm-service); ip link set eth0 down")
+        left_out = ":".join(NOT_HERE + DOZENS[ARCHITECTURE])
         status, told = self.device.run(
-            f"{AS_USER} /build/tests/program_tests --gtest_brief=1 --gtest_filter=-{':'.join(NOT_HERE)}",
-            TESTS_LIMIT)
+            f"{AS_USER} /build/tests/program_tests --gtest_brief=1 '--gtest_filter=-{left_out}'", TESTS_LIMIT)
         print(told, file=sys.stderr)
         self.assertEqual(status, 0, told)
+        self.assertRegex(told, r"PASSED  \] [1-9]")
 
 
 if __name__ == "__main__":
