@@ -14,10 +14,11 @@ import sys
 import unittest
 
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
-sys.path.append(str(SOURCE / "tests/machine"))
+sys.path += [str(SOURCE / "tests/machine"), str(SOURCE / "tests/packaging")]
 
 import booted  # noqa: E402
 import machine  # noqa: E402
+from root import why_not_for  # noqa: E402
 from booted import SETTINGS  # noqa: E402
 
 ROOTS = SOURCE / "build/roots"
@@ -211,6 +212,9 @@ class Arm(booted.Requests, unittest.TestCase):
 if __name__ == "__main__":
     BUILD = pathlib.Path(sys.argv.pop(1)).resolve()
     ARCHITECTURE = sys.argv.pop(1)
+    if reason := why_not_for(ARCHITECTURE):
+        print(f"skipped '{reason}'\nOK (skipped=1)")
+        sys.exit()
     for tool in (machine.ARCHITECTURES[ARCHITECTURE].emulator[0], machine.MKFS):
         assert shutil.which(tool), f"{tool} is missing"
     unittest.main(verbosity=2)
