@@ -6,6 +6,8 @@ import re
 import socket
 import time
 
+import machine
+
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 SETTINGS = "/app/tarn-belox/runvex/obd.conf"
 LOG = "/tmp/cgi.log"
@@ -13,6 +15,28 @@ LOG = "/tmp/cgi.log"
 # Seconds. Every instruction is emulated, on a host that may be busy.
 BOOT = 600
 PAGE = 240
+
+# What begins the init of a disk that has no systemd.
+MOUNTS_AND_NETWORK = """
+mount -t proc proc /proc
+mount -t sysfs sys /sys
+mount -t devtmpfs dev /dev
+ip link set lo up
+ip address add 10.0.2.15/24 dev eth0
+ip link set eth0 up
+"""
+# Where a stored value is logged: source and line.
+PLACES = [("src/SetObdConf", "30"), ("src/JavaVmWrapper", "73"), ("src/JavaVmWrapper", "81"),
+          ("src/JavaVmWrapper", "99"), ("src/JavaVmWrapper", "155")]
+
+
+def places(log):
+    return [tuple(place.split()) for place in re.findall(r"src/\S+ +\d+", log)]
+
+
+def initramfs(init):
+    """The script of an initramfs that goes on with `init` of the disk."""
+    return f"mkdir /disk\nmount -t ext4 /dev/vda /disk\nexec switch_root /disk {init}\n"
 
 
 def free_port():
@@ -25,19 +49,21 @@ def shipped_settings():
     return (SOURCE / "device/obd.conf").read_text(encoding="utf-8")
 
 
+def settings_with(value):
+    return re.sub("(?m)^VEMODCanDetectTimeout=.*", f"VEMODCanDetectTimeout={value}", shipped_settings())
+
+
 class Device:
-    """A machine with a shell on its console, whose port 8080 is `port` here."""
+    """A machine with a shell on its console, whose port 8080 is `port` here. `more` goes to Machine."""
 
-    def __init__(self):
-        self.port = free_port()
+    def __init__(self, kernel, initramfs_file, disk, arguments=(), **more):
         self._number = 0
-        self.machine = None
+        self.port = free_port()
+        # The card, and the chance that the machine needs at its start.
+        devices = ["-netdev", f"user,id=card,restrict=on,hostfwd=tcp:127.0.0.1:{self.port}-:8080",
+                   "-device", "virtio-net-pci,netdev=card", "-device", "virtio-rng-pci"]
+        self.machine = machine.Machine(kernel, initramfs_file, [*machine.disk(disk), *devices, *arguments], **more)
         self.started = time.monotonic()
-
-    def card(self):
-        """QEMU's arguments for the network card, and for the chance that the machine needs at its start."""
-        return ["-netdev", f"user,id=card,restrict=on,hostfwd=tcp:127.0.0.1:{self.port}-:8080",
-                "-device", "virtio-net-pci,netdev=card", "-device", "virtio-rng-pci"]
 
     def ask(self, method, address, body=None, headers=None, seconds=PAGE):
         """Status and page; status 0 when nobody answers."""
@@ -55,13 +81,14 @@ class Device:
         return self.ask("GET", address, seconds=seconds)
 
     def wait_for_page(self):
-        """Seconds from power-on to the first page."""
+        """Seconds from power-on to this page."""
+        end = time.monotonic() + BOOT
         while True:
             status, page = self.get("/setobdconf.cgi")
-            taken = time.monotonic() - self.started
+            now = time.monotonic()
             if status == 200 and page.endswith("</html>\n"):
-                return taken
-            if taken > BOOT:
+                return now - self.started
+            if now > end:
                 raise TimeoutError(f"{status} {page}\n{self.machine.console()[-3000:]}")
             time.sleep(0.2)
 
@@ -89,14 +116,11 @@ class Requests:
         status, page = self.device.get("/setobdconf.cgi?CanDetectTimeout=750")
         self.assertEqual(status, 200)
         self.assertIn("<p>Set CanDetectTimeout to 750 ms.\n</p>Set new option was successful.<br />\n", page)
-        self.assertEqual(self.device.read(SETTINGS), re.sub(
-            "(?m)^VEMODCanDetectTimeout=.*", "VEMODCanDetectTimeout=750", shipped_settings()))
+        self.assertEqual(self.device.read(SETTINGS), settings_with(750))
         _, lines = self.device.run(f"tail -n +{int(before) + 1} {LOG}")
-        texts = [line[line.index("src/"):].split(None, 2) for line in lines.splitlines()]
-        self.assertEqual([(text[0], text[1]) for text in texts],
-                         [("src/SetObdConf", "30"), ("src/JavaVmWrapper", "73"), ("src/JavaVmWrapper", "81"),
-                          ("src/JavaVmWrapper", "99"), ("src/JavaVmWrapper", "155")])
-        self.assertIn(f"{self.ARCHIVE}/java.options", texts[2][2])
+        lines = lines.splitlines()
+        self.assertEqual([places(line) for line in lines], [[place] for place in PLACES])
+        self.assertIn(f"{self.ARCHIVE}/java.options", lines[2])
 
     def test_3_the_java_side_tells_the_devices_address(self):
         """Also where the service may not ask the kernel by netlink, and sees nothing of /proc/net."""

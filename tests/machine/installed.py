@@ -8,7 +8,6 @@ import pathlib
 import re
 import shlex
 import shutil
-import subprocess
 import sys
 import threading
 import time
@@ -29,12 +28,6 @@ from booted import LOG, PAGE, SETTINGS  # noqa: E402
 
 FOLDER = BUILD / "machine"
 LOG_LINE = re.compile(r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6}  (DEBUG|ERROR) +\S+ +\d+ +\S+ +\d+ ")
-
-INIT = """
-mkdir /disk
-mount /dev/vda /disk
-exec switch_root /disk /sbin/init
-"""
 
 # A shell on the serial console; nobody logs in.
 SHELL = """[Unit]
@@ -72,8 +65,7 @@ def make_disk(path):
         device.run("systemctl", "mask", "lighttpd", "nginx", "fcgiwrap.socket", "fcgiwrap",
                    "serial-getty@ttyS0", "apt-daily.timer", "apt-daily-upgrade.timer")
         device.run("sh", "-c", "rm -rf /root/*.deb /var/cache/apt/archives/*.deb /var/lib/apt/lists/*")
-        path.unlink(missing_ok=True)
-        subprocess.run(["mkfs.ext4", "-q", "-d", device.path, path, "1500M"], check=True)
+        machine.make_disk(path, device.path, "1500M")
     finally:
         device.close()
 
@@ -82,12 +74,11 @@ class Device(booted.Device):
     """The booted machine."""
 
     def __init__(self, disk):
-        super().__init__()
         kernel = machine.Kernel(FOLDER / "kernel")
         initramfs = FOLDER / "installed.initramfs"
-        machine.make_initramfs(initramfs, kernel, {}, INIT, machine.DISK + machine.NETWORK)
-        self.machine = machine.Machine(kernel, initramfs, [*machine.disk(disk), *self.card()],
-                                       memory_mib=1024, parameters="systemd.show_status=0 net.ifnames=0")
+        machine.make_initramfs(initramfs, kernel, {}, booted.initramfs("/sbin/init"), machine.DISK + machine.NETWORK)
+        super().__init__(kernel, initramfs, disk, memory_mib=1024,
+                         parameters="systemd.show_status=0 net.ifnames=0")
 
 
 class Installed(booted.Requests, browser_journey.Journey):
@@ -99,8 +90,8 @@ class Installed(booted.Requests, browser_journey.Journey):
     @classmethod
     def setUpClass(cls):
         cls.disk = FOLDER / "installed.disk"
+        cls.addClassCleanup(cls.disk.unlink, missing_ok=True)
         make_disk(cls.disk)
-        cls.addClassCleanup(cls.disk.unlink)
         cls.boot()
         cls.addClassCleanup(lambda: cls.device.machine.kill())
         Installed.driver = cls.enterClassContext(browser.running_browser())
@@ -228,6 +219,6 @@ if __name__ == "__main__":
     if reason := root.why_not():
         print(f"skipped '{reason}'\nOK (skipped=1)")
         sys.exit()
-    for tool in ("qemu-system-x86_64", "mkfs.ext4", "chromedriver"):
+    for tool in ("qemu-system-x86_64", machine.MKFS, "chromedriver"):
         assert shutil.which(tool), f"{tool} is missing"
     unittest.main(verbosity=2)

@@ -24,6 +24,9 @@ DISK = (
 EXT4 = ("crypto/crc32c_generic", "lib/crc16", "fs/mbcache", "fs/jbd2/jbd2", "fs/ext4/ext4")
 NETWORK = ("net/core/failover", "drivers/net/net_failover", "drivers/net/virtio_net")
 
+# Not everybody's PATH has its folder.
+MKFS = "/usr/sbin/mkfs.ext4"
+
 
 class Architecture(typing.NamedTuple):
     emulator: tuple
@@ -104,6 +107,12 @@ def make_initramfs(path, kernel, files, script, modules=DISK, busybox="/bin/busy
         subprocess.run(["cpio", "--create", "--format=newc", "--owner=0:0", "--quiet"],
                        input=paths.encode(), stdout=archive, cwd=staging, check=True)
     shutil.rmtree(staging)
+
+
+def make_disk(path, tree, size, *options):
+    """A file with an ext4 file system that holds what is in the folder."""
+    path.unlink(missing_ok=True)
+    subprocess.run([MKFS, "-q", *options, "-d", tree, path, size], check=True)
 
 
 def disk(path):

