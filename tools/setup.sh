@@ -15,8 +15,8 @@ CROSS_PACKAGES=(g++-aarch64-linux-gnu g++-arm-linux-gnueabihf mmdebstrap)
 SYSROOT_PACKAGES=(libc6 libstdc++6 libcgicc-dev libxml2-dev libmicrohttpd-dev openjdk-17-jre-headless
   libgtest-dev libgmock-dev librapidcheck-dev lighttpd busybox-static)
 declare -A SYSROOT_KERNEL=([arm64]=linux-image-cloud-arm64 [armhf]=linux-image-armmp-lpae)
-# What ./test --long needs beside these, and beside PACKAGING_PACKAGES.
-LONG_TEST_PACKAGES=(lintian mmdebstrap ccache diffoscope-minimal faketime git locales
+# What ./test --long needs beside these, PACKAGING_PACKAGES and CROSS_PACKAGES.
+LONG_TEST_PACKAGES=(lintian ccache diffoscope-minimal faketime git iproute2 locales
   gdb linux-perf python3-matplotlib wrk pngquant qemu-system-arm)
 # A Node.js from elsewhere brings its own.
 command -v npm >/dev/null || TEST_PACKAGES+=(npm)
