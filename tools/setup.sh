@@ -185,7 +185,8 @@ prepare_tests() {
   # The tests of several processes would meet on the machine's only loopback.
   jobs=1
   local port
-  for port in 5302 8080; do
+  # The device's, and those of tests/web/web_servers.py.
+  for port in 5302 {8080..8087} {8180..8187}; do
     ! is_listening "$port" ||
       fail "this machine refuses namespaces, so the tests use its own port $port, which is busy:" \
         "stop what listens there (./run does)"
