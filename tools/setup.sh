@@ -93,7 +93,7 @@ configure() {
   if is_copied "$folder"; then
     echo "The checkout is a copy: building $folder anew"
     # All but the device's storage and what was fetched.
-    find "$folder" -mindepth 1 -maxdepth 1 ! -name state ! -name npm -exec rm -rf {} +
+    find "$folder" -mindepth 1 -maxdepth 1 ! -name state ! -name npm ! -name roots -exec rm -rf {} +
   fi
   mkdir -p "$folder"
   local configure=(quietly "$folder/configure.log" cmake -S . -B "$folder" -G Ninja "$@")
