@@ -258,10 +258,10 @@ def script(command, rule):
     lines = [rule.prepare, command.setup, command.text]
     if rule.until:
         # With this shell ends all that runs in its namespaces.
-        lines = [rule.prepare, f"{{ {command.setup}\n{command.text}\n}} & job=$!",
-                 f"for ((i = 0; i < {SECONDS * 5}; i++)); do",
-                 f"  ! {{ {rule.until}; }} >/dev/null || exit 0",
-                 '  kill -0 "$job" || { wait "$job"; echo "it ended by itself, with $?"; exit 99; }',
+        lines = [rule.prepare, f"seen() {{ {{ {rule.until}; }} >/dev/null; }}",
+                 f"{{ {command.setup}\n{command.text}\n}} & job=$!", f"while ((SECONDS < {SECONDS})); do",
+                 "  ! seen || exit 0",
+                 '  kill -0 "$job" || { ! seen || exit 0; wait "$job"; echo "it ended by itself, with $?"; exit 99; }',
                  "  sleep 0.2", "done", "exit 98"]
     if rule.after:
         lines += ["status=$?", f"{{ {rule.after}; }} || {{ echo 'not seen: ' {shlex.quote(rule.after)}; exit 97; }}",
@@ -318,22 +318,29 @@ class Checkout(Place):
                          f'exec {found} "$@" -R "SetOptionPage|IsIp4Address"\n', encoding="utf-8")
         ctest.chmod(0o755)
 
-    def layer(self, name):
-        folder = self.folder / name
+    @classmethod
+    def layer(cls, name):
+        folder = cls.folder / name
         if not folder.exists():
             (folder / "upper").mkdir(parents=True)
             (folder / "work").mkdir()
         return folder
 
+    @staticmethod
+    def laying(layer):
+        """For sh: lays the layer above the checkout."""
+        folders = f"lowerdir={SOURCE},upperdir={layer}/upper,workdir={layer}/work"
+        return shlex.join(["mount", "-t", "overlay", "overlay", "-o", folders, str(SOURCE)])
+
     def run_in(self, layer, text, stdin):
         """Status and output."""
-        mount = (f"mount -t overlay overlay -o lowerdir={SOURCE},upperdir={layer}/upper,workdir={layer}/work {SOURCE}"
-                 f" && mount -t tmpfs tmpfs /dev/shm && ip link set lo up && cd {SOURCE} && exec bash -c \"$0\"")
+        mount = (f"{self.laying(layer)} && mount -t tmpfs tmpfs /dev/shm && ip link set lo up"
+                 f" && cd {shlex.quote(str(SOURCE))} && exec bash -c \"$0\"")
         with open(self.folder / "output", "w+", encoding="utf-8", errors="replace") as output:
             done = subprocess.run(
                 ["unshare", "--mount", "--net", "--pid", "--fork", "--kill-child", "--mount-proc", "sh", "-c", mount,
                  text], input=stdin, stdout=output, stderr=subprocess.STDOUT, text=True, check=False,
-                timeout=SECONDS, env={**os.environ, "PATH": f"{self.folder}/bin:{os.environ['PATH']}",
+                timeout=SECONDS + 30, env={**os.environ, "PATH": f"{self.folder}/bin:{os.environ['PATH']}",
                                       "OUT": output.name, "TMPDIR": str(self.folder)})
             output.seek(0)
             return done.returncode, output.read()
