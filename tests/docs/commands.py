@@ -321,6 +321,9 @@ class Checkout(Place):
         ctest.write_text(f'#!/bin/sh\ncase " $* " in *" -R "*) exec {found} "$@" ;; esac\n'
                          f'exec {found} "$@" -R "SetOptionPage|IsIp4Address"\n', encoding="utf-8")
         ctest.chmod(0o755)
+        # Some of the commands go on with these, and there is no network.
+        root.packages(BUILD)
+        root.bare_archive(BUILD)
 
     @classmethod
     def layer(cls, name):
