@@ -67,7 +67,8 @@ RULES = [
     Rule(r"\./run( --port 8081)?", "checkout", until=SAYS % "^The device's web interface: .*:80(80|81)/"),
     Rule(r"\./package", "elsewhere", test="tests/packaging/root.py", says='SOURCE / "package"'),
     Rule(r"device/sandbox build --state build/state -- \S*toggle-device-allocation", "checkout",
-         prepare="./run >build/run.log & until grep -q Ctrl-C build/run.log; do sleep 0.1; done",
+         prepare="./run >build/run.log & for i in {1..1000}; do ! grep -qs Ctrl-C build/run.log || break;"
+                 " sleep 0.1; done",
          says="(?i)alloc"),
 
     Rule(r"cmake -S \. -B build .*&& cmake --build build|cmake --build build", "checkout", says="ninja|Linking"),
@@ -134,7 +135,8 @@ RULES = [
     Rule(r"python3 -B tests/docs/commands\.py build (Checkout|Installed)", "elsewhere", test="tests/CMakeLists.txt",
          says="foreach(place Listed Checkout Installed)"),
     Rule(r"tools/make-readme-pictures", "checkout", says="All pages: "),
-    Rule(r"\./bench/run( --vms)?", "checkout", until=REQUESTED % "build/bench-state/tmp/cgi.log"),
+    Rule(r"\./bench/run( --vms)?", "checkout", prepare="rm -rf build/bench-state",
+         until=REQUESTED % "build/bench-state/tmp/cgi.log"),
     Rule(r"\./bench/run --keep", "checkout",
          prepare="mkdir -p build/bench-results; cp docs/images/{growth,timeline}.png bench/instructions.json"
                  " build/bench-results; echo kept >build/bench-results/results.txt",
