@@ -155,7 +155,7 @@ RULES = [
                  " setpriv --reuid=vemo-web --regid=vemo-web --clear-groups --reset-env /usr/sbin/lighttpd -D"
                  " -f /usr/share/vemo-web/lighttpd.conf & } >/dev/null 2>&1 </dev/null;"
                  " for i in {1..100}; do (: >/dev/tcp/127.0.0.1/8080) 2>/dev/null && break; sleep 0.1; done",
-         says=r"^(ok .*\n)*WRONG  service .*\n.*\n(ok .*\n)*$"),
+         says=r"\A(ok .*\n)*WRONG  service .*\n.*\n(ok .*\n)*\Z"),
     Rule(r"vemo-web-check \| grep -A1 \^WRONG", "root", says="WRONG  service .*\n +->"),
     Rule(r"curl -d CanDetectTimeout=500 \S+", "beside", says="Set new option was successful"),
     Rule(r"apt install \./vemo-web_\*\.deb", "root", says="Setting up vemo-web ",
