@@ -24,14 +24,17 @@ import unittest
 from concurrent.futures import ThreadPoolExecutor
 
 SOURCE = pathlib.Path("/source")
+sys.path.append(str(SOURCE / "tests/docs"))
+
+import pages  # noqa: E402
+from browser import LIMIT, SETTINGS, eventually  # noqa: E402
+
 DEVICE = pathlib.Path("/srv/vemo")
 UNPACKED = pathlib.Path("/build/web-servers")  # by tools/unpack-packages
-SETTINGS = pathlib.Path("/app/tarn-belox/runvex/obd.conf")
 SHIPPED_SETTINGS = (SOURCE / "device/obd.conf").read_text(encoding="utf-8")
 LOG = pathlib.Path("/tmp/cgi.log")
 FAKE_VM = "/build/tests/libfake-vm.so"
 BACKGROUND = {}  # what is under way
-LIMIT = 30  # seconds for whatever is waited for
 WHILE = 4  # seconds in which what is to happen does, shorter than the servers' own times
 MOMENT = 0.7  # seconds in which what is not to happen would
 
@@ -43,15 +46,6 @@ CHANGE = f"{SET_OPTION}?{FORM}500"
 MULTIPART = "multipart/form-data; boundary=frontier"
 FOREIGN = "Origin: http://foreign.example"
 HEADER = r"printf 'Content-Type: text/plain\n\n'"  # of a program that is a script
-
-
-def eventually(is_true, limit=LIMIT):
-    deadline = time.monotonic() + limit
-    while not is_true():
-        if time.monotonic() > deadline:
-            return False
-        time.sleep(0.01)
-    return True
 
 
 def settings_with(value):
@@ -923,23 +917,6 @@ def load_tests(loader, *_):
     return unittest.TestSuite(sorted(tests, key=lambda test: test.id().rsplit(".", 1)[1] in late))
 
 
-def read_table(column):
-    """What the document says of the server, by row."""
-    rows = {}
-    heading = None
-    for line in (SOURCE / "docs/web-servers.md").read_text(encoding="utf-8").splitlines():
-        cells = [cell.strip() for cell in line.strip("|").split("|")]
-        if not line.startswith("|"):
-            heading = None
-        elif heading is None:
-            heading = cells
-        elif heading[0] == "it" and not set(line) <= set("|-"):
-            if len(cells) != len(heading):
-                raise ValueError(line)
-            rows[cells[0]] = cells[heading.index(column)]
-    return rows
-
-
 if __name__ == "__main__":
     NAME = sys.argv.pop(1)
     if sys.argv[1:] == ["--see"]:
@@ -951,5 +928,6 @@ if __name__ == "__main__":
                 print(f"{row:55} ??? {error}", flush=True)
         unittest.doModuleCleanups()
         sys.exit()
-    ROWS = read_table(SERVERS[NAME][0])
+    # What the page says of the server, by row.
+    ROWS = {row["it"]: row[SERVERS[NAME][0]] for row in pages.rows("docs/web-servers.md") if "it" in row}
     unittest.main(verbosity=2)
