@@ -349,13 +349,17 @@ class Checkout(Place):
         mount = (f"{self.laying(layer)} && mount -t tmpfs tmpfs /dev/shm && ip link set lo up"
                  f" && cd {shlex.quote(str(SOURCE))} && exec bash -c \"$0\"")
         with open(self.folder / "output", "w+", encoding="utf-8", errors="replace") as output:
-            done = subprocess.run(
-                ["unshare", "--mount", "--net", "--pid", "--fork", "--kill-child", "--mount-proc", "sh", "-c", mount,
-                 text], input=stdin, stdout=output, stderr=subprocess.STDOUT, text=True, check=False,
-                timeout=SECONDS + 30, env={**os.environ, "PATH": f"{self.folder}/bin:{os.environ['PATH']}",
-                                      "OUT": output.name, "TMPDIR": str(self.folder)})
+            try:
+                status = subprocess.run(
+                    ["unshare", "--mount", "--net", "--pid", "--fork", "--kill-child", "--mount-proc",
+                     "sh", "-c", mount, text],
+                    input=stdin, stdout=output, stderr=subprocess.STDOUT, text=True, check=False,
+                    timeout=SECONDS + 30, env={**os.environ, "PATH": f"{self.folder}/bin:{os.environ['PATH']}",
+                                               "OUT": output.name, "TMPDIR": str(self.folder)}).returncode
+            except subprocess.TimeoutExpired:
+                status = "none in time"
             output.seek(0)
-            return done.returncode, output.read()
+            return status, output.read()
 
     def test_commands(self):
         for command, rule in commands_in(("checkout", "device")):
