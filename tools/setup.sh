@@ -15,8 +15,8 @@ CROSS_PACKAGES=(g++-aarch64-linux-gnu g++-arm-linux-gnueabihf mmdebstrap)
 SYSROOT_PACKAGES=(libc6 libstdc++6 libcgicc-dev libxml2-dev libmicrohttpd-dev openjdk-17-jre-headless
   libgtest-dev libgmock-dev librapidcheck-dev lighttpd busybox-static)
 declare -A SYSROOT_KERNEL=([arm64]=linux-image-cloud-arm64 [armhf]=linux-image-armmp-lpae)
-# What ./test --long needs beside these, and beside PACKAGING_PACKAGES.
-LONG_TEST_PACKAGES=(lintian mmdebstrap ccache diffoscope-minimal faketime git locales
+# What ./test --long needs beside these, PACKAGING_PACKAGES and CROSS_PACKAGES.
+LONG_TEST_PACKAGES=(lintian ccache diffoscope-minimal faketime git iproute2 locales
   gdb linux-perf python3-matplotlib wrk pngquant qemu-system-arm)
 # A Node.js from elsewhere brings its own.
 command -v npm >/dev/null || TEST_PACKAGES+=(npm)
@@ -93,7 +93,7 @@ configure() {
   if is_copied "$folder"; then
     echo "The checkout is a copy: building $folder anew"
     # All but the device's storage and what was fetched.
-    find "$folder" -mindepth 1 -maxdepth 1 ! -name state ! -name npm -exec rm -rf {} +
+    find "$folder" -mindepth 1 -maxdepth 1 ! -name state ! -name npm ! -name roots -exec rm -rf {} +
   fi
   mkdir -p "$folder"
   local configure=(quietly "$folder/configure.log" cmake -S . -B "$folder" -G Ninja "$@")
@@ -185,7 +185,8 @@ prepare_tests() {
   # The tests of several processes would meet on the machine's only loopback.
   jobs=1
   local port
-  for port in 5302 8080; do
+  # The device's, and those of tests/web/web_servers.py.
+  for port in 5302 {8080..8087} {8180..8187}; do
     ! is_listening "$port" ||
       fail "this machine refuses namespaces, so the tests use its own port $port, which is busy:" \
         "stop what listens there (./run does)"
