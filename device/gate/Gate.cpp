@@ -54,7 +54,7 @@ constexpr char BODY_VARIABLE[] = "CGI_GATE_BODY";
 constexpr char APART_VARIABLE[] = "CGI_GATE_APART";
 
 constexpr long MOST_PLACES = 1000;
-constexpr long MOST_BYTES = 65536;  // what a pipe holds
+constexpr long MOST_BYTES = 65536;  // what a pipe holds that is written at once
 constexpr long MOST_SECONDS = 24L * 60 * 60;
 
 // The file's bytes are locked, not written: the first for the head of the queue, then one a place.
@@ -70,9 +70,9 @@ void EndPatience(int) {
 [[noreturn]] void Refuse(const char* status, const char* reason) {
   std::fprintf(stderr, "cgi-gate: %s\n", reason);
   std::printf(
-      "Status: %s\r\nContent-Type: text/html\r\nRetry-After: 10\r\n\r\n"
+      "Status: %s\r\nContent-Type: text/html\r\n%s\r\n"
       "<!DOCTYPE html><title>%s</title><h1>%s</h1>\n",
-      status, status, status);
+      status, std::strncmp(status, "503", 3) == 0 ? "Retry-After: 10\r\n" : "", status, status);
   std::fflush(stdout);
   _exit(EXIT_FAILURE);
 }
@@ -160,23 +160,19 @@ void ReadBody(long most) {
   if (length > most) {
     Refuse("413 Content Too Large", "the body is too large");
   }
-  int body[2];
-  if (pipe(body) == -1) {
-    Fail("no pipe");
-  }
-  char buffer[4096];
-  for (long missing = length; missing > 0;) {
-    const size_t wanted = missing < static_cast<long>(sizeof buffer) ? missing : sizeof buffer;
-    const ssize_t count = read(STDIN_FILENO, buffer, wanted);
+  static char buffer[MOST_BYTES];
+  for (long received = 0; received < length;) {
+    const ssize_t count = read(STDIN_FILENO, buffer + received, length - received);
     if (count == 0 || (count == -1 && (errno != EINTR || isPatienceOver != 0))) {
       Refuse("400 Bad Request", "the body is not there");
     }
-    if (count > 0 && write(body[1], buffer, count) != count) {
-      Fail("no pipe");
-    }
-    missing -= count > 0 ? count : 0;
+    received += count > 0 ? count : 0;
   }
-  dup2(body[0], STDIN_FILENO);
+  int body[2];
+  if (pipe(body) == -1 || write(body[1], buffer, length) != length ||
+      dup2(body[0], STDIN_FILENO) == -1) {
+    Fail("no pipe");
+  }
   close(body[0]);
   close(body[1]);
 }
@@ -225,6 +221,8 @@ void HandOnTheEnd(int) {
 // Returns in the process that becomes the program; the other stays for the web server, which may
 // kill it.
 void GoApart() {
+  // Inherited as ignored, it would leave nobody to wait for.
+  std::signal(SIGCHLD, SIG_DFL);
   sigset_t end;
   sigset_t before;
   sigemptyset(&end);
@@ -260,6 +258,10 @@ int main(int argc, char** argv) {
   const long places = Number(PLACES_VARIABLE, MOST_PLACES);
   const long patience = Number(PATIENCE_VARIABLE, MOST_SECONDS);
   const long limit = Number(LIMIT_VARIABLE, MOST_SECONDS);
+  // What is opened next must not get the number of the standard input, which the body's pipe takes.
+  if (std::getenv(BODY_VARIABLE) != nullptr && fcntl(STDIN_FILENO, F_GETFD) == -1) {
+    open("/dev/null", O_RDONLY);
+  }
   const char* const path = std::getenv(FILE_VARIABLE);
   // Stays open in the program: with the descriptor the lock would go.
   const int file = path == nullptr ? -1 : open(path, O_RDWR | O_CREAT | O_NOFOLLOW, 0600);

@@ -148,7 +148,7 @@ def configure_lighttpd(installation):
 def unit_command(text):
     """What the unit's drop-in starts."""
     line = re.findall(r"(?m)^ExecStart=(.+)$", text.replace("\\\n", ""))[-1]
-    return shlex.split(line.replace("/usr/sbin/fcgiwrap", f"{UNPACKED}/usr/sbin/fcgiwrap")
+    return shlex.split(line.replace("$$", "$").replace("/usr/sbin/fcgiwrap", f"{UNPACKED}/usr/sbin/fcgiwrap")
                        .replace("/usr/sbin/nginx", f"{UNPACKED}/usr/sbin/nginx"))
 
 
@@ -170,12 +170,9 @@ def configure_busybox(installation):
 
 def configure_front(installation):
     """nginx before busybox httpd, which listens on another port."""
-    text, commands = configure_busybox(installation)
-    port = installation.port
-    commands[0] = [word.replace(f":{port}", f":{port + 100}") for word in commands[0]]
-    more = installation.configure("nginx-front.conf", "nginx-requests.conf", "nginx-site.conf")
-    nginx = re.search(r"(?m)^# +nginx (-c .*)$", more)[1]
-    return text + more, [*commands, [str(UNPACKED / "usr/sbin/nginx"), *nginx.split()]]
+    text = installation.configure("busybox-httpd.conf", "nginx-front.conf", "nginx-requests.conf",
+                                  "nginx-site.conf", "nginx-front.service.conf")
+    return text, [unit_command(text)]
 
 
 SERVERS = {  # by the name on the command line: the column of the table, and the configuration
@@ -657,6 +654,72 @@ def tells_who_gets_no_place(server):
         return sorted((answer.result() for answer in answers), key=lambda answer: answer[0])
 
 
+def unit_setting(server, name):
+    """The service's, or that of its drop-in for the server."""
+    unit = (SOURCE / "packaging/systemd/vemo-web.service.in").read_text(encoding="utf-8")
+    return re.findall(rf"(?m)^{name}=(.+)$", unit + server.text)[-1]
+
+
+@contextlib.contextmanager
+def own_server(*edits):
+    server = start_server(len(IN_THE_BACKGROUND) + 1, *edits)
+    try:
+        yield server
+    finally:
+        server.stop()
+
+
+def descendants(server):
+    """All processes that the server has started, and itself."""
+    parents = {}
+    for file in pathlib.Path("/proc").glob("[0-9]*/stat"):
+        with contextlib.suppress(OSError):
+            parents[int(file.parent.name)] = int(file.read_text().rsplit(")", 1)[1].split()[1])
+    found = {process.pid for process in server.processes}
+    while more := {child for child, parent in parents.items() if parent in found} - found:
+        found |= more
+    return found
+
+
+def count_tasks(server):
+    """Processes and their threads."""
+    count = 0
+    for process in descendants(server):
+        with contextlib.suppress(OSError):
+            count += len(os.listdir(f"/proc/{process}/task"))
+    return count
+
+
+def waits_when_it_is_stopped():
+    """As systemd stops it: a signal for the main process; with that, whatever is left ends."""
+    with own_server() as server, ThreadPoolExecutor(1) as client:
+        began, go = (server.installation.root / name for name in ("began", "go"))
+        script = f": >{began}; {HEADER}; while [ ! -e {go} ]; do /bin/sleep 0.05; done; echo last"
+        with server.own_program(script) as page:
+            answer = client.submit(server.get, page)
+            eventually(began.exists)
+            main = server.processes[0]
+            os.kill(main.pid, getattr(signal, unit_setting(server, "KillSignal")))
+            with contextlib.suppress(subprocess.TimeoutExpired):
+                main.wait(MOMENT)
+                os.killpg(main.pid, signal.SIGKILL)
+            go.touch()
+            status, _, body = answer.result()
+        return status == 200 and body == b"last\n"
+
+
+def has_tasks_for_slow_posts():
+    """With 300 of them there are still enough for four Java VMs."""
+    with own_server() as server, contextlib.ExitStack() as stack:
+        most = 0
+        for _ in range(300):
+            client = stack.enter_context(contextlib.closing(server.connect()))
+            client.sendall(post(SET_OPTION, FORM + "500").replace(b"Length: 20", b"Length: 99"))
+            time.sleep(0.003)
+            most = max(most, count_tasks(server))
+        return most + 4 * 20 <= int(unit_setting(server, "TasksMax"))
+
+
 def sends(name, value):
     """With every answer: of pages, programs, refusals."""
     seen = {target: SERVER.get(target)[1].get(name, "") == value
@@ -736,6 +799,8 @@ PROTECTIONS = {
     "runs four programs at a time": runs_four_at_a_time,
     "ends a program that hangs": ends_programs_that_hang,
     "lets a program finish when its client goes": lets_programs_finish,
+    "waits for the requests under way when it is stopped": waits_when_it_is_stopped,
+    "has processes left for programs beside 300 slow posts": has_tasks_for_slow_posts,
     "hands a page on as it comes": streams,
     "gives programs no PATH and no HOME": gives_no_path_and_no_home,
     "hands on LD_LIBRARY_PATH, which may name the Java VM": hands_on_the_library_path,
@@ -747,7 +812,7 @@ PROTECTIONS = {
 }
 # These wait: they begin first, each with a server of its own and these edits.
 IN_THE_BACKGROUND = {
-    limits_connections: (),
+    limits_connections: ((r"worker_connections \d+", "worker_connections 288"),),  # fewer than come
     lets_programs_finish: (),
     runs_four_at_a_time: (),
     drops_silent_clients: SHORT_TIMES,
@@ -776,7 +841,19 @@ def see(act):
     return BACKGROUND[act].result() if act in BACKGROUND else act()
 
 
-class Table(unittest.TestCase):
+class Telling(unittest.TestCase):
+    """What the servers said, when a test fails."""
+
+    def run(self, result=None):
+        seen = len(result.failures + result.errors)
+        super().run(result)
+        if len(result.failures + result.errors) > seen:
+            for file in sorted(pathlib.Path("/tmp").glob("web-*/**/error*")):
+                if file.is_file() and (said := file.read_text(errors="replace")):
+                    print(f"\n{file}: {said[-3000:]}", file=sys.stderr, flush=True)
+
+
+class Table(Telling):
     """What docs/web-servers.md says of the server."""
 
     def test_has_a_row_for_every_protection_and_no_other(self):
@@ -804,7 +881,7 @@ for item in PROTECTIONS.items():
     add_cell(*item)
 
 
-class Every(unittest.TestCase):
+class Every(Telling):
     """What every server does."""
 
     def setUp(self):
@@ -884,6 +961,19 @@ class Every(unittest.TestCase):
         self.assertEqual([status for status, _, _ in answers], [200, 200, 200, 200, 503])
         self.assertIn("retry-after", answers[-1][1])
 
+    def test_answers_two_hundred_at_once_or_tells_to_come_again(self):
+        go = SERVER.installation.root / "crowd"
+        script = f"while [ ! -e {go} ]; do /bin/sleep 0.05; done\n{HEADER}"
+        with SERVER.own_program(script) as page, ThreadPoolExecutor(200) as clients:
+            answers = [clients.submit(SERVER.get, page) for _ in range(200)]
+            eventually(lambda: any(answer.done() for answer in answers), WHILE)
+            go.touch()
+            answers = [answer.result() for answer in answers]
+        self.assertLessEqual({status for status, _, _ in answers}, {200, 503})
+        self.assertGreaterEqual([status for status, _, _ in answers].count(200), 100)
+        for status, headers, _ in answers:
+            self.assertEqual(headers.get("retry-after"), "10" if status == 503 else None)
+
     def test_gives_the_java_vm_its_variables_and_nothing_of_the_gate(self):
         environment = program_environment()
         self.assertEqual(environment["JAVA_CLASSPATH"], "/srv/vemo/java")
@@ -899,6 +989,57 @@ class Every(unittest.TestCase):
         self.assertEqual(stored, settings_with("500"))
 
 
+def run_gate(script, prepare="", pieces=(), length=0):
+    """What a program behind the gate says, that is sent the pieces one behind the other."""
+    program = pathlib.Path("/tmp/gated-script")
+    program.write_text(f"#!/bin/sh\n{script}\n", encoding="utf-8")
+    program.chmod(0o755)
+    environment = {"CGI_GATE_FILE": "/tmp/gate-alone", "CGI_GATE_PLACES": "4", "CGI_GATE_PATIENCE": "20",
+                   "CGI_GATE_LIMIT": "20", "CGI_GATE_BODY": "65536", "CGI_GATE_APART": "1",
+                   "CONTENT_LENGTH": str(length)}
+    gate_process = subprocess.Popen(["/bin/bash", "-c", f"{prepare} exec {DEVICE}/bin/cgi-gate {program}"],
+                                    env=environment, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+    for piece in pieces:
+        gate_process.stdin.write(piece)
+        gate_process.stdin.flush()
+        time.sleep(0.001)  # else they come together
+    said, _ = gate_process.communicate()
+    return gate_process.returncode, said.decode()
+
+
+class Gate(unittest.TestCase):
+    """What the gate does for Apache, where no server's habits are in the way."""
+
+    def test_hands_on_the_largest_body_however_it_comes(self):
+        for sizes in ([65536], [1, 65535], [*range(1, 361), 556]):
+            self.assertEqual(sum(sizes), 65536)
+            status, said = run_gate("wc -c", pieces=[b"5" * size for size in sizes], length=65536)
+            self.assertEqual((status, said.strip()), (0, "65536"))
+
+    def test_leaves_an_empty_body_where_there_was_no_standard_input(self):
+        self.assertEqual(run_gate("wc -c", prepare="exec <&-;"), (0, "0\n"))
+
+    def test_tells_the_status_of_a_program_though_nobody_was_to_wait(self):
+        self.assertEqual(run_gate("exit 3", prepare="trap '' CHLD;")[0], 3)
+
+    def test_asks_to_come_again_only_when_that_helps(self):
+        said = run_gate("true", length=65537)[1]
+        self.assertIn("413", said)
+        self.assertNotIn("Retry-After", said)
+
+
+class Together(unittest.TestCase):
+    """Two servers in one service."""
+
+    def test_ends_with_the_other_for_systemd_to_start_it_again(self):
+        other = {"nginx": "fcgiwrap", "front": "busybox"}[NAME]
+        with own_server() as server:
+            found = [process for process in descendants(server)
+                     if pathlib.Path(f"/proc/{process}/comm").read_text() == f"{other}\n"]
+            os.kill(min(found), signal.SIGKILL)  # the first is the others' parent
+            self.assertEqual(server.processes[0].wait(LIMIT), -signal.SIGKILL)
+
+
 class Behind(unittest.TestCase):
     """busybox httpd, when another server is to stand before it."""
 
@@ -912,7 +1053,8 @@ class Behind(unittest.TestCase):
 
 def load_tests(loader, *_):
     """All that concerns the server; what waits last."""
-    cases = (Every, Table) + ((Behind,) if NAME == "busybox" else ())
+    cases = (Every, Table) + {"busybox": (Behind,), "apache2": (Gate,), "nginx": (Together,),
+                               "front": (Together,)}.get(NAME, ())
     tests = [test for case in cases for test in loader.loadTestsFromTestCase(case)]
     late = {test_name(row) for row, act in PROTECTIONS.items() if act in IN_THE_BACKGROUND}
     return unittest.TestSuite(sorted(tests, key=lambda test: test.id().rsplit(".", 1)[1] in late))
