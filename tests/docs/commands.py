@@ -87,7 +87,7 @@ RULES = [
     Rule(r"build/tests/\w+ (--java-vm=\S+ )?--gtest_filter=.*", "checkout", says=r"\[  PASSED  \] [1-9]"),
     Rule(r"tools/make-java-runtime build/java-runtime build/device/java", "checkout",
          after="test -s build/java-runtime/lib/server/classes.jsa"),
-    Rule(r"python3 -B tests/vms/build\.py build", "elsewhere", test="tests/CMakeLists.txt",
+    Rule(r"python3 -B tests/vms/build\.py build", "elsewhere", test="tests/vms/Tests.cmake",
          says="vms/build.py ${PROJECT_BINARY_DIR})"),
 
     Rule(r"tools/unpack-packages build/web-servers nginx fcgiwrap", "checkout",
@@ -135,7 +135,7 @@ RULES = [
     Rule(r"python3 -B tests/packaging/same_bits\.py build", "elsewhere",
          test="tests/packaging/CMakeLists.txt", says="add_packaging_test(SameBits same_bits LONG)"),
     Rule(r"python3 -B tests/docs/commands\.py build Listed", "checkout", says=r"\nOK"),
-    Rule(r"python3 -B tests/docs/commands\.py build (Checkout|Installed)", "elsewhere", test="tests/CMakeLists.txt",
+    Rule(r"python3 -B tests/docs/commands\.py build (Checkout|Installed)", "elsewhere", test="tests/docs/CMakeLists.txt",
          says="foreach(place Listed Checkout Installed)"),
     Rule(r"tools/make-readme-pictures", "checkout", says="All pages: "),
     Rule(r"\./bench/run( --vms)?", "checkout", prepare="rm -rf build/bench-state",

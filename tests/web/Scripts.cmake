@@ -27,3 +27,6 @@ add_browser_test(browser_attacks browser_attacks)
 add_browser_test(browser_attacks.long browser_attacks LONG)
 add_browser_test(soak soak)
 add_browser_test(soak.long soak LONG)
+# Begun first, as all that takes long.
+set_tests_properties(browser_attacks.long PROPERTIES COST 460)
+set_tests_properties(soak.long PROPERTIES COST 150)
