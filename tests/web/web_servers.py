@@ -693,6 +693,13 @@ def count_tasks(server):
     return count
 
 
+def is_prepared_for_a_password():
+    """None is asked for as shipped. The lines for lighttpd's own are in web-server.conf."""
+    if SERVER.get("/index.html")[0] != 200:
+        raise AssertionError("one is asked for")
+    return re.search(r"(?i)\bmod_auth\w*file|auth_basic|\bAuthType\b|(?m:^/:)", SERVER.text) is not None
+
+
 def has_place_for_java_vms(server, tasks):
     """Four, of a dozen and a half threads each."""
     return tasks + 4 * 20 <= int(unit_setting(server, "TasksMax"))
@@ -813,6 +820,7 @@ PROTECTIONS = {
     "hands a page on as it comes": streams,
     "gives programs no PATH and no HOME": gives_no_path_and_no_home,
     "hands on LD_LIBRARY_PATH, which may name the Java VM": hands_on_the_library_path,
+    "is prepared to ask for a password": is_prepared_for_a_password,
     "sends Content-Security-Policy": lambda: sends("content-security-policy", POLICY),
     "sends Referrer-Policy": lambda: sends("referrer-policy", "same-origin"),
     "sends X-Content-Type-Options": lambda: sends("x-content-type-options", "nosniff"),
