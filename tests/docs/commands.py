@@ -173,6 +173,8 @@ RULES = [
          says="cp -r /usr/share/vemo-web/web-servers /etc/vemo-web; "),
     Rule(r"install -D -m 0644 \S+/apache2\.service\.conf \S+", "elsewhere", test="tests/machine/installed.py",
          says="install -D -m 0644 /etc/vemo-web/web-servers/{name}.service.conf {unit}; "),
+    Rule(r"rm -r /etc/vemo-web/web-servers \S+", "elsewhere", test="tests/machine/installed.py",
+         says="rm -r /etc/vemo-web/web-servers {unit}; systemctl daemon-reload; systemctl restart vemo-web"),
     Rule(r"systemctl daemon-reload", "elsewhere", test="tests/machine/installed.py",
          says="systemctl daemon-reload; systemctl restart vemo-web; "),
     Rule(r"journalctl -u vemo-web", "machine", prepare="export SYSTEMD_PAGER=cat", says="Started "),

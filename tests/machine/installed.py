@@ -153,7 +153,8 @@ class Installed(booted.Requests, browser_journey.Journey):
         unit = "/etc/systemd/system/vemo-web.service.d/web-server.conf"
         try:
             for number, (name, process) in enumerate(
-                    {"apache2": "apache2", "nginx": "nginx", "busybox-httpd": "busybox"}.items()):
+                    {"apache2": "apache2", "nginx": "nginx", "busybox-httpd": "busybox",
+                     "nginx-front": "nginx"}.items()):
                 with self.subTest(name):
                     _, told = self.device.run(
                         "cp -r /usr/share/vemo-web/web-servers /etc/vemo-web; "
@@ -168,7 +169,7 @@ class Installed(booted.Requests, browser_journey.Journey):
                     self.assertIn(f"CanDetectTimeout=80{number}\n", self.device.read(SETTINGS))
                     self.expect_content()
         finally:
-            self.device.run(f"rm {unit}; systemctl daemon-reload; systemctl restart vemo-web")
+            self.device.run(f"rm -r /etc/vemo-web/web-servers {unit}; systemctl daemon-reload; systemctl restart vemo-web")
             self.device.wait_for_page()
 
     def test_z_nothing_is_lost_when_the_power_is_cut(self):
