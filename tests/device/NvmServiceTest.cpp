@@ -354,7 +354,7 @@ TEST_F(NvmServiceBeside, AClientWhoseRequestIsNone) {
 
 TEST_F(NvmServiceBeside, AClientWhoseHeadHasNoEnd) {
   Connection client(NVM_ADDRESS, NVM_PORT);
-  client.Send(std::string(64 * 1024, 'x'));
+  client.Send(std::string(65536, 'x'));
   ExpectOthersAreServed();
   EXPECT_TRUE(client.HasEnded());
 }

@@ -3,8 +3,9 @@
 
 #include "../support/Sandbox.h"
 
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the sanitizer's name
 extern "C" int __lsan_is_turned_off();
 
-extern "C" int __lsan_is_turned_off() {
+extern "C" int __lsan_is_turned_off() {  // NOLINT(bugprone-reserved-identifier)
   return IsTraced() ? 1 : 0;
 }

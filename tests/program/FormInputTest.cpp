@@ -11,7 +11,7 @@
 namespace {
 
 constexpr char FIELD[] = "CanDetectTimeout";
-constexpr std::size_t MEBIBYTE = 1024 * 1024;
+constexpr std::size_t MEBIBYTE = 1 << 20;
 // The kernel hands no longer text than this to a program, name, end and all.
 constexpr std::size_t LONGEST_QUERY = 131072 - sizeof "QUERY_STRING=";
 

@@ -38,11 +38,13 @@ class JavaCalls : public testing::Test {
 
   // What the log says of the calls: all that follows the VM's start.
   static std::vector<std::string> CallStatements() {
-    std::vector<std::string> statements = LoggedStatements();
+    const std::vector<std::string> statements = LoggedStatements();
     const std::size_t start = StartStatements().size();
     EXPECT_GE(statements.size(), start);
-    statements.erase(statements.begin(), statements.begin() + std::min(start, statements.size()));
-    return statements;
+    if (start > statements.size()) {
+      return {};
+    }
+    return {std::next(statements.begin(), static_cast<std::ptrdiff_t>(start)), statements.end()};
   }
 };
 

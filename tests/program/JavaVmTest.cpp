@@ -205,8 +205,8 @@ const Texts REDIRECTION_CALLS = {
     "NewObjectV java/io/PrintStream.<init>(Ljava/io/OutputStream;)V(new java/io/FileOutputStream)",
     "FindClass java/lang/System",
     "GetStaticMethodID java/lang/System.setErr(Ljava/io/PrintStream;)V",
-    "CallStaticVoidMethodV java/lang/System.setErr(Ljava/io/PrintStream;)V"
-    "(new java/io/PrintStream)"};
+    ("CallStaticVoidMethodV java/lang/System.setErr(Ljava/io/PrintStream;)V"
+     "(new java/io/PrintStream)")};
 
 const std::string LOOKUP_CALL = "FindClass com/tarn/vemo/config/ConfigVemo";
 

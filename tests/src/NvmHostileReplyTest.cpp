@@ -164,7 +164,7 @@ TEST_F(NvmHostileReply, AnEntityOfOneLevelGrowsWithoutALimit) {
   const std::string reply =
       Packet(Repeated("&e;", 1000), "<!DOCTYPE wddxPacket [<!ENTITY e '" + text + "'>]>");
   EXPECT_LT(reply.size(), 20000u);
-  EXPECT_EQ(Read(reply).size(), 2 * 1000 * text.size() + 1);
+  EXPECT_EQ(Read(reply).size(), 2000 * text.size() + 1);
 }
 
 TEST_F(NvmHostileReply, AnEntityOfItselfIsRefused) {
@@ -298,7 +298,7 @@ TEST_F(NvmHostileReply, CutUtf16IsRefused) {
 // --- Sizes
 
 TEST_F(NvmHostileReply, TenMebibytesOfVariablesAreRead) {
-  const std::string variable = "<var name='B'>" + std::string(64 * 1024, 'b') + "</var>";
+  const std::string variable = "<var name='B'>" + std::string(65536, 'b') + "</var>";
   std::string reply = Packet("x");
   reply.insert(reply.find("<var"), Repeated(variable, 160));
   EXPECT_GT(reply.size(), std::size_t{10} << 20);

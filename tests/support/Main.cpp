@@ -41,11 +41,12 @@ std::string ValueOfArgument(int argc, char** argv, const std::string& name) {
 [[noreturn]] void RestartInSandbox(int argc, char** argv) {
   const auto self = std::filesystem::read_symlink("/proc/self/exe");
   const std::string inside = "/build" / self.lexically_relative(BUILD_FOLDER);
-  std::vector<std::string> words = {SOURCE_FOLDER "/device/sandbox",
+  const std::string source = SOURCE_FOLDER;
+  std::vector<std::string> words = {source + "/device/sandbox",
                                     BUILD_FOLDER,
                                     "--private-network",
                                     "--read-only",
-                                    SOURCE_FOLDER,
+                                    source,
                                     "/source",
                                     "--disk",
                                     std::to_string(SmallDisk::SIZE),
@@ -66,7 +67,7 @@ std::string ValueOfArgument(int argc, char** argv, const std::string& name) {
 }  // namespace
 
 // LeakSanitizer asks here. It looks for leaks by ptrace, which a traced process cannot use.
-extern "C" int __lsan_is_turned_off() {
+extern "C" int __lsan_is_turned_off() {  // NOLINT(bugprone-reserved-identifier)
   return IsTraced() ? 1 : 0;
 }
 
