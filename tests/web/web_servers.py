@@ -224,8 +224,9 @@ class Server:
 
     def is_ready(self):
         try:
+            # A page of a program: what starts them may listen later.
             with contextlib.closing(self.connect(2)) as client:
-                client.sendall(request("/index.html"))
+                client.sendall(request("/reboot.cgi"))
                 return b" 200 " in client.recv(100)
         except OSError:
             return False
