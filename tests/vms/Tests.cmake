@@ -1,12 +1,10 @@
 # What has to do with Java, again under a VM in front of the program's own: the programs' RUNPATH gives way
 # to LD_LIBRARY_PATH, which the web server hands on. FOLDER is that of libjvm.so, as the sandbox sees it.
-# PROPERTIES: of all of these tests; without them the browser's is quick.
+# PROPERTIES: of all of these tests.
 function(add_tests_under_vm name folder)
   cmake_parse_arguments(PARSE_ARGV 2 test "" "" PROPERTIES)
   add_browser_test(browser_journey.${name} browser_journey ENV LD_LIBRARY_PATH=${folder})
-  if(test_PROPERTIES)
-    set_tests_properties(browser_journey.${name} PROPERTIES LABELS long ${test_PROPERTIES})
-  endif()
+  set_tests_properties(browser_journey.${name} PROPERTIES LABELS long ${test_PROPERTIES})
   set(under EXTRA_ARGS --java-vm=${folder} TEST_SUFFIX .${name}
     PROPERTIES TIMEOUT 300 LABELS long ${test_PROPERTIES})
   foreach(binary program_tests page_tests)

@@ -20,6 +20,8 @@ endfunction()
 foreach(server lighttpd apache2 nginx busybox front)
   add_browser_test(web_servers.${server} web_servers ARGUMENTS ${server})
 endforeach()
+# Of lighttpd web_tests say more.
+set_tests_properties(web_servers.lighttpd web_servers.busybox web_servers.front PROPERTIES LABELS long)
 
 add_browser_test(browser_journey browser_journey)
 add_browser_test(accessibility accessibility)
