@@ -3,17 +3,18 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <limits.h>
-#include <sys/file.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <memory>
-#include <system_error>
 #include <thread>
 
 #include "Descriptor.h"
@@ -44,27 +45,31 @@ class RemovedFile {
   bool kept_ = false;
 };
 
+// Far more than a settings file. One that claims to be larger, a sparse one say, must not take the
+// memory.
+constexpr std::size_t MOST_BYTES = 32U << 20;
+
 // The size that the file tells saves copying; it may grow while it is read.
 bool ReadAll(int descriptor, std::string& text) {
+  text.clear();
   struct stat status {};
   fstat(descriptor, &status);
-  // A 32-bit machine cannot hold it: its length is none there, or a wrong one.
-  if (static_cast<std::uintmax_t>(status.st_size) >= text.max_size()) {
+  if (status.st_size > static_cast<off_t>(MOST_BYTES)) {
     return false;
   }
   text.resize(static_cast<std::size_t>(status.st_size) + 1);
   std::size_t length = 0;
-  while (true) {
+  while (length <= MOST_BYTES) {
     if (text.size() == length) {
       text.resize(2 * length);
     }
-    const ssize_t count = read(descriptor, text.data() + length, text.size() - length);
+    const ssize_t count =
+        pread(descriptor, &text[length], text.size() - length, static_cast<off_t>(length));
     if (count < 0 && errno == EINTR) {
       continue;
     }
     if (count < 0) {
-      text.clear();
-      return false;
+      break;
     }
     if (count == 0) {
       text.resize(length);
@@ -72,6 +77,8 @@ bool ReadAll(int descriptor, std::string& text) {
     }
     length += static_cast<std::size_t>(count);
   }
+  text.clear();
+  return false;
 }
 
 // Writes the text over the beginning of the file.
@@ -109,92 +116,51 @@ bool ResolveLinks(fs::path& path) {
   return false;
 }
 
-// Whether the folder says no, as against a disk that is full or broken, where rewriting in place
+fs::path FolderOf(const fs::path& file) {
+  fs::path folder = file.parent_path();
+  if (folder.empty()) {
+    folder = ".";
+  }
+  return folder;
+}
+
+// Whether permission is denied, as against a disk that is full or broken, where rewriting in place
 // would put the old content at risk for nothing.
 bool IsRefusal(int error) {
   return error == EACCES || error == EPERM || error == EROFS || error == EBUSY || error == EXDEV;
 }
 
-// --- Locks
-//
-// A lock is taken where two processes could meet in one file: by whoever rewrites the settings file
-// in place, and whoever reads it; and on a temporary file by its maker, who needs it, so that the
-// next store can tell a file that a killed process left behind.
-
-// Waits for whoever has the file, but not for ever: whoever may read it can lock it. False when it
-// is still locked then. On a file system that knows no locks there is none: that must not keep
-// anybody from their settings.
-bool Lock(int descriptor, int operation) {
-  constexpr auto PAUSE = std::chrono::milliseconds(1);
-  constexpr int MOST_PAUSES = 10000;
-  for (int pause = 0; pause < MOST_PAUSES; ++pause) {
-    if (flock(descriptor, operation | LOCK_NB) == 0 || (errno != EWOULDBLOCK && errno != EINTR)) {
-      return true;
-    }
-    std::this_thread::sleep_for(PAUSE);
-  }
-  return false;
-}
-
-bool IsSameFile(const struct stat& one, const struct stat& other) {
-  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
-}
-
-bool IsRemoved(int descriptor) {
-  struct stat status {};
-  return fstat(descriptor, &status) == 0 && status.st_nlink == 0;
-}
-
 // --- Temporary files
 
-// Opens a new file in the folder of `target`, locked; `path` becomes its path. -1, with errno set,
-// when none can be made.
-int OpenTemporaryFile(const fs::path& target, mode_t mode, fs::path& path) {
+// Opens a new file in the folder; `path` becomes its path. -1, with errno set, when none can be
+// made.
+int OpenTemporaryFile(const fs::path& folder, mode_t mode, fs::path& path) {
   constexpr int MOST_NAMES = 1000;
   for (int number = 0; number < MOST_NAMES; ++number) {
-    path = target.parent_path() /
-           (".ini-" + std::to_string(getpid()) + "-" + std::to_string(number) + ".tmp");
+    path = folder / (".ini-" + std::to_string(getpid()) + "-" + std::to_string(number) + ".tmp");
     const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-    if (descriptor < 0 && errno != EEXIST) {
-      return -1;
-    }
-    if (descriptor < 0) {
-      continue;
-    }
-    // Another process may have taken it for one left behind, before it was locked.
-    const bool isLost = flock(descriptor, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
-    if (!isLost && !IsRemoved(descriptor)) {
+    if (descriptor >= 0 || errno != EEXIST) {
       return descriptor;
     }
-    close(descriptor);
   }
-  errno = EEXIST;
   return -1;
 }
 
-bool IsTemporaryName(const char* name) {
+// Whether the file is one of ours whose process has ended. A process of another user lives, too,
+// when it may not be signalled.
+bool IsLeftover(const char* name) {
+  char process[10] = "";
   int length = 0;
-  std::sscanf(name, ".ini-%*[0-9]-%*[0-9].tmp%n", &length);
-  return length > 0 && name[length] == '\0';
+  std::sscanf(name, ".ini-%9[0-9]-%*[0-9].tmp%n", process, &length);
+  return length > 0 && name[length] == '\0' && kill(std::atoi(process), 0) != 0 && errno == ESRCH;
 }
 
-// Removes the temporary files of processes that were killed. Those of living ones are locked.
+// Removes the temporary files of processes that were killed.
 void RemoveLeftovers(const fs::path& folder) {
-  const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(folder.empty() ? "." : folder.c_str()),
-                                                    closedir);
+  const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(folder.c_str()), closedir);
   while (const dirent* const entry = entries != nullptr ? readdir(entries.get()) : nullptr) {
-    if (!IsTemporaryName(entry->d_name)) {
-      continue;
-    }
-    const fs::path path = folder / entry->d_name;
-    const Descriptor left(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
-    // While it was opened its maker may have renamed it, and made another of that name.
-    struct stat opened {};
-    struct stat named {};
-    if (left.IsOpen() && flock(left.Get(), LOCK_EX | LOCK_NB) == 0 &&
-        fstat(left.Get(), &opened) == 0 && lstat(path.c_str(), &named) == 0 &&
-        IsSameFile(opened, named)) {
-      unlink(path.c_str());
+    if (entry->d_type != DT_LNK && IsLeftover(entry->d_name)) {
+      unlink((folder / entry->d_name).c_str());
     }
   }
 }
@@ -212,47 +178,49 @@ bool CopyOwner(int descriptor, const struct stat& original) {
 }
 
 bool SyncFolder(const fs::path& folder) {
-  const Descriptor descriptor(
-      open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const Descriptor descriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   // EINVAL: a file system that knows no such thing.
   return descriptor.IsOpen() && (fsync(descriptor.Get()) == 0 || errno == EINVAL);
 }
 
-enum class RenameResult { kDone, kFailed, kRefused };
+enum class RenameResult { kDone, kFailed, kRefused, kLost };
+
+RenameResult WithError(int error) {
+  return IsRefusal(error) ? RenameResult::kRefused : RenameResult::kFailed;
+}
 
 // `original` is null when there is no file to be replaced.
 RenameResult ReplaceByRename(const fs::path& target, const struct stat* original,
                              const std::string& text) {
   // Nobody may read the new content who could not read the old.
   const mode_t firstMode = original != nullptr ? 0600 : 0666;
+  const fs::path folder = FolderOf(target);
   fs::path path;
-  Descriptor descriptor(OpenTemporaryFile(target, firstMode, path));
+  Descriptor descriptor(OpenTemporaryFile(folder, firstMode, path));
   if (!descriptor.IsOpen()) {
-    return IsRefusal(errno) ? RenameResult::kRefused : RenameResult::kFailed;
+    return WithError(errno);
   }
   RemovedFile temporary(path);
 
   if (original != nullptr) {
     if (!CopyOwner(descriptor.Get(), *original) || !CopyAttributes(descriptor.Get(), target) ||
         fchmod(descriptor.Get(), original->st_mode & 07777) != 0) {
-      return RenameResult::kRefused;
+      return WithError(errno);
     }
   }
-  // Holds the lock when the file is closed, which must be before it is renamed.
-  Descriptor lock(fcntl(descriptor.Get(), F_DUPFD_CLOEXEC, 0));
   // On the disk before it gets the name: else a power cut could leave an empty file of that name.
-  if (!lock.IsOpen() || !WriteAll(descriptor.Get(), text) || fsync(descriptor.Get()) != 0 ||
-      !descriptor.Close()) {
+  if (!WriteAll(descriptor.Get(), text) || fsync(descriptor.Get()) != 0 || !descriptor.Close()) {
     return RenameResult::kFailed;
   }
   if (rename(path.c_str(), target.c_str()) != 0) {
-    return IsRefusal(errno) ? RenameResult::kRefused : RenameResult::kFailed;
+    return errno == ENOENT ? RenameResult::kLost : WithError(errno);
   }
   temporary.Keep();
-  lock.Close();  // readers wait for it
-  RemoveLeftovers(target.parent_path());
-  return SyncFolder(target.parent_path()) ? RenameResult::kDone : RenameResult::kFailed;
+  RemoveLeftovers(folder);
+  return SyncFolder(folder) ? RenameResult::kDone : RenameResult::kFailed;
 }
+
+// --- In place
 
 // Extends the file, so that a full disk shows. True also on a file system that knows no such thing:
 // the writing then has to find out.
@@ -264,57 +232,60 @@ bool TakeRoom(int descriptor, off_t from, off_t to) {
   return error == 0 || error == EOPNOTSUPP || error == EINVAL;
 }
 
-void PutBack(int descriptor, const std::string& original) {
-  if (WriteAll(descriptor, original) &&
-      ftruncate(descriptor, static_cast<off_t>(original.size())) == 0) {
-    fsync(descriptor);
-  }
-}
-
-// Opens the file, when it is this process's turn; -1 when it cannot be opened. While a process
-// waits, another may put a new file in the place of this one.
-int OpenForRewriting(const fs::path& target) {
-  constexpr int MOST_TURNS = 100;
-  Descriptor descriptor(-1);
-  for (int turn = 0; turn < MOST_TURNS; ++turn) {
-    descriptor.Reset(open(target.c_str(), O_RDWR | O_CLOEXEC));
-    if (!descriptor.IsOpen()) {
-      return -1;
-    }
-    if (!Lock(descriptor.Get(), LOCK_EX)) {
-      return -1;
-    }
-    struct stat opened {};
-    struct stat named {};
-    if (fstat(descriptor.Get(), &opened) != 0 || stat(target.c_str(), &named) != 0) {
-      return -1;
-    }
-    if (IsSameFile(opened, named)) {
-      return descriptor.Release();
-    }
-  }
-  return -1;
+bool WriteInPlace(int descriptor, const std::string& text) {
+  struct stat status {};
+  const auto length = static_cast<off_t>(text.size());
+  // Room first: a full disk shows while the old content still stands. Length last: a reader never
+  // finds less than it needs.
+  return fstat(descriptor, &status) == 0 &&
+         (length <= status.st_size || TakeRoom(descriptor, status.st_size, length)) &&
+         WriteAll(descriptor, text) && ftruncate(descriptor, length) == 0;
 }
 
 bool RewriteInPlace(const fs::path& target, const std::string& text) {
-  Descriptor descriptor(OpenForRewriting(target));
+  Descriptor descriptor(open(target.c_str(), O_RDWR | O_CLOEXEC));
   std::string original;
   if (!descriptor.IsOpen() || !ReadAll(descriptor.Get(), original)) {
     return false;
   }
-  const auto length = static_cast<off_t>(text.size());
-  const auto originalLength = static_cast<off_t>(original.size());
-
-  // Room first: a full disk shows while the old content still stands. Length last: a reader never
-  // finds less than it needs.
-  const bool hasRoom =
-      length <= originalLength || TakeRoom(descriptor.Get(), originalLength, length);
-  if (!hasRoom || !WriteAll(descriptor.Get(), text) || ftruncate(descriptor.Get(), length) != 0) {
-    PutBack(descriptor.Get(), original);
-    return false;
+  // Another process that rewrites the file at the same time may mix both texts. Each writes again
+  // until it has found its own whole, so the last one to write leaves its own whole.
+  constexpr int MOST_ATTEMPTS = 50;
+  std::string found;
+  for (int attempt = 0; attempt < MOST_ATTEMPTS; ++attempt) {
+    // Not in step with the other one.
+    std::this_thread::sleep_for(std::chrono::microseconds(100) * attempt * (1 + gettid() % 7));
+    if (!WriteInPlace(descriptor.Get(), text)) {
+      WriteInPlace(descriptor.Get(), original);
+      fsync(descriptor.Get());
+      return false;
+    }
+    if (!ReadAll(descriptor.Get(), found) || found == text) {
+      break;
+    }
   }
   const bool isSynced = fsync(descriptor.Get()) == 0;
-  return descriptor.Close() && isSynced;
+  return descriptor.Close() && isSynced && found == text;
+}
+
+// Whether another process may be rewriting the file in place at this moment: it was written just
+// now, and not by a rename, which this user could not do either.
+bool IsUnsettled(int descriptor, const std::string& path) {
+  constexpr std::chrono::milliseconds JUST_NOW(30);  // some ticks of the clock that dates files
+  struct stat status {};
+  timespec now{};
+  if (fstat(descriptor, &status) != 0 || clock_gettime(CLOCK_REALTIME, &now) != 0) {
+    return false;
+  }
+  const std::chrono::nanoseconds age =
+      std::chrono::seconds(now.tv_sec - status.st_mtim.tv_sec) +
+      std::chrono::nanoseconds(now.tv_nsec - status.st_mtim.tv_nsec);
+  if (age.count() < 0 || age >= JUST_NOW) {
+    return false;
+  }
+  fs::path target(path);
+  return ResolveLinks(target) &&
+         (status.st_uid != geteuid() || access(FolderOf(target).c_str(), W_OK) != 0);
 }
 
 }  // namespace
@@ -334,14 +305,20 @@ ReadResult ReadFile(const std::string& path, std::string& text) {
   if (fstat(descriptor.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
     return ReadResult::kUnreadable;
   }
-  Lock(descriptor.Get(), LOCK_SH);  // whoever keeps it longer than we wait is none of us
-  return ReadAll(descriptor.Get(), text) ? ReadResult::kRead : ReadResult::kUnreadable;
+  constexpr int MOST_PAUSES = 100;
+  for (int pause = 0; ReadAll(descriptor.Get(), text); ++pause) {
+    if (pause == MOST_PAUSES || !IsUnsettled(descriptor.Get(), path)) {
+      return ReadResult::kRead;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return ReadResult::kUnreadable;
 }
 
 bool ReplaceFile(const std::string& path, const std::string& text) {
   const WriteSignals noSignals;
   fs::path target(path);
-  if (!ResolveLinks(target)) {
+  if (text.size() > MOST_BYTES || !ResolveLinks(target)) {
     return false;
   }
   struct stat original {};
@@ -349,15 +326,15 @@ bool ReplaceFile(const std::string& path, const std::string& text) {
   if (exists ? !S_ISREG(original.st_mode) : errno != ENOENT) {
     return false;
   }
-  switch (ReplaceByRename(target, exists ? &original : nullptr, text)) {
-    case RenameResult::kDone:
-      return true;
-    case RenameResult::kRefused:
-      return exists && RewriteInPlace(target, text);
-    case RenameResult::kFailed:
-      break;
+  // A process of another container, which knows other process ids, may take our temporary file for
+  // a leftover.
+  constexpr int MOST_ATTEMPTS = 10;
+  RenameResult result = RenameResult::kLost;
+  for (int attempt = 0; attempt < MOST_ATTEMPTS && result == RenameResult::kLost; ++attempt) {
+    result = ReplaceByRename(target, exists ? &original : nullptr, text);
   }
-  return false;
+  return result == RenameResult::kDone ||
+         (result == RenameResult::kRefused && exists && RewriteInPlace(target, text));
 }
 
 }  // namespace file_replacement

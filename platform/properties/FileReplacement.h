@@ -11,13 +11,17 @@ enum class ReadResult {
   kUnreadable,  // something is there that cannot be read whole, or is no regular file
 };
 
-// Reads the file at `path` into `text`; `text` is empty unless the result is kRead. Waits for a
-// ReplaceFile that is rewriting it in place, ten seconds at most, whoever holds the lock, and for
-// the kernel to take back another process's lease.
+// Reads the file at `path` into `text`; `text` is empty unless the result is kRead. A file of more
+// than 32 MiB is unreadable. Takes no lock and waits for nobody's, only for the kernel to take back
+// another process's lease. A file that can only be rewritten in place, and was written just now, is
+// read again until 30 ms have passed since, for some 200 ms at most: who writes it may be half
+// done.
 ReadResult ReadFile(const std::string& path, std::string& text);
 
 // Makes `text` the content of the file at `path`; a missing file is made with mode 0666 less the
-// umask. A symbolic link is followed and stays a link. Returns false when that did not work.
+// umask. A symbolic link is followed and stays a link. Returns false when that did not work, and
+// for a text of more than 32 MiB. Takes no lock and waits for nobody's: of several processes that
+// replace the file at the same time, one has the last word.
 //
 // The new content is written to a temporary file beside the target, with the target's mode and
 // owner, brought to the disk and renamed over it: every reader, and a machine that loses power,
@@ -25,19 +29,20 @@ ReadResult ReadFile(const std::string& path, std::string& text);
 // that the new one does but may not survive a power cut, when only the last step failed: bringing
 // the folder to the disk, for which it must be readable.
 //
-// Where the folder refuses the new file or the rename (not writable, read-only, a file mounted on
-// its own), or owner, mode and attributes cannot be kept, the file is rewritten in place: the room
-// is taken first, the old content put back when a write fails, and the length cut last. Those who
-// do so wait for one another, by flock on the file, ten seconds at most; then it is a failure. It
-// cannot promise what a rename does: another reader than ReadFile, a process killed in the middle,
-// a power cut, or a disk that fails twice may see a mix of both, with zeros where the file was to
-// grow; and when only bringing it to the disk failed, false means that the new content stands but
-// may not survive a power cut.
+// Where permission for that is denied (EACCES, EPERM, EROFS, EBUSY or EXDEV: a folder that is not
+// writable, a file that is mounted on its own, an owner that cannot be kept), the file is rewritten
+// in place: the room is taken first, the old content put back when a write fails, and the length
+// cut last. Each process looks whether its own text stands there and writes again where it does
+// not, for some seconds at most, so what stands there in the end is the whole text of one of them.
+// It cannot promise what a rename does: another reader than ReadFile, a process killed in the
+// middle, a power cut, or a disk that fails twice may see a mix of both, or zeros at the end; and
+// when only bringing it to the disk failed, false means that the new content stands but may not
+// survive a power cut.
 //
 // Extended attributes and access control lists are kept. A write-protected file in a writable
 // folder is replaced, and stays write-protected. Not kept: hard links to the file. A killed process
 // may leave its temporary file, `.ini-PID-N.tmp`; the next replacement by rename in that folder
-// removes it. A limit on the size of files is a failure, not a signal.
+// removes it once no process has that PID. A limit on the size of files is a failure, not a signal.
 bool ReplaceFile(const std::string& path, const std::string& text);
 
 }  // namespace file_replacement

@@ -29,9 +29,9 @@
 class PropertiesIni {
  public:
   // Takes the text of the file at `path` in place of what the object held. A missing file is an
-  // empty one. False when something is there that cannot be read whole, or that is no regular file:
-  // the object is then empty, and refuses to Store to that path, so that what it could not see is
-  // not lost. Waits as ReadFile in FileReplacement.h does.
+  // empty one. False when something is there that cannot be read whole, has more than 32 MiB, or
+  // is no regular file: the object is then empty, and refuses to Store to that path, so that what
+  // it could not see is not lost. Waits as ReadFile in FileReplacement.h does.
   bool Load(const std::string& path);
 
   // Gives `key` in `section` the value, wherever that key stands in a section of that name. A new

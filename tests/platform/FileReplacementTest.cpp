@@ -132,6 +132,12 @@ TEST_F(FileReplacement, FindsTheFileOfTheWorkingFolder) {
   EXPECT_EQ(ReadText(path), NEW);
 }
 
+TEST_F(FileReplacement, MakesNoFileThatCouldNotBeRead) {
+  WriteText(path, OLD);
+  EXPECT_FALSE(ReplaceFile(path, std::string((32 << 20) + 1, 'x')));
+  EXPECT_EQ(ReadText(path), OLD);
+}
+
 TEST_F(FileReplacement, KeepsTheMode) {
   WriteText(path, OLD);
   for (const int mode : {0600, 0644, 0666, 0751, 0444}) {
@@ -391,20 +397,20 @@ TEST_F(FileReading, GivesTheWholeText) {
   }
 }
 
-#if SIZE_MAX <= 0xffffffff
-// Whoever took its length for less would store a piece of it.
-TEST_F(FileReading, TellsAFileThatNoMemoryHolds) {
+// Sparse ones. Whoever took the length of such a file for less would store a piece of it.
+TEST_F(FileReading, RefusesAFileOfAbsurdSize) {
   WriteText(path, OLD);
   for (const std::uintmax_t size :
-       {1ULL << 31, (1ULL << 32) - 1, 1ULL << 32, (1ULL << 32) + OLD.size()}) {
+       {(32ULL << 20) + 1, 1ULL << 31, (1ULL << 32) - 1, (1ULL << 32) + OLD.size(), 1ULL << 40}) {
     SCOPED_TRACE(size);
     fs::resize_file(path, size);
-    std::string text;
-    EXPECT_EQ(ReadFile(path, text), ReadResult::kUnreadable);
+    EXPECT_EQ(Read(), ReadResult::kUnreadable);
     EXPECT_EQ(text, "");
   }
+  fs::resize_file(path, 32 << 20);
+  EXPECT_EQ(Read(), ReadResult::kRead);
+  EXPECT_EQ(text.size(), 32U << 20);
 }
-#endif
 
 TEST_F(FileReading, TellsAMissingFile) {
   EXPECT_EQ(Read(), ReadResult::kMissing);

@@ -16,7 +16,6 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -131,9 +130,9 @@ int close(int descriptor) {
   return fails ? -1 : result;
 }
 
-ssize_t read(int descriptor, void* data, size_t size) {
+ssize_t pread(int descriptor, void* data, size_t size, off_t offset) {
   size = Piece(descriptor, size);
-  return FailsOn(descriptor, "read") ? -1 : Real(read)(descriptor, data, size);
+  return FailsOn(descriptor, "pread") ? -1 : Real(pread)(descriptor, data, size, offset);
 }
 
 ssize_t write(int descriptor, const void* data, size_t size) {
@@ -169,12 +168,6 @@ int fchown(int descriptor, uid_t user, gid_t group) noexcept {
     return -1;
   }
   return Setting("FAILING_FILE_CALLS_OWNER").empty() ? Real(fchown)(descriptor, user, group) : 0;
-}
-
-int flock(int descriptor, int operation) noexcept {
-  const bool fails =
-      FailsOn(descriptor, "flock", (operation & LOCK_SH) != 0 ? " shared" : " exclusive");
-  return fails ? -1 : Real(flock)(descriptor, operation);
 }
 
 int fstat(int descriptor, struct stat* status) noexcept {

@@ -28,8 +28,11 @@ namespace {
 namespace fs = std::filesystem;
 using testing::AnyOf;
 using testing::Contains;
+using testing::ContainsRegex;
+using testing::Each;
 using testing::ElementsAre;
 using testing::EndsWith;
+using testing::HasSubstr;
 using testing::Not;
 
 const fs::path FILE_PATH = SETTINGS_FILE;
@@ -44,6 +47,12 @@ std::string Settings(const std::string& value) {
 }
 
 const std::string OLD = Settings("300");
+
+// Written long ago: a file that was written just now may be read again, which is more calls.
+void WriteOld(const fs::path& path) {
+  WriteText(path, OLD);
+  fs::last_write_time(path, fs::file_time_type::clock::now() - std::chrono::hours(1));
+}
 
 Command Request(const std::string& value) {
   return WithFakeVm(Get("CanDetectTimeout=" + value));
@@ -229,6 +238,50 @@ TEST_F(SettingsFile, IsWholeAfterRequestsAtTheSameTime) {
   }
 }
 
+TEST_F(SettingsFile, IsWholeAfterRequestsAtTheSameTimeInPlaceToo) {
+  constexpr int ROUNDS = 100;
+  const std::vector<std::string> values = {"1", "1234", std::string(90, '5'),
+                                           std::string(3000, '7')};
+  std::vector<std::string> texts;
+  for (const std::string& value : values) {
+    texts.push_back(Settings(value));
+  }
+  fs::permissions(FOLDER, fs::perms(0555));
+  for (int round = 0; round < ROUNDS; ++round) {
+    std::vector<std::future<void>> requests;
+    for (const std::string& value : values) {
+      requests.push_back(std::async(std::launch::async, ExpectSuccess, Request(value), value));
+    }
+    requests.clear();
+    ASSERT_THAT(texts, Contains(ReadText(SETTINGS_FILE)));
+  }
+}
+
+TEST_F(SettingsFile, OfAbsurdSizeStaysAsItWas) {
+  fs::resize_file(SETTINGS_FILE, 1ULL << 40);
+  ExpectSuccess(Request("500"), "500");
+  EXPECT_EQ(fs::file_size(SETTINGS_FILE), 1ULL << 40);
+}
+
+// Nor does the real Java VM lock anything, with the options of the device.
+TEST_F(SettingsFile, IsNotLockedNorIsTheLog) {
+  SKIP_WHERE_TRACED("nothing else can be traced");
+  for (const bool isByRename : {true, false}) {
+    fs::permissions(FOLDER, fs::perms(isByRename ? 0755 : 0555));
+    Command request = Get("CanDetectTimeout=500");
+    request.environment["JAVA_OPTIONS"] = "-XX:VMOptionsFile=/srv/vemo/java.options";
+    const std::vector<std::string> strace = {
+        "/usr/bin/strace", "-f", "-y", "-o", "/tmp/calls", "-e", "trace=openat,flock,fcntl"};
+    request.words.insert(request.words.begin(), strace.begin(), strace.end());
+    ExpectSuccess(request, "500");
+    const std::vector<std::string> calls = Lines(ReadText("/tmp/calls"));
+    EXPECT_THAT(calls, Contains(HasSubstr("obd.conf")));
+    EXPECT_THAT(calls, Contains(HasSubstr("cgi.log")));
+    EXPECT_THAT(calls, Each(Not(ContainsRegex("flock\\(|_(SETLKW?|SETLEASE)[,)]"))));
+    fs::remove("/tmp/calls");
+  }
+}
+
 // How long the request takes, as a rule.
 std::chrono::microseconds Duration(const Command& request) {
   constexpr int RUNS = 9;
@@ -300,11 +353,12 @@ class SettingsFileCalls : public SettingsFile {
 
   // The request, in which the call will fail with this error.
   static Command WithFailure(Command request, const std::string& call, int error) {
+    WriteOld(SETTINGS_FILE);
     Execute(Watched(request));
     const std::vector<std::string> calls = Calls();
     EXPECT_THAT(calls, Contains(call));
     const auto number = std::find(calls.begin(), calls.end(), call) - calls.begin() + 1;
-    WriteText(SETTINGS_FILE, OLD);
+    WriteOld(SETTINGS_FILE);
     request = Watched(request);
     request.environment["FAILING_FILE_CALLS"] = std::to_string(number);
     request.environment["FAILING_FILE_CALLS_ERROR"] = std::to_string(error);
@@ -315,31 +369,34 @@ class SettingsFileCalls : public SettingsFile {
 TEST_F(SettingsFileCalls, BringTheContentToTheDiskBeforeItGetsItsName) {
   fs::permissions(SETTINGS_FILE, fs::perms(0640));
   ExpectSuccess(Watched(Request("500")), "500");
-  EXPECT_THAT(
-      StoreCalls(),
-      ElementsAre("open temporary 600", "flock temporary exclusive", "fstat temporary",
-                  "fstat temporary", "fchmod temporary 640", "pwrite temporary", "fsync temporary",
-                  "close temporary", "rename temporary obd.conf", "open .", "fsync .", "close ."));
+  EXPECT_THAT(StoreCalls(),
+              ElementsAre("open temporary 600", "fstat temporary", "fchmod temporary 640",
+                          "pwrite temporary", "fsync temporary", "close temporary",
+                          "rename temporary obd.conf", "open .", "fsync .", "close ."));
 }
 
 TEST_F(SettingsFileCalls, TakeTheRoomFirstAndCutLastInPlace) {
   fs::permissions(FOLDER, fs::perms(0555));
   ExpectSuccess(Watched(Request("50000")), "50000");
   EXPECT_THAT(StoreCalls(),
-              ElementsAre("open temporary 600", "open obd.conf", "flock obd.conf exclusive",
-                          "fstat obd.conf", "stat obd.conf", "fstat obd.conf", "read obd.conf",
-                          "read obd.conf", "posix_fallocate obd.conf", "pwrite obd.conf",
-                          "ftruncate obd.conf", "fsync obd.conf", "close obd.conf"));
+              ElementsAre("open temporary 600", "open obd.conf", "fstat obd.conf", "pread obd.conf",
+                          "pread obd.conf", "fstat obd.conf", "posix_fallocate obd.conf",
+                          "pwrite obd.conf", "ftruncate obd.conf", "fstat obd.conf",
+                          "pread obd.conf", "pread obd.conf", "fsync obd.conf", "close obd.conf"));
   ExpectSuccess(Watched(Request("5")), "5");
   EXPECT_THAT(StoreCalls(),
-              ElementsAre("open temporary 600", "open obd.conf", "flock obd.conf exclusive",
-                          "fstat obd.conf", "stat obd.conf", "fstat obd.conf", "read obd.conf",
-                          "read obd.conf", "pwrite obd.conf", "ftruncate obd.conf",
-                          "fsync obd.conf", "close obd.conf"));
+              ElementsAre("open temporary 600", "open obd.conf", "fstat obd.conf", "pread obd.conf",
+                          "pread obd.conf", "fstat obd.conf", "pwrite obd.conf",
+                          "ftruncate obd.conf", "fstat obd.conf", "pread obd.conf",
+                          "pread obd.conf", "fsync obd.conf", "close obd.conf"));
 }
 
-TEST_F(SettingsFileCalls, RewriteInPlaceWhereTheFolderRefusesTheNewFile) {
-  for (const std::string call : {"open temporary 600", "rename temporary obd.conf"}) {
+// The steps of a store by rename that can be refused.
+const std::vector<std::string> REFUSABLE = {"open temporary 600", "fchmod temporary 644",
+                                            "rename temporary obd.conf"};
+
+TEST_F(SettingsFileCalls, RewriteInPlaceWherePermissionIsDenied) {
+  for (const std::string& call : REFUSABLE) {
     for (const int error : {EACCES, EPERM, EROFS, EBUSY, EXDEV}) {
       SCOPED_TRACE(call + " " + std::to_string(error));
       const Command request = WithFailure(Request("500"), call, error);
@@ -352,7 +409,7 @@ TEST_F(SettingsFileCalls, RewriteInPlaceWhereTheFolderRefusesTheNewFile) {
 }
 
 TEST_F(SettingsFileCalls, RiskNothingInPlaceWhereTheDiskIsFullOrBroken) {
-  for (const std::string call : {"open temporary 600", "rename temporary obd.conf"}) {
+  for (const std::string& call : REFUSABLE) {
     for (const int error : {ENOSPC, EDQUOT, EIO, ENFILE}) {
       SCOPED_TRACE(call + " " + std::to_string(error));
       ExpectSuccess(WithFailure(Request("500"), call, error), "500");
@@ -362,16 +419,31 @@ TEST_F(SettingsFileCalls, RiskNothingInPlaceWhereTheDiskIsFullOrBroken) {
   }
 }
 
+// A process of another container, which knows other process ids, took it for a leftover.
+TEST_F(SettingsFileCalls, MakeATemporaryFileThatIsGoneAnew) {
+  ExpectSuccess(WithFailure(Request("500"), "rename temporary obd.conf", ENOENT), "500");
+  EXPECT_EQ(ReadText(SETTINGS_FILE), Settings("500"));
+  EXPECT_THAT(Names(FOLDER), ElementsAre("obd.conf"));
+}
+
 TEST_F(SettingsFileCalls, GiveTheNewContentToTheOldOwnerBeforeItsMode) {
   fs::permissions(SETTINGS_FILE, fs::perms(0640));
   Command request = Watched(Request("500"));
   request.environment["FAILING_FILE_CALLS_OWNER"] = "4242 4343";
   ExpectSuccess(request, "500");
-  EXPECT_THAT(StoreCalls(),
-              ElementsAre("open temporary 600", "flock temporary exclusive", "fstat temporary",
-                          "fstat temporary", "fchown temporary 4242 4343", "fchmod temporary 640",
-                          "pwrite temporary", "fsync temporary", "close temporary",
-                          "rename temporary obd.conf", "open .", "fsync .", "close ."));
+  EXPECT_THAT(
+      StoreCalls(),
+      ElementsAre("open temporary 600", "fstat temporary", "fchown temporary 4242 4343",
+                  "fchmod temporary 640", "pwrite temporary", "fsync temporary", "close temporary",
+                  "rename temporary obd.conf", "open .", "fsync .", "close ."));
+}
+
+TEST_F(SettingsFileCalls, LeaveTheFileOfAnotherOwnerWhereTheDiskIsFull) {
+  Command request = Request("500");
+  request.environment["FAILING_FILE_CALLS_OWNER"] = "4242 4343";
+  ExpectSuccess(WithFailure(request, "fchown temporary 4242 4343", ENOSPC), "500");
+  EXPECT_EQ(ReadText(SETTINGS_FILE), OLD);
+  EXPECT_THAT(StoreCalls(), Not(Contains("open obd.conf")));
 }
 
 TEST_F(SettingsFileCalls, RewriteTheFileOfAnOwnerThatCannotBeKept) {
@@ -393,15 +465,15 @@ struct Situation {
   std::string after;
 };
 
-const Situation USUAL = {[] { WriteText(SETTINGS_FILE, OLD); }, "50000", OLD, Settings("50000")};
+const Situation USUAL = {[] { WriteOld(SETTINGS_FILE); }, "50000", OLD, Settings("50000")};
 const Situation MISSING = {[] {}, "500", "", "[SETTINGS]\nVEMODCanDetectTimeout=500\n"};
 const Situation LINK = {[] {
-                          WriteText(FOLDER / "target", OLD);
+                          WriteOld(FOLDER / "target");
                           fs::create_symlink("target", SETTINGS_FILE);
                         },
                         "500", OLD, Settings("500")};
 const Situation LONGER_IN_PLACE = {[] {
-                                     WriteText(SETTINGS_FILE, OLD);
+                                     WriteOld(SETTINGS_FILE);
                                      fs::permissions(FOLDER, fs::perms(0555));
                                    },
                                    "50000", OLD, Settings("50000")};
@@ -438,7 +510,7 @@ class EachSettingsFileCall : public SettingsFileCalls {
 };
 
 bool IsTransfer(const std::string& call) {
-  return call.rfind("read ", 0) == 0 || call.rfind("pwrite ", 0) == 0;
+  return call.rfind("pread ", 0) == 0 || call.rfind("pwrite ", 0) == 0;
 }
 
 TEST_F(EachSettingsFileCall, IsRepeatedWhenASignalInterruptsAReadOrAWrite) {
