@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -13,103 +12,6 @@ namespace {
 
 constexpr char SOURCE[] = "src/JavaVmWrapper";
 constexpr char CONFIG_CLASS[] = "com/tarn/vemo/config/ConfigVemo";
-
-// Failures. Cold: kept out of line, so that a request that goes well carries none of it.
-
-[[gnu::cold]] void LogClassNotFound(int line, const char* name) {
-  LogFormater(LOG_LEVEL_ERROR, SOURCE, line).Log(GetCgiLogHandler(), "Class '%s' not found", name);
-}
-
-[[gnu::cold]] void LogMethodNotFound(int line, const char* name) {
-  LogFormater(LOG_LEVEL_ERROR, SOURCE, line)
-      .Log(GetCgiLogHandler(), "Methode '%s' not found", name);
-}
-
-// Named with dots.
-[[gnu::cold]] void LogPlatformClassNotFound(int line, const char* name) {
-  std::string dotted = name;
-  std::replace(dotted.begin(), dotted.end(), '/', '.');
-  LogClassNotFound(line, dotted.c_str());
-}
-
-[[gnu::cold]] void LogNotCreated(int line, const char* what) {
-  LogFormater(LOG_LEVEL_ERROR, SOURCE, line).Log(GetCgiLogHandler(), "Can't create %s", what);
-}
-
-// The steps from here on give null, logged, when they fail; those of the redirection give null,
-// silently, when they are given it.
-
-jclass FindPlatformClass(JNIEnv* env, int line, const char* name) {
-  const jclass type = env->FindClass(name);
-  if (type == nullptr) {
-    LogPlatformClassNotFound(line, name);
-  }
-  return type;
-}
-
-jmethodID FindConstructor(JNIEnv* env, int line, jclass type, const char* signature) {
-  if (type == nullptr) {
-    return nullptr;
-  }
-  const jmethodID constructor = env->GetMethodID(type, "<init>", signature);
-  if (constructor == nullptr) {
-    LogMethodNotFound(line, "<init>");
-  }
-  return constructor;
-}
-
-jmethodID FindStaticMethod(JNIEnv* env, int line, jclass type, const char* name,
-                           const char* signature) {
-  const jmethodID method = env->GetStaticMethodID(type, name, signature);
-  if (method == nullptr) {
-    LogMethodNotFound(line, name);
-  }
-  return method;
-}
-
-jobject LogUnlessCreated(int line, const char* what, jobject created) {
-  if (created == nullptr) {
-    LogNotCreated(line, what);
-  }
-  return created;
-}
-
-// The log file as Java's stream, to be appended to.
-jobject OpenLogFile(JNIEnv* env) {
-  const jclass type = FindPlatformClass(env, 159, "java/io/FileOutputStream");
-  const jmethodID constructor = FindConstructor(env, 167, type, "(Ljava/lang/String;Z)V");
-  if (constructor == nullptr) {
-    return nullptr;
-  }
-  const jstring path = env->NewStringUTF(CGI_LOG_FILE);
-  return LogUnlessCreated(175, "output stream", env->NewObject(type, constructor, path, JNI_TRUE));
-}
-
-jobject WrapInPrintStream(JNIEnv* env, jobject outputStream) {
-  if (outputStream == nullptr) {
-    return nullptr;
-  }
-  const jclass type = FindPlatformClass(env, 182, "java/io/PrintStream");
-  const jmethodID constructor = FindConstructor(env, 190, type, "(Ljava/io/OutputStream;)V");
-  if (constructor == nullptr) {
-    return nullptr;
-  }
-  return LogUnlessCreated(196, "print stream", env->NewObject(type, constructor, outputStream));
-}
-
-void SetSystemErr(JNIEnv* env, jobject printStream) {
-  if (printStream == nullptr) {
-    return;
-  }
-  const jclass type = FindPlatformClass(env, 203, "java/lang/System");
-  if (type == nullptr) {
-    return;
-  }
-  const jmethodID setErr = FindStaticMethod(env, 211, type, "setErr", "(Ljava/io/PrintStream;)V");
-  if (setErr != nullptr) {
-    env->CallStaticVoidMethod(type, setErr, printStream);
-  }
-}
 
 }  // namespace
 
@@ -170,7 +72,8 @@ bool JavaVmWrapper::OpenJavaVM() {
   configClass = env->FindClass(CONFIG_CLASS);
   if (configClass == nullptr) {
     // The exception stays pending: the destructor describes it into the log, where it is wanted.
-    LogClassNotFound(118, CONFIG_CLASS);
+    LogFormater(LOG_LEVEL_ERROR, SOURCE, 118)
+        .Log(GetCgiLogHandler(), "Class '%s' not found", CONFIG_CLASS);
     return false;
   }
   return true;
@@ -179,24 +82,83 @@ bool JavaVmWrapper::OpenJavaVM() {
 // Stays: see docs/kept-as-is.md, "Methode", "redirection half checked", "local references kept".
 void JavaVmWrapper::ChangeStdErr() {
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 155).Log(GetCgiLogHandler(), "%s", "ChangeStdErr");
-  const jobject logFile = OpenLogFile(env);
-  const jobject printStream = WrapInPrintStream(env, logFile);
-  SetSystemErr(env, printStream);
-}
 
-// The static method of the configuration class; null, logged, when there is none.
-jmethodID JavaVmWrapper::FindFunction(const char* method, const char* signature, int entryLine,
-                                      int notFoundLine) {
-  LogFormater(LOG_LEVEL_DEBUG, SOURCE, entryLine)
-      .Log(GetCgiLogHandler(), "%s %s", "CallFunction", method);
-  return FindStaticMethod(env, notFoundLine, configClass, method, signature);
+  // The log file as Java's stream, to be appended to.
+  const jclass fileType = env->FindClass("java/io/FileOutputStream");
+  if (fileType == nullptr) {
+    LogFormater(LOG_LEVEL_ERROR, SOURCE, 159)
+        .Log(GetCgiLogHandler(), "Class '%s' not found", "java.io.FileOutputStream");
+    return;
+  }
+  const jmethodID openFile = env->GetMethodID(fileType, "<init>", "(Ljava/lang/String;Z)V");
+  if (openFile == nullptr) {
+    LogFormater(LOG_LEVEL_ERROR, SOURCE, 167)
+        .Log(GetCgiLogHandler(), "Methode '%s' not found", "<init>");
+    return;
+  }
+  const jstring path = env->NewStringUTF(CGI_LOG_FILE);
+  const jobject file = env->NewObject(fileType, openFile, path, JNI_TRUE);
+  if (file == nullptr) {
+    LogFormater(LOG_LEVEL_ERROR, SOURCE, 175).Log(GetCgiLogHandler(), "Can't create output stream");
+    return;
+  }
+
+  const jclass streamType = env->FindClass("java/io/PrintStream");
+  if (streamType == nullptr) {
+    LogFormater(LOG_LEVEL_ERROR, SOURCE, 182)
+        .Log(GetCgiLogHandler(), "Class '%s' not found", "java.io.PrintStream");
+    return;
+  }
+  const jmethodID wrapFile = env->GetMethodID(streamType, "<init>", "(Ljava/io/OutputStream;)V");
+  if (wrapFile == nullptr) {
+    LogFormater(LOG_LEVEL_ERROR, SOURCE, 190)
+        .Log(GetCgiLogHandler(), "Methode '%s' not found", "<init>");
+    return;
+  }
+  const jobject stream = env->NewObject(streamType, wrapFile, file);
+  if (stream == nullptr) {
+    LogFormater(LOG_LEVEL_ERROR, SOURCE, 196).Log(GetCgiLogHandler(), "Can't create print stream");
+    return;
+  }
+
+  const jclass systemType = env->FindClass("java/lang/System");
+  if (systemType == nullptr) {
+    LogFormater(LOG_LEVEL_ERROR, SOURCE, 203)
+        .Log(GetCgiLogHandler(), "Class '%s' not found", "java.lang.System");
+    return;
+  }
+  const jmethodID setErr = env->GetStaticMethodID(systemType, "setErr", "(Ljava/io/PrintStream;)V");
+  if (setErr == nullptr) {
+    LogFormater(LOG_LEVEL_ERROR, SOURCE, 211)
+        .Log(GetCgiLogHandler(), "Methode '%s' not found", "setErr");
+    return;
+  }
+  env->CallStaticVoidMethod(systemType, setErr, stream);
 }
 
 // Stays: see docs/kept-as-is.md, "null text", "characters kept", "modified UTF-8".
-bool JavaVmWrapper::CallTextFunction(const char* method, std::string& result, int entryLine,
-                                     int notFoundLine) {
-  const jmethodID function = FindFunction(method, "()Ljava/lang/String;", entryLine, notFoundLine);
+bool JavaVmWrapper::CallFunction(const std::string& method, std::string& result) {
+  LogFormater(LOG_LEVEL_DEBUG, SOURCE, 226)
+      .Log(GetCgiLogHandler(), "%s %s", "CallFunction", method.c_str());
+  const jmethodID function =
+      env->GetStaticMethodID(configClass, method.c_str(), "()Ljava/lang/String;");
   if (function == nullptr) {
+    LogFormater(LOG_LEVEL_ERROR, SOURCE, 232)
+        .Log(GetCgiLogHandler(), "Methode '%s' not found", method.c_str());
+    return false;
+  }
+  const auto text = static_cast<jstring>(env->CallStaticObjectMethod(configClass, function));
+  result = env->GetStringUTFChars(text, nullptr);
+  return true;
+}
+
+bool JavaVmWrapper::CallFunction(const char* method, std::string& result) {
+  LogFormater(LOG_LEVEL_DEBUG, SOURCE, 249)
+      .Log(GetCgiLogHandler(), "%s %s", "CallFunction", method);
+  const jmethodID function = env->GetStaticMethodID(configClass, method, "()Ljava/lang/String;");
+  if (function == nullptr) {
+    LogFormater(LOG_LEVEL_ERROR, SOURCE, 255)
+        .Log(GetCgiLogHandler(), "Methode '%s' not found", method);
     return false;
   }
   const auto text = static_cast<jstring>(env->CallStaticObjectMethod(configClass, function));
@@ -205,30 +167,30 @@ bool JavaVmWrapper::CallTextFunction(const char* method, std::string& result, in
 }
 
 // Stays: see docs/kept-as-is.md, "exception of a number".
-bool JavaVmWrapper::CallNumberFunction(const char* method, int& result, int entryLine,
-                                       int notFoundLine) {
-  const jmethodID function = FindFunction(method, "()I", entryLine, notFoundLine);
+bool JavaVmWrapper::CallFunction(const std::string& method, int& result) {
+  LogFormater(LOG_LEVEL_DEBUG, SOURCE, 273)
+      .Log(GetCgiLogHandler(), "%s %s", "CallFunction", method.c_str());
+  const jmethodID function = env->GetStaticMethodID(configClass, method.c_str(), "()I");
   if (function == nullptr) {
+    LogFormater(LOG_LEVEL_ERROR, SOURCE, 277)
+        .Log(GetCgiLogHandler(), "Methode '%s' not found", method.c_str());
     return false;
   }
   result = env->CallStaticIntMethod(configClass, function);
   return true;
 }
 
-bool JavaVmWrapper::CallFunction(const std::string& method, std::string& result) {
-  return CallTextFunction(method.c_str(), result, 226, 232);
-}
-
-bool JavaVmWrapper::CallFunction(const char* method, std::string& result) {
-  return CallTextFunction(method, result, 249, 255);
-}
-
-bool JavaVmWrapper::CallFunction(const std::string& method, int& result) {
-  return CallNumberFunction(method.c_str(), result, 273, 277);
-}
-
 bool JavaVmWrapper::CallFunction(const char* method, int& result) {
-  return CallNumberFunction(method, result, 293, 297);
+  LogFormater(LOG_LEVEL_DEBUG, SOURCE, 293)
+      .Log(GetCgiLogHandler(), "%s %s", "CallFunction", method);
+  const jmethodID function = env->GetStaticMethodID(configClass, method, "()I");
+  if (function == nullptr) {
+    LogFormater(LOG_LEVEL_ERROR, SOURCE, 297)
+        .Log(GetCgiLogHandler(), "Methode '%s' not found", method);
+    return false;
+  }
+  result = env->CallStaticIntMethod(configClass, function);
+  return true;
 }
 
 // Stays: see docs/kept-as-is.md, "empty address".

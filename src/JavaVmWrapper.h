@@ -60,12 +60,6 @@ class JavaVmWrapper {
   JNIEnv* env;         // of the thread that called OpenJavaVM; null until the VM exists
   JavaVM* jvm;         // null until the VM exists
   jclass configClass;  // set by OpenJavaVM once the VM exists; null when the class was not found
-
- private:
-  jmethodID FindFunction(const char* method, const char* signature, int entryLine,
-                         int notFoundLine);
-  bool CallTextFunction(const char* method, std::string& result, int entryLine, int notFoundLine);
-  bool CallNumberFunction(const char* method, int& result, int entryLine, int notFoundLine);
 };
 
 // Whether the C library's inet_aton takes the text for an IPv4 address, shortened, octal and

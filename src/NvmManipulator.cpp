@@ -40,18 +40,14 @@ std::string BuildVariable(const std::string& name, const std::string& value) {
 
 // --- Transport
 
-// To be called right behind the failing call: what else is called may change errno.
-void LogSystemError(int line, const char* call) {
-  const int error = errno;
-  LogFormater(LOG_LEVEL_ERROR, SOURCE, line)
-      .Log(GetCgiLogHandler(), "%s %s", call, std::strerror(error));
-}
-
-// A connection to the service, or -1, logged.
+// A connection to the service, or -1, logged. Logging may change errno: it is taken right behind
+// the failing call.
 int Connect(const std::string& address) {
   const int connection = socket(AF_INET, SOCK_STREAM, 0);
   if (connection == -1) {
-    LogSystemError(159, "socket");
+    const int error = errno;
+    LogFormater(LOG_LEVEL_ERROR, SOURCE, 159)
+        .Log(GetCgiLogHandler(), "socket %s", std::strerror(error));
     return -1;
   }
   sockaddr_in service{};
@@ -60,7 +56,9 @@ int Connect(const std::string& address) {
   // Stays: see docs/kept-as-is.md, "malformed address".
   service.sin_addr.s_addr = inet_addr(address.c_str());
   if (connect(connection, reinterpret_cast<const sockaddr*>(&service), sizeof service) == -1) {
-    LogSystemError(168, "connect");
+    const int error = errno;
+    LogFormater(LOG_LEVEL_ERROR, SOURCE, 168)
+        .Log(GetCgiLogHandler(), "connect %s", std::strerror(error));
     close(connection);
     return -1;
   }
@@ -190,7 +188,9 @@ int NvmManipulator::SendToNvm(const std::string& serviceAddress, const std::stri
     return -1;  // the connection ends with the process
   }
   if (send(connection, request.data(), request.size(), 0) == -1) {
-    LogSystemError(178, "send");
+    const int error = errno;
+    LogFormater(LOG_LEVEL_ERROR, SOURCE, 178)
+        .Log(GetCgiLogHandler(), "send %s", std::strerror(error));
     close(connection);
     return -1;
   }
