@@ -5,8 +5,9 @@
 //   LogFormater(LOG_LEVEL_DEBUG, "src/SetObdConf", 30).Log(GetCgiLogHandler(), "%s", "main");
 //
 // The number names the statement, whichever line that stands on; a new statement takes one that its
-// file has free. Numbers, texts and their order are an interface, like the layout of the line: they
-// do not change. Nor do those of the pages and of the traces on standard output.
+// file has free. Number and format are written out where they are logged: whoever has a line of the
+// log in hand searches for them. Numbers, texts and their order are an interface, like the layout
+// of the line: they do not change. Nor do those of the pages and of the traces on standard output.
 #pragma once
 
 #include <cstdint>

@@ -92,7 +92,7 @@ std::string LogClient::Format(const LogEvent& event) const {
 LogClientFile::LogClientFile(const std::string& path, bool append) : path_(path) {
   descriptor_ = OpenForWriting(path, O_WRONLY | O_CREAT | O_APPEND | (append ? 0 : O_TRUNC));
   if (descriptor_ < 0) {
-    ReportOnce("open", errno);
+    ReportOnce("Can't open log file ", errno);
   }
 }
 
@@ -111,16 +111,14 @@ void LogClientFile::HandleEvent(const LogEvent& event) {
   if (written > 0) {
     EndCutLine(descriptor_);
   }
-  ReportOnce("write", error);
+  ReportOnce("Can't write log file ", error);
 }
 
-void LogClientFile::ReportOnce(const char* operation, int error) {
+void LogClientFile::ReportOnce(const char* what, int error) {
   if (reported_) {
     return;
   }
   reported_ = true;
   std::size_t written = 0;
-  WriteAll(STDERR_FILENO,
-           "Can't " + std::string(operation) + " log file " + path_ + ": " + strerror(error) + "\n",
-           written);
+  WriteAll(STDERR_FILENO, what + path_ + ": " + strerror(error) + "\n", written);
 }

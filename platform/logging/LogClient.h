@@ -53,7 +53,7 @@ class LogClientFile : public LogClient {
   void HandleEvent(const LogEvent& event) override;
 
  private:
-  void ReportOnce(const char* operation, int error);
+  void ReportOnce(const char* what, int error);
 
   std::string path_;
   int descriptor_;
