@@ -1,10 +1,12 @@
 // The stand-in device's nVm service: its rules, its replies, its patience.
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <functional>
@@ -450,6 +452,32 @@ TEST_F(NvmServiceTest, LogsToANewFileAfterARename) {
   WriteText(NVM_SERVICE_LOG_FILE, "");
   Ask("nvmGetDeviceStatus", Packet(""));
   EXPECT_EQ(NvmServiceStatements().size(), 1);
+}
+
+class NvmServiceLog : public testing::Test {
+ protected:
+  static constexpr char SAID[] = "/tmp/nvm.said";  // on standard error
+  NvmService service_{
+      NVM_ADDRESS,
+      [] { dup2(open(SAID, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600), STDERR_FILENO); }};
+};
+
+// Nothing is opened anew: it could not be.
+TEST_F(NvmServiceLog, StaysOpenWhileItIsTheFileAtItsPath) {
+  Ask("nvmGetDeviceStatus", Packet(""));
+  std::filesystem::permissions(NVM_SERVICE_LOG_FILE, std::filesystem::perms(0400));
+  Ask("nvmGetDeviceStatus", Packet(""));
+  EXPECT_EQ(NvmServiceStatements().size(), 2);
+  EXPECT_EQ(ReadText(SAID), "");
+}
+
+TEST_F(NvmServiceLog, GoesOnInTheOldFileWhereNoNewOneCanBeMade) {
+  std::filesystem::rename(NVM_SERVICE_LOG_FILE, "/tmp/nvm.log.1");
+  std::filesystem::create_directory(NVM_SERVICE_LOG_FILE);
+  Ask("nvmGetDeviceStatus", Packet(""));
+  std::filesystem::remove(NVM_SERVICE_LOG_FILE);
+  EXPECT_EQ(Lines(ReadText("/tmp/nvm.log.1")).size(), 1);
+  EXPECT_EQ(ReadText(SAID), "Can't open log file /tmp/nvm.log: Is a directory\n");
 }
 
 // --- Want: of threads, descriptors and memory
