@@ -97,11 +97,28 @@ TEST_F(RealVm, AnOptionReachesTheVm) {
                                                 "initialised, greeting good morning"}));
 }
 
-TEST_F(RealVm, TwoOptionsInOneTextAreRefused) {
-  ExpectOnlyTheFrame(Execute(RequestWithOptions("-Xmx64m -Xss1m")));
-  EXPECT_THAT(
-      LoggedLines(),
-      ElementsAreArray(Joined({StartStatements("-Xmx64m -Xss1m", TELLING_CLASS), {VM_REFUSED}})));
+TEST_F(RealVm, TwoOptionsInOneTextAreIgnored) {
+  for (const std::string options :
+       {"-Xint -Xmx16m", "-Xint -Dvemo.greeting=hello", "-XX:+UseG1GC -Xint"}) {
+    ResetDevice();
+    EXPECT_EQ(Execute(RequestWithOptions(options)).exitStatus, 0) << options;
+    EXPECT_THAT(LoggedLines(), Contains("initialised, greeting null")) << options;
+  }
+}
+
+TEST_F(RealVm, ASecondOptionInTheTextIsAPartOfTheFirstOnesValue) {
+  EXPECT_EQ(Execute(RequestWithOptions("-Dvemo.greeting=1 -Xint")).exitStatus, 0);
+  EXPECT_THAT(LoggedLines(), Contains("initialised, greeting 1 -Xint"));
+}
+
+TEST_F(RealVm, TwoOptionsInOneTextAreRefusedWhereTheFirstTakesANumberOrAFile) {
+  for (const std::string options : {"-Xmx64m -Xss1m", "-XX:StringTableSize=1024 -Xint",
+                                    "-XX:VMOptionsFile=/srv/vemo/java.options -Xint"}) {
+    ResetDevice();
+    ExpectOnlyTheFrame(Execute(RequestWithOptions(options)));
+    EXPECT_THAT(LoggedLines(),
+                ElementsAreArray(Joined({StartStatements(options, TELLING_CLASS), {VM_REFUSED}})));
+  }
 }
 
 TEST_F(RealVm, AnUnrecognisedOptionIsIgnored) {
