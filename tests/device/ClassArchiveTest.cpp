@@ -112,6 +112,9 @@ class ClassArchive : public testing::Test {
   static void ExpectUsed(const Command& request = Request()) {
     ExpectServed(Execute(request));
     EXPECT_THAT(ForeignLines(), ElementsAre("mapped " + ARCHIVE.string()));
+    EXPECT_THAT(LoggedStatements(),
+                Contains("DEBUG src/JavaVmWrapper 81 JAVA_OPTIONS: -XX:VMOptionsFile=" +
+                         (FOLDER / "java.options").string()));
   }
 
   // The request is served, with the options that it came with and the VM's own archive.
@@ -138,6 +141,17 @@ TEST_F(ClassArchive, IsMadeFromARequestAndUsed) {
   EXPECT_EQ(made_.output, "");
   EXPECT_EQ(made_.error, "");
   ExpectUsed();
+}
+
+TEST_F(ClassArchive, IsUsedBehindTheGate) {
+  Command request = Request();
+  request.words = {"/srv/vemo/bin/cgi-gate", PROGRAM};
+  request.environment.insert({{"CGI_GATE_FILE", "/tmp/gate"},
+                              {"CGI_GATE_PLACES", "1"},
+                              {"CGI_GATE_PATIENCE", "20"},
+                              {"CGI_GATE_LIMIT", "20"},
+                              {"CGI_GATE_ARCHIVE", FOLDER}});
+  ExpectUsed(request);
 }
 
 TEST_F(ClassArchive, StoresNothingWhenItIsMade) {
