@@ -19,7 +19,7 @@
 //                      more bytes is answered "413 Content Too Large", one in chunks "411 Length
 //                      Required", one that is cut or does not come in time "400 Bad Request"
 //   CGI_GATE_APART     optional, for a web server that kills programs whose client has gone: when
-//                      set, the program runs in a process of its own
+//                      set, the program runs in a process of its own, and the gate ends as it does
 //
 // Nobody has to watch the program: the kernel keeps the alarm and the lock for it over the exec,
 // ends it with SIGALRM when its time is over, and gives the place free when it ends, however that
@@ -29,6 +29,7 @@
 // In C, but for the names: no library is to be loaded for so short a life.
 
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -81,6 +82,16 @@ void EndPatience(int) {
   char reason[256];
   std::snprintf(reason, sizeof reason, "%s: %s", what, std::strerror(errno));
   Refuse("500 Internal Server Error", reason);
+}
+
+// Those that are closed: else what is opened next would become one of them, and the program would
+// write there what it has to say.
+void OpenStandardDescriptors() {
+  for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(descriptor, F_GETFD) == -1 && open("/dev/null", O_RDWR) != descriptor) {
+      Fail("/dev/null");
+    }
+  }
 }
 
 long Number(const char* variable, long most) {
@@ -212,6 +223,19 @@ void OutliveTheClient() {
 
 volatile pid_t apart = -1;
 
+// As the program was ended, for whoever waits for the gate. The dump of its memory is the
+// program's.
+[[noreturn]] void EndBy(int number) {
+  prctl(PR_SET_DUMPABLE, 0);
+  std::signal(number, SIG_DFL);
+  sigset_t only;
+  sigemptyset(&only);
+  sigaddset(&only, number);
+  sigprocmask(SIG_UNBLOCK, &only, nullptr);
+  raise(number);
+  _exit(EXIT_FAILURE);
+}
+
 // It takes note of that while it waits; then it outlives the client.
 void HandOnTheEnd(int) {
   kill(apart, SIGTERM);
@@ -245,12 +269,16 @@ void GoApart() {
   int status = 0;
   while (waitpid(child, &status, 0) == -1 && errno == EINTR) {
   }
-  _exit(WIFEXITED(status) ? WEXITSTATUS(status) : EXIT_FAILURE);
+  if (WIFSIGNALED(status)) {
+    EndBy(WTERMSIG(status));
+  }
+  _exit(WEXITSTATUS(status));
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  OpenStandardDescriptors();
   if (argc < 2) {
     errno = EINVAL;
     Fail("usage: cgi-gate PROGRAM");
@@ -258,10 +286,6 @@ int main(int argc, char** argv) {
   const long places = Number(PLACES_VARIABLE, MOST_PLACES);
   const long patience = Number(PATIENCE_VARIABLE, MOST_SECONDS);
   const long limit = Number(LIMIT_VARIABLE, MOST_SECONDS);
-  // What is opened next must not get the number of the standard input, which the body's pipe takes.
-  if (std::getenv(BODY_VARIABLE) != nullptr && fcntl(STDIN_FILENO, F_GETFD) == -1) {
-    open("/dev/null", O_RDONLY);
-  }
   const char* const path = std::getenv(FILE_VARIABLE);
   // Stays open in the program: with the descriptor the lock would go.
   const int file = path == nullptr ? -1 : open(path, O_RDWR | O_CREAT | O_NOFOLLOW, 0600);

@@ -60,6 +60,14 @@ def wait_until(is_true, what):
         raise TimeoutError(what)
 
 
+def process_name(process):
+    """Empty when it has gone."""
+    try:
+        return pathlib.Path(f"/proc/{process}/comm").read_text().rstrip("\n")
+    except OSError:
+        return ""
+
+
 def is_listening():
     with socket.socket() as client:
         return client.connect_ex(("127.0.0.1", PORT)) == 0

@@ -22,7 +22,7 @@ import time
 import unittest
 from concurrent.futures import ThreadPoolExecutor
 
-from browser import PORT, SETTINGS, SHIPPED_SETTINGS, is_listening, eventually, wait_until
+from browser import PORT, SETTINGS, SHIPPED_SETTINGS, eventually, is_listening, process_name, wait_until
 
 AT_ONCE = 4
 SEED = 1
@@ -81,10 +81,7 @@ class Server:
     """One of the two, seen from outside."""
 
     def __init__(self, device, name):
-        self.process = next(
-            child for child in children(device.pid)
-            if pathlib.Path(f"/proc/{child}/comm").read_text().strip() == name
-        )
+        self.process = next(child for child in children(device.pid) if process_name(child) == name)
         self.memory = []  # KiB of its own, over time
 
     def sample(self):

@@ -27,7 +27,7 @@ SOURCE = pathlib.Path("/source")
 sys.path.append(str(SOURCE / "tests/docs"))
 
 import pages  # noqa: E402
-from browser import LIMIT, SETTINGS, eventually  # noqa: E402
+from browser import LIMIT, SETTINGS, eventually, process_name  # noqa: E402
 
 DEVICE = pathlib.Path("/srv/vemo")
 UNPACKED = pathlib.Path("/build/web-servers")  # by tools/unpack-packages
@@ -990,53 +990,13 @@ class Every(Telling):
         self.assertEqual(stored, settings_with("500"))
 
 
-def run_gate(script, prepare="", pieces=(), length=0):
-    """What a program behind the gate says, that is sent the pieces one behind the other."""
-    program = pathlib.Path("/tmp/gated-script")
-    program.write_text(f"#!/bin/sh\n{script}\n", encoding="utf-8")
-    program.chmod(0o755)
-    environment = {"CGI_GATE_FILE": "/tmp/gate-alone", "CGI_GATE_PLACES": "4", "CGI_GATE_PATIENCE": "20",
-                   "CGI_GATE_LIMIT": "20", "CGI_GATE_BODY": "65536", "CGI_GATE_APART": "1",
-                   "CONTENT_LENGTH": str(length)}
-    gate_process = subprocess.Popen(["/bin/bash", "-c", f"{prepare} exec {DEVICE}/bin/cgi-gate {program}"],
-                                    env=environment, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-    for piece in pieces:
-        gate_process.stdin.write(piece)
-        gate_process.stdin.flush()
-        time.sleep(0.001)  # else they come together
-    said, _ = gate_process.communicate()
-    return gate_process.returncode, said.decode()
-
-
-class Gate(unittest.TestCase):
-    """What the gate does for Apache, where no server's habits are in the way."""
-
-    def test_hands_on_the_largest_body_however_it_comes(self):
-        for sizes in ([65536], [1, 65535], [*range(1, 361), 556]):
-            self.assertEqual(sum(sizes), 65536)
-            status, said = run_gate("wc -c", pieces=[b"5" * size for size in sizes], length=65536)
-            self.assertEqual((status, said.strip()), (0, "65536"))
-
-    def test_leaves_an_empty_body_where_there_was_no_standard_input(self):
-        self.assertEqual(run_gate("wc -c", prepare="exec <&-;"), (0, "0\n"))
-
-    def test_tells_the_status_of_a_program_though_nobody_was_to_wait(self):
-        self.assertEqual(run_gate("exit 3", prepare="trap '' CHLD;")[0], 3)
-
-    def test_asks_to_come_again_only_when_that_helps(self):
-        said = run_gate("true", length=65537)[1]
-        self.assertIn("413", said)
-        self.assertNotIn("Retry-After", said)
-
-
 class Together(Telling):
     """Two servers in one service."""
 
     def test_ends_with_the_other_for_systemd_to_start_it_again(self):
         other = {"nginx": "fcgiwrap", "front": "busybox"}[NAME]
         with own_server() as server:
-            found = [process for process in descendants(server)
-                     if pathlib.Path(f"/proc/{process}/comm").read_text() == f"{other}\n"]
+            found = [process for process in descendants(server) if process_name(process) == other]
             os.kill(min(found), signal.SIGKILL)  # the first is the others' parent
             self.assertEqual(server.processes[0].wait(LIMIT), -signal.SIGKILL)
 
@@ -1069,8 +1029,7 @@ class Behind(unittest.TestCase):
 
 def load_tests(loader, *_):
     """All that concerns the server; what waits last."""
-    cases = (Every, Table) + {"busybox": (Behind,), "apache2": (Gate,), "nginx": (Together,),
-                               "front": (Together,)}.get(NAME, ())
+    cases = (Every, Table) + {"busybox": (Behind,), "nginx": (Together,), "front": (Together,)}.get(NAME, ())
     tests = [test for case in cases for test in loader.loadTestsFromTestCase(case)]
     late = {test_name(row) for row, act in PROTECTIONS.items() if act in IN_THE_BACKGROUND}
     return unittest.TestSuite(sorted(tests, key=lambda test: test.id().rsplit(".", 1)[1] in late))

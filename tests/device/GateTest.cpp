@@ -1,0 +1,178 @@
+// The gate alone: what it does for web servers that leave more to it than lighttpd does, and for a
+// program that does not end well.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <future>
+#include <numeric>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Files.h"
+#include "Pipe.h"
+#include "Process.h"
+
+namespace {
+
+using testing::ElementsAreArray;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+constexpr char GATE[] = "/srv/vemo/bin/cgi-gate";
+constexpr char LOCK_FILE[] = "/tmp/gate";
+
+// The script behind the gate.
+Command Gated(const std::string& script) {
+  static constexpr char PROGRAM[] = "/tmp/gated";
+  WriteText(PROGRAM, "#!/bin/sh\n" + script + "\n");
+  std::filesystem::permissions(PROGRAM, std::filesystem::perms(0755));
+  return {{GATE, PROGRAM},
+          {{"CGI_GATE_FILE", LOCK_FILE},
+           {"CGI_GATE_PLACES", "4"},
+           {"CGI_GATE_PATIENCE", "20"},
+           {"CGI_GATE_LIMIT", "20"}}};
+}
+
+// The gate reads the body first.
+Command WithBody(const std::string& script, const std::string& length) {
+  Command command = Gated(script);
+  command.environment.insert({{"CGI_GATE_BODY", "65536"}, {"CONTENT_LENGTH", length}});
+  return command;
+}
+
+// The gate stays in front of the program.
+Command Apart(const std::string& script) {
+  Command command = Gated(script);
+  command.environment["CGI_GATE_APART"] = "1";
+  return command;
+}
+
+// --- The body
+
+TEST(GateBody, IsHandedOnHoweverItComesUpToTheLimit) {
+  std::vector<std::size_t> manyPieces(360);
+  std::iota(manyPieces.begin(), manyPieces.end(), 1);
+  manyPieces.push_back(556);
+  for (const auto& pieces : {std::vector<std::size_t>{65536}, {1, 65535}, manyPieces}) {
+    Pipe body;
+    Command command = WithBody("cat", "65536");
+    command.prepare = [&] { dup2(body.ends[0], STDIN_FILENO); };
+    auto result = std::async(std::launch::async, Execute, command);
+    std::string sent;
+    for (const std::size_t size : pieces) {
+      const std::string piece(size, static_cast<char>('a' + size % 26));
+      EXPECT_EQ(write(body.ends[1], piece.data(), size), static_cast<ssize_t>(size));
+      sent += piece;
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));  // else they come together
+    }
+    EXPECT_TRUE(result.get().output == sent) << pieces.size();
+  }
+}
+
+TEST(GateBody, MayBeEmpty) {
+  for (const std::string length : {"0", ""}) {
+    EXPECT_EQ(Execute(WithBody("wc -c", length)).output, "0\n") << length;
+  }
+}
+
+TEST(GateBody, IsEmptyWhereThereWasNoStandardInput) {
+  Command command = WithBody("wc -c", "0");
+  command.prepare = [] { close(STDIN_FILENO); };
+  EXPECT_EQ(Execute(command).output, "0\n");
+}
+
+TEST(GateBody, IsRefusedWhenItsLengthIsNone) {
+  for (const std::string length : {"-1", "x", "5x", "1e1"}) {
+    EXPECT_THAT(Execute(WithBody("wc -c", length)).output, StartsWith("Status: 400 ")) << length;
+  }
+}
+
+TEST(GateBody, IsRefusedWhenItIsTooLargeWithoutAWordOfComingAgain) {
+  const Result result = Execute(WithBody("wc -c", "65537"));
+  EXPECT_THAT(result.output, StartsWith("Status: 413 "));
+  EXPECT_THAT(result.output, Not(HasSubstr("Retry-After")));
+}
+
+// --- The end of a program that runs apart
+
+TEST(GateApart, EndsWithTheProgramsStatusThoughNobodyWasToWait) {
+  Command command = Apart("exit 3");
+  command.prepare = [] { signal(SIGCHLD, SIG_IGN); };
+  EXPECT_EQ(Execute(command).exitStatus, 3);
+}
+
+TEST(GateApart, EndsByTheSignalThatEndedTheProgram) {
+  for (const int number : {SIGSEGV, SIGABRT, SIGKILL, SIGALRM, SIGINT}) {
+    const std::string kill = "ulimit -c 0; kill -" + std::to_string(number) + " $$";
+    EXPECT_EQ(Execute(Apart(kill)).signal, number);
+  }
+}
+
+// The time limit's, which the program does not inherit like that.
+TEST(GateApart, EndsByASignalThatItWasToldToIgnoreAndToBlock) {
+  Command command = Apart("kill -ALRM $$");
+  command.prepare = [] {
+    signal(SIGALRM, SIG_IGN);
+    sigset_t alarm;
+    sigemptyset(&alarm);
+    sigaddset(&alarm, SIGALRM);
+    sigprocmask(SIG_BLOCK, &alarm, nullptr);
+  };
+  EXPECT_EQ(Execute(command).signal, SIGALRM);
+}
+
+TEST(GateApart, DumpsNoMemoryOfItsOwn) {
+  Command command = Apart("ulimit -c 0; kill -SEGV $$");
+  command.prepare = [] {
+    rlimit core = {};
+    getrlimit(RLIMIT_CORE, &core);
+    core.rlim_cur = core.rlim_max;
+    setrlimit(RLIMIT_CORE, &core);
+  };
+  BackgroundProcess gate(command);
+  siginfo_t end = {};
+  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(gate.Id()), &end, WEXITED | WNOWAIT), 0);
+  EXPECT_EQ(end.si_code, CLD_KILLED) << "not dumped";
+  EXPECT_EQ(end.si_status, SIGSEGV);
+}
+
+// --- The standard descriptors
+
+TEST(GateDescriptors, ThatAreClosedDoNotBecomeTheLockFile) {
+  for (int closed = 1; closed < 8; ++closed) {
+    const auto isClosed = [closed](int descriptor) { return (closed >> descriptor & 1) != 0; };
+    SCOPED_TRACE(closed);
+    std::filesystem::remove(LOCK_FILE);
+    Command command = Gated(
+        "(cd /proc/$$/fd && readlink 0 1 2 3 >/tmp/seen)\n"
+        "echo page; echo words >&2");
+    command.prepare = [&] {
+      for (int descriptor = 0; descriptor < 3; ++descriptor) {
+        if (isClosed(descriptor)) {
+          close(descriptor);
+        }
+      }
+    };
+    const Result result = Execute(command);
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.output, isClosed(STDOUT_FILENO) ? "" : "page\n");
+    EXPECT_EQ(result.error, isClosed(STDERR_FILENO) ? "" : "words\n");
+    EXPECT_EQ(ReadText(LOCK_FILE), "");
+    std::vector<testing::Matcher<std::string>> expected;
+    for (int descriptor = 0; descriptor < 3; ++descriptor) {
+      expected.push_back(StartsWith(isClosed(descriptor) ? "/dev/null" : "pipe:"));
+    }
+    expected.push_back(LOCK_FILE);
+    EXPECT_THAT(Lines(ReadText("/tmp/seen")), ElementsAreArray(expected));
+  }
+}
+
+}  // namespace
