@@ -115,6 +115,12 @@ TEST_F(CgiLogTest, LayoutPadsALevelNameToTen) {
   EXPECT_EQ(Format(ExampleEvent()).substr(28, 13), "INFO      cgi");
 }
 
+TEST_F(CgiLogTest, LayoutLeavesNoBlankBehindAValueThatFillsItsColumn) {
+  LogEvent event = ExampleEvent();
+  event.processId = 123456;
+  EXPECT_EQ(Format(event).substr(53, 20), "123456src/SetObdConf");
+}
+
 TEST_F(CgiLogTest, LayoutCutsNoValueThatIsLongerThanItsColumn) {
   LogEvent event = ExampleEvent();
   event.level = 1234567890;
