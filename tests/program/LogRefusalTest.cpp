@@ -1,6 +1,5 @@
-// A log statement never ends or holds a request: refusals of the log file and of standard error
-// that the kernel makes a signal or a wait of. The page is whole, the value stored, the exit status
-// 0.
+// No log statement ends a request: refusals of the log file and of standard error that the kernel
+// makes a signal or a wait of. The page is whole, the value stored, the exit status 0.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

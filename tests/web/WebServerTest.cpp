@@ -162,13 +162,13 @@ class WebServer : public testing::Test {
     EXPECT_EQ(ReadText(LOG_FILE), "") << "the program was started";
   }
 
-  // Programs that the server has started and that have not ended; not who waits at the gate.
   // The server's child processes: programs, and gates that wait.
   std::string Children() const {
     const std::string id = std::to_string(server_.Id());
     return ReadText("/proc/" + id + "/task/" + id + "/children");
   }
 
+  // Programs that the server has started and that have not ended; not who waits at the gate.
   std::vector<pid_t> RunningPrograms() const {
     std::istringstream children(Children());
     std::vector<pid_t> programs;
@@ -439,6 +439,15 @@ class OwnProgram : public TimeLimit {
 TEST_F(OwnProgram, IsEndedWhenItOnlyWaits) {
   Write("exec sleep 1000");
   ExpectThatAllEndWithAnAnswer("/own.cgi");
+}
+
+TEST_F(OwnProgram, IsSaidInTheServersLogToHaveBeenEnded) {
+  static constexpr char ERROR_LOG[] = "/tmp/lighttpd-error.log";
+  WriteText(ERROR_LOG, "");
+  Write("exec sleep 1000");
+  Fetch("/own.cgi");
+  EXPECT_TRUE(Eventually(
+      [] { return ReadText(ERROR_LOG).find("died with signal 14\n") != std::string::npos; }));
 }
 
 TEST_F(OwnProgram, IsEndedWhenItIsBusyAndDoesNotLetItselfBeTerminated) {
