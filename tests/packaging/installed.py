@@ -79,7 +79,8 @@ class Installed(unittest.TestCase):
         shutil.copytree(SOURCE / "packaging/example", self.folder / "source")
         run("cmake", "-S", self.folder / "source", "-B", build, f"-DCMAKE_PREFIX_PATH={self.prefix}")
         run("cmake", "--build", build)
-        page = run(build / "uptime.cgi", env={"REQUEST_METHOD": "GET"})
+        page = run(SOURCE / "device/sandbox", BUILD, "--private-network", "--read-only", build, "/page", "--",
+                   "/usr/bin/env", "REQUEST_METHOD=GET", "/page/uptime.cgi")
         self.assertIn("<h2>Uptime</h2>", page)
         self.assertTrue(page.endswith("</html>\n"), page)
 
