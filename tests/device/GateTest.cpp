@@ -152,7 +152,7 @@ TEST(GateDescriptors, ThatAreClosedDoNotBecomeTheLockFile) {
     SCOPED_TRACE(closed);
     std::filesystem::remove(LOCK_FILE);
     Command command = Gated(
-        "(cd /proc/$$/fd && readlink 0 1 2 3 >/tmp/seen)\n"
+        "(cd /proc/$$/fd && readlink 0 1 2 >/tmp/seen)\n"
         "echo page; echo words >&2");
     command.prepare = [&] {
       for (int descriptor = 0; descriptor < 3; ++descriptor) {
@@ -170,7 +170,6 @@ TEST(GateDescriptors, ThatAreClosedDoNotBecomeTheLockFile) {
     for (int descriptor = 0; descriptor < 3; ++descriptor) {
       expected.push_back(StartsWith(isClosed(descriptor) ? "/dev/null" : "pipe:"));
     }
-    expected.push_back(LOCK_FILE);
     EXPECT_THAT(Lines(ReadText("/tmp/seen")), ElementsAreArray(expected));
   }
 }
