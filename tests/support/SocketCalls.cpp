@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
+#include <new>
 
 namespace {
 
@@ -75,6 +77,23 @@ std::vector<std::string> SocketCalls() {
 
 void ForgetSocketCalls() {
   calls.clear();
+}
+
+void* operator new(std::size_t size) {
+  void* const memory = std::malloc(size);
+  if (memory == nullptr) {
+    throw std::bad_alloc();
+  }
+  errno = ERANGE;
+  return memory;
+}
+
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
 }
 
 extern "C" int socket(int domain, int type, int protocol) noexcept {

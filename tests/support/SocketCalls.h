@@ -1,5 +1,8 @@
 // The socket calls of a test's main thread, watched and made to fail: the binary that this is
 // compiled into has them in front of the C library's. Calls of other threads pass unseen.
+//
+// In that binary every allocation changes errno, as a call that succeeds may: who looks at a
+// failing call's errno later than right behind it sees a wrong one.
 #pragma once
 
 #include <cstddef>
