@@ -1,6 +1,6 @@
-# What ./run and ./test share: installing what is missing, building. Sourced with the repository's top
-# as the current folder.
-# shellcheck shell=bash disable=SC2034
+# What ./run, ./test and ./package share: installing what is missing, building. Sourced with the repository's
+# top as the current folder.
+# shellcheck shell=bash disable=SC2034,SC2154
 
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libcgicc-dev libxml2-dev
   libmicrohttpd-dev)
@@ -33,11 +33,48 @@ fail() {
   exit 1
 }
 
+# The comment that the script $self begins with; its first line is the usage.
+show_help() {
+  sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$self"
+}
+
+# For a wrong command line.
+refuse() {
+  echo "${0##*/}: $*. $(show_help | head -n 1); --help tells more" >&2
+  exit 2
+}
+
+# Nothing is installed for a checkout that cannot be built: check_writable FOLDER..., beside the top folder.
+check_writable() {
+  local folder
+  for folder in . "$@"; do
+    [[ ! -e $folder || -w $folder ]] ||
+      fail "$(realpath "$folder") cannot be written to; copy the checkout to a folder of yours and start" \
+        "./${0##*/} there"
+  done
+}
+
+# Ctrl-C ends a script with one line. The terminal interrupts what runs, too; the last of that keeps the log
+# locked until it has ended.
+log=
+stop() {
+  [[ ! -e $log ]] || flock --timeout 10 "$log" true
+  [[ ! -t 2 ]] || echo >&2 # behind the terminal's ^C
+  echo "${0##*/}: stopped" >&2
+  exit 130
+}
+trap stop INT
+
 # Runs a command; its output goes to a file and is shown only when it fails.
 quietly() {
-  local log=$1
+  log=$1
   shift
-  "$@" >"$log" 2>&1 </dev/null || {
+  # In a shell of its own, so that the trap's line does not land in the file.
+  (
+    exec >"$log" 2>&1 </dev/null
+    flock --nonblock 1 || true
+    "$@"
+  ) || {
     tail -n 25 "$log" >&2
     return 1
   }
@@ -103,13 +140,29 @@ configure() {
     fail "the build in $folder cannot be configured"
 }
 
-# build FOLDER [TARGET...]; a terminal shows how far it is.
+# Shows ninja's steps in one line of the terminal, and what else it says whole.
+show_steps() {
+  local line
+  while IFS= read -r line; do
+    if [[ $line =~ ^\[[0-9]+/[0-9]+\] ]]; then
+      printf '\r\e[K\e[?7l%s\e[?7h' "$line" # cut where the terminal ends
+    elif [[ $line != 'ninja: '@(Entering|no work)* ]]; then
+      printf '\r\e[K%s\n' "$line"
+    fi
+  done
+  printf '\r\e[K'
+}
+
+# build FOLDER [TARGET...]; a terminal shows how far it is. ninja waits for the compilers that it interrupts,
+# `cmake --build` does not wait for ninja.
 build() {
-  local folder=$1 show=()
+  local folder=$1
   shift
-  [[ -t 1 ]] || show=(quietly "$folder/build.log")
-  "${show[@]}" cmake --build "$folder" ${1:+--target "$@"} ||
-    fail "the build in $folder failed"
+  if [[ -t 1 ]]; then
+    ninja -C "$folder" "$@" 2>&1 </dev/null | show_steps
+  else
+    quietly "$folder/build.log" ninja -C "$folder" "$@"
+  fi || fail "the build in $folder failed: see above"
 }
 
 # The accessibility checker that the browser tests put into the pages.
