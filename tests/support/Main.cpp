@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <iostream>
 #include <string>
 #include <vector>
 
@@ -28,14 +29,22 @@ bool HasArgument(int argc, char** argv, const std::string& wanted) {
   return false;
 }
 
-std::string ValueOfArgument(int argc, char** argv, const std::string& name) {
+// The folder of --java-vm. GoogleTest has taken its own arguments away; what else is left is a
+// mistake.
+std::string JavaVmOf(int argc, char** argv) {
+  const std::string name = "--java-vm=";
+  std::string folder;
   for (int i = 1; i < argc; ++i) {
     const std::string word = argv[i];
-    if (word.rfind(name + "=", 0) == 0) {
-      return word.substr(name.size() + 1);
+    if (word.rfind(name, 0) == 0 && word.size() > name.size()) {
+      folder = word.substr(name.size());
+    } else if (word != "--help" && word != "-h") {
+      std::cerr << argv[0] << ": unknown argument " << word
+                << "; it takes GoogleTest's and --java-vm=FOLDER\n";
+      std::exit(2);
     }
   }
-  return "";
+  return folder;
 }
 
 [[noreturn]] void RestartInSandbox(int argc, char** argv) {
@@ -77,6 +86,6 @@ int main(int argc, char** argv) {
     RestartInSandbox(argc, argv);
   }
   testing::InitGoogleTest(&argc, argv);
-  PutVmInFront(ValueOfArgument(argc, argv, "--java-vm"));
+  PutVmInFront(JavaVmOf(argc, argv));
   return RUN_ALL_TESTS();
 }
