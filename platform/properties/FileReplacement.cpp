@@ -169,7 +169,7 @@ void RemoveLeftovers(const fs::path& folder) {
 
 // The owner first: changing it clears mode bits.
 bool CopyOwner(int descriptor, const struct stat& original) {
-  struct stat own {};
+  struct stat own;
   if (fstat(descriptor, &own) != 0) {
     return false;
   }
@@ -233,7 +233,7 @@ bool TakeRoom(int descriptor, off_t from, off_t to) {
 }
 
 bool WriteInPlace(int descriptor, const std::string& text) {
-  struct stat status {};
+  struct stat status;
   const auto length = static_cast<off_t>(text.size());
   // Room first: a full disk shows while the old content still stands. Length last: a reader never
   // finds less than it needs.
@@ -272,8 +272,8 @@ bool RewriteInPlace(const fs::path& target, const std::string& text) {
 // now, and not by a rename, which this user could not do either.
 bool IsUnsettled(int descriptor, const std::string& path) {
   constexpr std::chrono::milliseconds JUST_NOW(30);  // some ticks of the clock that dates files
-  struct stat status {};
-  timespec now{};
+  struct stat status;
+  timespec now;
   if (fstat(descriptor, &status) != 0 || clock_gettime(CLOCK_REALTIME, &now) != 0) {
     return false;
   }
@@ -301,7 +301,7 @@ ReadResult ReadFile(const std::string& path, std::string& text) {
   if (!descriptor.IsOpen()) {
     return errno == ENOENT ? ReadResult::kMissing : ReadResult::kUnreadable;
   }
-  struct stat status {};
+  struct stat status;
   if (fstat(descriptor.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
     return ReadResult::kUnreadable;
   }
