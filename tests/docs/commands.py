@@ -73,7 +73,7 @@ RULES = [
          says="(?i)alloc"),
 
     Rule(r"cmake -S \. -B build .*&& cmake --build build|cmake --build build", "checkout", says="ninja|Linking"),
-    Rule(r"cmake -S \. -B build -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF .*", "checkout",
+    Rule(r"cmake -S \. -B build -G Ninja -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF .*", "checkout",
          says="have been written to"),
     Rule(r"DESTDIR=\S+ cmake --install build --component program", "checkout",
          after="readelf -d staging/usr/libexec/vemo-web/setobdconf.cgi | grep -F [/opt/jre/lib/server]"),

@@ -77,7 +77,7 @@ class Installed(unittest.TestCase):
     def test_a_page_builds_against_what_is_installed_alone(self):
         build = self.folder / "page"
         shutil.copytree(SOURCE / "packaging/example", self.folder / "source")
-        run("cmake", "-S", self.folder / "source", "-B", build, f"-DCMAKE_PREFIX_PATH={self.prefix}")
+        run("cmake", "-S", self.folder / "source", "-B", build, "-G", "Ninja", f"-DCMAKE_PREFIX_PATH={self.prefix}")
         run("cmake", "--build", build)
         page = run(SOURCE / "device/sandbox", BUILD, "--private-network", "--read-only", build, "/page", "--",
                    "/usr/bin/env", "REQUEST_METHOD=GET", "/page/uptime.cgi")
