@@ -5,7 +5,7 @@
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libcgicc-dev libxml2-dev
   libmicrohttpd-dev)
 DEVICE_PACKAGES=(bubblewrap lighttpd)
-PACKAGING_PACKAGES=(debhelper dpkg-dev fakeroot pkgconf)
+PACKAGING_PACKAGES=(build-essential debhelper dpkg-dev fakeroot pkgconf)
 TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang libclang-rt-14-dev clang-format
   clang-tidy llvm shellcheck curl chromium chromium-driver python3-selenium libxml2-utils proot
   systemd strace valgrind qemu-system-x86 qemu-user busybox-static cpio e2fsprogs)
