@@ -4,7 +4,9 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -67,9 +69,27 @@ void CopyVm() {
   }
 }
 
+Command Making(const path& folder = FOLDER, const std::string& program = PROGRAM) {
+  return {{"/srv/vemo/make-class-archive", program, OPTIONS, "/srv/vemo/java", folder},
+          {{"PATH", "/usr/bin:/bin"}, {"LD_LIBRARY_PATH", LIBRARY.parent_path()}}};
+}
+
 Result Make(const path& folder = FOLDER, const std::string& program = PROGRAM) {
-  return Execute({{"/srv/vemo/make-class-archive", program, OPTIONS, "/srv/vemo/java", folder},
-                  {{"PATH", "/usr/bin:/bin"}, {"LD_LIBRARY_PATH", LIBRARY.parent_path()}}});
+  return Execute(Making(folder, program));
+}
+
+// At a terminal where nobody answers.
+Result ExecuteAtTerminal(Command command) {
+  const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+  EXPECT_EQ(unlockpt(master), 0);
+  const std::string terminal = ptsname(master);
+  command.prepare = [&] {
+    setsid();  // so that it becomes the one of the process
+    dup2(open(terminal.c_str(), O_RDWR), STDIN_FILENO);
+  };
+  const Result result = Execute(command);
+  close(master);
+  return result;
 }
 
 // The request as the gate would start it.
@@ -251,6 +271,27 @@ TEST_F(ClassArchive, IsNotUsedWithAChangedVm) {
   ExpectMisfit("libjvm.so");
   ExpectNotUsed();
   EXPECT_EQ(Make().exitStatus, 0);
+  std::filesystem::remove(LOG_FILE);
+  ExpectUsed();
+}
+
+// What was there is read-only, and at a terminal mv asks.
+TEST_F(ClassArchive, IsMadeAnewAtATerminal) {
+  std::filesystem::last_write_time(LIBRARY, std::filesystem::file_time_type::clock::now());
+  const Result made = ExecuteAtTerminal(Making());
+  EXPECT_EQ(made.error, "");
+  EXPECT_EQ(made.exitStatus, 0);
+  std::filesystem::remove(LOG_FILE);
+  ExpectUsed();
+}
+
+TEST_F(ClassArchive, IsMadeAnewWithoutStandardInput) {
+  std::filesystem::last_write_time(LIBRARY, std::filesystem::file_time_type::clock::now());
+  Command making = Making();
+  making.prepare = [] { close(STDIN_FILENO); };
+  const Result made = Execute(making);
+  EXPECT_EQ(made.error, "");
+  EXPECT_EQ(made.exitStatus, 0);
   std::filesystem::remove(LOG_FILE);
   ExpectUsed();
 }

@@ -208,6 +208,37 @@ class LifeCycle(InRoot):
         self.assertNotIn("vemo", self.read("/etc/passwd"))
 
 
+class Unanswered(InRoot):
+    """Whatever an administrator starts ends without an answer: at a terminal, and without standard input."""
+
+    def expect_no_question(self, run):
+        names = ("vemo-web", "vemo-web-standin")
+        files = [f"/root/{self.made[name].name}" for name in names]
+        for name in names:
+            shutil.copy(self.made[name], self.device.file("/root"))
+        apt = ("apt-get", "-y", "--no-install-recommends", "-o", "APT::Sandbox::User=root")
+        run(*apt, "install", *files)
+        self.device.file(LOG).write_text("full\n", encoding="utf-8")
+        for command in ((*apt, "install", "--reinstall", *files), ("dpkg-reconfigure", *names),
+                        ("logrotate", "--force", "/etc/logrotate.conf")):
+            with self.subTest(command=command):
+                run(*command)
+        # For another file of options another archive, in the place of one that is read-only.
+        self.device.run("touch", OPTIONS)
+        run("vemo-web-class-archive")
+        # That nothing runs is wrong.
+        self.assertRegex(run("vemo-web-check", status=1), "ok +class archive")
+        run(*apt, "remove", *names)
+        run(*apt, "purge", *names)
+        self.assertFalse(self.device.file("/etc/vemo-web").exists())
+
+    def test_at_a_terminal(self):
+        self.expect_no_question(self.device.run_at_terminal)
+
+    def test_without_standard_input(self):
+        self.expect_no_question(self.device.run_without_input)
+
+
 class Check(InRoot):
     """Every breakage that vemo-web-check knows is made, and it names it and nothing else. Since nothing is
     booted, the services are started by hand, and that the service does not run is said always."""

@@ -6,6 +6,7 @@ own, with a network of nothing but a loopback. It is not booted: systemd does no
 
 import os
 import pathlib
+import shlex
 import shutil
 import subprocess
 import sys
@@ -82,9 +83,12 @@ def packages(build, version=None, architecture=None):
     return made
 
 
-def ended(command, status, text):
-    done = subprocess.run(command, input=text, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                          timeout=600, check=False, errors="replace")
+def ended(command, status, text="", **stdin):
+    try:
+        done = subprocess.run(command, input=None if stdin else text, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                              text=True, timeout=600, check=False, errors="replace", **stdin)
+    except subprocess.TimeoutExpired as expired:
+        raise AssertionError(f"{command} did not end:\n{(expired.output or b'').decode(errors='replace')}") from None
     if status is not None and done.returncode != status:
         raise AssertionError(f"{command} ended with {done.returncode}:\n{done.stdout}")
     return done.stdout
@@ -135,13 +139,29 @@ class Root:
         self.run("sh", "-c", f"kill {process.number}", status=None)
         process.wait(timeout=60)
 
-    def run(self, *command, status=0, text=None):
+    def run(self, *command, status=0, text=""):
         """What it wrote, to both streams. Fails when it ends with another status; None: any is good."""
         return ended(self._command(command), status, text)
 
+    def run_at_terminal(self, *command, status=0):
+        """As run(), at a terminal where nobody answers."""
+        # Debconf may ask, too.
+        command = self._command(("env", "--unset=DEBIAN_FRONTEND", "TERM=dumb", *command))
+        read, write = os.pipe()
+        try:
+            return ended(["script", "--quiet", "--return", "--command", shlex.join(map(str, command)), "/dev/null"],
+                         status, stdin=read)
+        finally:
+            os.close(read)
+            os.close(write)
+
+    def run_without_input(self, *command, status=0):
+        """As run(), with standard input closed."""
+        return self.run("sh", "-c", 'exec "$@" <&-', "sh", *command, status=status)
+
     def run_beside(self, *command, status=0):
         """As run(), by a program of the machine around the root, in the root's network."""
-        return ended(["nsenter", "--target", self._first, "--net", *command], status, "")
+        return ended(["nsenter", "--target", self._first, "--net", *command], status)
 
     def install(self, *files):
         """By apt, from package files, with what they depend on from its cache."""
