@@ -2,6 +2,9 @@
 # top as the current folder.
 # shellcheck shell=bash disable=SC2034,SC2154
 
+# Nobody is asked, and nothing waits for an answer: what tests start, too. Whoever has no standard input gets one.
+exec </dev/null
+
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libcgicc-dev libxml2-dev
   libmicrohttpd-dev)
 DEVICE_PACKAGES=(bubblewrap lighttpd)
@@ -109,8 +112,8 @@ install_packages() {
   mkdir -p build
   quietly build/packages.log as_root apt-get -q update ||
     fail "the package lists cannot be had: is there a network? Else $by_hand"
-  quietly build/packages.log as_root env DEBIAN_FRONTEND=noninteractive \
-    apt-get -q -y --no-install-recommends install "${missing[@]}" ||
+  quietly build/packages.log as_root env DEBIAN_FRONTEND=noninteractive apt-get -q -y \
+    --no-install-recommends -o Dpkg::Options::=--force-confold install "${missing[@]}" ||
     fail "the packages cannot be installed: is there a network? Else $by_hand"
 }
 
