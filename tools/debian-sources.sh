@@ -10,9 +10,6 @@ sources=$(apt-get indextargets --format \
   echo "${0##*/}: apt of this machine knows no Debian 12" >&2
   exit 1
 }
-source_options=()
-for kind in http https; do
-  eval "$(apt-config shell proxy "Acquire::$kind::Proxy")"
-  [[ -z ${proxy:-} ]] || source_options+=(--aptopt="Acquire::$kind::Proxy \"$proxy\"")
-  proxy=
-done
+# How it gets them: proxies, certificates, which dates it takes.
+mapfile -t source_options < <(apt-config dump Acquire |
+  sed -n 's/^\(Acquire::\(https\?::\|Check-\|Retries\).*\);$/--aptopt=\1/p')

@@ -65,6 +65,7 @@ RULES = [
     Rule(r"\./test --rerun-failed", "checkout", says=PASSED, layer="test",
          prepare="for tree in build build-clang; do mkdir -p $tree/Testing/Temporary; ctest --test-dir $tree -N |"
                  " sed -n 's/^ *Test *#\\([0-9]*\\): /\\1:/p' >$tree/Testing/Temporary/LastTestsFailed.log; done"),
+    Rule(r"tools/test-in-bare-root", "elsewhere", test=".ci/run", says="tools/test-in-bare-root"),
     Rule(r"\./run( --port 8081)?", "checkout", until=SAYS % "^The device's web interface: .*:80(80|81)/"),
     Rule(r"\./package", "elsewhere", test="tests/packaging/root.py", says='SOURCE / "package"'),
     Rule(r"device/sandbox build --state build/state -- \S*toggle-device-allocation", "checkout",

@@ -13,7 +13,9 @@ import sys
 
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 
-# Beside what is bare: apt's cache holds what the packages depend on.
+# Beside what is bare.
+INSTALLED = "systemd-sysv,udev,dbus"
+# apt's cache holds what the packages depend on.
 DEPENDENCIES = ("default-jre-headless", "lighttpd", "logrotate", "libcgicc3", "libmicrohttpd12", "libxml2")
 # Which can take lighttpd's place.
 WEB_SERVERS = ("apache2-bin", "busybox", "fcgiwrap", "nginx")
@@ -43,7 +45,7 @@ def bare_archive(build):
     packages_held = " ".join((*DEPENDENCIES, *WEB_SERVERS))
     if not archive.exists() or not held.exists() or held.read_text() != packages_held:
         archive.parent.mkdir(parents=True, exist_ok=True)
-        subprocess.run([SOURCE / "tools/make-bare-root", archive, *packages_held.split()], check=True)
+        subprocess.run([SOURCE / "tools/make-bare-root", archive, INSTALLED, *packages_held.split()], check=True)
         held.write_text(packages_held)
     return archive
 
