@@ -164,8 +164,9 @@ def report(options, folders, arguments):
         print("Nothing is to be skipped where namespaces are allowed")
         is_good = False
     if "--list" not in options:
-        if "--rerun-failed" in options and not any(totals.values()):
-            print("None of the tests that failed last time is left to run")
+        if is_good and not any(totals.values()):
+            print("No test ran: there is none such" +
+                  (" among those that failed last time" if "--rerun-failed" in options else ""))
         is_good = is_good and totals["failed"] == 0 and totals["passed"] > 0
     print(", ".join(f"{count} {kind}" for kind, count in totals.items()), flush=True)
     return 0 if is_good else 1
@@ -202,13 +203,15 @@ def end_descendants():
                     pass
             except ChildProcessError:
                 return
-            for process in descendants():
-                if process not in told:
-                    told.add(process)
-                    try:
-                        os.kill(process, number)
-                    except OSError:
-                        pass  # it has ended, or is another user's
+            # Who is interrupted may start others to clear up.
+            if not told or number != signal.SIGINT:
+                for process in descendants():
+                    if process not in told:
+                        told.add(process)
+                        try:
+                            os.kill(process, number)
+                        except OSError:
+                            pass  # it has ended, or is another user's
             time.sleep(0.05)
 
 
