@@ -11,7 +11,7 @@ DEVICE_PACKAGES=(bubblewrap lighttpd)
 PACKAGING_PACKAGES=(build-essential debhelper dpkg-dev fakeroot pkgconf)
 TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang libclang-rt-14-dev clang-format
   clang-tidy llvm shellcheck curl chromium chromium-driver python3-selenium libxml2-utils proot
-  systemd strace valgrind qemu-system-x86 qemu-user busybox-static cpio e2fsprogs)
+  systemd strace valgrind qemu-system-x86 qemu-user busybox-static cpio e2fsprogs git)
 # For other processors: Debian's cross compilers here, and what is unpacked of those processors' packages, to
 # compile against and to run.
 CROSS_PACKAGES=(g++-aarch64-linux-gnu g++-arm-linux-gnueabihf mmdebstrap)
@@ -19,7 +19,7 @@ SYSROOT_PACKAGES=(libc6 libstdc++6 libcgicc-dev libxml2-dev libmicrohttpd-dev op
   libgtest-dev libgmock-dev librapidcheck-dev lighttpd busybox-static)
 declare -A SYSROOT_KERNEL=([arm64]=linux-image-cloud-arm64 [armhf]=linux-image-armmp-lpae)
 # What ./test --long needs beside these, PACKAGING_PACKAGES and CROSS_PACKAGES.
-LONG_TEST_PACKAGES=(lintian ccache diffoscope-minimal faketime git iproute2 locales
+LONG_TEST_PACKAGES=(lintian ccache diffoscope-minimal faketime iproute2 locales
   gdb linux-perf python3-matplotlib wrk pngquant qemu-system-arm)
 # A Node.js from elsewhere brings its own.
 command -v npm >/dev/null || TEST_PACKAGES+=(npm)
@@ -52,8 +52,8 @@ check_writable() {
   local folder
   for folder in . "$@"; do
     [[ ! -e $folder || -w $folder ]] ||
-      fail "$(realpath "$folder") cannot be written to; copy the checkout to a folder of yours and start" \
-        "./${0##*/} there"
+      fail "this checkout is read-only: $(realpath "$folder") cannot be written to; copy it to a folder of" \
+        "yours and start ./${0##*/} there"
   done
 }
 
@@ -98,23 +98,24 @@ is_installed() {
 # Installs those of the Debian packages that are missing.
 install_packages() {
   command -v dpkg-query >/dev/null ||
-    fail "this is not a Debian system; it needs what these Debian 12 packages hold: $*"
+    fail "this is not a Debian system, and it installs Debian's packages; build by hand, as README.md tells," \
+      "with what these packages of Debian 12 hold: $*"
   local package missing=()
   for package in "$@"; do
     is_installed "$package" || missing+=("$package")
   done
   ((${#missing[@]})) || return 0
 
-  local by_hand="install them as root: apt-get install ${missing[*]}"
+  local by_hand="install them by hand, as root: apt-get install ${missing[*]}"
   ((EUID == 0)) || command -v sudo >/dev/null ||
-    fail "packages are missing and there is no sudo to install them; $by_hand"
+    fail "packages are missing, and there is no sudo to install them with; $by_hand"
   echo "Installing ${missing[*]}"
   mkdir -p build
   quietly build/packages.log as_root apt-get -q update ||
-    fail "the package lists cannot be had: is there a network? Else $by_hand"
+    fail "the package lists cannot be fetched, for the reason above: is there a network? Or $by_hand"
   quietly build/packages.log as_root env DEBIAN_FRONTEND=noninteractive apt-get -q -y \
     --no-install-recommends -o Dpkg::Options::=--force-confold install "${missing[@]}" ||
-    fail "the packages cannot be installed: is there a network? Else $by_hand"
+    fail "the packages cannot be installed, for the reason above: is there a network? Or $by_hand"
 }
 
 # Whether the build folder was configured in another checkout and came here with a copy of it.
@@ -137,10 +138,11 @@ configure() {
   fi
   mkdir -p "$folder"
   local configure=(quietly "$folder/configure.log" cmake -S . -B "$folder" -G Ninja "$@")
-  "${configure[@]}" || fail "the build in $folder cannot be configured"
+  local failed="the build in $folder cannot be configured, for the reason above; all of it is in"
+  "${configure[@]}" || fail "$failed $folder/configure.log"
   # Told another compiler than the folder had, CMake begins anew and forgets what else it was told.
   ! grep -q 'require your cache to be deleted' "$folder/configure.log" || "${configure[@]}" ||
-    fail "the build in $folder cannot be configured"
+    fail "$failed $folder/configure.log"
 }
 
 # Shows ninja's steps in one line of the terminal, and what else it says whole.
@@ -165,7 +167,7 @@ build() {
     ninja -C "$folder" "$@" 2>&1 </dev/null | show_steps
   else
     quietly "$folder/build.log" ninja -C "$folder" "$@"
-  fi || fail "the build in $folder failed: see above"
+  fi || fail "the build in $folder failed, for the reason above"
 }
 
 # The accessibility checker that the browser tests put into the pages.
@@ -176,7 +178,7 @@ install_accessibility_checker() {
   mkdir -p build/npm
   quietly build/npm.log npm install --prefix build/npm --no-save --no-audit --no-fund \
     --ignore-scripts "axe-core@$version" ||
-    fail "axe-core cannot be fetched: is there a network?"
+    fail "axe-core cannot be fetched, for the reason above: is there a network?"
 }
 
 # unpack FOLDER PACKAGE...: what is in the packages, in the folder; nothing is installed.
@@ -187,7 +189,7 @@ unpack() {
   quietly build/unpack.log tools/unpack-packages "$@" 2>/dev/null ||
     { quietly build/packages.log as_root apt-get -q update &&
       quietly build/unpack.log tools/unpack-packages "$@"; } ||
-    fail "the packages cannot be fetched: is there a network?"
+    fail "the packages cannot be fetched, for the reason above: is there a network?"
 }
 
 # The kernel of the emulated machines.
@@ -209,7 +211,7 @@ make_sysroot() {
   echo "Unpacking packages of $1"
   mkdir -p build/roots
   quietly "$folder.log" as_root tools/make-sysroot "$1" "$folder" "${packages[@]}" ||
-    fail "the packages of $1 cannot be unpacked: is there a network?"
+    fail "the packages of $1 cannot be unpacked, for the reason above: is there a network?"
   echo "$wanted" >"$folder.packages"
 }
 
@@ -229,7 +231,7 @@ check_sandbox() {
   fi
   [[ -n $VEMO_SANDBOX_KIND ]] || find_sandbox || {
     cat build/sandbox.log >&2
-    fail "the sandbox does not start"
+    fail "the sandbox does not start, for the reasons above; it needs one of the two"
   }
   export VEMO_SANDBOX_KIND
 }
