@@ -62,6 +62,7 @@ RULES = [
     # ./test meets a ctest that runs a few tests when it is told none: this one is among the others.
     Rule(r"(VEMO_SANDBOX_KIND=proot )?\./test( -R SetOptionPage| --long| --verbose)?", "checkout",
          says=PASSED, layer="test"),
+    Rule(r"\./test --help", "checkout", says=r"\AUsage: \./test "),
     Rule(r"\./test --rerun-failed", "checkout", says=PASSED, layer="test",
          prepare="for tree in build build-clang; do mkdir -p $tree/Testing/Temporary; ctest --test-dir $tree -N |"
                  " sed -n 's/^ *Test *#\\([0-9]*\\): /\\1:/p' >$tree/Testing/Temporary/LastTestsFailed.log; done"),
