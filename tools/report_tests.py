@@ -44,7 +44,7 @@ def ctest_command(folder, arguments):
 def run_ctest(folder, arguments, is_verbose, results):
     """Shows ctest's output, or how far it is. Adds to results, by their names, the number of each test
     and what is said of it when it failed, else "". Gives ctest's exit status and its output."""
-    is_terminal = sys.stdout.isatty()
+    is_terminal = sys.stdout.isatty() and os.environ.get("TERM", "dumb") != "dumb"
     lines = []
     shown = time.monotonic()
     # The terminal interrupts us alone; we interrupt them, once.

@@ -163,7 +163,7 @@ show_steps() {
 build() {
   local folder=$1
   shift
-  if [[ -t 1 ]]; then
+  if [[ -t 1 && ${TERM:-dumb} != dumb ]]; then
     ninja -C "$folder" "$@" 2>&1 </dev/null | show_steps
   else
     quietly "$folder/build.log" ninja -C "$folder" "$@"
