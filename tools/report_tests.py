@@ -192,8 +192,6 @@ def descendants():
 
 def end_descendants():
     """Interrupts them, as a terminal would, and ends what does not end of that."""
-    # What loses its parent now becomes our child.
-    ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
     for number, seconds in ENDINGS:
         told = set()
         until = time.monotonic() + seconds
@@ -216,6 +214,8 @@ def end_descendants():
 
 
 def main():
+    # What loses its parent becomes our child.
+    ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
     words = sys.argv[1:]
     split = words.index("--")
     options = [word for word in words[:split] if word.startswith("--")]
@@ -237,6 +237,8 @@ def main():
         print("\n" * sys.stderr.isatty() + "test: stopped", file=sys.stderr)  # behind the terminal's ^C
         status = 128 + stopped.args[0]
     except BrokenPipeError:
+        for each in signals:
+            signal.signal(each, signal.SIG_IGN)
         end_descendants()
         status = 128 + signal.SIGPIPE
     try:

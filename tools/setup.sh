@@ -61,7 +61,8 @@ check_writable() {
 # locked until it has ended.
 log=
 stop() {
-  [[ ! -e $log ]] || flock --timeout 10 "$log" true
+  trap '' INT
+  [[ ! -e $log ]] || flock --timeout 10 "$log" true || true
   [[ ! -t 2 ]] || echo >&2 # behind the terminal's ^C
   echo "${0##*/}: stopped" >&2
   exit 130

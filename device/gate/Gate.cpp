@@ -84,8 +84,8 @@ void EndPatience(int) {
   Refuse("500 Internal Server Error", reason);
 }
 
-// Those that are closed: else what is opened next would become one of them, and the program would
-// write there what it has to say.
+// Opens those of 0, 1 and 2 that are closed on /dev/null: else the next file that is opened would
+// become one of them, and the program would write there.
 void OpenStandardDescriptors() {
   for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (fcntl(descriptor, F_GETFD) == -1 && open("/dev/null", O_RDWR) != descriptor) {
@@ -223,8 +223,8 @@ void OutliveTheClient() {
 
 volatile pid_t apart = -1;
 
-// As the program was ended, for whoever waits for the gate. The dump of its memory is the
-// program's.
+// Ends by the signal that ended the program, so that whoever waits for the gate sees it. Dumps no
+// memory of its own.
 [[noreturn]] void EndBy(int number) {
   prctl(PR_SET_DUMPABLE, 0);
   std::signal(number, SIG_DFL);

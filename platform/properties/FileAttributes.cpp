@@ -55,12 +55,15 @@ bool CopyAttributes(int descriptor, const std::string& path) {
       [&](const char* name, char* answer, std::size_t size) {
         return getxattr(path.c_str(), name, answer, size);
       });
+  if (!wanted) {
+    return false;
+  }
   const auto own = ReadAttributes(
       [&](char* answer, std::size_t size) { return flistxattr(descriptor, answer, size); },
       [&](const char* name, char* answer, std::size_t size) {
         return fgetxattr(descriptor, name, answer, size);
       });
-  if (!wanted || !own) {
+  if (!own) {
     return false;
   }
   for (const auto& [name, value] : *own) {
@@ -73,6 +76,9 @@ bool CopyAttributes(int descriptor, const std::string& path) {
     const auto same = own->find(name);
     const bool isThere = same != own->end() && same->second == value;
     if (!isThere && fsetxattr(descriptor, name.c_str(), value.data(), value.size(), 0) != 0) {
+      // A file that is mounted on its own can have attributes that the folder's file system does
+      // not know: nobody may set them there.
+      errno = errno == ENOTSUP ? EPERM : errno;
       return false;
     }
   }

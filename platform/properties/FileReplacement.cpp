@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -132,18 +131,16 @@ bool IsRefusal(int error) {
 
 // --- Temporary files
 
-// Opens a new file in the folder; `path` becomes its path. -1, with errno set, when none can be
-// made.
+// Opens a new file in the folder; `path` becomes its path. -1, with errno set, when there is none.
+// Processes of two containers may have the same number, so the time is a part of the name.
 int OpenTemporaryFile(const fs::path& folder, mode_t mode, fs::path& path) {
-  constexpr int MOST_NAMES = 1000;
-  for (int number = 0; number < MOST_NAMES; ++number) {
-    path = folder / (".ini-" + std::to_string(getpid()) + "-" + std::to_string(number) + ".tmp");
-    const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-    if (descriptor >= 0 || errno != EEXIST) {
-      return descriptor;
-    }
-  }
-  return -1;
+  timespec now = {};
+  clock_gettime(CLOCK_REALTIME, &now);
+  char name[64];
+  std::snprintf(name, sizeof name, ".ini-%d-%ld.tmp", static_cast<int>(getpid()),
+                static_cast<long>(now.tv_nsec));
+  path = folder / name;
+  return open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
 }
 
 // Whether the file is one of ours whose process has ended. A process of another user lives, too,
@@ -159,6 +156,7 @@ bool IsLeftover(const char* name) {
 void RemoveLeftovers(const fs::path& folder) {
   const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(folder.c_str()), closedir);
   while (const dirent* const entry = entries != nullptr ? readdir(entries.get()) : nullptr) {
+    // We make no links.
     if (entry->d_type != DT_LNK && IsLeftover(entry->d_name)) {
       unlink((folder / entry->d_name).c_str());
     }
@@ -173,8 +171,15 @@ bool CopyOwner(int descriptor, const struct stat& original) {
   if (fstat(descriptor, &own) != 0) {
     return false;
   }
-  return (own.st_uid == original.st_uid && own.st_gid == original.st_gid) ||
-         fchown(descriptor, original.st_uid, original.st_gid) == 0;
+  if ((own.st_uid == original.st_uid && own.st_gid == original.st_gid) ||
+      fchown(descriptor, original.st_uid, original.st_gid) == 0) {
+    return true;
+  }
+  // A user namespace that has no number for the owner: nobody here may give the file to them.
+  if (errno == EINVAL) {
+    errno = EPERM;
+  }
+  return false;
 }
 
 bool SyncFolder(const fs::path& folder) {
@@ -198,7 +203,7 @@ RenameResult ReplaceByRename(const fs::path& target, const struct stat* original
   fs::path path;
   Descriptor descriptor(OpenTemporaryFile(folder, firstMode, path));
   if (!descriptor.IsOpen()) {
-    return WithError(errno);
+    return errno == EEXIST ? RenameResult::kLost : WithError(errno);
   }
   RemovedFile temporary(path);
 
@@ -251,41 +256,49 @@ bool RewriteInPlace(const fs::path& target, const std::string& text) {
   // Another process that rewrites the file at the same time may mix both texts. Each writes again
   // until it has found its own whole, so the last one to write leaves its own whole.
   constexpr int MOST_ATTEMPTS = 50;
-  std::string found;
-  for (int attempt = 0; attempt < MOST_ATTEMPTS; ++attempt) {
+  bool isWhole = false;
+  for (int attempt = 0; attempt < MOST_ATTEMPTS && !isWhole; ++attempt) {
     // Not in step with the other one.
-    std::this_thread::sleep_for(std::chrono::microseconds(100) * attempt * (1 + gettid() % 7));
+    const auto chance = std::chrono::steady_clock::now().time_since_epoch().count() % 7;
+    std::this_thread::sleep_for(std::chrono::microseconds(100) * attempt * (chance + 1));
     if (!WriteInPlace(descriptor.Get(), text)) {
       WriteInPlace(descriptor.Get(), original);
       fsync(descriptor.Get());
       return false;
     }
-    if (!ReadAll(descriptor.Get(), found) || found == text) {
-      break;
-    }
+    std::string found;
+    isWhole = ReadAll(descriptor.Get(), found) && found == text;
   }
   const bool isSynced = fsync(descriptor.Get()) == 0;
-  return descriptor.Close() && isSynced && found == text;
+  return descriptor.Close() && isSynced && isWhole;
 }
 
-// Whether another process may be rewriting the file in place at this moment: it was written just
-// now, and not by a rename, which this user could not do either.
+// Whether the file may be one that can only be rewritten in place.
+bool IsRewritten(int descriptor, const struct stat& status, fs::path path) {
+#ifdef STATX_ATTR_MOUNT_ROOT
+  struct statx file;
+  if (statx(descriptor, "", AT_EMPTY_PATH, 0, &file) == 0 &&
+      (file.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0) {
+    return true;
+  }
+#endif
+  return status.st_uid != geteuid() || status.st_gid != getegid() || !ResolveLinks(path) ||
+         access(FolderOf(path).c_str(), W_OK) != 0;
+}
+
+// Whether another process may be rewriting the file in place at this moment.
 bool IsUnsettled(int descriptor, const std::string& path) {
-  constexpr std::chrono::milliseconds JUST_NOW(30);  // some ticks of the clock that dates files
+  constexpr long JUST_NOW = 30L * 1000 * 1000;  // some ticks of the clock that dates files
   struct stat status;
   timespec now;
   if (fstat(descriptor, &status) != 0 || clock_gettime(CLOCK_REALTIME, &now) != 0) {
     return false;
   }
-  const std::chrono::nanoseconds age =
-      std::chrono::seconds(now.tv_sec - status.st_mtim.tv_sec) +
-      std::chrono::nanoseconds(now.tv_nsec - status.st_mtim.tv_nsec);
-  if (age.count() < 0 || age >= JUST_NOW) {
-    return false;
-  }
-  fs::path target(path);
-  return ResolveLinks(target) &&
-         (status.st_uid != geteuid() || access(FolderOf(target).c_str(), W_OK) != 0);
+  const auto seconds = now.tv_sec - status.st_mtim.tv_sec;
+  const long nanoseconds = now.tv_nsec - status.st_mtim.tv_nsec;
+  return ((seconds == 0 && nanoseconds >= 0 && nanoseconds < JUST_NOW) ||
+          (seconds == 1 && nanoseconds < JUST_NOW - 1000L * 1000 * 1000)) &&
+         IsRewritten(descriptor, status, path);
 }
 
 }  // namespace
@@ -326,8 +339,7 @@ bool ReplaceFile(const std::string& path, const std::string& text) {
   if (exists ? !S_ISREG(original.st_mode) : errno != ENOENT) {
     return false;
   }
-  // A process of another container, which knows other process ids, may take our temporary file for
-  // a leftover.
+  // A process of another container may take our temporary file for a leftover.
   constexpr int MOST_ATTEMPTS = 10;
   RenameResult result = RenameResult::kLost;
   for (int attempt = 0; attempt < MOST_ATTEMPTS && result == RenameResult::kLost; ++attempt) {

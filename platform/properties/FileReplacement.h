@@ -12,10 +12,9 @@ enum class ReadResult {
 };
 
 // Reads the file at `path` into `text`; `text` is empty unless the result is kRead. A file of more
-// than 32 MiB is unreadable. Takes no lock and waits for nobody's, only for the kernel to take back
-// another process's lease. A file that can only be rewritten in place, and was written just now, is
-// read again until 30 ms have passed since, for some 200 ms at most: who writes it may be half
-// done.
+// than 32 MiB is unreadable. Waits for no lock, only for the kernel to take back another process's
+// lease. A file that can only be rewritten in place, and was written just now, is read again until
+// 30 ms have passed since, for some 200 ms at most: whoever writes it may be half done.
 ReadResult ReadFile(const std::string& path, std::string& text);
 
 // Makes `text` the content of the file at `path`; a missing file is made with mode 0666 less the
@@ -29,15 +28,14 @@ ReadResult ReadFile(const std::string& path, std::string& text);
 // that the new one does but may not survive a power cut, when only the last step failed: bringing
 // the folder to the disk, for which it must be readable.
 //
-// Where permission for that is denied (EACCES, EPERM, EROFS, EBUSY or EXDEV: a folder that is not
-// writable, a file that is mounted on its own, an owner that cannot be kept), the file is rewritten
-// in place: the room is taken first, the old content put back when a write fails, and the length
-// cut last. Each process looks whether its own text stands there and writes again where it does
-// not, for some seconds at most, so what stands there in the end is the whole text of one of them.
-// It cannot promise what a rename does: another reader than ReadFile, a process killed in the
-// middle, a power cut, or a disk that fails twice may see a mix of both, or zeros at the end; and
-// when only bringing it to the disk failed, false means that the new content stands but may not
-// survive a power cut.
+// Where permission for that is denied (a folder that is not writable, a file that is mounted on its
+// own, an owner or attributes that cannot be kept), the file is rewritten in place: the room is
+// taken first, the content read before put back when a write fails, and the length cut last. Each
+// process reads the file afterwards and writes again until it finds its own text, for about a
+// second at most; false then means that another process's text stands there, or a mix. In place
+// nothing can be promised to another reader than ReadFile, nor when a process is killed in the
+// middle, the power fails or a disk fails twice: they may see a mix, or zeros at the end; and false
+// may also mean that the new content stands but may not survive a power cut.
 //
 // Extended attributes and access control lists are kept. A write-protected file in a writable
 // folder is replaced, and stays write-protected. Not kept: hard links to the file. A killed process

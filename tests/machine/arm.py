@@ -25,7 +25,7 @@ ROOTS = SOURCE / "build/roots"
 TESTS_LIMIT = 1800
 TESTS = ("tests/program_tests", "tests/java-calls", "tests/java",
          "tests/libfake-vm.so", "tests/libfailing-file-calls.so")
-# Two make mounts, by bubblewrap; two make hundreds of requests, which would take minutes.
+# Some make mounts, by bubblewrap, or need strace; some make hundreds of requests, which would take minutes.
 NOT_HERE = ("SettingsFile.StaysAsItWasOnAReadOnlyFileSystem",
             "SettingsFile.IsRewrittenInPlaceWhenItIsMountedOnItsOwn",
             "SettingsFile.IsWholeAfterRequestsAtTheSameTime*",

@@ -75,6 +75,8 @@ class Installed(unittest.TestCase):
                 self.assertFalse(list(prefix.rglob(elsewhere)))
 
     def test_a_page_builds_against_what_is_installed_alone(self):
+        log = pathlib.Path("/tmp/cgi.log")  # of this machine, not of the sandbox
+        before = log.exists() and log.stat().st_size
         build = self.folder / "page"
         shutil.copytree(SOURCE / "packaging/example", self.folder / "source")
         run("cmake", "-S", self.folder / "source", "-B", build, "-G", "Ninja", f"-DCMAKE_PREFIX_PATH={self.prefix}")
@@ -83,6 +85,7 @@ class Installed(unittest.TestCase):
                    "/usr/bin/env", "REQUEST_METHOD=GET", "/page/uptime.cgi")
         self.assertIn("<h2>Uptime</h2>", page)
         self.assertTrue(page.endswith("</html>\n"), page)
+        self.assertEqual(log.exists() and log.stat().st_size, before)
 
 
 if __name__ == "__main__":

@@ -348,7 +348,7 @@ TEST_F(LogClientFileTest, LosesNoLineToAFullPipeThatIsReadSlowly) {
   std::string logged;
   {
     LogClientFile client(path, true);
-    for (int i = 0; i < 200; ++i) {
+    for (int i = 0; i < room / 100 + 160; ++i) {
       client.HandleEvent(EventWithMessage(message));
       logged += message + "\n";
     }

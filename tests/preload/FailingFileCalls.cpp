@@ -17,6 +17,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -168,6 +169,10 @@ int fchown(int descriptor, uid_t user, gid_t group) noexcept {
     return -1;
   }
   return Setting("FAILING_FILE_CALLS_OWNER").empty() ? Real(fchown)(descriptor, user, group) : 0;
+}
+
+ssize_t flistxattr(int descriptor, char* names, size_t size) noexcept {
+  return FailsOn(descriptor, "flistxattr") ? -1 : Real(flistxattr)(descriptor, names, size);
 }
 
 int fstat(int descriptor, struct stat* status) noexcept {
