@@ -105,10 +105,12 @@ def failed_before(folder):
     return {name: number for number, _, name in (line.partition(":") for line in lines)}
 
 
-def numbers_of(folder, names):
-    """The numbers that those of the tests have now that there are still."""
-    listed = subprocess.run(ctest_command(folder, ["-N"]), stdout=subprocess.PIPE, text=True, check=False).stdout
-    return [number for number, name in re.findall(r"^ *Test +#(\d+): (.*)$", listed, re.MULTILINE) if name in names]
+def places_of(folder, names, arguments):
+    """Where those of the tests stand, counted from 1, that the arguments choose. ctest's -I counts like this."""
+    listed = subprocess.run(ctest_command(folder, ["-N", *arguments, "-I", "1,"]), stdout=subprocess.PIPE, text=True,
+                            check=False).stdout
+    chosen = re.findall(r"^ *Test +#\d+: (.*)$", listed, re.MULTILINE)
+    return [str(place) for place, name in enumerate(chosen, 1) if name in names]
 
 
 def note_failures(folder, results, before):
@@ -128,10 +130,10 @@ def run(folder, options, arguments):
     before = {}
     if "--rerun-failed" in options:
         before = failed_before(folder)
-        numbers = numbers_of(folder, before)
-        if not numbers:
+        places = places_of(folder, before, arguments)
+        if not places:
             return {}, True
-        arguments = [*arguments, "-I", "0,0,0," + ",".join(numbers)]
+        arguments = [*arguments, "-I", "0,0,0," + ",".join(places)]
     if "--list" in options:
         listed = subprocess.run(ctest_command(folder, arguments), stdout=subprocess.PIPE, text=True, check=False)
         print(listed.stdout)
