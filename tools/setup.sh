@@ -245,7 +245,7 @@ prepare_tests() {
   jobs=1
   local port
   # The device's, and those of tests/web/web_servers.py.
-  for port in 5302 {8080..8087} {8180..8187}; do
+  for port in 5302 {8080..8087}; do
     ! is_listening "$port" ||
       fail "this machine refuses namespaces, so the tests use its own port $port, which is busy:" \
         "stop what listens there (./run does)"

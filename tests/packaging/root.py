@@ -18,7 +18,7 @@ INSTALLED = "systemd-sysv,udev,dbus"
 # apt's cache holds what the packages depend on.
 DEPENDENCIES = ("default-jre-headless", "lighttpd", "logrotate", "libcgicc3", "libmicrohttpd12", "libxml2")
 # Which can take lighttpd's place.
-WEB_SERVERS = ("apache2-bin", "busybox", "fcgiwrap", "nginx")
+WEB_SERVERS = ("apache2-bin", "fcgiwrap", "nginx")
 
 
 def why_not():

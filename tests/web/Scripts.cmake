@@ -17,11 +17,11 @@ function(add_browser_test name script)
 endfunction()
 
 # Each web server for which a configuration is installed, held against docs/web-servers.md.
-foreach(server lighttpd apache2 nginx busybox front)
+foreach(server lighttpd apache2 nginx)
   add_browser_test(web_servers.${server} web_servers ARGUMENTS ${server})
 endforeach()
 # Of lighttpd web_tests say more.
-set_tests_properties(web_servers.lighttpd web_servers.busybox web_servers.front PROPERTIES LABELS long)
+set_tests_properties(web_servers.lighttpd PROPERTIES LABELS long)
 
 add_browser_test(browser_journey browser_journey)
 add_browser_test(accessibility accessibility)

@@ -2,7 +2,7 @@
 it keeps off. The table of docs/web-servers.md is held against what is seen, cell by cell, both ways.
 
     device/sandbox BUILD --private-network --read-only . /source -- \\
-        python3 -B /source/tests/web/web_servers.py lighttpd|apache2|nginx|busybox|front [Table.test_...]
+        python3 -B /source/tests/web/web_servers.py lighttpd|apache2|nginx [Table.test_...]
 
 Works inside the device's sandbox, with Debian's own Python. A fake Java VM costs nothing; one request has the
 real one."""
@@ -104,7 +104,6 @@ class Installation:
     def configured(self, text):
         for name, place in self.places.items():
             text = text.replace(f"@VEMO_{name}@", str(place))
-        text = re.sub(r"\b8081\b", str(self.port + 100), text)
         return re.sub(r"\b8080\b", str(self.port), text)
 
     def edited(self, text):
@@ -158,20 +157,7 @@ def configure_apache2(installation):
 
 
 def configure_nginx(installation):
-    text = installation.configure("nginx.conf", "nginx-requests.conf", "nginx-site.conf",
-                                  "nginx.service.conf")
-    return text, [unit_command(text)]
-
-
-def configure_busybox(installation):
-    text = installation.configure("busybox-httpd.conf", "busybox-httpd.service.conf")
-    return text, [unit_command(text)]
-
-
-def configure_front(installation):
-    """nginx before busybox httpd, which listens on another port."""
-    text = installation.configure("busybox-httpd.conf", "nginx-front.conf", "nginx-requests.conf",
-                                  "nginx-site.conf", "nginx-front.service.conf")
+    text = installation.configure("nginx.conf", "nginx.service.conf")
     return text, [unit_command(text)]
 
 
@@ -179,8 +165,6 @@ SERVERS = {  # by the name on the command line: the column of the table, and the
     "lighttpd": ("lighttpd", configure_lighttpd),
     "apache2": ("Apache", configure_apache2),
     "nginx": ("nginx", configure_nginx),
-    "busybox": ("busybox httpd", configure_busybox),
-    "front": ("busybox httpd behind nginx", configure_front),
 }
 
 # The Java VM that costs nothing: preloaded into the programs; the gate is static.
@@ -695,7 +679,7 @@ def is_prepared_for_a_password():
     """None is asked for as shipped. The lines for lighttpd's own are in web-server.conf."""
     if SERVER.get("/index.html")[0] != 200:
         raise AssertionError("one is asked for")
-    return re.search(r"(?i)\bmod_auth\w*file|auth_basic|\bAuthType\b|(?m:^/:)", SERVER.text) is not None
+    return re.search(r"(?i)\bmod_auth\w*file|auth_basic|\bAuthType\b", SERVER.text) is not None
 
 
 def has_place_for_java_vms(server, tasks):
@@ -994,9 +978,8 @@ class Together(Telling):
     """Two servers in one service."""
 
     def test_ends_with_the_other_for_systemd_to_start_it_again(self):
-        other = {"nginx": "fcgiwrap", "front": "busybox"}[NAME]
         with own_server() as server:
-            found = [process for process in descendants(server) if process_name(process) == other]
+            found = [process for process in descendants(server) if process_name(process) == "fcgiwrap"]
             os.kill(min(found), signal.SIGKILL)  # the first is the others' parent
             self.assertEqual(server.processes[0].wait(LIMIT), -signal.SIGKILL)
 
@@ -1016,20 +999,9 @@ class Together(Telling):
             self.assertEqual(headers.get("retry-after"), "10" if status == 503 else None)
 
 
-class Behind(unittest.TestCase):
-    """busybox httpd, when another server is to stand before it."""
-
-    def test_answers_the_named_client_alone(self):
-        for source, status in (("127.0.0.1", b"200"), ("127.0.0.2", b"403")):
-            with contextlib.closing(socket.create_connection(
-                    ("127.0.0.1", SERVER.installation.port), LIMIT, (source, 0))) as client:
-                client.sendall(request("/index.html"))
-                self.assertEqual(client.recv(100).split()[1], status, source)
-
-
 def load_tests(loader, *_):
     """All that concerns the server; what waits last."""
-    cases = (Every, Table) + {"busybox": (Behind,), "nginx": (Together,), "front": (Together,)}.get(NAME, ())
+    cases = (Every, Table) + {"nginx": (Together,)}.get(NAME, ())
     tests = [test for case in cases for test in loader.loadTestsFromTestCase(case)]
     late = {test_name(row) for row, act in PROTECTIONS.items() if act in IN_THE_BACKGROUND}
     return unittest.TestSuite(sorted(tests, key=lambda test: test.id().rsplit(".", 1)[1] in late))
