@@ -21,6 +21,9 @@
 //   CGI_GATE_APART     optional, for a web server that kills programs whose client has gone: when
 //                      set, the program runs in a process of its own, and the gate ends as it does
 //
+// A request with a "#" in its address is answered "400 Bad Request": web servers differ on where
+// its path ends, so they may have judged another one than the program gets.
+//
 // Nobody has to watch the program: the kernel keeps the alarm and the lock for it over the exec,
 // ends it with SIGALRM when its time is over, and gives the place free when it ends, however that
 // is. Who gets no place is answered "503 Service Unavailable", and "500" when the gate or the
@@ -294,6 +297,10 @@ int main(int argc, char** argv) {
   }
   if (std::getenv(APART_VARIABLE) != nullptr) {
     GoApart();
+  }
+  const char* const address = std::getenv("REQUEST_URI");
+  if (address != nullptr && std::strchr(address, '#') != nullptr) {
+    Refuse("400 Bad Request", "a # in the address");
   }
   BeginPatience(patience);
   if (std::getenv(BODY_VARIABLE) != nullptr) {

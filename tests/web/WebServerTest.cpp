@@ -91,6 +91,11 @@ Response Fetch(const std::string& path, std::vector<std::string> arguments = {})
   return ParseResponse(result.output);
 }
 
+// Of exactly this request target, which curl would set right.
+Response FetchTarget(const std::string& target) {
+  return Fetch("/", {"--request-target", target});
+}
+
 // The page as it arrives: the web server takes the program's header off.
 std::string Body(const std::string& page) {
   return page.substr(page.find("\n\n") + 2);
@@ -146,9 +151,11 @@ std::string ConfigurationWith(const Edits& edits) {
 
 class WebServer : public testing::Test {
  protected:
-  explicit WebServer(const Edits& edits = {})
-      : server_(Command{{"/usr/sbin/lighttpd", "-D", "-f", ConfigurationWith(edits)},
-                        {{"VEMO_PORT", "8080"}}}) {}
+  explicit WebServer(const Edits& edits = {}) : WebServer(ConfigurationWith(edits)) {}
+
+  explicit WebServer(const std::string& configuration)
+      : server_(
+            Command{{"/usr/sbin/lighttpd", "-D", "-f", configuration}, {{"VEMO_PORT", "8080"}}}) {}
 
   void SetUp() override {
     ResetDevice();
@@ -482,7 +489,7 @@ TEST_F(OwnProgram, IsNotShownWhenItIsNotExecutable) {
 
 class GateWithoutItsFile : public WebServer {
  protected:
-  GateWithoutItsFile() : WebServer({{"/tmp/cgi-gate.lock", "/nowhere/cgi-gate.lock"}}) {}
+  GateWithoutItsFile() : WebServer(Edits{{"/tmp/cgi-gate.lock", "/nowhere/cgi-gate.lock"}}) {}
 };
 
 TEST_F(GateWithoutItsFile, LetsNobodyIn) {
@@ -579,6 +586,7 @@ struct Case {
   std::vector<std::string> arguments;  // of curl
   int status = 200;
   std::string path = CHANGE;
+  bool isEcho = false;
 };
 
 void PrintTo(const Case& request, std::ostream* out) {
@@ -658,7 +666,9 @@ TEST_P(WebServerAccepts, AndChangesTheSetting) {
 
 INSTANTIATE_TEST_SUITE_P(
     ARequestWith, WebServerAccepts,
-    testing::Values(Case{"OurOrigin", {"--header", "Origin: http://localhost:8080"}},
+    testing::Values(Case{"NothingSaid", {}},
+                    Case{"OurOrigin", {"--header", "Origin: http://localhost:8080"}},
+                    Case{"OurOriginBehindTls", {"--header", "Origin: https://localhost"}},
                     Case{"OurOriginByAddress", {"--header", "Origin: http://127.0.0.1:8080"}},
                     Case{"OurReferer", {"--header", "Referer: http://localhost:8080/index.html"}},
                     Case{"OurSiteSaidByTheBrowser", {"--header", "Sec-Fetch-Site: same-origin"}},
@@ -705,14 +715,120 @@ TEST_P(ForeignOrigin, IsRefusedHoweverTheAddressIsSpelt) {
   ExpectNothingDone();
 }
 
-INSTANTIATE_TEST_SUITE_P(Address, ForeignOrigin,
-                         testing::Values("/setobdconf.cgi/more", "/setobdconf%2Ecgi",
-                                         "/%73etobdconf.cgi", "//setobdconf.cgi",
-                                         "/./setobdconf.cgi", "/css/../setobdconf.cgi",
-                                         "/css/%2e%2e/setobdconf.cgi", "/css//../setobdconf.cgi",
-                                         "/setobdconf.cgi%2Fmore", "/setobdconf.cgi/",
-                                         "/setobdconf.cgi//", "/setobdconf%2ecgi/more",
-                                         "/%2Fsetobdconf.cgi", "/%2E/setobdconf.cgi"));
+const auto spellings = testing::Values(
+    "/setobdconf.cgi/more", "/setobdconf%2Ecgi", "/%73etobdconf.cgi", "//setobdconf.cgi",
+    "/./setobdconf.cgi", "/css/../setobdconf.cgi", "/css/%2e%2e/setobdconf.cgi",
+    "/css//../setobdconf.cgi", "/setobdconf.cgi%2Fmore", "/setobdconf.cgi/", "/setobdconf.cgi//",
+    "/setobdconf%2ecgi/more", "/%2Fsetobdconf.cgi", "/%2E/setobdconf.cgi");
+
+INSTANTIATE_TEST_SUITE_P(Address, ForeignOrigin, spellings);
+
+// The pages in a web server of somebody else's, which has none of the modules that they rely on.
+class AnotherServer : public WebServer {
+ protected:
+  AnotherServer() : WebServer(Configuration()) {}
+
+  static std::string Configuration() {
+    std::string text = ReadText("/source/packaging/lighttpd/50-vemo-web.conf.in");
+    for (const auto& [before, after] : Edits{{"@VEMO_SHARED@", "/srv/vemo"},
+                                             {"@VEMO_PROGRAMS@", "/srv/vemo/bin"},
+                                             {"@VEMO_SETTINGS@", "/srv/vemo"},
+                                             {"/run/lighttpd/", "/tmp/"}}) {
+      for (auto at = text.find(before); at != std::string::npos; at = text.find(before)) {
+        text.replace(at, before.size(), after);
+      }
+    }
+    const std::string path = "/tmp/another.conf";
+    WriteText(path,
+              "server.modules = ( \"mod_access\" )\nserver.compat-module-load = \"disable\"\n"
+              "server.document-root = \"/tmp\"\nserver.port = 8079\n"
+              "server.upload-dirs = ( \"/tmp\" )\n"
+              "server.errorlog = \"/tmp/lighttpd-error.log\"\n" +
+                  text);
+    return path;
+  }
+};
+
+TEST_F(AnotherServer, ServesThePages) {
+  EXPECT_THAT(Fetch("/").body, HasSubstr("<h2>VEMO Web Server</h2>"));
+  EXPECT_EQ(Fetch(CHANGE).status, 200);
+  EXPECT_EQ(ReadText(SETTINGS_FILE), SettingsWith("500"));
+}
+
+TEST_F(AnotherServer, RefusesForeignOrdersWithTheResponseHeaders) {
+  const Response response = Fetch(CHANGE, {"--header", "Origin: http://foreign.example"});
+  EXPECT_EQ(response.status, 403);
+  EXPECT_EQ(response.headers.count("content-security-policy"), 1);
+  ExpectNothingDone();
+}
+
+// Under an address that is not loopback, where browsers send no Sec-Fetch-*.
+class NetworkServer : public WebServer {
+ protected:
+  NetworkServer() : WebServer(Edits{{R"(localhost|127\.0\.0\.1)", R"(192\.168\.7\.1)"}}) {}
+
+  static Response FetchThere(const std::string& path, std::vector<std::string> arguments = {}) {
+    arguments.insert(arguments.end(), {"--header", "Host: 192.168.7.1:8080"});
+    return Fetch(path, arguments);
+  }
+};
+
+class NobodysOrder : public NetworkServer, public testing::WithParamInterface<const char*> {};
+
+TEST_P(NobodysOrder, IsRefusedHoweverTheAddressIsSpelt) {
+  EXPECT_EQ(FetchThere(std::string(GetParam()) + "?CanDetectTimeout=500").status, 403);
+  EXPECT_EQ(FetchThere(GetParam(), {"--data", "CanDetectTimeout=500"}).status, 403);
+  ExpectNothingDone();
+}
+
+INSTANTIATE_TEST_SUITE_P(Address, NobodysOrder, spellings);
+
+TEST_F(NetworkServer, TakesNobodysOrderForNoPage) {
+  for (const std::string path : {"/channeldeviceconfig.cgi", "/reboot.cgi", "/index.html"}) {
+    EXPECT_EQ(FetchThere(path, {"--data", "allocation=allocate"}).status, 403) << path;
+  }
+  EXPECT_EQ(FetchThere("/reboot.cgi").status, 403);
+  EXPECT_EQ(FetchThere(CHANGE).status, 403);
+  EXPECT_EQ(FetchThere(CHANGE, {"--header", "Origin: null"}).status, 403);
+  EXPECT_EQ(FetchThere(CHANGE, {"--header", "Origin: http://192.168.7.2"}).status, 403);
+  EXPECT_EQ(FetchThere(CHANGE, Typed("Sec-Fetch-User: ?1")).status, 403);
+  ExpectNothingDone();
+}
+
+TEST_F(NetworkServer, ShowsToEverybodyWhatChangesNothing) {
+  for (const std::string path : {"/setobdconf.cgi", "/setobdconf.cgi?", "/channeldeviceconfig.cgi",
+                                 "/channeldeviceconfig.cgi?", "/index.html", "/css/all.css"}) {
+    EXPECT_EQ(FetchThere(path).status, 200) << path;
+  }
+}
+
+class OwnOrder : public NetworkServer, public testing::WithParamInterface<const char*> {};
+
+TEST_P(OwnOrder, IsTaken) {
+  EXPECT_EQ(FetchThere(CHANGE, {"--header", GetParam()}).status, 200);
+  EXPECT_EQ(ReadText(SETTINGS_FILE), SettingsWith("500"));
+  EXPECT_EQ(
+      FetchThere("/setobdconf.cgi", {"--header", GetParam(), "--data", "CanDetectTimeout=501"})
+          .status,
+      200);
+  EXPECT_EQ(ReadText(SETTINGS_FILE), SettingsWith("501"));
+}
+
+INSTANTIATE_TEST_SUITE_P(With, OwnOrder,
+                         testing::Values("Origin: http://192.168.7.1:8080",
+                                         "Origin: https://192.168.7.1",
+                                         "Referer: http://192.168.7.1:8080/channeldeviceconfig.cgi",
+                                         "Referer: https://192.168.7.1/"));
+
+TEST_F(WebServer, RefusesAFragmentInTheAddressOfAProgram) {
+  for (const std::string path :
+       {"/setobdconf.cgi#?CanDetectTimeout=500", "/setobdconf.cgi?CanDetectTimeout=500#",
+        "/channeldeviceconfig.cgi#", "/setobdconf.cgi?CanDetectTimeout=500#/index.html"}) {
+    EXPECT_EQ(FetchTarget(path).status, 400) << path;
+  }
+  FetchTarget("/#/../setobdconf.cgi?CanDetectTimeout=500");
+  ExpectNothingDone();
+}
 
 TEST_F(WebServer, LetsNoForeignSiteReboot) {
   const Response response =
@@ -725,9 +841,15 @@ class WebServerAnswer : public WebServer, public testing::WithParamInterface<Cas
 TEST_P(WebServerAnswer, TellsTheBrowserToKeepInjectedTextInert) {
   const Response response = Fetch(GetParam().path, GetParam().arguments);
   EXPECT_EQ(response.status, GetParam().status);
+  const std::string policy =
+      "default-src 'none'; style-src 'self' 'unsafe-hashes' "
+      "'sha256-YFOIjkCvZnAH6R5z1ZjUI/Zgf7uslK5vN80+lsdvYss='; img-src 'self'; base-uri 'none'; "
+      "frame-ancestors 'none'";
+  // What may echo has no form of its own.
   EXPECT_EQ(response.headers.at("content-security-policy"),
-            "sandbox allow-same-origin allow-forms; default-src 'none'; style-src 'self'; "
-            "img-src 'self'; form-action 'self'; base-uri 'none'; frame-ancestors 'none'");
+            (GetParam().isEcho ? "sandbox allow-same-origin; form-action 'none'; "
+                               : "sandbox allow-same-origin allow-forms; form-action 'self'; ") +
+                policy);
   EXPECT_EQ(response.headers.at("referrer-policy"), "same-origin");
   EXPECT_EQ(response.headers.at("x-content-type-options"), "nosniff");
   EXPECT_EQ(response.headers.at("x-frame-options"), "DENY");
@@ -735,14 +857,19 @@ TEST_P(WebServerAnswer, TellsTheBrowserToKeepInjectedTextInert) {
 
 INSTANTIATE_TEST_SUITE_P(
     With, WebServerAnswer,
-    testing::Values(Case{"Home", {}, 200, "/"}, Case{"TheSuccess", {}},
-                    Case{"TheWarning", {}, 200, "/setobdconf.cgi"},
-                    Case{"DeviceInformation", {}, 200, "/channeldeviceconfig.cgi"},
-                    Case{"Reboot", {}, 200, "/reboot.cgi"},
-                    Case{"TheStyleSheet", {}, 200, "/css/all.css"},
-                    Case{"ALogo", {}, 200, "/images/tarn.gif"},
-                    Case{"NotFound", {}, 404, "/nowhere.html"},
-                    Case{"Forbidden", {"--header", "Origin: http://foreign.example"}, 403}),
+    testing::Values(
+        Case{"Home", {}, 200, "/"}, Case{"TheSuccess", {}, 200, CHANGE, true},
+        Case{"ThePostedSuccess",
+             {"--data", "CanDetectTimeout=500"},
+             200,
+             "/setobdconf.cgi/more",
+             true},
+        Case{"TheWarningOfAnotherField", {}, 200, "/setobdconf.cgi?x=500", true},
+        Case{"TheWarning", {}, 200, "/setobdconf.cgi"},
+        Case{"DeviceInformation", {}, 200, "/channeldeviceconfig.cgi"},
+        Case{"Reboot", {}, 200, "/reboot.cgi"}, Case{"TheStyleSheet", {}, 200, "/css/all.css"},
+        Case{"ALogo", {}, 200, "/images/tarn.gif"}, Case{"NotFound", {}, 404, "/nowhere.html"},
+        Case{"Forbidden", {"--header", "Origin: http://foreign.example"}, 403, CHANGE, true}),
     NameOf);
 
 TEST_F(WebServer, ForbidsBrowsersToKeepPagesOfPrograms) {

@@ -619,6 +619,14 @@ class ForeignPages(Attack):
         self.assertEqual(SETTINGS.read_bytes(), SHIPPED_SETTINGS.read_bytes())
         self.assertFalse(is_allocated())
 
+    def test_a_typed_address_that_redirects_to_the_device(self):
+        for status in (301, 302, 303, 307, 308):
+            path = f"/typed-{status}"
+            url = f"http://localhost:{PORT}/{SET_OPTION}{status}"
+            DOCUMENT_OF[path] = (status, {"Location": url}, "")
+            self.open(FOREIGN + path)
+            self.assertIn(f"\nVEMODCanDetectTimeout=evil{status}\n", SETTINGS.read_text())
+
     def test_they_give_no_order_to_the_nvm_service(self):
         service = f"http://127.0.0.1:{NVM_PORT}/nVm?FunctionName=nvmAllocateDevice"
         before = nvm_requests()

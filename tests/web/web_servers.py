@@ -2,12 +2,15 @@
 it keeps off. The table of docs/web-servers.md is held against what is seen, cell by cell, both ways.
 
     device/sandbox BUILD --private-network --read-only . /source -- \\
-        python3 -B /source/tests/web/web_servers.py lighttpd|apache2|nginx [Table.test_...]
+        python3 -B /source/tests/web/web_servers.py lighttpd|apache2|nginx [--address ADDRESS] [Table.test_...]
 
-Works inside the device's sandbox, with Debian's own Python. A fake Java VM costs nothing; one request has the
+With an address the server listens there and not on loopback: one of this machine, 192.168.7.1. Works inside the device's sandbox, with Debian's own Python. A fake Java VM costs nothing; one request has the
 real one."""
 
+import argparse
+import base64
 import contextlib
+import hashlib
 import http.client
 import os
 import pathlib
@@ -45,6 +48,7 @@ FORM = "CanDetectTimeout="
 CHANGE = f"{SET_OPTION}?{FORM}500"
 MULTIPART = "multipart/form-data; boundary=frontier"
 FOREIGN = "Origin: http://foreign.example"
+NETWORK = "192.168.7.1"  # a name of each server, whether or not it listens there
 HEADER = r"printf 'Content-Type: text/plain\n\n'"  # of a program that is a script
 
 
@@ -69,6 +73,12 @@ def reset():
 
 
 # --- Servers
+
+
+def with_address(text):
+    """A configuration's text, with the address and the names that are to be changed in it."""
+    text = re.sub(r"(?m)^(Listen |\s*listen |server\.bind +=.*)127\.0\.0\.1", rf"\g<1>{ADDRESS}", text)
+    return text.replace(r"127\.0\.0\.1", r"127\.0\.0\.1|" + re.escape(NETWORK))
 
 
 class Installation:
@@ -104,6 +114,7 @@ class Installation:
     def configured(self, text):
         for name, place in self.places.items():
             text = text.replace(f"@VEMO_{name}@", str(place))
+        text = with_address(text)
         return re.sub(r"\b8080\b", str(self.port), text)
 
     def edited(self, text):
@@ -137,7 +148,7 @@ def configure_lighttpd(installation):
                               ('"/tmp/lighttpd-error.log"', "run/error.log"),
                               ('"/tmp/lighttpd-access.log"', "run/access.log")):
             part = part.replace(before, f'"{installation.root / after}"')
-        part = installation.edited(part)
+        part = installation.edited(with_address(part))
         (folder / file.name).write_text(part, encoding="utf-8")
         text += part
     return text, [["/usr/bin/env", f"VEMO_PORT={installation.port}", "/usr/sbin/lighttpd", "-D", "-f",
@@ -227,7 +238,7 @@ class Server:
                 process.wait()
 
     def connect(self, timeout=LIMIT):
-        return socket.create_connection(("127.0.0.1", self.installation.port), timeout=timeout)
+        return socket.create_connection((ADDRESS, self.installation.port), timeout=timeout)
 
     def ask(self, sent):
         """Status, headers and body of the answer; status 0 when there is none."""
@@ -268,8 +279,12 @@ class Server:
             program.symlink_to(DEVICE / "htdocs" / page)
 
 
-def request(target, *headers, method="GET", host="localhost", version="1.1"):
+def request(target, *headers, method="GET", host="", version="1.1", by_own_page=True):
+    """By a page of ours, where that must be; as if somebody had typed it, on loopback."""
+    host = HOST if host == "" else host
     lines = [f"{method} {target} HTTP/{version}", *([f"Host: {host}"] if host else []), "Connection: close"]
+    if by_own_page and HOST == NETWORK and "Origin: " not in str(headers) and "Referer: " not in str(headers):
+        lines.append(f"Referer: http://{HOST}/")
     return "".join(f"{line}\r\n" for line in (*lines, *headers, "")).encode("latin-1")
 
 
@@ -350,11 +365,12 @@ def refuses_foreign_hosts():
 
 def refuses_foreign_origins():
     return refuses_header(FOREIGN, "Origin: null", "Origin: http://localhost.example",
-                          "Origin: https://localhost")
+                          f"Origin: ftp://{HOST}", f"Origin: http://{HOST}@foreign.example")
 
 
 def refuses_foreign_referers():
-    return refuses_header("Referer: http://foreign.example/", "Referer: http://localhost@example/")
+    return refuses_header("Referer: http://foreign.example/", f"Referer: http://{HOST}@example/",
+                          f"Referer: http://{HOST}.example/")
 
 
 def refuses_foreign_sites():
@@ -381,7 +397,49 @@ def refuses_websockets():
 
 def looks_at_both_of_two_headers():
     return refuses(*(request(CHANGE, *headers) for headers in (
-        ("Sec-Fetch-Site: none", "Sec-Fetch-Site: cross-site"), ("Origin: http://localhost", FOREIGN))))
+        ("Sec-Fetch-Site: none", "Sec-Fetch-Site: cross-site"), (f"Origin: http://{HOST}", FOREIGN))))
+
+
+def tells_typed_addresses():
+    """From what another page asks for. Only on loopback, where browsers say so."""
+    expect_to_be_served()
+    seen = []
+    for host in ("localhost", NETWORK):
+        reset()
+        status = SERVER.ask(request(CHANGE, typed("Sec-Fetch-User: ?1"), host=host, by_own_page=False))[0]
+        seen.append((status, LOG.stat().st_size > 0))
+    return {((200, True), (403, False)): True, ((200, True), (200, True)): False}[tuple(seen)]
+
+
+def refuses_nobodys_orders():
+    """At an address that is not loopback, in every spelling, however it looks otherwise."""
+    def nobodys(sent):
+        return re.sub(rb"Host: [^\r]*", b"Host: " + NETWORK.encode(),
+                      re.sub(rb"Referer: [^\r]*\r\n", b"", sent))
+
+    seen = [refuses(*map(nobodys, (request(CHANGE), post(SET_OPTION, FORM + "500"), request(CHANGE, "Origin: "),
+                                   post(SET_OPTION + "?x", FORM + "500"), request(CHANGE, "Referer: "),
+                                   request(CHANGE, typed("Sec-Fetch-User: ?1")))))]
+    seen += [not is_started(lambda: SERVER.ask(nobodys(request(f"{spelling}?{FORM}500"))))
+             for spelling in SPELLINGS]
+    seen += [SERVER.ask(nobodys(sent))[0] == 403
+             for sent in (post("/channeldeviceconfig.cgi", "allocation=allocate"), post("/reboot.cgi", ""),
+                          request("/reboot.cgi"))]
+    # What changes nothing is for everybody.
+    for page in (SET_OPTION, SET_OPTION + "?", "/channeldeviceconfig.cgi", "/index.html"):
+        if SERVER.ask(nobodys(request(page)))[0] != 200:
+            raise AssertionError(f"{page} is refused")
+    return same(range(len(seen)), seen)
+
+
+def refuses_fragments():
+    """No path is judged other than the one that the program gets."""
+    expect_to_be_served()
+    for target in ("/#/..", "/css/all.css#/../..", "/x?#/.."):
+        if is_started(lambda: SERVER.get(f"{target}{CHANGE}")):
+            return False
+    return refuses(*map(request, (f"{SET_OPTION}#?{FORM}500", f"{CHANGE}#", f"{CHANGE}#/index.html",
+                                  f"{SET_OPTION}#/../index.html")))
 
 
 def refuses_foreign_orders_to_other_pages():
@@ -406,7 +464,7 @@ SPELLINGS = (
     "/setobdconf.cgi%3f", "/setobdconf.cgi\\", "/\\setobdconf.cgi", "/gated/setobdconf.cgi",
     "/cgi-bin/setobdconf.cgi", "/cgi-bin/../setobdconf.cgi", "/htdocs/setobdconf.cgi",
     "/../libexec/setobdconf.cgi", "/%2e%2e/libexec/setobdconf.cgi", "/..%2flibexec%2fsetobdconf.cgi",
-    "http://localhost/setobdconf.cgi", "http://localhost//setobdconf.cgi", "/setobdconf%252Ecgi",
+    f"http://{NETWORK}/setobdconf.cgi", f"http://{NETWORK}//setobdconf.cgi", "/setobdconf%252Ecgi",
     "/setobdconf.cgi%c0%80",
 )
 
@@ -436,12 +494,14 @@ def shows_no_program():
 
 
 def listens_on_loopback_alone():
-    """Every address of 127/8 is this machine's."""
-    try:
-        socket.create_connection(("127.0.0.2", SERVER.installation.port), timeout=LIMIT).close()
-        return False
-    except ConnectionRefusedError:
-        return True
+    """Or on that address alone which it is told."""
+    for address in {"127.0.0.1", "127.0.0.2", ADDRESS} - {ADDRESS}:
+        try:
+            socket.create_connection((address, SERVER.installation.port), timeout=LIMIT).close()
+            return False
+        except ConnectionRefusedError:
+            pass
+    return True
 
 
 def refuses_other_methods():
@@ -720,9 +780,18 @@ def has_tasks_for_slow_posts():
 def sends(name, value):
     """With every answer: of pages, programs, refusals."""
     seen = {target: SERVER.get(target)[1].get(name, "") == value
-            for target in ("/index.html", CHANGE, SET_OPTION, "/css/all.css", "/nowhere.html")}
-    seen["refusal"] = SERVER.get(CHANGE, FOREIGN)[1].get(name, "") == value
+            for target in ("/index.html", SET_OPTION, "/css/all.css", "/nowhere.html")}
+    seen["refusal"] = SERVER.get("/reboot.cgi", FOREIGN)[1].get(name, "") == value
     return same(seen, list(seen.values()))
+
+
+def lets_no_echo_send_forms():
+    """A page that may hold what it was sent."""
+    echo = POLICY.replace(" allow-forms", "").replace("form-action 'self'", "form-action 'none'")
+    answers = [SERVER.ask(sent) for sent in (
+        request(CHANGE), post(SET_OPTION, FORM), request(f"{SET_OPTION}/more?{FORM}500"))]
+    seen = [headers["content-security-policy"] == echo for status, headers, _ in answers if status == 200]
+    return same(answers, seen)
 
 
 def forbids_to_keep_pages_of_programs():
@@ -763,8 +832,10 @@ def streams():
     return is_there
 
 
-POLICY = ("sandbox allow-same-origin allow-forms; default-src 'none'; style-src 'self'; img-src 'self'; "
-          "form-action 'self'; base-uri 'none'; frame-ancestors 'none'")
+STYLE = base64.b64encode(hashlib.sha256(b"clear:both").digest()).decode()  # which the page frame writes
+POLICY = ("sandbox allow-same-origin allow-forms; form-action 'self'; default-src 'none'; "
+          f"style-src 'self' 'unsafe-hashes' 'sha256-{STYLE}'; img-src 'self'; base-uri 'none'; "
+          "frame-ancestors 'none'")
 
 # By the row of the table.
 PROTECTIONS = {
@@ -778,8 +849,11 @@ PROTECTIONS = {
     "refuses a prefetch: Sec-Purpose, Purpose, X-Purpose, X-Moz": refuses_prefetches,
     "refuses a WebSocket: Upgrade, Sec-WebSocket-Key": refuses_websockets,
     "looks at both when one of these comes twice": looks_at_both_of_two_headers,
+    "refuses a change by nobody's page, where the address is not loopback": refuses_nobodys_orders,
+    "takes a change by an address that was typed, on loopback alone": tells_typed_addresses,
     "refuses foreign orders to the other pages": refuses_foreign_orders_to_other_pages,
     "is not got round by another spelling of the address": refuses_other_spellings,
+    "refuses a # in a program's address": refuses_fragments,
     "never shows a program as text": shows_no_program,
     "refuses methods other than GET, HEAD, POST": refuses_other_methods,
     "refuses HEAD of a program": refuses_head_of_programs,
@@ -803,6 +877,7 @@ PROTECTIONS = {
     "hands on LD_LIBRARY_PATH, which may name the Java VM": hands_on_the_library_path,
     "is prepared to ask for a password": is_prepared_for_a_password,
     "sends Content-Security-Policy": lambda: sends("content-security-policy", POLICY),
+    "lets no form be sent from a page that echoes": lets_no_echo_send_forms,
     "sends Referrer-Policy": lambda: sends("referrer-policy", "same-origin"),
     "sends X-Content-Type-Options": lambda: sends("x-content-type-options", "nosniff"),
     "sends X-Frame-Options": lambda: sends("x-frame-options", "DENY"),
@@ -941,13 +1016,14 @@ class Every(Telling):
 
     def test_takes_the_orders_of_its_own_pages(self):
         port = SERVER.installation.port
-        for headers in ((f"Origin: http://localhost:{port}",), (f"Origin: http://127.0.0.1:{port}",),
-                        (f"Referer: http://localhost:{port}/index.html",), ("Sec-Fetch-Site: same-origin",),
-                        (typed("Sec-Fetch-User: ?1"),), ("Origin: http://localhost:9090",)):
+        for headers in ((f"Origin: http://{HOST}:{port}",), (f"Origin: http://127.0.0.1:{port}",),
+                        (f"Referer: http://{HOST}:{port}/index.html",), ("Sec-Fetch-Site: same-origin",),
+                        (typed("Sec-Fetch-User: ?1"),), (f"Origin: http://{HOST}:9090",),
+                        (f"Origin: https://{HOST}",), (f"Referer: https://{HOST}/index.html",)):
             reset()
             self.assertEqual(SERVER.get(CHANGE, *headers)[0], 200, headers)
             self.assertEqual(SETTINGS.read_text(), settings_with("500"), headers)
-        self.assertEqual(SERVER.ask(request(CHANGE, host="127.0.0.1:9090"))[0], 200)
+        self.assertEqual(SERVER.ask(request(CHANGE, host=f"{HOST}:9090"))[0], 200)
 
     def test_lets_foreign_pages_link_to_what_changes_nothing(self):
         for page in ("/index.html", "/channeldeviceconfig.cgi"):
@@ -1008,8 +1084,14 @@ def load_tests(loader, *_):
 
 
 if __name__ == "__main__":
-    NAME = sys.argv.pop(1)
-    if sys.argv[1:] == ["--see"]:
+    parser = argparse.ArgumentParser(description="Holds a web server against its column of the table.")
+    parser.add_argument("name", choices=SERVERS)
+    parser.add_argument("--address", default="127.0.0.1")
+    parser.add_argument("--see", action="store_true", help="print what is seen, test nothing")
+    options, rest = parser.parse_known_args()
+    NAME, ADDRESS = options.name, options.address
+    HOST = "localhost" if ADDRESS == "127.0.0.1" else NETWORK
+    if options.see:
         setUpModule()
         for row, act in PROTECTIONS.items():
             try:
@@ -1020,4 +1102,4 @@ if __name__ == "__main__":
         sys.exit()
     # What the page says of the server, by row.
     ROWS = {row["it"]: row[SERVERS[NAME][0]] for row in pages.rows("docs/web-servers.md") if "it" in row}
-    unittest.main(verbosity=2)
+    unittest.main(argv=[sys.argv[0], *rest], verbosity=2)
