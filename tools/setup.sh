@@ -10,7 +10,7 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libcgicc-dev libxml2-dev
 DEVICE_PACKAGES=(bubblewrap lighttpd)
 PACKAGING_PACKAGES=(build-essential debhelper dpkg-dev fakeroot pkgconf)
 TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang libclang-rt-14-dev clang-format
-  clang-tidy llvm shellcheck curl chromium chromium-driver python3-selenium libxml2-utils proot
+  clang-tidy llvm shellcheck curl iproute2 chromium chromium-driver python3-selenium libxml2-utils proot
   systemd strace valgrind qemu-system-x86 qemu-user busybox-static cpio e2fsprogs git)
 # For other processors: Debian's cross compilers here, and what is unpacked of those processors' packages, to
 # compile against and to run.
@@ -19,7 +19,7 @@ SYSROOT_PACKAGES=(libc6 libstdc++6 libcgicc-dev libxml2-dev libmicrohttpd-dev op
   libgtest-dev libgmock-dev librapidcheck-dev lighttpd busybox-static)
 declare -A SYSROOT_KERNEL=([arm64]=linux-image-cloud-arm64 [armhf]=linux-image-armmp-lpae)
 # What ./test --long needs beside these, PACKAGING_PACKAGES and CROSS_PACKAGES.
-LONG_TEST_PACKAGES=(lintian ccache diffoscope-minimal faketime iproute2 locales
+LONG_TEST_PACKAGES=(lintian ccache diffoscope-minimal faketime firefox-esr locales
   gdb linux-perf python3-matplotlib wrk pngquant qemu-system-arm)
 # A Node.js from elsewhere brings its own.
 command -v npm >/dev/null || TEST_PACKAGES+=(npm)

@@ -1,16 +1,21 @@
 # The device from outside, by a script; the real browser among them. The accessibility checker is one file of
 # a package that ./test fetches, and so are some of the web servers.
-# add_browser_test(NAME SCRIPT [ENV VARIABLE=VALUE...] [ARGUMENTS ARGUMENT...] [LONG]); LONG is handed on to
-# the script.
+# add_browser_test(NAME SCRIPT [NETWORK] [ENV VARIABLE=VALUE...] [ARGUMENTS ARGUMENT...] [LONG]); LONG is handed
+# on to the script. NETWORK: the device is not on loopback, but at one of two other addresses.
 function(add_browser_test name script)
-  cmake_parse_arguments(PARSE_ARGV 2 test LONG "" "ENV;ARGUMENTS")
+  cmake_parse_arguments(PARSE_ARGV 2 test "LONG;NETWORK" "" "ENV;ARGUMENTS")
+  set(network --private-network)
+  if(test_NETWORK)
+    set(network --address 192.168.7.1 --address 192.168.7.2)
+    list(PREPEND test_ARGUMENTS --address 192.168.7.1)
+  endif()
   add_test(NAME ${name}
-    COMMAND ${PROJECT_SOURCE_DIR}/device/sandbox ${PROJECT_BINARY_DIR} --private-network
+    COMMAND ${PROJECT_SOURCE_DIR}/device/sandbox ${PROJECT_BINARY_DIR} ${network}
             --read-only ${PROJECT_SOURCE_DIR} /source --
             /usr/bin/env ${test_ENV} /usr/bin/python3 -B /source/tests/web/${script}.py
             ${test_ARGUMENTS} $<$<BOOL:${test_LONG}>:--long>
     COMMAND_EXPAND_LISTS)
-  set_tests_properties(${name} PROPERTIES TIMEOUT 300)
+  set_tests_properties(${name} PROPERTIES TIMEOUT 300 SKIP_RETURN_CODE 77)
   if(test_LONG)
     set_tests_properties(${name} PROPERTIES TIMEOUT 3600 LABELS long)
   endif()
@@ -19,13 +24,26 @@ endfunction()
 # Each web server for which a configuration is installed, held against docs/web-servers.md.
 foreach(server lighttpd apache2 nginx)
   add_browser_test(web_servers.${server} web_servers ARGUMENTS ${server})
+  add_browser_test(web_servers.${server}.network web_servers NETWORK ARGUMENTS ${server})
+  set_tests_properties(web_servers.${server}.network PROPERTIES LABELS long)
+  # The short form has these of lighttpd.
+  add_browser_test(browser_journey.${server}.network browser_journey NETWORK ARGUMENTS --server ${server})
+  set_tests_properties(browser_journey.${server}.network PROPERTIES LABELS long)
+  add_browser_test(browser_attacks.${server}.network browser_attacks NETWORK LONG ARGUMENTS --server ${server})
+endforeach()
+foreach(server apache2 nginx)
+  add_browser_test(browser_attacks.${server} browser_attacks ARGUMENTS --server ${server})
+  set_tests_properties(browser_attacks.${server} PROPERTIES LABELS long)
 endforeach()
 # Of lighttpd web_tests say more.
 set_tests_properties(web_servers.lighttpd PROPERTIES LABELS long)
 
 add_browser_test(browser_journey browser_journey)
+# What looks are has nothing to do with addresses.
+add_browser_test(browser_journey.network browser_journey NETWORK ARGUMENTS Journey Ways InjectedMarkup)
 add_browser_test(accessibility accessibility)
 add_browser_test(browser_attacks browser_attacks)
+add_browser_test(browser_attacks.network browser_attacks NETWORK)
 add_browser_test(browser_attacks.long browser_attacks LONG)
 add_browser_test(soak soak)
 add_browser_test(soak.long soak LONG)

@@ -1,22 +1,34 @@
 """The whole stand-in device and a real browser in front of it. Works inside the device's sandbox, with
-Debian's own Python."""
+Debian's own Python.
 
+Scripts take "--address ADDRESS", which the sandbox has to have: the device then listens there and not on
+loopback; and "--server NAME", a web server as web_servers.py names it."""
+
+import argparse
 import contextlib
 import os
 import pathlib
 import shutil
 import socket
 import subprocess
+import sys
 import tempfile
 import time
 import urllib.parse
 
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.common.by import By
 from selenium.webdriver.remote.remote_connection import RemoteConnection
+from selenium.webdriver.support.ui import WebDriverWait
 
 PORT = 8080
-ROOT = f"http://localhost:{PORT}"
+# Changed by read_arguments.
+ADDRESS = "127.0.0.1"
+HOST = "localhost"
+ROOT = f"http://{HOST}:{PORT}"
+SERVER = "lighttpd"
+IS_LONG = False
 SETTINGS = pathlib.Path("/app/tarn-belox/runvex/obd.conf")
 SHIPPED_SETTINGS = pathlib.Path("/source/device/obd.conf")
 LIMIT = 20  # seconds for whatever is waited for
@@ -45,6 +57,25 @@ DESK = (1280, 800, False)
 PHONE = (360, 740, True)
 
 
+def read_arguments(description):
+    """Returns what is left of them, for unittest."""
+    global ADDRESS, HOST, ROOT, SERVER, IS_LONG
+    parser = argparse.ArgumentParser(description=description)
+    parser.add_argument("--address", default=ADDRESS)
+    parser.add_argument("--server", default=SERVER)
+    parser.add_argument("--long", action="store_true", help="more of it")
+    options, rest = parser.parse_known_args()
+    if options.address != ADDRESS:
+        ADDRESS = HOST = options.address
+    ROOT = f"http://{HOST}:{PORT}"
+    SERVER, IS_LONG = options.server, options.long
+    return [sys.argv[0], *rest]
+
+
+def is_on_loopback():
+    return HOST == "localhost"
+
+
 def eventually(is_true, limit=LIMIT):
     """Whether it became true."""
     deadline = time.monotonic() + limit
@@ -70,7 +101,7 @@ def process_name(process):
 
 def is_listening():
     with socket.socket() as client:
-        return client.connect_ex(("127.0.0.1", PORT)) == 0
+        return client.connect_ex((ADDRESS, PORT)) == 0
 
 
 def write_shipped_settings():
@@ -83,8 +114,13 @@ def read_settings():
 
 
 @contextlib.contextmanager
-def running_device():
+def running_device(edits=()):
+    """The stand-in as it is; or its parts, with another web server, address, or with edits."""
     write_shipped_settings()
+    if not is_on_loopback() or SERVER != "lighttpd" or edits:
+        with running_parts(edits):
+            yield
+        return
     device = subprocess.Popen(["/srv/vemo/start"], env={**os.environ, "VEMO_PORT": str(PORT)})
     try:
         wait_until(is_listening, "the web server does not listen")
@@ -96,13 +132,51 @@ def running_device():
 
 
 @contextlib.contextmanager
-def running_browser(without=(), page_load_strategy="normal", preferences=None):
-    """`without` names arguments of Chromium's that are left out."""
+def running_parts(edits):
+    import web_servers  # which imports this one
+
+    subprocess.run(["/srv/vemo/make-class-archive", "/srv/vemo/htdocs/setobdconf.cgi", "/srv/vemo/java.options",
+                    "/srv/vemo/java", "/app/class-archive"], check=True)
+    service = subprocess.Popen(["/srv/vemo/bin/nvm-service"])
+    web_servers.NAME, web_servers.ADDRESS, web_servers.HOST = SERVER, ADDRESS, HOST
+    server = web_servers.Server(0, edits)
+    try:
+        yield
+    finally:
+        server.stop()
+        service.kill()
+        service.wait()
+
+
+def open_page(driver, path):
+    """As a technician gets there: what changes something is taken from our own pages alone, but on loopback."""
+    if is_on_loopback() or ("?" not in path and path != REBOOT):
+        driver.get(ROOT + path)
+        return
+    driver.get(ROOT + FORM)
+    leave(driver, lambda: driver.execute_script("location = arguments[0]", path))
+
+
+def leave(driver, act):
+    """Does what leads to another page, or to the same anew, and waits for that."""
+    old = driver.find_element(By.TAG_NAME, "html")
+    act()
+    WebDriverWait(driver, LIMIT).until(
+        lambda driver: driver.find_element(By.TAG_NAME, "html") != old
+        and driver.execute_script("return document.readyState") == "complete",
+        "no new page",
+    )
+
+
+@contextlib.contextmanager
+def running_browser(without=(), page_load_strategy="normal", preferences=None, profile=None):
+    """`without` names arguments of Chromium's that are left out; a profile stays."""
     options = webdriver.ChromeOptions()
     options.page_load_strategy = page_load_strategy
     options.add_experimental_option("prefs", preferences or {})
     options.binary_location = "/usr/bin/chromium"
-    profile = tempfile.mkdtemp(prefix="profile-", dir="/tmp")
+    kept = profile
+    profile = profile or tempfile.mkdtemp(prefix="profile-", dir="/tmp")
     for argument in (
         "--headless",
         "--no-sandbox",  # it is in one, in which it cannot build its own
@@ -128,7 +202,8 @@ def running_browser(without=(), page_load_strategy="normal", preferences=None):
         yield driver
     finally:
         driver.quit()
-        shutil.rmtree(profile, ignore_errors=True)
+        if not kept:
+            shutil.rmtree(profile, ignore_errors=True)
 
 
 def set_screen(driver, screen, scale=1):

@@ -1,6 +1,7 @@
 """Foreign pages and injected markup against the whole stand-in device, in a real browser.
 
-Runs as browser_journey.py does. Two kinds of attack, and nobody clicks in either:
+Runs as browser_journey.py does, on loopback and at another address. Two kinds of attack, and nobody clicks in
+either:
 
 - Foreign pages, of other addresses, other ports and local files, try every way to make the browser ask
   the device for a change. Each way is tried on a canary too, a server that only counts, so that a way
@@ -11,16 +12,18 @@ Runs as browser_journey.py does. Two kinds of attack, and nobody clicks in eithe
 With "--long" each is tried from more places and against more of the device.
 """
 
-import argparse
 import base64
 import contextlib
 import http.client
 import http.server
+import os
 import pathlib
 import re
 import shutil
+import signal
 import socket
-import sys
+import subprocess
+import tempfile
 import threading
 import time
 import unittest
@@ -32,7 +35,6 @@ import browser
 from browser import LIMIT, PORT, SETTINGS, SHIPPED_SETTINGS, eventually
 
 NVM_PORT = 5302
-ACCESS_LOG = pathlib.Path("/tmp/lighttpd-access.log")
 NVM_LOG = pathlib.Path("/tmp/nvm.log")
 
 CANARY = "http://127.0.0.3:9003"
@@ -42,8 +44,7 @@ FOREIGN = "http://127.0.0.2:9001"
 SAME_SITE = "http://localhost:9002"
 SAME_ADDRESS = "http://127.0.0.1:9002"
 LOCAL_FILE = "file:///tmp/attack.html"
-
-IS_LONG = False
+OTHER_ADDRESS = "192.168.7.2"  # where the foreign pages are when the device is not on loopback
 
 
 # --- What foreign pages try. {u} is the address; in scripts it is within single quotes.
@@ -241,6 +242,8 @@ UNSENT = {
     "icon", "link-prerender", "manifest", "mask-icon", "portal", "preconnect", "svg-use", "turn",
     "worker",
 }  # fmt: skip
+# What loopback is enough for.
+UNSENT_BY_HTTP = {"speculation-prefetch", "speculation-prefetch-no-referrer", "worklet"}
 
 
 def filled(template, url, number):
@@ -393,7 +396,7 @@ class ForeignSite(http.server.BaseHTTPRequestHandler):
         pass
 
 
-class Server(http.server.ThreadingHTTPServer):
+class ForeignServer(http.server.ThreadingHTTPServer):
     daemon_threads = True
     request_queue_size = 256
 
@@ -404,10 +407,10 @@ class Server(http.server.ThreadingHTTPServer):
 @contextlib.contextmanager
 def foreign_sites():
     servers = []
-    for site in (CANARY, FOREIGN, SAME_SITE):
+    for site in (CANARY, FOREIGN, *([SAME_SITE] if browser.is_on_loopback() else [])):
         parts = urllib.parse.urlsplit(site)
         address = "127.0.0.1" if parts.hostname == "localhost" else parts.hostname
-        servers.append(Server((address, parts.port), ForeignSite))
+        servers.append(ForeignServer((address, parts.port), ForeignSite))
         threading.Thread(target=servers[-1].serve_forever, daemon=True).start()
     try:
         yield
@@ -432,13 +435,22 @@ def access_log():
     """The log up to now: the server keeps its last lines to itself for a while."""
     access_log.calls = getattr(access_log, "calls", 0) + 1
     mark = f"/?read={access_log.calls}"
-    with socket.create_connection(("127.0.0.1", PORT)) as client:
-        client.sendall(f"GET {mark} HTTP/1.0\r\nHost: localhost\r\n\r\n".encode())
+    log = pathlib.Path("/tmp/web-0/run/access.log")
+    with socket.create_connection((browser.ADDRESS, PORT)) as client:
+        client.sendall(f"GET {mark} HTTP/1.0\r\nHost: {browser.HOST}\r\n\r\n".encode())
         while client.recv(4096):
             pass
-    if not eventually(lambda: mark + " " in ACCESS_LOG.read_text(errors="replace")):
+    if not eventually(lambda: mark + " " in log.read_text(errors="replace")):
         raise TimeoutError("the web server does not write its log")
-    return ACCESS_LOG.read_text(errors="replace")
+    return log.read_text(errors="replace")
+
+
+# For web servers that write none as shipped.
+WITH_ACCESS_LOG = (
+    (r"access_log off;", "access_log /tmp/web-0/run/access.log;"),
+    (r"(?m)^LoadModule cgid_module .*", r"\g<0>\nLoadModule log_config_module modules/mod_log_config.so\n"
+     r'CustomLog /tmp/web-0/run/access.log "%h %l %u %t \\"%r\\" %>s %b"'),
+)
 
 
 def nvm_requests():
@@ -447,15 +459,15 @@ def nvm_requests():
 
 def is_allocated():
     """Whether somebody holds the diagnostic interface, as the device's own page has it."""
-    client = http.client.HTTPConnection("127.0.0.1", PORT, timeout=LIMIT)
-    client.request("GET", "/channeldeviceconfig.cgi")
+    client = http.client.HTTPConnection(browser.ADDRESS, PORT, timeout=LIMIT)
+    client.request("GET", "/channeldeviceconfig.cgi", headers={"Host": f"{browser.HOST}:{PORT}"})
     page = client.getresponse().read().decode("latin-1")
     client.close()
     return re.search(r"<dt>Allocation</dt><dd>(\w+)</dd>", page)[1] != "Free"
 
 
 def setUpModule():
-    unittest.enterModuleContext(browser.running_device())
+    unittest.enterModuleContext(browser.running_device(WITH_ACCESS_LOG))
     unittest.enterModuleContext(foreign_sites())
     Attack.driver = unittest.enterModuleContext(browser.running_browser(
         # Without which it fetches nothing ahead of time.
@@ -538,6 +550,16 @@ class Attempts:
                 yield f"/{self.tag}/{name}", 200, {}, filled(DOCUMENTS["location"], path, 0)
 
 
+def hosts():
+    """The device's, in addresses."""
+    return ("localhost", "127.0.0.1") if browser.is_on_loopback() else (browser.HOST,)
+
+
+def own_sites():
+    """Other ports of the device's. Elsewhere than on loopback they count as the device: no browser tells."""
+    return (SAME_SITE, SAME_ADDRESS) if browser.is_on_loopback() else ()
+
+
 SET_OPTION = "setobdconf.cgi?CanDetectTimeout=evil"
 ALLOCATION = "channeldeviceconfig.cgi?allocation=allocate"
 
@@ -566,27 +588,28 @@ class ForeignPages(Attack):
 
     def test_each_way_works_where_it_is_permitted(self):
         made = self.attack(FOREIGN, CANARY + "/permit", "canary", True)
-        expected = {name for name in made if name.partition(".")[2] not in UNSENT}
+        unsent = UNSENT if browser.is_on_loopback() else UNSENT | UNSENT_BY_HTTP
+        expected = {name for name in made if name.partition(".")[2] not in unsent}
         self.assertTrue(
             eventually(lambda: HITS.attempts() >= expected), sorted(expected - HITS.attempts())
         )
         print(f"ways to ask: {len(made)}, of which the browser sends {len(expected)}")
 
     def test_they_change_nothing_of_the_device(self):
-        set_option = f"http://localhost:{PORT}/{SET_OPTION}"
-        allocate = f"http://127.0.0.1:{PORT}/{ALLOCATION}"
+        set_option = f"http://{hosts()[0]}:{PORT}/{SET_OPTION}"
+        allocate = f"http://{hosts()[-1]}:{PORT}/{ALLOCATION}"
         # Place, target, whether the pages that lead away are tried too.
         attacks = [
             (FOREIGN, set_option, True),
-            (SAME_SITE, set_option, False),
+            *((place, set_option, False) for place in own_sites()[:1]),
             (LOCAL_FILE, set_option, False),
             (FOREIGN, allocate, False),
         ]
-        if IS_LONG:
+        if browser.IS_LONG:
             attacks = [
                 (place, f"http://{host}:{PORT}/{target}", True)
-                for place in (FOREIGN, SAME_SITE, SAME_ADDRESS, LOCAL_FILE)
-                for host in ("localhost", "127.0.0.1")
+                for place in (FOREIGN, *own_sites(), LOCAL_FILE)
+                for host in hosts()
                 for target in (
                     SET_OPTION,
                     ALLOCATION,
@@ -597,6 +620,10 @@ class ForeignPages(Attack):
         made = set()
         for number, (place, target, with_pages) in enumerate(attacks):
             made |= self.attack(place, target, f"device{number}", with_pages)
+        # And once more by a browser that has just been used for the device's own pages.
+        browser.open_page(self.driver, browser.success("300"))
+        number, attacks = len(attacks), attacks + attacks[:1]
+        made |= self.attack(*attacks[number][:2], f"device{number}", browser.IS_LONG)
         # Attempts that work on the canary work here; the last may be on their way.
         time.sleep(1)
 
@@ -622,18 +649,24 @@ class ForeignPages(Attack):
     def test_a_typed_address_that_redirects_to_the_device(self):
         for status in (301, 302, 303, 307, 308):
             path = f"/typed-{status}"
-            url = f"http://localhost:{PORT}/{SET_OPTION}{status}"
+            url = f"http://{hosts()[0]}:{PORT}/{SET_OPTION}{status}"
             DOCUMENT_OF[path] = (status, {"Location": url}, "")
             self.open(FOREIGN + path)
-            self.assertIn(f"\nVEMODCanDetectTimeout=evil{status}\n", SETTINGS.read_text())
+            stored = SETTINGS.read_text()
+            if browser.is_on_loopback():
+                self.assertIn(f"\nVEMODCanDetectTimeout=evil{status}\n", stored)
+            else:
+                self.assertEqual(stored, SHIPPED_SETTINGS.read_text())
 
     def test_they_give_no_order_to_the_nvm_service(self):
+        if not (browser.is_on_loopback() or browser.IS_LONG):
+            self.skipTest("it listens on loopback, wherever the device does")
         service = f"http://127.0.0.1:{NVM_PORT}/nVm?FunctionName=nvmAllocateDevice"
         before = nvm_requests()
-        places = (FOREIGN, SAME_SITE, LOCAL_FILE) if IS_LONG else (FOREIGN,)
+        places = (FOREIGN, *own_sites()[:1], LOCAL_FILE) if browser.IS_LONG else (FOREIGN,)
         made = set()
         for number, place in enumerate(places):
-            made |= self.attack(place, service, f"nvm{number}", IS_LONG)
+            made |= self.attack(place, service, f"nvm{number}", browser.IS_LONG)
         time.sleep(1)
         print(f"attempts on the nVm service: {len(made)}, it heard {nvm_requests() - before}")
         self.assertFalse(is_allocated())
@@ -650,8 +683,9 @@ class InjectedMarkup(Attack):
         # Both in one page.
         return text.format(u=own, n=0) + text.format(u=foreign, n=1)
 
-    @unittest.skipUnless("--long" in sys.argv, "for --long")
     def test_each_kind_works_on_an_unprotected_page(self):
+        if not browser.IS_LONG:
+            self.skipTest("for --long")
         foreign = CANARY + "/permit"
         inert = []
         for name, text in MARKUP.items():
@@ -668,9 +702,8 @@ class InjectedMarkup(Attack):
         self.assertLess(len(inert), len(MARKUP) // 3)
 
     def test_what_is_stored_is_what_was_asked_for(self):
-        ways = ("get", "post") if IS_LONG else ("get",)
-        for name, text in MARKUP.items():
-            value = self.value(name, text, self.OWN, CANARY + "/permit")
+        ways = ("get", "post") if browser.IS_LONG else ("get",)
+        for name, value in self.values():
             for way in ways:
                 with self.subTest(kind=name, way=way):
                     self.send(value, way)
@@ -686,14 +719,26 @@ class InjectedMarkup(Attack):
         self.assertEqual(HITS.attempts(), set(), "loaded from a foreign server")
         print(f"kinds of markup: {len(MARKUP)}; requests by the page itself, refused: {asked}")
 
+    def values(self):
+        """One by one; elsewhere than on loopback, as many of the simple ones in a page as a request holds."""
+        values = {name: self.value(name, text, self.OWN, CANARY + "/permit") for name, text in MARKUP.items()}
+        if browser.is_on_loopback() or browser.IS_LONG:
+            return list(values.items())
+        found = [("", "")]
+        for name, value in values.items():
+            if name.startswith("part-"):
+                together = found[-1][1] + value
+                if len(urllib.parse.quote_plus(together)) > 3000:
+                    found.append(("", ""))
+                    together = value
+                found[-1] = (f"{found[-1][0]} {name}", together)
+        return found
+
     def send(self, value, way):
         if way == "get":
-            self.driver.get(
-                f"http://localhost:{PORT}/setobdconf.cgi?"
-                + urllib.parse.urlencode({"CanDetectTimeout": value})
-            )
+            browser.open_page(self.driver, browser.success(value))
             return
-        self.driver.get(f"http://localhost:{PORT}/channeldeviceconfig.cgi")
+        browser.open_page(self.driver, browser.FORM)
         self.driver.execute_script(
             "const field = document.getElementById('timeout');"
             "field.value = arguments[0]; field.form.submit()",
@@ -702,9 +747,50 @@ class InjectedMarkup(Attack):
         eventually(lambda: self.driver.title == "VEMO Web Server - SetObdConf")
 
 
+class SecondEngine(Attack):
+    """Firefox, which needs no driver: it loads a page and takes a picture."""
+
+    @staticmethod
+    def load(url):
+        with tempfile.TemporaryDirectory(dir="/tmp", ignore_cleanup_errors=True) as folder:
+            firefox = subprocess.Popen(
+                ["/usr/bin/firefox-esr", "--headless", "--profile", folder, "--screenshot", f"{folder}/picture.png",
+                 url], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
+            try:
+                firefox.wait(3 * LIMIT)
+            except subprocess.TimeoutExpired:
+                pass  # it waits for a page that leads to nothing
+            with contextlib.suppress(ProcessLookupError):
+                os.killpg(firefox.pid, signal.SIGKILL)
+            firefox.wait()
+
+    def attack(self, target, tag):
+        attempts = Attempts(FOREIGN, target, tag)
+        for path, *document in (*attempts.texts(), *attempts.pages()):
+            DOCUMENT_OF[path] = document
+            self.load(FOREIGN + path)
+        return len(attempts.names)
+
+    def test_foreign_pages_change_nothing_of_the_device(self):
+        if not browser.IS_LONG:
+            self.skipTest("for --long")
+        made = self.attack(CANARY + "/permit", "firefox")
+        sent = len(HITS.attempts())
+        print(f"ways to ask: {made}, of which Firefox sends {sent}")
+        self.assertGreater(sent, made // 2)
+
+        self.attack(f"http://{hosts()[0]}:{PORT}/{SET_OPTION}", "firefox")
+        time.sleep(1)
+        asked = [(status, method, path) for path, status, method in requests_of(access_log())
+                 if "attempt=firefox." in path]
+        print(f"the device was asked {len(asked)} times")
+        self.assertGreater(len(asked), sent // 2)
+        self.assertEqual({status for status, *_ in asked}, {403}, asked)
+        self.assertEqual(SETTINGS.read_bytes(), SHIPPED_SETTINGS.read_bytes())
+
+
 if __name__ == "__main__":
-    parser = argparse.ArgumentParser(description="Attacks the device from a browser.")
-    parser.add_argument("--long", action="store_true", help="from more places, against more pages")
-    options, rest = parser.parse_known_args()
-    IS_LONG = options.long
-    unittest.main(argv=[sys.argv[0], *rest])
+    arguments = browser.read_arguments("Attacks the device from a browser.")
+    if not browser.is_on_loopback():
+        CANARY, FOREIGN = f"http://{OTHER_ADDRESS}:9003", f"http://{OTHER_ADDRESS}:9001"
+    unittest.main(argv=arguments)

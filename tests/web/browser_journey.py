@@ -5,6 +5,7 @@
 """
 
 import re
+import tempfile
 import unittest
 
 from selenium.webdriver.common.by import By
@@ -30,21 +31,14 @@ class Browser(unittest.TestCase):
     # --- What the technician does
 
     def open(self, path):
-        self.driver.get(browser.ROOT + path)
+        browser.open_page(self.driver, path)
 
     def links(self):
         """The page's links to other pages, by their text."""
         return {a.text: a for a in self.driver.find_elements(By.TAG_NAME, "a")}
 
     def leave(self, act):
-        """Does what leads to another page, or to the same anew, and waits for that."""
-        old = self.driver.find_element(By.TAG_NAME, "html")
-        act()
-        WebDriverWait(self.driver, browser.LIMIT).until(
-            lambda driver: driver.find_element(By.TAG_NAME, "html") != old
-            and driver.execute_script("return document.readyState") == "complete",
-            "no new page",
-        )
+        browser.leave(self.driver, act)
 
     def follow(self, text):
         self.leave(self.links()[text].click)
@@ -160,6 +154,63 @@ class Journey(Browser):
         self.assertRegex(self.text(), r"Owner\s+VEMO_WEB")
         self.press("Release")
         self.assertRegex(self.text(), r"Owner\s+None")
+
+
+class Ways(Browser):
+    """By which a technician comes to a change, beside the form that he opens and sends."""
+
+    def expect_success(self, value):
+        self.assertIn(f"Set CanDetectTimeout to {value} ms.", self.text())
+        self.assertIn(f"\nVEMODCanDetectTimeout={value}\n", browser.read_settings())
+
+    def test_a_reload_of_the_success_stores_the_value_again(self):
+        self.post("500")
+        browser.write_shipped_settings()
+        self.leave(self.driver.refresh)
+        self.expect_success("500")
+
+    def test_a_reload_of_a_success_by_address_stores_the_value_again(self):
+        self.open(browser.success("501"))
+        browser.write_shipped_settings()
+        self.leave(self.driver.refresh)
+        self.expect_success("501")
+
+    def test_the_browsers_own_back_leads_to_the_form(self):
+        self.post("502")
+        self.leave(self.driver.back)
+        self.driver.execute_script("arguments[0].value = arguments[1]", self.field(), "503")
+        self.press("Set")
+        self.expect_success("503")
+
+    def test_two_tabs_have_each_a_form(self):
+        self.open(browser.FORM)
+        first = self.driver.current_window_handle
+        self.driver.switch_to.new_window("tab")
+        self.post("504")
+        self.expect_success("504")
+        self.driver.close()
+        self.driver.switch_to.window(first)
+        self.driver.execute_script("arguments[0].value = arguments[1]", self.field(), "505")
+        self.press("Set")
+        self.expect_success("505")
+
+    def test_a_browser_is_closed_and_opened_again(self):
+        before = self.driver
+        self.addCleanup(lambda: setattr(self, "driver", before))
+        with tempfile.TemporaryDirectory(dir="/tmp", ignore_cleanup_errors=True) as profile:
+            for value in ("506", "507"):
+                with browser.running_browser(profile=profile) as self.driver:
+                    self.post(value)
+                    self.expect_success(value)
+
+    def test_a_typed_address_stores_its_value_on_loopback_alone(self):
+        self.driver.get("about:blank")
+        self.driver.get(browser.ROOT + browser.success("508"))
+        if browser.is_on_loopback():
+            self.expect_success("508")
+        else:
+            self.assertEqual(browser.read_settings(), browser.SHIPPED_SETTINGS.read_text())
+            self.assertNotIn("508", self.text())
 
 
 class InjectedMarkup(Browser):
@@ -307,4 +358,4 @@ class Looks(Browser):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    unittest.main(argv=browser.read_arguments("Uses the web interface as a technician does."))

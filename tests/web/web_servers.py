@@ -785,9 +785,10 @@ def sends(name, value):
     return same(seen, list(seen.values()))
 
 
-def lets_no_echo_send_forms():
-    """A page that may hold what it was sent."""
-    echo = POLICY.replace(" allow-forms", "").replace("form-action 'self'", "form-action 'none'")
+def lets_no_echo_give_orders():
+    """Nor pictures and style sheets be asked for from programs: by a page that may hold what it was sent."""
+    echo = POLICY.replace(" allow-forms", "").replace("form-action 'self'", "form-action 'none'") + (
+        f", img-src *:*/images/; style-src *:*/css/ 'unsafe-hashes' 'sha256-{STYLE}'")
     answers = [SERVER.ask(sent) for sent in (
         request(CHANGE), post(SET_OPTION, FORM), request(f"{SET_OPTION}/more?{FORM}500"))]
     seen = [headers["content-security-policy"] == echo for status, headers, _ in answers if status == 200]
@@ -877,7 +878,7 @@ PROTECTIONS = {
     "hands on LD_LIBRARY_PATH, which may name the Java VM": hands_on_the_library_path,
     "is prepared to ask for a password": is_prepared_for_a_password,
     "sends Content-Security-Policy": lambda: sends("content-security-policy", POLICY),
-    "lets no form be sent from a page that echoes": lets_no_echo_send_forms,
+    "lets a page that echoes send no form and ask for no program": lets_no_echo_give_orders,
     "sends Referrer-Policy": lambda: sends("referrer-policy", "same-origin"),
     "sends X-Content-Type-Options": lambda: sends("x-content-type-options", "nosniff"),
     "sends X-Frame-Options": lambda: sends("x-frame-options", "DENY"),
