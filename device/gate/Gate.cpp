@@ -27,7 +27,8 @@
 // Nobody has to watch the program: the kernel keeps the alarm and the lock for it over the exec,
 // ends it with SIGALRM when its time is over, and gives the place free when it ends, however that
 // is. Who gets no place is answered "503 Service Unavailable", and "500" when the gate or the
-// program cannot start; the reason is on standard error.
+// program cannot start; the reason is on standard error. The page is the web server's for that
+// status, DOCUMENT_ROOT/errors/503.html, where it is there.
 //
 // In C, but for the names: no library is to be loaded for so short a life.
 
@@ -71,12 +72,30 @@ void EndPatience(int) {
   isPatienceOver = 1;
 }
 
+// The web server's own page for the status, of its folder errors.
+bool PrintPageFor(const char* status) {
+  const char* const documents = std::getenv("DOCUMENT_ROOT");
+  char path[4096];
+  if (documents == nullptr || std::snprintf(path, sizeof path, "%s/errors/%.3s.html", documents,
+                                            status) >= static_cast<int>(sizeof path)) {
+    return false;
+  }
+  std::FILE* const page = std::fopen(path, "re");
+  if (page == nullptr) {
+    return false;
+  }
+  static char text[MOST_BYTES];
+  const size_t length = std::fread(text, 1, sizeof text, page);
+  return length > 0 && std::fwrite(text, 1, length, stdout) == length;
+}
+
 [[noreturn]] void Refuse(const char* status, const char* reason) {
   std::fprintf(stderr, "cgi-gate: %s\n", reason);
-  std::printf(
-      "Status: %s\r\nContent-Type: text/html\r\n%s\r\n"
-      "<!DOCTYPE html><title>%s</title><h1>%s</h1>\n",
-      status, std::strncmp(status, "503", 3) == 0 ? "Retry-After: 10\r\n" : "", status, status);
+  std::printf("Status: %s\r\nContent-Type: text/html;charset=iso-8859-1\r\n%s\r\n", status,
+              std::strncmp(status, "503", 3) == 0 ? "Retry-After: 10\r\n" : "");
+  if (!PrintPageFor(status)) {
+    std::printf("<!DOCTYPE html><title>%s</title><h1>%s</h1>\n", status, status);
+  }
   std::fflush(stdout);
   _exit(EXIT_FAILURE);
 }

@@ -352,7 +352,7 @@ TEST_F(ImpatientGate, TellsWhoGetsNoPlaceToComeAgain) {
   const Response response = Fetch(CHANGE);
   EXPECT_EQ(response.status, 503);
   EXPECT_EQ(response.headers.count("retry-after"), 1u);
-  EXPECT_THAT(response.body, HasSubstr("Service Unavailable"));
+  EXPECT_EQ(response.body, ReadText("/source/device/htdocs/errors/503.html"));
   EXPECT_EQ(ReadText(SETTINGS_FILE), ReadText(SHIPPED_SETTINGS));
 }
 
@@ -606,7 +606,13 @@ std::vector<std::string> Typed(const std::string& header) {
 class WebServerRefuses : public WebServer, public testing::WithParamInterface<Case> {};
 
 TEST_P(WebServerRefuses, AndLeavesTheSettingsAlone) {
-  EXPECT_EQ(Fetch(CHANGE, GetParam().arguments).status, GetParam().status);
+  const Response response = Fetch(CHANGE, GetParam().arguments);
+  EXPECT_EQ(response.status, GetParam().status);
+  // A page for people, which says nothing of the request.
+  EXPECT_EQ(response.body, GetParam().arguments[0] == "--head"
+                               ? ""
+                               : ReadText("/source/device/htdocs/errors/" +
+                                          std::to_string(GetParam().status) + ".html"));
   ExpectNothingDone();
 }
 

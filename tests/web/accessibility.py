@@ -54,6 +54,9 @@ class Accessibility(unittest.TestCase):
     def test_nothing_grave_on_the_home_page(self):
         self.check([browser.HOME], set())
 
+    def test_nothing_grave_on_the_pages_of_refusals(self):
+        self.check(browser.REFUSALS, set())
+
     def test_nothing_grave_on_our_own_pages_but_the_frames(self):
         self.check([browser.FORM, browser.REBOOT], OF_THE_FRAME)
 

@@ -43,6 +43,7 @@ def success(value):
     return "/setobdconf.cgi?" + urllib.parse.urlencode({"CanDetectTimeout": value})
 
 
+REFUSALS = tuple(f"/errors/{status}.html" for status in (400, 403, 411, 413, 431, 500, 503))
 PAGES = (HOME, FORM, success("500"), WARNING, REBOOT)
 
 TITLES = {

@@ -448,8 +448,8 @@ def access_log():
 # For web servers that write none as shipped.
 WITH_ACCESS_LOG = (
     (r"access_log off;", "access_log /tmp/web-0/run/access.log;"),
-    (r"(?m)^LoadModule cgid_module .*", r"\g<0>\nLoadModule log_config_module modules/mod_log_config.so\n"
-     r'CustomLog /tmp/web-0/run/access.log "%h %l %u %t \\"%r\\" %>s %b"'),
+    (r"(?m)^LoadModule cgid_module .*",
+     r'\g<0>\nCustomLog /tmp/web-0/run/access.log "%h %l %u %t \\"%r\\" %>s %b"'),
 )
 
 

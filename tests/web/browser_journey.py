@@ -210,7 +210,12 @@ class Ways(Browser):
             self.expect_success("508")
         else:
             self.assertEqual(browser.read_settings(), browser.SHIPPED_SETTINGS.read_text())
-            self.assertNotIn("508", self.text())
+            self.assertEqual(self.driver.title, "VEMO Web Server - Refused")
+            self.assertIn("This request did not come from the device's own pages.", self.text())
+            self.assertNotEqual(self.style(".navi", "background-color"), "rgba(0, 0, 0, 0)")
+            self.follow("Device Information")
+            self.press("Set")
+            self.expect_success("300")
 
 
 class InjectedMarkup(Browser):
@@ -287,7 +292,7 @@ class Looks(Browser):
         """On a desk and on a phone. `check` is given the size of a page's pixel on the screen."""
         for screen in (browser.DESK, browser.PHONE):
             browser.set_screen(self.driver, screen)
-            for path in (*browser.PAGES, browser.success("5" * 300)):
+            for path in (*browser.PAGES, browser.success("5" * 300), *browser.REFUSALS[1:2]):
                 with self.subTest(screen=screen, page=path):
                     self.open(path)
                     # A phone shrinks pages that are laid out wider than its screen.

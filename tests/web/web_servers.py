@@ -4,8 +4,8 @@ it keeps off. The table of docs/web-servers.md is held against what is seen, cel
     device/sandbox BUILD --private-network --read-only . /source -- \\
         python3 -B /source/tests/web/web_servers.py lighttpd|apache2|nginx [--address ADDRESS] [Table.test_...]
 
-With an address the server listens there and not on loopback: one of this machine, 192.168.7.1. Works inside the device's sandbox, with Debian's own Python. A fake Java VM costs nothing; one request has the
-real one."""
+With an address the server listens there and not on loopback: one of this machine, 192.168.7.1. Works inside the
+device's sandbox, with Debian's own Python. A fake Java VM costs nothing; one request has the real one."""
 
 import argparse
 import base64
@@ -795,6 +795,54 @@ def lets_no_echo_give_orders():
     return same(answers, seen)
 
 
+REFUSALS = {status: (SOURCE / f"device/htdocs/errors/{status}.html").read_bytes()
+            for status in (400, 403, 411, 413, 431, 500, 503)}
+
+
+def told(sent):
+    """An answer: one that comes while the request is still sent can be lost with the connection."""
+    answers = (SERVER.ask(sent) for _ in range(10))
+    return next((answer for answer in answers if answer[0]), (0, {}, b""))
+
+
+def refused():
+    """Answers of each status that the server gives by itself, or the gate."""
+    sent = {
+        403: (request(CHANGE, FOREIGN), post(SET_OPTION, FORM, "text/plain", FOREIGN),
+              request("/", host="foreign.example"), request(CHANGE, method="PUT")),
+        400: (b"GARBAGE\r\n\r\n", request("/", host="a b"), request(f"{CHANGE}#"), request("/", "Bad Header: x")),
+        413: (post(SET_OPTION, FORM + 5000 * "5"), post("/index.html", FORM + 5000 * "5")),
+    }
+    answers = [(status, told(text)) for status, texts in sent.items() for text in texts]
+    # Which of these a server refuses, and how, is its own.
+    lengths = [told(text) for text in (
+        request(CHANGE, "Cookie: " + 5000 * "5"), request(CHANGE + 5000 * "5"),
+        request(SET_OPTION, "Transfer-Encoding: chunked", method="POST") + b"1\r\nx\r\n0\r\n\r\n",
+        request(SET_OPTION, method="POST"))]
+    answers += [(answer[0], answer) for answer in lengths if answer[0] != 200]
+    answers += [(503, see(tells_who_gets_no_place)[-1])]
+    program = SERVER.installation.programs / OWN_PROGRAM
+    program.unlink()
+    try:
+        answers.append((500, SERVER.get(f"/{OWN_PROGRAM}")))
+    finally:
+        program.symlink_to(DEVICE / "htdocs" / OWN_PROGRAM)
+    return answers
+
+
+def shows_pages_for_people():
+    """And nothing of the request: to the byte."""
+    return same(REFUSALS, [
+        status == expected and body == REFUSALS[431 if status == 414 else status]
+        and headers["content-type"].replace("; ", ";") == "text/html;charset=iso-8859-1"
+        for expected, (status, headers, body) in refused()])
+
+
+def sends_the_policy_with_every_refusal():
+    """Of what it cannot read, too."""
+    return all("content-security-policy" in headers for _, (_, headers, _) in refused())
+
+
 def forbids_to_keep_pages_of_programs():
     return same(PAGES, [SERVER.get(f"/{page}")[1].get("cache-control") == "no-store" for page in PAGES])
 
@@ -858,6 +906,7 @@ PROTECTIONS = {
     "never shows a program as text": shows_no_program,
     "refuses methods other than GET, HEAD, POST": refuses_other_methods,
     "refuses HEAD of a program": refuses_head_of_programs,
+    "refuses with a page for people: 400, 403, 411, 413, 414, 431, 500, 503": shows_pages_for_people,
     "refuses a body of more than 4 kB": refuses_large_bodies,
     "refuses such a body in chunks": refuses_large_bodies_in_chunks,
     "refuses a header of more than 4 kB": refuses_large_headers,
@@ -878,6 +927,7 @@ PROTECTIONS = {
     "hands on LD_LIBRARY_PATH, which may name the Java VM": hands_on_the_library_path,
     "is prepared to ask for a password": is_prepared_for_a_password,
     "sends Content-Security-Policy": lambda: sends("content-security-policy", POLICY),
+    "sends it with its own refusals of what it cannot read or is too large, too": sends_the_policy_with_every_refusal,
     "lets a page that echoes send no form and ask for no program": lets_no_echo_give_orders,
     "sends Referrer-Policy": lambda: sends("referrer-policy", "same-origin"),
     "sends X-Content-Type-Options": lambda: sends("x-content-type-options", "nosniff"),
