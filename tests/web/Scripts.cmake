@@ -39,8 +39,8 @@ endforeach()
 set_tests_properties(web_servers.lighttpd PROPERTIES LABELS long)
 
 add_browser_test(browser_journey browser_journey)
-# What looks are has nothing to do with addresses.
-add_browser_test(browser_journey.network browser_journey NETWORK ARGUMENTS Journey Ways InjectedMarkup)
+# Looks have nothing to do with addresses, and browser_attacks has more markup.
+add_browser_test(browser_journey.network browser_journey NETWORK ARGUMENTS Journey Ways)
 add_browser_test(accessibility accessibility)
 add_browser_test(browser_attacks browser_attacks)
 add_browser_test(browser_attacks.network browser_attacks NETWORK)

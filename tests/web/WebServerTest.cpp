@@ -603,6 +603,9 @@ std::vector<std::string> Typed(const std::string& header) {
           "--header", "Sec-Fetch-Dest: document", "--header", header};
 }
 
+// With which nothing but the host is wrong.
+const std::string OWN_REFERER = "Referer: http://localhost:8080/";
+
 class WebServerRefuses : public WebServer, public testing::WithParamInterface<Case> {};
 
 TEST_P(WebServerRefuses, AndLeavesTheSettingsAlone) {
@@ -619,9 +622,11 @@ TEST_P(WebServerRefuses, AndLeavesTheSettingsAlone) {
 INSTANTIATE_TEST_SUITE_P(
     ARequestWith, WebServerRefuses,
     testing::Values(
-        Case{"AForeignHost", {"--header", "Host: foreign.example"}, 403},
-        Case{"AHostThatBeginsLikeOurs", {"--header", "Host: localhost.foreign.example"}, 403},
-        Case{"NoHost", {"--http1.0", "--header", "Host:"}, 403},
+        Case{"AForeignHost", {"--header", "Host: foreign.example", "--header", OWN_REFERER}, 403},
+        Case{"AHostThatBeginsLikeOurs",
+             {"--header", "Host: localhost.foreign.example", "--header", OWN_REFERER},
+             403},
+        Case{"NoHost", {"--http1.0", "--header", "Host:", "--header", OWN_REFERER}, 403},
         Case{"AForeignOrigin", {"--header", "Origin: http://foreign.example"}, 403},
         Case{"AHiddenOrigin", {"--header", "Origin: null"}, 403},
         Case{"AnOriginThatBeginsLikeOurs", {"--header", "Origin: http://localhost.example"}, 403},

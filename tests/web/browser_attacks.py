@@ -601,8 +601,7 @@ class ForeignPages(Attack):
         # Place, target, whether the pages that lead away are tried too.
         attacks = [
             (FOREIGN, set_option, True),
-            *((place, set_option, False) for place in own_sites()[:1]),
-            (LOCAL_FILE, set_option, False),
+            *((place, set_option, False) for place in (*own_sites()[:1], LOCAL_FILE) if browser.is_on_loopback()),
             (FOREIGN, allocate, False),
         ]
         if browser.IS_LONG:
@@ -621,9 +620,10 @@ class ForeignPages(Attack):
         for number, (place, target, with_pages) in enumerate(attacks):
             made |= self.attack(place, target, f"device{number}", with_pages)
         # And once more by a browser that has just been used for the device's own pages.
-        browser.open_page(self.driver, browser.success("300"))
-        number, attacks = len(attacks), attacks + attacks[:1]
-        made |= self.attack(*attacks[number][:2], f"device{number}", browser.IS_LONG)
+        if browser.IS_LONG or not browser.is_on_loopback():
+            browser.open_page(self.driver, browser.success("300"))
+            number, attacks = len(attacks), attacks + attacks[:1]
+            made |= self.attack(*attacks[number][:2], f"device{number}", browser.IS_LONG)
         # Attempts that work on the canary work here; the last may be on their way.
         time.sleep(1)
 

@@ -340,7 +340,7 @@ def refuses(*requests):
 
 def same(what, seen):
     if len(set(seen)) != 1:
-        raise AssertionError(f"neither yes nor no: {dict(zip(what, seen))}")
+        raise AssertionError(f"neither yes nor no: {list(zip(what, seen))}")
     return seen[0]
 
 
@@ -358,9 +358,10 @@ def typed(header):
 
 
 def refuses_foreign_hosts():
-    return refuses(*(request(CHANGE, host=host) for host in
-                     ("foreign.example", "localhost.foreign.example", "foreign.example:8080")),
-                   request(CHANGE, host=None, version="1.0"))
+    own = f"Referer: http://{HOST}/"  # which no other rule refuses
+    return refuses(*(request(CHANGE, own, host=host) for host in
+                     ("foreign.example", "localhost.foreign.example", "foreign.example:8080", f"{HOST}.example")),
+                   request(CHANGE, own, host=None, version="1.0"))
 
 
 def refuses_foreign_origins():
@@ -821,21 +822,20 @@ def refused():
         request(SET_OPTION, method="POST"))]
     answers += [(answer[0], answer) for answer in lengths if answer[0] != 200]
     answers += [(503, see(tells_who_gets_no_place)[-1])]
-    program = SERVER.installation.programs / OWN_PROGRAM
-    program.unlink()
-    try:
-        answers.append((500, SERVER.get(f"/{OWN_PROGRAM}")))
-    finally:
-        program.symlink_to(DEVICE / "htdocs" / OWN_PROGRAM)
+    with SERVER.own_program("") as page:
+        # Nothing that can be executed.
+        (SERVER.installation.programs / page[1:]).write_bytes(b"\0")
+        answers.append((500, SERVER.get(page)))
     return answers
 
 
 def shows_pages_for_people():
     """And nothing of the request: to the byte."""
-    return same(REFUSALS, [
+    answers = refused()
+    return same(answers, [
         status == expected and body == REFUSALS[431 if status == 414 else status]
         and headers["content-type"].replace("; ", ";") == "text/html;charset=iso-8859-1"
-        for expected, (status, headers, body) in refused()])
+        for expected, (status, headers, body) in answers])
 
 
 def sends_the_policy_with_every_refusal():
