@@ -565,11 +565,12 @@ ALLOCATION = "channeldeviceconfig.cgi?allocation=allocate"
 
 
 class ForeignPages(Attack):
-    def attack(self, place, target, tag, with_pages):
-        """Opens all pages of the place. Returns the attempts."""
+    def attack(self, place, target, tag, with_pages, is_hidden=False):
+        """Opens all pages of the place, which may keep their address to themselves. Returns the attempts."""
         attempts = Attempts(place, target, tag)
         pages = list(attempts.texts()) + (list(attempts.pages()) if with_pages else [])
-        for path, *document in pages:
+        for path, status, headers, text in pages:
+            document = (status, {**headers, "Referrer-Policy": "no-referrer"} if is_hidden else headers, text)
             DOCUMENT_OF[path] = document
             if place == LOCAL_FILE:
                 pathlib.Path("/tmp/attack.html").write_text(document[2], encoding="utf-8")
@@ -598,16 +599,20 @@ class ForeignPages(Attack):
     def test_they_change_nothing_of_the_device(self):
         set_option = f"http://{hosts()[0]}:{PORT}/{SET_OPTION}"
         allocate = f"http://{hosts()[-1]}:{PORT}/{ALLOCATION}"
-        # Place, target, whether the pages that lead away are tried too.
+        # Place, target, whether the pages that lead away are tried too, and whether pages hide their address. On
+        # loopback the browser tells all the same.
+        is_hidden = not browser.is_on_loopback()
         attacks = [
-            (FOREIGN, set_option, True),
-            *((place, set_option, False) for place in (*own_sites()[:1], LOCAL_FILE) if browser.is_on_loopback()),
-            (FOREIGN, allocate, False),
+            (FOREIGN, set_option, True, is_hidden),
+            *((place, set_option, False, False) for place in (*own_sites()[:1], LOCAL_FILE) if not is_hidden),
+            (FOREIGN, allocate, False, False),
         ]
         if browser.IS_LONG:
             attacks = [
-                (place, f"http://{host}:{PORT}/{target}", True)
+                (place, f"http://{host}:{PORT}/{target}", True, is_hidden)
+                for is_hidden in (False, True)
                 for place in (FOREIGN, *own_sites(), LOCAL_FILE)
+                if not is_hidden or place == FOREIGN
                 for host in hosts()
                 for target in (
                     SET_OPTION,
@@ -617,13 +622,13 @@ class ForeignPages(Attack):
                 )
             ]
         made = set()
-        for number, (place, target, with_pages) in enumerate(attacks):
-            made |= self.attack(place, target, f"device{number}", with_pages)
+        for number, (place, target, with_pages, is_hidden) in enumerate(attacks):
+            made |= self.attack(place, target, f"device{number}", with_pages, is_hidden)
         # And once more by a browser that has just been used for the device's own pages.
         if browser.IS_LONG or not browser.is_on_loopback():
             browser.open_page(self.driver, browser.success("300"))
             number, attacks = len(attacks), attacks + attacks[:1]
-            made |= self.attack(*attacks[number][:2], f"device{number}", browser.IS_LONG)
+            made |= self.attack(FOREIGN, set_option, f"device{number}", browser.IS_LONG, True)
         # Attempts that work on the canary work here; the last may be on their way.
         time.sleep(1)
 
