@@ -426,6 +426,9 @@ def refuses_nobodys_orders():
     seen += [SERVER.ask(nobodys(sent))[0] == 403
              for sent in (post("/channeldeviceconfig.cgi", "allocation=allocate"), post("/reboot.cgi", ""),
                           request("/reboot.cgi"))]
+    for own in ("Origin", "Referer"):
+        if SERVER.ask(request(CHANGE, f"{own}: http://{NETWORK}", host=NETWORK))[0] != 200:
+            raise AssertionError(f"a request with an own {own} is refused")
     # What changes nothing is for everybody.
     for page in (SET_OPTION, SET_OPTION + "?", "/channeldeviceconfig.cgi", "/index.html"):
         if SERVER.ask(nobodys(request(page)))[0] != 200:
