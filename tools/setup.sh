@@ -11,7 +11,7 @@ DEVICE_PACKAGES=(bubblewrap lighttpd)
 PACKAGING_PACKAGES=(build-essential debhelper dpkg-dev fakeroot pkgconf)
 TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang libclang-rt-14-dev clang-format
   clang-tidy llvm shellcheck curl iproute2 chromium chromium-driver python3-selenium libxml2-utils proot
-  systemd strace valgrind qemu-system-x86 qemu-user busybox-static cpio e2fsprogs git)
+  systemd strace nftables valgrind qemu-system-x86 qemu-user busybox-static cpio e2fsprogs git)
 # For other processors: Debian's cross compilers here, and what is unpacked of those processors' packages, to
 # compile against and to run.
 CROSS_PACKAGES=(g++-aarch64-linux-gnu g++-arm-linux-gnueabihf mmdebstrap)

@@ -18,6 +18,10 @@
 //                      body is read before a place is taken, and the program gets it whole; one of
 //                      more bytes is answered "413 Content Too Large", one in chunks "411 Length
 //                      Required", one that is cut or does not come in time "400 Bad Request"
+//   CGI_GATE_CLIENT    optional: requests that one client address may have here at a time, waiting
+//                      or served, or 0 for as many as come; more are answered "503 Service
+//                      Unavailable" at once. Loopback is not counted: whoever is on this machine
+//                      has it, a proxy for instance
 //   CGI_GATE_APART     optional, for a web server that kills programs whose client has gone: when
 //                      set, the program runs in a process of its own, and the gate ends as it does
 //
@@ -32,6 +36,7 @@
 //
 // In C, but for the names: no library is to be loaded for so short a life.
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/time.h>
@@ -40,6 +45,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -56,15 +62,18 @@ constexpr char PATIENCE_VARIABLE[] = "CGI_GATE_PATIENCE";
 constexpr char LIMIT_VARIABLE[] = "CGI_GATE_LIMIT";
 constexpr char ARCHIVE_VARIABLE[] = "CGI_GATE_ARCHIVE";
 constexpr char BODY_VARIABLE[] = "CGI_GATE_BODY";
+constexpr char CLIENT_VARIABLE[] = "CGI_GATE_CLIENT";
 constexpr char APART_VARIABLE[] = "CGI_GATE_APART";
 
 constexpr long MOST_PLACES = 1000;
 constexpr long MOST_BYTES = 65536;  // what a pipe holds that is written at once
 constexpr long MOST_SECONDS = 24L * 60 * 60;
 
-// The file's bytes are locked, not written: the first for the head of the queue, then one a place.
+// The file's bytes are locked, not written: the first for the head of the queue, then one a place,
+// then one for each request of each client address.
 constexpr off_t QUEUE = 0;
 constexpr off_t FIRST_PLACE = 1;
+constexpr off_t FIRST_CLIENT = FIRST_PLACE + MOST_PLACES;
 
 volatile std::sig_atomic_t isPatienceOver = 0;
 
@@ -145,9 +154,9 @@ void Unlock(int file, off_t byte) {
   fcntl(file, F_SETLK, &lock);
 }
 
-bool TakeAPlace(int file, long places) {
+bool TakeAPlace(int file, off_t first, long places) {
   for (long place = 0; place < places; ++place) {
-    if (Lock(file, FIRST_PLACE + place, F_SETLK)) {
+    if (Lock(file, first + place, F_SETLK)) {
       return true;
     }
     if (errno != EAGAIN && errno != EACCES) {
@@ -155,6 +164,37 @@ bool TakeAPlace(int file, long places) {
     }
   }
   return false;
+}
+
+// A number of the client's own, or -1 for one that is not counted. Two IPv6 addresses may share
+// one.
+off_t ClientNumber(const char* address) {
+  constexpr off_t IP4_ADDRESSES = 1LL << 32;
+  constexpr std::uint64_t IP6_NUMBERS = (1ULL << 40) - 87;  // prime: all of the bits tell
+  constexpr char MAPPED[] = "::ffff:";
+  if (std::strncmp(address, MAPPED, sizeof MAPPED - 1) == 0) {
+    address += sizeof MAPPED - 1;
+  }
+  in_addr ip4;
+  if (inet_pton(AF_INET, address, &ip4) == 1) {
+    const std::uint32_t number = ntohl(ip4.s_addr);
+    return number >> 24 == IN_LOOPBACKNET ? -1 : static_cast<off_t>(number);
+  }
+  in6_addr ip6;
+  if (inet_pton(AF_INET6, address, &ip6) != 1 || IN6_IS_ADDR_LOOPBACK(&ip6)) {
+    return -1;
+  }
+  std::uint64_t halves[2];
+  std::memcpy(halves, &ip6, sizeof halves);
+  return IP4_ADDRESSES + static_cast<off_t>((halves[0] ^ halves[1]) % IP6_NUMBERS);
+}
+
+void TakeAPlaceOfTheClient(int file, long places) {
+  const char* const address = std::getenv("REMOTE_ADDR");
+  const off_t client = address == nullptr ? -1 : ClientNumber(address);
+  if (client != -1 && !TakeAPlace(file, FIRST_CLIENT + client * MOST_PLACES, places)) {
+    Refuse("503 Service Unavailable", "too many requests of one client");
+  }
 }
 
 // SIGALRM after these seconds, and then again at this interval unless it is 0.
@@ -213,7 +253,7 @@ void ReadBody(long most) {
 // Only the head of the queue looks out for a place, the others sleep behind it.
 void WaitForAPlace(int file, long places) {
   bool isHead = false;
-  while (!isHead || !TakeAPlace(file, places)) {
+  while (!isHead || !TakeAPlace(file, FIRST_PLACE, places)) {
     if (isPatienceOver != 0) {
       Refuse("503 Service Unavailable", "no place became free");
     }
@@ -321,6 +361,10 @@ int main(int argc, char** argv) {
   if (address != nullptr && std::strchr(address, '#') != nullptr) {
     Refuse("400 Bad Request", "a # in the address");
   }
+  const char* const ofClient = std::getenv(CLIENT_VARIABLE);
+  if (ofClient != nullptr && std::strcmp(ofClient, "0") != 0) {
+    TakeAPlaceOfTheClient(file, Number(CLIENT_VARIABLE, MOST_PLACES));
+  }
   BeginPatience(patience);
   if (std::getenv(BODY_VARIABLE) != nullptr) {
     ReadBody(Number(BODY_VARIABLE, MOST_BYTES));
@@ -332,7 +376,7 @@ int main(int argc, char** argv) {
     UseClassArchive(archive);
   }
   for (const char* variable : {FILE_VARIABLE, PLACES_VARIABLE, PATIENCE_VARIABLE, LIMIT_VARIABLE,
-                               ARCHIVE_VARIABLE, BODY_VARIABLE, APART_VARIABLE}) {
+                               ARCHIVE_VARIABLE, BODY_VARIABLE, CLIENT_VARIABLE, APART_VARIABLE}) {
     unsetenv(variable);
   }
   argv[2] = nullptr;

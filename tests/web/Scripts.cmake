@@ -1,12 +1,14 @@
 # The device from outside, by a script; the real browser among them. The accessibility checker is one file of
 # a package that ./test fetches, and so are some of the web servers.
 # add_browser_test(NAME SCRIPT [NETWORK] [ENV VARIABLE=VALUE...] [ARGUMENTS ARGUMENT...] [LONG]); LONG is handed
-# on to the script. NETWORK: the device is not on loopback, but at one of two other addresses.
+# on to the script. NETWORK: the device is not on loopback, but at one of two other addresses, and the kernel limits
+# connections as on an installed device.
 function(add_browser_test name script)
   cmake_parse_arguments(PARSE_ARGV 2 test "LONG;NETWORK" "" "ENV;ARGUMENTS")
   set(network --private-network)
   if(test_NETWORK)
-    set(network --address 192.168.7.1 --address 192.168.7.2)
+    set(network --address 192.168.7.1 --address 192.168.7.2
+        --packet-filter ${PROJECT_SOURCE_DIR}/packaging/connections.nft)
     list(PREPEND test_ARGUMENTS --address 192.168.7.1)
   endif()
   add_test(NAME ${name}
@@ -26,6 +28,9 @@ foreach(server lighttpd apache2 nginx)
   add_browser_test(web_servers.${server} web_servers ARGUMENTS ${server})
   add_browser_test(web_servers.${server}.network web_servers NETWORK ARGUMENTS ${server})
   set_tests_properties(web_servers.${server}.network PROPERTIES LABELS long)
+  add_browser_test(web_servers.${server}.crowd web_servers NETWORK ARGUMENTS ${server}
+    Table.test_serves_another_address_beside_600_slow_clients
+    Table.test_serves_another_address_beside_requests_given_up)
   # The short form has these of lighttpd.
   add_browser_test(browser_journey.${server}.network browser_journey NETWORK ARGUMENTS --server ${server})
   set_tests_properties(browser_journey.${server}.network PROPERTIES LABELS long)
