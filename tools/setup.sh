@@ -29,7 +29,7 @@ if [[ -z ${JAVA_HOME:-} ]]; then
 fi
 
 # Web servers, as far as they start no service; fetch_web_servers has the others.
-TEST_PACKAGES+=(apache2-bin libfcgi0ldbl)
+TEST_PACKAGES+=(apache2-bin libfcgi0ldbl lighttpd-mod-openssl openssl)
 
 fail() {
   echo "${0##*/}: $*" >&2
@@ -245,7 +245,7 @@ prepare_tests() {
   jobs=1
   local port
   # The device's, and those of tests/web/web_servers.py.
-  for port in 5302 {8080..8087}; do
+  for port in 5302 {8080..8088}; do
     ! is_listening "$port" ||
       fail "this machine refuses namespaces, so the tests use its own port $port, which is busy:" \
         "stop what listens there (./run does)"

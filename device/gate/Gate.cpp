@@ -379,6 +379,8 @@ int main(int argc, char** argv) {
                                ARCHIVE_VARIABLE, BODY_VARIABLE, CLIENT_VARIABLE, APART_VARIABLE}) {
     unsetenv(variable);
   }
+  // Who asks may: with what, is no matter of the program's.
+  unsetenv("HTTP_AUTHORIZATION");
   argv[2] = nullptr;
   execv(argv[1], argv + 1);
   Fail(argv[1]);

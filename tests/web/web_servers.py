@@ -19,6 +19,7 @@ import shlex
 import shutil
 import signal
 import socket
+import ssl
 import struct
 import subprocess
 import sys
@@ -52,6 +53,8 @@ FOREIGN = "Origin: http://foreign.example"
 NETWORK = "192.168.7.1"  # a name of each server, whether or not it listens there
 SECOND = "192.168.7.2"  # of another client there
 OF_ONE_CLIENT = 16  # connections, and requests to programs
+TLS, PASSWORD = "TLS", "A password"  # what is ready to be turned on, as the comments there begin
+USER, SECRET = "technician", 'a$1 "b":c\\'
 HEADER = r"printf 'Content-Type: text/plain\n\n'"  # of a program that is a script
 
 
@@ -80,21 +83,37 @@ def reset():
 
 def with_address(text):
     """A configuration's text, with the address and the names that are to be changed in it."""
-    text = re.sub(r"(?m)^(Listen |\s*listen |server\.bind +=.*)127\.0\.0\.1", rf"\g<1>{ADDRESS}", text)
+    text = re.sub(r"(?m)^(Listen |\s*listen |<VirtualHost |var\.vemo_http = \"|server\.bind +=.*)127\.0\.0\.1", rf"\g<1>{ADDRESS}", text)
     return text.replace(r"127\.0\.0\.1", r"127\.0\.0\.1|" + re.escape(NETWORK))
+
+
+def with_parts(text, parts):
+    """With the lines in use that stand commented out, without a blank, below a comment that begins so. And the
+    commands that the comment has for it."""
+    lines, commands, is_wanted = [], [], False
+    for line in text.splitlines():
+        bare = line.strip()
+        if not bare.startswith("#"):
+            is_wanted = False
+        is_wanted |= bare.startswith(tuple(f"# {part}" for part in parts))
+        if is_wanted and bare.startswith("#     "):
+            commands.append(bare[6:])
+        lines.append(re.sub(r"^(\s*)#(?=[^ ]|    [^ ])", r"\1", line) if is_wanted else line)
+    return "\n".join(lines) + "\n", "\n".join(commands)
 
 
 class Installation:
     """What is installed, at other places: /tmp/NAME in the place of all folders. `edits` are made in the
-    configuration, for tests alone."""
+    configuration, for tests alone; `parts` of it are turned on. With TLS http is on the next port."""
 
-    def __init__(self, name, port, edits):
+    def __init__(self, name, port, edits, parts=()):
         self.root = pathlib.Path("/tmp") / name
         self.programs = self.root / "libexec"
         self.run = self.root / "run"
         share = self.root / "share"
         self.port = port
         self.edits = edits
+        self.parts = parts
         shutil.rmtree(self.root, ignore_errors=True)
         settings = self.root / "etc"
         for folder in (self.programs / "gated", self.run, settings / "web-servers"):
@@ -104,6 +123,9 @@ class Installation:
             "PROGRAMS": self.programs, "SHARED": share, "SETTINGS": settings, "RUN": self.run,
             "ARCHIVE": "/app/class-archive", "CLASS_PATH": DEVICE / "java",
         }
+        # An installed device's own lines, which lighttpd reads; key and certificate are made by them for all.
+        own = (SOURCE / "packaging/lighttpd/web-server.conf.in").read_text(encoding="utf-8")
+        self.own = self.configured(re.search(rf"(?ms)^# {TLS}.*", own)[0])
         (self.programs / "cgi-gate").symlink_to(DEVICE / "bin/cgi-gate")
         shutil.copytree(DEVICE / "htdocs", share / "htdocs", ignore=lambda _, names: set(names) & set(PAGES))
         gated = (SOURCE / "packaging/web-servers/gated.cgi.in").read_text(encoding="utf-8")
@@ -117,8 +139,14 @@ class Installation:
     def configured(self, text):
         for name, place in self.places.items():
             text = text.replace(f"@VEMO_{name}@", str(place))
-        text = with_address(text)
-        return re.sub(r"\b8080\b", str(self.port), text)
+        text, commands = with_parts(text, self.parts)
+        # Here is no such group.
+        commands = commands.replace(" -g vemo-web ", " ").replace("IP:127.0.0.1", f"IP:127.0.0.1,IP:{NETWORK}")
+        if commands:
+            subprocess.run(["/bin/bash", "-ec", commands], input=SECRET + "\n", stderr=subprocess.DEVNULL, text=True,
+                           check=True)
+        text = re.sub(r"\b8080\b", str(self.port + (TLS in self.parts)), with_address(text))
+        return re.sub(r"\b8443\b", str(self.port), text)
 
     def edited(self, text):
         for before, after in self.edits:
@@ -142,8 +170,8 @@ def configure_lighttpd(installation):
     """The shipped files of the stand-in, at its own place for what tests change."""
     folder = installation.root / "lighttpd"
     folder.mkdir()
-    text = ""
-    for file in DEVICE.glob("lighttpd*.conf"):
+    text = installation.own.replace(str(installation.places["SHARED"]), str(folder))
+    for file in (*DEVICE.glob("lighttpd*.conf"), SOURCE / "packaging/lighttpd/lighttpd-tls.conf"):
         part = file.read_text(encoding="utf-8")
         for before, after in (('"/srv/vemo"', folder), ('"/srv/vemo/htdocs"', DOCUMENTS),
                               ('"/srv/vemo/bin/cgi-gate"', "libexec/cgi-gate"),
@@ -151,6 +179,8 @@ def configure_lighttpd(installation):
                               ('"/tmp/lighttpd-error.log"', "run/error.log"),
                               ('"/tmp/lighttpd-access.log"', "run/access.log")):
             part = part.replace(before, f'"{installation.root / after}"')
+        if file.name == "lighttpd-paths.conf":
+            part += text
         part = installation.edited(with_address(part))
         (folder / file.name).write_text(part, encoding="utf-8")
         text += part
@@ -206,8 +236,8 @@ AS_ROOT = (("daemon off;", "daemon off; user root;"),) if os.geteuid() == 0 else
 class Server:
     """One, running."""
 
-    def __init__(self, number, edits):
-        self.installation = Installation(f"web-{number}", 8080 + number, [*AS_ROOT, *edits])
+    def __init__(self, number, edits, parts=()):
+        self.installation = Installation(f"web-{number}", 8080 + number, [*AS_ROOT, *edits], parts)
         self.text, commands = SERVERS[NAME][1](self.installation)
         self.errors = self.installation.root / "errors"
         self.processes = []
@@ -228,7 +258,7 @@ class Server:
             # A page of a program: what starts them may listen later.
             with contextlib.closing(self.connect(2)) as client:
                 client.sendall(request("/reboot.cgi"))
-                return b" 200 " in client.recv(100)
+                return re.search(b" (200|401) ", client.recv(100)) is not None
         except OSError:
             return False
 
@@ -244,7 +274,11 @@ class Server:
                 process.wait()
 
     def connect(self, timeout=LIMIT, source=""):
-        return socket.create_connection((ADDRESS, self.installation.port), timeout, (source, 0))
+        client = socket.create_connection((ADDRESS, self.installation.port), timeout, (source, 0))
+        if TLS not in self.installation.parts:
+            return client
+        trust = ssl.create_default_context(cafile=self.installation.places["SETTINGS"] / "certificate.pem")
+        return trust.wrap_socket(client, server_hostname=HOST)
 
     def ask(self, sent, source=""):
         """Status, headers and body of the answer; status 0 when there is none."""
@@ -805,8 +839,8 @@ def unit_setting(server, name):
 
 
 @contextlib.contextmanager
-def own_server(*edits):
-    server = start_server(len(IN_THE_BACKGROUND) + 1, *edits)
+def own_server(*edits, parts=()):
+    server = start_server(len(IN_THE_BACKGROUND) + 1, *edits, parts=parts)
     try:
         yield server
     finally:
@@ -834,11 +868,102 @@ def count_tasks(server):
     return count
 
 
-def is_prepared_for_a_password():
-    """None is asked for as shipped. The lines for lighttpd's own are in web-server.conf."""
+def ask_as(server, user, target, *headers, body=None, **how):
+    """As SERVER.get(), by a client that tells name and password when it is asked."""
+    lines = request(target, *headers, **how).decode("latin-1").split("\r\n")[1:-2]
+    scheme = "https" if TLS in server.installation.parts else "http"
+    done = subprocess.run(
+        ["/usr/bin/curl", "-sS", "-i", "--insecure", "--anyauth", "--path-as-is", "--max-time", str(LIMIT), "-u", user,
+         *(["-d", body] if body is not None else []), *(word for line in lines for word in ("-H", line)),
+         f"{scheme}://{ADDRESS}:{server.installation.port}{target}"], stdout=subprocess.PIPE, check=True)
+    # The last of the answers.
+    head, _, page = re.split(rb"(?m)^(?=HTTP/1\.[01] \d)", done.stdout)[-1].partition(b"\r\n\r\n")
+    return int(head.split()[1]), head.decode("latin-1"), page
+
+
+RIGHT = f"{USER}:{SECRET}"
+WRONG = (f"{USER}:wrong", f"nobody:{SECRET}", f"{USER}:", ":", f"{USER}:{SECRET}x")
+
+
+def asks_for_a_password():
+    """Once its lines are in use, for everything, and takes that one alone. As shipped none is asked for."""
     if SERVER.get("/index.html")[0] != 200:
         raise AssertionError("one is asked for")
-    return re.search(r"(?i)\bmod_auth\w*file|auth_basic|\bAuthType\b", SERVER.text) is not None
+    with own_server(parts=(PASSWORD,)) as server:
+        seen = []
+        for target in ("/", "/css/all.css", "/nowhere.html", CHANGE, "/channeldeviceconfig.cgi", "/reboot.cgi"):
+            reset()
+            status, headers, _ = server.get(target)
+            seen.append(status == 401 and 'realm="vemo-web"' in headers["www-authenticate"]
+                        and SETTINGS.read_text() == SHIPPED_SETTINGS)
+        seen.append(server.ask(post(SET_OPTION, FORM + "500"))[0] == 401)
+        for user in WRONG:
+            seen.append(ask_as(server, user, CHANGE)[0] == 401 and LOG.stat().st_size == 0)
+        status, _, page = ask_as(server, RIGHT, CHANGE)
+        seen.append(status == 200 and b"was successful" in page and SETTINGS.read_text() == settings_with("500"))
+        seen.append(ask_as(server, RIGHT, SET_OPTION, body=FORM + "501")[0] == 200
+                    and SETTINGS.read_text() == settings_with("501"))
+        return same(range(len(seen)), seen)
+
+
+def refuses_all_the_same_with_a_password():
+    """Which browsers send along with orders of other sites."""
+    with own_server(parts=(PASSWORD,)) as server:
+        seen = []
+        for headers, how in (((FOREIGN,), {}), (("Referer: http://foreign.example/",), {}),
+                             (("Sec-Fetch-Site: cross-site",), {}), ((typed("Sec-Purpose: prefetch"),), {}),
+                             ((), {"host": "foreign.example"}), ((), {"host": NETWORK, "by_own_page": False})):
+            for body in (None, FORM + "500"):
+                reset()
+                status = ask_as(server, RIGHT, SET_OPTION if body else CHANGE, *headers, body=body, **how)[0]
+                seen.append(status == 403 and LOG.stat().st_size == 0)
+        for spelling in SPELLINGS:
+            if not re.search(r"[\\ ]", spelling) and spelling.startswith("/"):
+                page = ask_as(server, RIGHT, spelling)[2]
+                seen.append(b"\x7fELF" not in page and b"#!" not in page)
+        return same(range(len(seen)), seen)
+
+
+def keeps_passwords_from_programs():
+    """And so from their log."""
+    with own_server(parts=(PASSWORD,)) as server:
+        reset()
+        ask_as(server, RIGHT, CHANGE)
+        logged = LOG.read_text(encoding="latin-1")
+        with server.own_program(f"{HEADER}; exec /usr/bin/env") as page:
+            _, _, told = ask_as(server, RIGHT, f"/{OWN_PROGRAM}")
+        if not logged or b"JAVA_OPTIONS=" not in told:
+            raise AssertionError(f"{page} does not run")
+        secrets = ("AUTHORIZATION", SECRET, base64.b64encode(RIGHT.encode()).decode(), "vemo-web:", "response=")
+        return not any(secret in logged + told.decode() for secret in secrets)
+
+
+def speaks_tls():
+    """Once its lines are in use: 1.2 at least, and http leads there."""
+    with own_server(parts=(TLS,)) as server:
+        port = server.installation.port
+        mode = (server.installation.places["SETTINGS"] / "key.pem").stat().st_mode & 0o777
+        reset()
+        status, headers, _ = server.get(CHANGE, f"Origin: https://{HOST}:{port}")
+        seen = [mode == 0o640, status == 200, SETTINGS.read_text() == settings_with("500"),
+                "strict-transport-security" not in headers, server.get(CHANGE, FOREIGN)[0] == 403]
+        for version, is_taken in (("-tls1_1", False), ("-tls1_2", True), ("-tls1_3", True)):
+            told = subprocess.run(
+                ["/usr/bin/openssl", "s_client", "-connect", f"{ADDRESS}:{port}", version, "-alpn", "h2,http/1.1",
+                 "-cipher", "ALL:@SECLEVEL=0"], stdin=subprocess.DEVNULL, capture_output=True, check=False)
+            seen.append((told.returncode == 0) == is_taken and b"ALPN protocol: h2" not in told.stdout)
+        # In clear text.
+        server.installation.parts = ()
+        server.installation.port += 1
+        for name, there in ((HOST, f"https://{HOST}:{port}"), ("foreign.example", None)):
+            for sent in (request("/x/?a=%FC&b", host=f"{name}:{port + 1}"), request("/", host=name),
+                         post(CHANGE, "").replace(HOST.encode(), name.encode())):
+                reset()
+                status, headers, _ = server.ask(sent)
+                target = sent.split()[1].decode()
+                expected = (307, there + target) if there else (403, None)
+                seen.append((status, headers.get("location")) == expected and LOG.stat().st_size == 0)
+        return same(range(len(seen)), seen)
 
 
 def has_place_for_java_vms(server, tasks):
@@ -1015,7 +1140,10 @@ PROTECTIONS = {
     "hands a page on as it comes": streams,
     "gives programs no PATH and no HOME": gives_no_path_and_no_home,
     "hands on LD_LIBRARY_PATH, which may name the Java VM": hands_on_the_library_path,
-    "is prepared to ask for a password": is_prepared_for_a_password,
+    "asks for a password, once its lines are in use": asks_for_a_password,
+    "refuses all the same when the right one comes along": refuses_all_the_same_with_a_password,
+    "keeps it from the programs and their log": keeps_passwords_from_programs,
+    "speaks TLS, once its lines are in use, and leads http there": speaks_tls,
     "sends Content-Security-Policy": lambda: sends("content-security-policy", POLICY),
     "sends it with its own refusals of what it cannot read or is too large, too": sends_the_policy_with_every_refusal,
     "lets a page that echoes send no form and ask for no program": lets_no_echo_give_orders,
@@ -1052,8 +1180,8 @@ def setUpModule():
     unittest.addModuleCleanup(pool.shutdown)  # before its servers end
 
 
-def start_server(number, *edits, vm=WITH_FAKE_VM):
-    server = Server(number, [*([vm] if vm else []), *edits])
+def start_server(number, *edits, vm=WITH_FAKE_VM, parts=()):
+    server = Server(number, [*([vm] if vm else []), *edits], parts)
     unittest.addModuleCleanup(server.stop)
     return server
 
