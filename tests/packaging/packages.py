@@ -15,9 +15,10 @@ import unittest
 import checks
 import root
 
-sys.path.append(str(root.SOURCE / "tests/docs"))
+sys.path += [str(root.SOURCE / "tests/docs"), str(root.SOURCE / "tests/web")]
 
 import pages  # noqa: E402
+from prepared import PASSWORD, TLS, with_parts  # noqa: E402
 
 BUILD = pathlib.Path(sys.argv.pop(1)).resolve()
 
@@ -25,6 +26,7 @@ SETTINGS = "/app/tarn-belox/runvex/obd.conf"
 LOG = "/tmp/cgi.log"
 WEB_SERVER = "/etc/vemo-web/web-server.conf"
 OPTIONS = "/etc/vemo-web/java.options"
+KEY, CERTIFICATE = "/etc/vemo-web/key.pem", "/etc/vemo-web/certificate.pem"
 CLASS_FOLDER = "/usr/share/vemo-web/java"
 ARCHIVE = "/var/cache/vemo-web/archive"
 TEXT = "; by hand\n[SETTINGS]\nVEMODCanDetectTimeout = 500\n"
@@ -414,18 +416,116 @@ class Check(InRoot):
         self.device.run("vemo-web-check", "--all", status=2)
         self.device.run("setpriv", "--reuid=games", "--clear-groups", "vemo-web-check", status=2)
 
+    @contextlib.contextmanager
+    def turned_on(self, *parts, is_restarted=True):
+        """By the lines that the configuration has for it, once their commands were typed."""
+        text = self.read(WEB_SERVER)
+        after, commands = with_parts(text, parts)
+        self.assertNotEqual(text, after)
+        before = set(self.device.file("/etc/vemo-web").iterdir())
+        self.device.run("bash", "-ec", commands, text="secret\n")
+        try:
+            with self.changed(WEB_SERVER, text, after):
+                if is_restarted:
+                    self.restart_server()
+                yield
+        finally:
+            if is_restarted:
+                self.restart_server()
+            for file in set(self.device.file("/etc/vemo-web").iterdir()) - before:
+                file.unlink()
+
+    @classmethod
+    def restart_server(cls):
+        cls.device.stop(cls.server)
+        cls.start_server()
+
+    @contextlib.contextmanager
+    def another_certificate(self, names, *options):
+        with self.without(KEY), self.without(CERTIFICATE):
+            self.device.run("openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=localhost",
+                            "-addext", f"subjectAltName={names}", "-keyout", KEY, "-out", CERTIFICATE, *options)
+            self.device.run("chgrp", "vemo-web", KEY)
+            self.device.file(KEY).chmod(0o640)
+            yield
+
+    def test_tls(self):
+        names = "DNS:localhost,IP:127.0.0.1"
+        with self.turned_on(TLS):
+            told = self.device.run("vemo-web-check", status=1)
+            for line in (rf"ok +key +{KEY}", rf"ok +certificate +{CERTIFICATE}, until ",
+                         "ok +request +https://127.0.0.1:8443/setobdconf"):
+                self.assertRegex(told, line)
+            self.assertEqual(self.named(), set())
+            trust = f"--cacert {self.device.file(CERTIFICATE)}"
+            page = self.device.run_beside(
+                "bash", "-c", f"curl -sS {trust} https://localhost:8443/setobdconf.cgi; curl -sSi http://localhost:8080/")
+            self.assertIn("Option CanDetectTimeout not set", page)
+            self.assertIn("ocation: https://localhost:8443/", page)
+
+            for mode, user, wrong in ((0o644, None, {"key"}), (0o660, None, {"key"}), (0o640, "games", {"key"}),
+                                      (0o640, ":games", {"key", "configuration"}),
+                                      (0o600, None, {"key", "configuration"})):
+                with self.subTest(mode=mode, user=user), self.mode(KEY, mode, user):
+                    self.assertEqual(self.named(), wrong)
+            with self.subTest("no key"), self.without(KEY):
+                self.assertEqual(self.named(), {"key", "certificate", "configuration"})
+            with self.subTest("no certificate"), self.without(CERTIFICATE):
+                self.assertEqual(self.named(), {"certificate", "configuration"})
+            with self.subTest("another key"), self.mode(KEY, 0o640):
+                text = self.read(KEY)
+                with self.another_certificate(names):
+                    self.device.file(KEY).write_text(text, encoding="utf-8")
+                    self.assertEqual(self.named(), {"certificate", "configuration"})
+            with self.subTest("one more name"), self.changed(WEB_SERVER, r"0\.1", r"0\.1|device\.example"):
+                self.assertEqual(self.named(), {"certificate"})
+            with self.subTest("one more address"), self.changed(WEB_SERVER, r"0\.1", r"0\.1|192\.168\.7\.1"):
+                self.assertEqual(self.named(), {"certificate"})
+            for what, options, wrong in (("a name of old, which browsers pass over", ("IP:127.0.0.1",), {"certificate"}),
+                                         ("ended", (names, "-days", "-1"), {"certificate"}),
+                                         ("ends soon", (names, "-days", "20"), set()),
+                                         ("ends later", (names, "-days", "40"), set())):
+                with self.subTest(what), self.another_certificate(*options):
+                    self.assertEqual(self.named(), wrong)
+                    told = self.device.run("vemo-web-check", status=1)
+                    self.assertEqual("it ends soon, on " in told, what == "ends soon")
+            with self.subTest("no openssl"), self.without("/usr/bin/openssl"):
+                self.assertEqual(self.named(), {"certificate"})
+            with self.subTest("no TLS in lighttpd"), self.without("/usr/lib/lighttpd/mod_openssl.so"):
+                self.assertEqual(self.named(), {"configuration"})
+
     def test_a_password_is_asked_for(self):
-        """By the lines that the configuration has for it."""
-        commented = re.search(r"^#auth.*\Z", self.read(WEB_SERVER), re.MULTILINE | re.DOTALL)[0]
-        digest = self.device.run("sha256sum", text="technician:vemo-web:secret").split()[0]
-        self.device.file("/etc/vemo-web/password").write_text(f"technician:vemo-web:{digest}\n")
-        self.device.run("chgrp", "vemo-web", "/etc/vemo-web/password")
-        with self.changed(WEB_SERVER, commented, commented.replace("#", "")):
-            self.device.stop(self.server)
-            self.start_server()
-            self.assertIn("asks for a password", self.device.run("vemo-web-check", status=1))
-        self.device.stop(self.server)
-        self.start_server()
+        with self.turned_on(PASSWORD):
+            told = self.device.run("vemo-web-check", status=1)
+            self.assertIn("asks for a password", told)
+            self.assertRegex(told, "ok +password +/etc/vemo-web/password\n")
+            with self.mode("/etc/vemo-web/password", 0o644):
+                self.assertEqual(self.named(), {"password"})
+
+    def test_a_password_that_the_running_server_does_not_ask_for(self):
+        with self.turned_on(PASSWORD, is_restarted=False):
+            self.assertEqual(self.named(), {"password"})
+
+    def test_a_password_that_another_server_has_not(self):
+        self.device.run("cp", "-r", "/usr/share/vemo-web/web-servers", "/etc/vemo-web")
+        self.addCleanup(shutil.rmtree, self.device.file("/etc/vemo-web/web-servers"))
+        drop_in = self.device.file("/etc/systemd/system/vemo-web.service.d/web-server.conf")
+        drop_in.parent.mkdir()
+        self.addCleanup(shutil.rmtree, drop_in.parent)
+        for server in ("apache2", "nginx"):
+            configuration = f"/etc/vemo-web/web-servers/{server}.conf"
+            drop_in.write_text(self.read(f"/etc/vemo-web/web-servers/{server}.service.conf"), encoding="utf-8")
+            with self.subTest(server):
+                self.assertEqual(self.named(), set())
+                with self.turned_on(PASSWORD):
+                    self.assertEqual(self.named(), {"password"})
+                    text = self.read(configuration)
+                    after, commands = with_parts(text, [PASSWORD])
+                    self.device.run("bash", "-ec", commands, text="secret\n")
+                    with self.changed(configuration, text, after):
+                        self.assertEqual(self.named(), set())
+                        with self.mode(f"/etc/vemo-web/{server}-password", 0o644):
+                            self.assertEqual(self.named(), {"password"})
 
 
 class Module(InRoot):

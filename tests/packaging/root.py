@@ -16,7 +16,8 @@ SOURCE = pathlib.Path(__file__).resolve().parents[2]
 # Beside what is bare.
 INSTALLED = "systemd-sysv,udev,dbus"
 # apt's cache holds what the packages depend on.
-DEPENDENCIES = ("default-jre-headless", "lighttpd", "logrotate", "libcgicc3", "libmicrohttpd12", "libxml2")
+DEPENDENCIES = ("default-jre-headless", "lighttpd", "lighttpd-mod-openssl", "logrotate", "libcgicc3",
+                "libmicrohttpd12", "libxml2", "openssl")
 # Which can take lighttpd's place.
 WEB_SERVERS = ("apache2-bin", "fcgiwrap", "nginx")
 

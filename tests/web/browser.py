@@ -2,7 +2,8 @@
 Debian's own Python.
 
 Scripts take "--address ADDRESS", which the sandbox has to have: the device then listens there and not on
-loopback; and "--server NAME", a web server as web_servers.py names it."""
+loopback; "--server NAME", a web server as web_servers.py names it; "--tls" and "--password", which turn on what is
+prepared in its configuration."""
 
 import argparse
 import contextlib
@@ -28,7 +29,7 @@ ADDRESS = "127.0.0.1"
 HOST = "localhost"
 ROOT = f"http://{HOST}:{PORT}"
 SERVER = "lighttpd"
-IS_LONG = False
+HAS_TLS = HAS_PASSWORD = IS_LONG = False
 SETTINGS = pathlib.Path("/app/tarn-belox/runvex/obd.conf")
 SHIPPED_SETTINGS = pathlib.Path("/source/device/obd.conf")
 LIMIT = 20  # seconds for whatever is waited for
@@ -60,16 +61,18 @@ PHONE = (360, 740, True)
 
 def read_arguments(description):
     """Returns what is left of them, for unittest."""
-    global ADDRESS, HOST, ROOT, SERVER, IS_LONG
+    global ADDRESS, HOST, ROOT, SERVER, HAS_TLS, HAS_PASSWORD, IS_LONG
     parser = argparse.ArgumentParser(description=description)
     parser.add_argument("--address", default=ADDRESS)
     parser.add_argument("--server", default=SERVER)
+    parser.add_argument("--tls", action="store_true")
+    parser.add_argument("--password", action="store_true")
     parser.add_argument("--long", action="store_true", help="more of it")
     options, rest = parser.parse_known_args()
     if options.address != ADDRESS:
         ADDRESS = HOST = options.address
-    ROOT = f"http://{HOST}:{PORT}"
-    SERVER, IS_LONG = options.server, options.long
+    ROOT = f"http{'s' * options.tls}://{HOST}:{PORT}"
+    SERVER, HAS_TLS, HAS_PASSWORD, IS_LONG = options.server, options.tls, options.password, options.long
     return [sys.argv[0], *rest]
 
 
@@ -118,7 +121,7 @@ def read_settings():
 def running_device(edits=()):
     """The stand-in as it is; or its parts, with another web server, address, or with edits."""
     write_shipped_settings()
-    if not is_on_loopback() or SERVER != "lighttpd" or edits:
+    if not is_on_loopback() or SERVER != "lighttpd" or HAS_TLS or HAS_PASSWORD or edits:
         with running_parts(edits):
             yield
         return
@@ -135,12 +138,14 @@ def running_device(edits=()):
 @contextlib.contextmanager
 def running_parts(edits):
     import web_servers  # which imports this one
+    from prepared import PASSWORD, TLS
 
     subprocess.run(["/srv/vemo/make-class-archive", "/srv/vemo/htdocs/setobdconf.cgi", "/srv/vemo/java.options",
                     "/srv/vemo/java", "/app/class-archive"], check=True)
     service = subprocess.Popen(["/srv/vemo/bin/nvm-service"])
     web_servers.NAME, web_servers.ADDRESS, web_servers.HOST = SERVER, ADDRESS, HOST
-    server = web_servers.Server(0, edits)
+    parts = [part for part, is_on in ((TLS, HAS_TLS), (PASSWORD, HAS_PASSWORD)) if is_on]
+    server = web_servers.Server(0, edits, parts)
     try:
         yield
     finally:
@@ -169,6 +174,23 @@ def leave(driver, act):
     )
 
 
+def own_certificate():
+    """For Chromium, which takes it in spite of who made it."""
+    told = subprocess.run("openssl x509 -in /tmp/web-0/etc/certificate.pem -noout -pubkey | openssl pkey -pubin"
+                          " -outform der | openssl dgst -sha256 -binary | base64", shell=True, check=True,
+                          stdout=subprocess.PIPE, text=True)
+    return f"--ignore-certificate-errors-spki-list={told.stdout.strip()}"
+
+
+def log_in(driver):
+    """The browser knows name and password from here on, and tells them unasked."""
+    import web_servers
+
+    secret = urllib.parse.quote(web_servers.SECRET)
+    # A page that no browser keeps: it has to ask for it, and is asked.
+    driver.get("{0}://{2}:{3}@{1}{4}".format(*ROOT.split("://"), web_servers.USER, secret, FORM))
+
+
 @contextlib.contextmanager
 def running_browser(without=(), page_load_strategy="normal", preferences=None, profile=None):
     """`without` names arguments of Chromium's that are left out; a profile stays."""
@@ -189,6 +211,7 @@ def running_browser(without=(), page_load_strategy="normal", preferences=None, p
         "--disable-sync",
         "--disable-dev-shm-usage",
         f"--user-data-dir={profile}",
+        *([own_certificate()] if HAS_TLS else []),
     ):
         if argument not in without:
             options.add_argument(argument)
@@ -200,6 +223,8 @@ def running_browser(without=(), page_load_strategy="normal", preferences=None, p
     try:
         driver.set_page_load_timeout(LIMIT)
         driver.set_script_timeout(LIMIT)
+        if HAS_PASSWORD:
+            log_in(driver)
         yield driver
     finally:
         driver.quit()

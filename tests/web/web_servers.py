@@ -32,6 +32,7 @@ sys.path.append(str(SOURCE / "tests/docs"))
 
 import pages  # noqa: E402
 from browser import LIMIT, SETTINGS, eventually, process_name  # noqa: E402
+from prepared import PASSWORD, TLS, with_parts  # noqa: E402
 
 DEVICE = pathlib.Path("/srv/vemo")
 UNPACKED = pathlib.Path("/build/web-servers")  # by tools/unpack-packages
@@ -53,7 +54,6 @@ FOREIGN = "Origin: http://foreign.example"
 NETWORK = "192.168.7.1"  # a name of each server, whether or not it listens there
 SECOND = "192.168.7.2"  # of another client there
 OF_ONE_CLIENT = 16  # connections, and requests to programs
-TLS, PASSWORD = "TLS", "A password"  # what is ready to be turned on, as the comments there begin
 USER, SECRET = "technician", 'a$1 "b":c\\'
 HEADER = r"printf 'Content-Type: text/plain\n\n'"  # of a program that is a script
 
@@ -85,21 +85,6 @@ def with_address(text):
     """A configuration's text, with the address and the names that are to be changed in it."""
     text = re.sub(r"(?m)^(Listen |\s*listen |<VirtualHost |var\.vemo_http = \"|server\.bind +=.*)127\.0\.0\.1", rf"\g<1>{ADDRESS}", text)
     return text.replace(r"127\.0\.0\.1", r"127\.0\.0\.1|" + re.escape(NETWORK))
-
-
-def with_parts(text, parts):
-    """With the lines in use that stand commented out, without a blank, below a comment that begins so. And the
-    commands that the comment has for it."""
-    lines, commands, is_wanted = [], [], False
-    for line in text.splitlines():
-        bare = line.strip()
-        if not bare.startswith("#"):
-            is_wanted = False
-        is_wanted |= bare.startswith(tuple(f"# {part}" for part in parts))
-        if is_wanted and bare.startswith("#     "):
-            commands.append(bare[6:])
-        lines.append(re.sub(r"^(\s*)#(?=[^ ]|    [^ ])", r"\1", line) if is_wanted else line)
-    return "\n".join(lines) + "\n", "\n".join(commands)
 
 
 class Installation:
