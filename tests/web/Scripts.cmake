@@ -47,6 +47,14 @@ add_browser_test(browser_journey browser_journey)
 # Looks have nothing to do with addresses, and browser_attacks has more markup.
 add_browser_test(browser_journey.network browser_journey NETWORK ARGUMENTS Journey Ways)
 add_browser_test(accessibility accessibility)
+# What is ready to be turned on.
+add_browser_test(browser_journey.tls browser_journey NETWORK
+  ARGUMENTS --tls --password Ways.test_a_browser_is_closed_and_opened_again)
+add_browser_test(browser_journey.tls.long browser_journey NETWORK
+  ARGUMENTS --tls --password Journey Ways InjectedMarkup)
+add_browser_test(browser_attacks.tls browser_attacks NETWORK ARGUMENTS --tls --password)
+add_browser_test(browser_attacks.password browser_attacks NETWORK ARGUMENTS --password ForeignPages)
+set_tests_properties(browser_journey.tls.long browser_attacks.tls browser_attacks.password PROPERTIES LABELS long)
 add_browser_test(browser_attacks browser_attacks)
 add_browser_test(browser_attacks.network browser_attacks NETWORK)
 add_browser_test(browser_attacks.long browser_attacks LONG)

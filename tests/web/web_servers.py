@@ -83,7 +83,8 @@ def reset():
 
 def with_address(text):
     """A configuration's text, with the address and the names that are to be changed in it."""
-    text = re.sub(r"(?m)^(Listen |\s*listen |<VirtualHost |var\.vemo_http = \"|server\.bind +=.*)127\.0\.0\.1", rf"\g<1>{ADDRESS}", text)
+    listens = r"(?m)^(Listen |\s*listen |<VirtualHost |var\.vemo_http = \"|server\.bind +=.*)127\.0\.0\.1"
+    text = re.sub(listens, rf"\g<1>{ADDRESS}", text)
     return text.replace(r"127\.0\.0\.1", r"127\.0\.0\.1|" + re.escape(NETWORK))
 
 
