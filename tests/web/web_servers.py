@@ -1023,6 +1023,9 @@ def refused():
         # Nothing that can be executed.
         (SERVER.installation.programs / page[1:]).write_bytes(b"\0")
         answers.append((500, SERVER.get(page)))
+    with SERVER.own_program("exit 1") as page:
+        status, headers, body = SERVER.get(page)  # the server's own word; nginx's is 502
+        answers.append((500, (500 if status == 502 else status, headers, body)))
     return answers
 
 
