@@ -179,4 +179,78 @@ TEST(GateDescriptors, ThatAreClosedDoNotBecomeTheLockFile) {
   }
 }
 
+// --- The requests of one client
+
+// One of them may be here. The program stays when it is told to.
+Command OfClient(const std::string& address) {
+  Command command = Gated(
+      "[ -z \"$STAY\" ] || { : >/tmp/began; while [ ! -e /tmp/go ]; do /bin/sleep 0.02; done; }\n"
+      "echo in");
+  command.environment.insert({{"CGI_GATE_CLIENT", "1"}, {"REMOTE_ADDR", address}});
+  return command;
+}
+
+bool IsLetInBeside(const std::string& address, const std::string& other) {
+  std::filesystem::remove("/tmp/began");
+  std::filesystem::remove("/tmp/go");
+  Command staying = OfClient(address);
+  staying.environment["STAY"] = "1";
+  auto first = std::async(std::launch::async, Execute, staying);
+  EXPECT_TRUE(Eventually([] { return std::filesystem::exists("/tmp/began"); }));
+  const Result second = Execute(OfClient(other));
+  WriteText("/tmp/go", "");
+  EXPECT_EQ(first.get().output, "in\n");
+  if (second.output == "in\n") {
+    return true;
+  }
+  EXPECT_THAT(second.output, StartsWith("Status: 503 "));
+  EXPECT_THAT(second.output, HasSubstr("Retry-After"));
+  EXPECT_EQ(second.exitStatus, 1);
+  return false;
+}
+
+using Addresses = std::vector<std::pair<std::string, std::string>>;
+
+TEST(GateClient, HasItsRequestsCounted) {
+  for (const auto& [address, same] : Addresses{{"192.168.7.2", "192.168.7.2"},
+                                               {"192.168.7.2", "::ffff:192.168.7.2"},
+                                               {"255.255.255.255", "255.255.255.255"},
+                                               {"fd00::7:2", "fd00:0::7:2"}}) {
+    EXPECT_FALSE(IsLetInBeside(address, same)) << same;
+  }
+}
+
+TEST(GateClient, IsNotTakenForAnother) {
+  for (const auto& [address, other] : Addresses{{"192.168.7.2", "192.168.7.3"},
+                                                {"192.168.7.2", "192.168.8.2"},
+                                                {"255.255.255.255", "0.0.0.0"},
+                                                {"fd00::7:2", "fd00::7:3"},
+                                                {"fe80::1", "fe80::2"},
+                                                {"fd00:1::1", "fd00:2::1"},
+                                                {"192.168.7.2", "fd00::7:2"}}) {
+    EXPECT_TRUE(IsLetInBeside(address, other)) << other;
+  }
+}
+
+TEST(GateClient, OfThisMachineIsNotCounted) {
+  for (const std::string address :
+       {"127.0.0.1", "127.1.2.3", "::1", "::ffff:127.0.0.1", "", "unix:"}) {
+    EXPECT_TRUE(IsLetInBeside(address, address)) << address;
+  }
+}
+
+TEST(GateClient, MayComeAgainWhenItsRequestIsOver) {
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(Execute(OfClient("192.168.7.2")).output, "in\n");
+  }
+}
+
+TEST(GateClient, IsNotCountedWhereTheGateIsToldSo) {
+  Command command = Gated("echo $CGI_GATE_CLIENT.");
+  command.environment["REMOTE_ADDR"] = "192.168.7.2";
+  EXPECT_EQ(Execute(command).output, ".\n");
+  command.environment["CGI_GATE_CLIENT"] = "0";
+  EXPECT_EQ(Execute(command).output, ".\n");
+}
+
 }  // namespace

@@ -4,10 +4,12 @@ browser in front of it, and its power cut while it works.
     python3 -B tests/machine/installed.py BUILD
 """
 
+import contextlib
 import pathlib
 import re
 import shlex
 import shutil
+import socket
 import sys
 import threading
 import time
@@ -24,6 +26,7 @@ import browser_journey  # noqa: E402
 import commands  # noqa: E402
 import machine  # noqa: E402
 import root  # noqa: E402
+import web_servers  # noqa: E402
 from booted import LOG, PAGE, SETTINGS  # noqa: E402
 
 FOLDER = BUILD / "machine"
@@ -52,7 +55,7 @@ def make_disk(path):
     try:
         made = root.packages(BUILD)
         device.install(made["vemo-web"], made["vemo-web-standin"])
-        device.install_known(*root.WEB_SERVERS)
+        device.install_known(*root.WEB_SERVERS, "nftables")
         configuration = device.file("/etc/vemo-web/web-server.conf")
         text = configuration.read_text(encoding="utf-8")
         configuration.write_text(text.replace('"127.0.0.1"', '"0.0.0.0"', 1), encoding="utf-8")
@@ -76,7 +79,8 @@ class Device(booted.Device):
     def __init__(self, disk):
         kernel = machine.Kernel(FOLDER / "kernel")
         initramfs = FOLDER / "installed.initramfs"
-        machine.make_initramfs(initramfs, kernel, {}, booted.initramfs("/sbin/init"), machine.DISK + machine.NETWORK)
+        machine.make_initramfs(initramfs, kernel, {}, booted.initramfs("/sbin/init"),
+                               machine.DISK + machine.NETWORK + machine.PACKET_FILTER)
         super().__init__(kernel, initramfs, disk, memory_mib=1024,
                          parameters="systemd.show_status=0 net.ifnames=0")
 
@@ -110,6 +114,22 @@ class Installed(booted.Requests, browser_journey.Journey):
 
     def test_1_the_service_is_up_by_itself_and_the_check_is_content(self):
         self.expect_content()
+
+    def test_1_one_client_does_not_get_all_connections(self):
+        """The emulator takes them all, and closes those that the machine refuses it."""
+        with contextlib.ExitStack() as stack:
+            clients = []
+            for _ in range(40):
+                clients.append(stack.enter_context(socket.create_connection(("127.0.0.1", self.device.port))))
+                clients[-1].sendall(b"GET / HTTP/1.0\r\n")
+
+            def count():
+                return sum(not web_servers.is_closed(client) for client in clients)
+
+            browser.eventually(lambda: count() <= web_servers.OF_ONE_CLIENT)
+            time.sleep(1)
+            self.assertEqual(count(), web_servers.OF_ONE_CLIENT)
+        self.device.wait_for_page()
 
     def expect_content(self):
         # The service makes the class archive while it serves already: the disk is a copy.

@@ -23,6 +23,13 @@ DISK = (
 )
 EXT4 = ("crypto/crc32c_generic", "lib/crc16", "fs/mbcache", "fs/jbd2/jbd2", "fs/ext4/ext4")
 NETWORK = ("net/core/failover", "drivers/net/net_failover", "drivers/net/virtio_net")
+# What connections.nft asks for.
+PACKET_FILTER = (
+    "lib/libcrc32c", "net/netfilter/nfnetlink", "net/netfilter/nf_tables", "net/ipv4/netfilter/nf_defrag_ipv4",
+    "net/ipv6/netfilter/nf_defrag_ipv6", "net/netfilter/nf_conntrack", "net/netfilter/nf_conncount",
+    "net/netfilter/nft_ct", "net/netfilter/nft_connlimit", "net/ipv4/netfilter/nf_reject_ipv4",
+    "net/ipv6/netfilter/nf_reject_ipv6", "net/netfilter/nft_reject", "net/netfilter/nft_reject_inet",
+)
 
 # Not everybody's PATH has its folder.
 MKFS = "/usr/sbin/mkfs.ext4"

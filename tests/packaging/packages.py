@@ -249,7 +249,7 @@ class Check(InRoot):
     def setUpClass(cls):
         super().setUpClass()
         cls.device.install(*(cls.made[name] for name in ("vemo-web", "vemo-web-standin")))
-        cls.device.install_known("lighttpd-mod-openssl", "openssl")  # which are recommended
+        cls.device.install_known("lighttpd-mod-openssl", "nftables", "openssl")  # which are recommended
         cls.nvm = cls.device.start("/usr/libexec/vemo-web/nvm-service")
         cls.device.run("install", "-d", "-o", "vemo-web", "/run/vemo-web")
         cls.start_server()
@@ -398,6 +398,16 @@ class Check(InRoot):
     def test_names_that_the_server_does_not_know(self):
         with self.changed(WEB_SERVER, '"localhost|', '"foreign.example|'):
             self.assertEqual(self.named(), {"request"})
+
+    def test_nothing_limits_connections_in_a_network(self):
+        with self.changed(WEB_SERVER, 'server.bind = "127.0.0.1"', 'server.bind = "0.0.0.0"'):
+            self.assertEqual(self.named(), {"connections"})
+            load = ["nft", "-D", "port=8080", "-f", "/etc/vemo-web/connections.nft"]
+            self.device.run(*load)
+            self.assertEqual(self.named(), set())
+            self.device.run(*(word.replace("8080", "8081") for word in load))
+            self.assertEqual(self.named(), {"connections"})
+            self.device.run("nft", "delete", "table", "inet", "vemo_web")
 
     def test_no_nvm_service(self):
         self.device.stop(self.nvm)

@@ -17,7 +17,7 @@ SOURCE = pathlib.Path(__file__).resolve().parents[2]
 INSTALLED = "systemd-sysv,udev,dbus"
 # apt's cache holds what the packages depend on.
 DEPENDENCIES = ("default-jre-headless", "lighttpd", "lighttpd-mod-openssl", "logrotate", "libcgicc3",
-                "libmicrohttpd12", "libxml2", "openssl")
+                "libmicrohttpd12", "libxml2", "nftables", "openssl")
 # Which can take lighttpd's place.
 WEB_SERVERS = ("apache2-bin", "fcgiwrap", "nginx")
 

@@ -703,7 +703,8 @@ TEST_P(ForeignOrder, IsNotTaken) {
   }
   EXPECT_EQ(Fetch("/reboot.cgi", {"--header", GetParam()}).status, 403);
   ExpectNothingDone();
-  EXPECT_EQ(Fetch("/channeldeviceconfig.cgi", {"--header", GetParam()}).status, 200);
+  EXPECT_EQ(Fetch("/channeldeviceconfig.cgi", {"--header", GetParam()}).status,
+            std::string(GetParam()) == "Sec-Fetch-Dest: image" ? 403 : 200);
 }
 
 INSTANTIATE_TEST_SUITE_P(With, ForeignOrder,
@@ -712,6 +713,21 @@ INSTANTIATE_TEST_SUITE_P(With, ForeignOrder,
                                          "Sec-Fetch-Site: cross-site", "Sec-Fetch-Dest: image",
                                          "Sec-Fetch-Mode: no-cors", "Sec-Purpose: prefetch",
                                          "Sec-WebSocket-Key: x"));
+
+// Those that change nothing, too: each costs a process, and a foreign page asks as often as it
+// likes.
+TEST_F(WebServer, StartsNoProgramForWhatIsNoPageOfItsOwn) {
+  for (const std::string page : {"/channeldeviceconfig.cgi", "/setobdconf.cgi", "/reboot.cgi",
+                                 "/channeldeviceconfig.cgi/more"}) {
+    for (const std::string use : {"empty", "image", "iframe", "future"}) {
+      EXPECT_EQ(Fetch(page, {"--header", "Sec-Fetch-Dest: " + use}).status, 403) << page << use;
+    }
+  }
+  for (const std::string page : {"/channeldeviceconfig.cgi", "/setobdconf.cgi", "/reboot.cgi"}) {
+    EXPECT_EQ(Fetch(page, Typed("Sec-Fetch-User: ?1")).status, 200) << page;
+  }
+  EXPECT_EQ(Fetch("/css/all.css", {"--header", "Sec-Fetch-Dest: style"}).status, 200);
+}
 
 // Other spellings of the same address, none of which gets round the look at the origin.
 class ForeignOrigin : public WebServer, public testing::WithParamInterface<const char*> {};
