@@ -1346,8 +1346,10 @@ class Together(Telling):
         self.assertEqual({status for status, _, _ in answers}, {200, 503})
         self.assertGreaterEqual([status for status, _, _ in answers].count(200), 100)
         self.assertTrue(has_place_for_java_vms(SERVER, tasks), tasks)
-        for status, headers, _ in answers:
+        for status, headers, body in answers:
             self.assertEqual(headers.get("retry-after"), "10" if status == 503 else None)
+            if status == 503:
+                self.assertEqual(body, REFUSALS[503])
 
 
 def load_tests(loader, *_):
