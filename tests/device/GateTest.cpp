@@ -184,22 +184,31 @@ TEST(GateDescriptors, ThatAreClosedDoNotBecomeTheLockFile) {
 // One of them may be here. The program stays when it is told to.
 Command OfClient(const std::string& address) {
   Command command = Gated(
-      "[ -z \"$STAY\" ] || { : >/tmp/began; while [ ! -e /tmp/go ]; do /bin/sleep 0.02; done; }\n"
+      "[ -z \"$STAY\" ] || { echo >>/tmp/began; while [ ! -e /tmp/go ]; do /bin/sleep 0.02; done; "
+      "}\n"
       "echo in");
   command.environment.insert({{"CGI_GATE_CLIENT", "1"}, {"REMOTE_ADDR", address}});
   return command;
 }
 
-bool IsLetInBeside(const std::string& address, const std::string& other) {
-  std::filesystem::remove("/tmp/began");
+// When so many requests of the first may be here, and are.
+bool IsLetInBeside(const std::string& address, const std::string& other, int number = 1) {
+  WriteText("/tmp/began", "");
   std::filesystem::remove("/tmp/go");
   Command staying = OfClient(address);
   staying.environment["STAY"] = "1";
-  auto first = std::async(std::launch::async, Execute, staying);
-  EXPECT_TRUE(Eventually([] { return std::filesystem::exists("/tmp/began"); }));
+  staying.environment["CGI_GATE_CLIENT"] = std::to_string(number);
+  std::vector<std::future<Result>> first;
+  for (int i = 0; i < number; ++i) {
+    first.push_back(std::async(std::launch::async, Execute, staying));
+  }
+  EXPECT_TRUE(Eventually(
+      [&] { return ReadText("/tmp/began").size() == static_cast<std::size_t>(number); }));
   const Result second = Execute(OfClient(other));
   WriteText("/tmp/go", "");
-  EXPECT_EQ(first.get().output, "in\n");
+  for (std::future<Result>& result : first) {
+    EXPECT_EQ(result.get().output, "in\n");
+  }
   if (second.output == "in\n") {
     return true;
   }
@@ -230,6 +239,7 @@ TEST(GateClient, IsNotTakenForAnother) {
                                                 {"192.168.7.2", "fd00::7:2"}}) {
     EXPECT_TRUE(IsLetInBeside(address, other)) << other;
   }
+  EXPECT_TRUE(IsLetInBeside("192.168.7.2", "192.168.7.3", 2));
 }
 
 TEST(GateClient, OfThisMachineIsNotCounted) {
