@@ -26,6 +26,7 @@ import browser  # noqa: E402
 import browser_journey  # noqa: E402
 import commands  # noqa: E402
 import machine  # noqa: E402
+import prepared  # noqa: E402
 import root  # noqa: E402
 from booted import LOG, PAGE, SETTINGS  # noqa: E402
 
@@ -56,10 +57,14 @@ def make_disk(path):
     try:
         made = root.packages(BUILD)
         device.install(made["vemo-web"], made["vemo-web-standin"])
-        device.install_known(*root.WEB_SERVERS, "nftables")
+        device.install_known(*root.WEB_SERVERS, "lighttpd-mod-openssl", "nftables", "openssl")
         configuration = device.file("/etc/vemo-web/web-server.conf")
         text = configuration.read_text(encoding="utf-8")
         configuration.write_text(text.replace('"127.0.0.1"', '"0.0.0.0"', 1), encoding="utf-8")
+        for file in (configuration, *device.file("/usr/share/vemo-web/web-servers").glob("*[2x].conf")):
+            text, made = prepared.with_parts(file.read_text(encoding="utf-8"), (prepared.TLS, prepared.PASSWORD))
+            device.file(f"/root/{file.name}").write_text(text, encoding="utf-8")
+            device.file(f"/root/{file.name}.commands").write_text(made, encoding="utf-8")
         device.file("/etc/systemd/network/card.network").write_text(NETWORKD, encoding="utf-8")
         device.file("/etc/systemd/system/test-shell.service").write_text(SHELL, encoding="utf-8")
         device.file("/etc/fstab").write_text("/dev/vda / ext4 defaults 0 1\n", encoding="utf-8")
@@ -190,6 +195,30 @@ class Installed(booted.Requests, browser_journey.Journey):
                     self.expect_content()
         finally:
             self.device.run(f"rm -r /etc/vemo-web/web-servers {unit}; systemctl daemon-reload; systemctl restart vemo-web")
+            self.device.wait_for_page()
+
+    def test_6_tls_and_a_password_work_as_confined(self):
+        """Of each web server, by the lines that are ready for them."""
+        own, unit = "/etc/vemo-web/web-server.conf", "/etc/systemd/system/vemo-web.service.d/web-server.conf"
+        turn_on = "cp /root/{0} {1}; bash -e /root/{0}.commands <<<secret 2>&1; "
+        self.device.run(f"cp {own} /root/before; mkdir -p /etc/vemo-web/web-servers; "
+                        + turn_on.format("web-server.conf", own))
+        try:
+            for name in ("lighttpd", "apache2", "nginx"):
+                with self.subTest(name):
+                    if name != "lighttpd":
+                        folder = "/usr/share/vemo-web/web-servers"
+                        self.device.run(turn_on.format(f"{name}.conf", f"/etc/vemo-web/web-servers/{name}.conf")
+                                        + f"install -D -m 0644 {folder}/{name}.service.conf {unit}")
+                    status, told = self.device.run(
+                        "systemctl daemon-reload; systemctl restart vemo-web; for _ in $(seq 200); do "
+                        "(exec 3<>/dev/tcp/127.0.0.1/8443) 2>/dev/null && break; sleep 0.5; done; vemo-web-check")
+                    self.assertEqual(status, 0, told)
+                    self.assertRegex(told, r"ok +request +https://127\.0\.0\.1:8443/ asks for a password")
+                    self.assertRegex(told, r"ok +password ")
+        finally:
+            self.device.run(f"cp /root/before {own}; rm -rf /etc/vemo-web/web-servers {unit}; "
+                            "systemctl daemon-reload; systemctl restart vemo-web")
             self.device.wait_for_page()
 
     def test_z_nothing_is_lost_when_the_power_is_cut(self):

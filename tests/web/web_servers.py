@@ -901,7 +901,8 @@ def refuses_all_the_same_with_a_password():
         seen = []
         for headers, how in (((FOREIGN,), {}), (("Referer: http://foreign.example/",), {}),
                              (("Sec-Fetch-Site: cross-site",), {}), ((typed("Sec-Purpose: prefetch"),), {}),
-                             ((f"Referer: http://{HOST}/",), {"host": "foreign.example"}), ((), {"host": NETWORK, "by_own_page": False})):
+                             ((f"Referer: http://{HOST}/",), {"host": "foreign.example"}),
+                             ((), {"host": NETWORK, "by_own_page": False})):
             for body in (None, FORM + "500"):
                 reset()
                 status = ask_as(server, RIGHT, SET_OPTION if body else CHANGE, *headers, body=body, **how)[0]
