@@ -52,7 +52,7 @@ add_browser_test(browser_journey.network browser_journey NETWORK ARGUMENTS Journ
 add_browser_test(accessibility accessibility)
 # What is ready to be turned on.
 add_browser_test(browser_journey.tls browser_journey NETWORK
-  ARGUMENTS --tls --password Ways.test_a_browser_is_closed_and_opened_again)
+  ARGUMENTS --tls --password Ways.test_a_reload_of_the_success_stores_the_value_again)
 add_browser_test(browser_journey.tls.long browser_journey NETWORK
   ARGUMENTS --tls --password Journey Ways InjectedMarkup)
 add_browser_test(browser_attacks.tls browser_attacks NETWORK ARGUMENTS --tls --password)
