@@ -39,7 +39,7 @@ void PrintNavigation() {
 // Echoes the value before the settings file is touched, so that a page cut there shows how far the
 // request came. What the settings file says to it is not looked at.
 // Stays: see docs/kept-as-is.md, "echo unescaped", "any value", "answers ignored", "no lock".
-// Stays: see docs/kept-as-is.md, "paragraph left open", "lost page".
+// Stays: see docs/kept-as-is.md, "paragraph left open", "lost page", "link in the echo".
 void SetOption(const std::string& value) {
   std::cout << cgicc::p() << "Set CanDetectTimeout to " << value << " ms." << std::endl;
 

@@ -175,13 +175,16 @@ off_t ClientNumber(const char* address) {
   if (std::strncmp(address, MAPPED, sizeof MAPPED - 1) == 0) {
     address += sizeof MAPPED - 1;
   }
+  // Without the interface: fe80::1%eth0.
+  char alone[INET6_ADDRSTRLEN] = "";
+  std::snprintf(alone, sizeof alone, "%.*s", static_cast<int>(std::strcspn(address, "%")), address);
   in_addr ip4;
-  if (inet_pton(AF_INET, address, &ip4) == 1) {
+  if (inet_pton(AF_INET, alone, &ip4) == 1) {
     const std::uint32_t number = ntohl(ip4.s_addr);
     return number >> 24 == IN_LOOPBACKNET ? -1 : static_cast<off_t>(number);
   }
   in6_addr ip6;
-  if (inet_pton(AF_INET6, address, &ip6) != 1 || IN6_IS_ADDR_LOOPBACK(&ip6)) {
+  if (inet_pton(AF_INET6, alone, &ip6) != 1 || IN6_IS_ADDR_LOOPBACK(&ip6)) {
     return -1;
   }
   std::uint64_t halves[2];

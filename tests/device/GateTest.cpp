@@ -224,7 +224,8 @@ TEST(GateClient, HasItsRequestsCounted) {
   for (const auto& [address, same] : Addresses{{"192.168.7.2", "192.168.7.2"},
                                                {"192.168.7.2", "::ffff:192.168.7.2"},
                                                {"255.255.255.255", "255.255.255.255"},
-                                               {"fd00::7:2", "fd00:0::7:2"}}) {
+                                               {"fd00::7:2", "fd00:0::7:2"},
+                                               {"fe80::1%eth0", "fe80::1"}}) {
     EXPECT_FALSE(IsLetInBeside(address, same)) << same;
   }
 }

@@ -402,7 +402,7 @@ class Check(InRoot):
     def test_nothing_limits_connections_in_a_network(self):
         with self.changed(WEB_SERVER, 'server.bind = "127.0.0.1"', 'server.bind = "0.0.0.0"'):
             self.assertEqual(self.named(), {"connections"})
-            load = ["nft", "-D", "port=8080", "-f", "/etc/vemo-web/connections.nft"]
+            load = ["nft", "-D", "port={8080,9}", "-f", "/etc/vemo-web/connections.nft"]
             self.device.run(*load)
             self.assertEqual(self.named(), set())
             self.device.run(*(word.replace("8080", "8081") for word in load))

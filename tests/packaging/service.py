@@ -4,6 +4,7 @@ import pathlib
 import re
 import subprocess
 import sys
+import tempfile
 import unittest
 
 BUILD = pathlib.Path(sys.argv.pop(1)).resolve()
@@ -30,6 +31,21 @@ class Units(unittest.TestCase):
                 # The programs are not installed here.
                 words = [line for line in told.splitlines() if "is not executable" not in line]
                 self.assertEqual([line for line in words if name in line], [])
+
+    def test_each_port_of_the_web_server_has_its_connections_limited(self):
+        unit = UNITS["vemo-web.service"].read_text(encoding="utf-8")
+        line = re.search(r"^ExecStartPre=\+-/bin/sh -c '(.*)'$", unit, re.MULTILINE)[1]
+        line = line.replace("$$", "$").replace("\\\\", "\\")
+        shipped = next((BUILD / "packaging").rglob("web-server.conf")).read_text(encoding="utf-8")
+        with_tls = re.sub(r"(?m)^#(server.port := |var.vemo_http)", r"\1", shipped)
+        for text, ports in ((shipped, "8080"), (shipped.replace("= 8080", "=  80 # not 8080"), "80"),
+                            (with_tls, "8080,8443")):
+            with self.subTest(ports), tempfile.NamedTemporaryFile("w") as file:
+                file.write(text)
+                file.flush()
+                command = re.sub(r"\S*/web-server.conf", file.name, line).replace("nft ", "echo ", 1)
+                told = subprocess.run(["/bin/sh", "-c", command], capture_output=True, text=True, check=True).stdout
+                self.assertTrue(told.startswith(f"-D port={{{ports}}} -f "), told)
 
 
 if __name__ == "__main__":

@@ -32,7 +32,7 @@ foreach(server lighttpd apache2 nginx)
   add_browser_test(web_servers.${server}.network web_servers NETWORK ARGUMENTS ${server})
   set_tests_properties(web_servers.${server}.network PROPERTIES LABELS long)
   add_browser_test(web_servers.${server}.crowd web_servers NETWORK ARGUMENTS ${server}
-    Table.test_serves_another_address_beside_600_slow_clients
+    Table.test_serves_another_address_beside_400_slow_clients
     Table.test_serves_another_address_beside_requests_given_up)
   # The short form has these of lighttpd.
   add_browser_test(browser_journey.${server}.network browser_journey NETWORK ARGUMENTS --server ${server})

@@ -873,7 +873,8 @@ TEST_P(WebServerAnswer, TellsTheBrowserToKeepInjectedTextInert) {
       "'sha256-YFOIjkCvZnAH6R5z1ZjUI/Zgf7uslK5vN80+lsdvYss='; img-src 'self'; base-uri 'none'; "
       "frame-ancestors 'none'";
   const std::string folders =
-      ", img-src *:*/images/; style-src *:*/css/ 'unsafe-hashes' "
+      ", img-src *:*/images/kesta.jpg *:*/images/tarn.gif; style-src *:*/css/all.css "
+      "'unsafe-hashes' "
       "'sha256-YFOIjkCvZnAH6R5z1ZjUI/Zgf7uslK5vN80+lsdvYss='";
   // What may echo has no form of its own, and asks for no program.
   EXPECT_EQ(response.headers.at("content-security-policy"),

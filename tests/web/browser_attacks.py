@@ -291,6 +291,10 @@ MARKUP = {
     "svg-xlink": "<svg><image xlink:href='{u}' width=9 height=9 /></svg>",
     "img-onerror": "<img src='/images/nowhere.gif' onerror=\"" + HARM + "\">",
     "img-onload": "<img src='/images/tarn.gif' onload=\"" + HARM + "\">",
+    # A folder that leads on: web servers decode it.
+    "img-encoded-folder": "<img src='/images/..%2fsetobdconf.cgi?CanDetectTimeout=evil'>"
+    "<img src='/images/..%2Fsetobdconf.cgi?CanDetectTimeout=evil'>",
+    "style-encoded-folder": "<link rel=stylesheet href='/css/..%2fsetobdconf.cgi?CanDetectTimeout=evil'>",
     "img-lazy": "<img loading=lazy src='{u}'>",
     "img-nested": "<p><div><img src='{u}'></div></p>",
     "body-onload": "<body onload=\"" + HARM + "\">",
