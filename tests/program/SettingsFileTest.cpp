@@ -260,7 +260,7 @@ void StoreAtTheSameTimeInPlace(int rounds, const std::vector<std::string>& mount
 
 TEST_F(SettingsFile, IsWholeAfterRequestsAtTheSameTimeInAReadOnlyFolder) {
   fs::permissions(FOLDER, fs::perms(0555));
-  StoreAtTheSameTimeInPlace(100);
+  StoreAtTheSameTimeInPlace(60);
 }
 
 TEST_F(SettingsFile, IsWholeAfterRequestsAtTheSameTimeWhenItIsMountedOnItsOwn) {

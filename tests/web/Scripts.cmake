@@ -47,8 +47,9 @@ endforeach()
 set_tests_properties(web_servers.lighttpd PROPERTIES LABELS long)
 
 add_browser_test(browser_journey browser_journey)
-# Looks have nothing to do with addresses, and browser_attacks has more markup.
-add_browser_test(browser_journey.network browser_journey NETWORK ARGUMENTS Journey Ways)
+# What depends on the address. With --long all of it, above.
+add_browser_test(browser_journey.network browser_journey NETWORK
+  ARGUMENTS Ways Journey.test_the_keyboard_alone_sets_the_timeout Journey.test_the_warning_leads_back_to_the_form)
 add_browser_test(accessibility accessibility)
 # What is ready to be turned on.
 add_browser_test(browser_journey.tls browser_journey NETWORK
