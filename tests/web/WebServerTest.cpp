@@ -872,7 +872,7 @@ TEST_P(WebServerAnswer, TellsTheBrowserToKeepInjectedTextInert) {
       "default-src 'none'; style-src 'self' 'unsafe-hashes' "
       "'sha256-YFOIjkCvZnAH6R5z1ZjUI/Zgf7uslK5vN80+lsdvYss='; img-src 'self'; base-uri 'none'; "
       "frame-ancestors 'none'";
-  const std::string folders =
+  const std::string frameFiles =
       ", img-src *:*/images/kesta.jpg *:*/images/tarn.gif; style-src *:*/css/all.css "
       "'unsafe-hashes' "
       "'sha256-YFOIjkCvZnAH6R5z1ZjUI/Zgf7uslK5vN80+lsdvYss='";
@@ -880,7 +880,7 @@ TEST_P(WebServerAnswer, TellsTheBrowserToKeepInjectedTextInert) {
   EXPECT_EQ(response.headers.at("content-security-policy"),
             (GetParam().isEcho ? "sandbox allow-same-origin; form-action 'none'; "
                                : "sandbox allow-same-origin allow-forms; form-action 'self'; ") +
-                policy + (GetParam().isEcho ? folders : ""));
+                policy + (GetParam().isEcho ? frameFiles : ""));
   EXPECT_EQ(response.headers.at("referrer-policy"), "same-origin");
   EXPECT_EQ(response.headers.at("x-content-type-options"), "nosniff");
   EXPECT_EQ(response.headers.at("x-frame-options"), "DENY");
