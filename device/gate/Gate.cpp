@@ -30,7 +30,8 @@
 //
 // Nobody has to watch the program: the kernel keeps the alarm and the lock for it over the exec,
 // ends it with SIGALRM when its time is over, and gives the place free when it ends, however that
-// is. Who gets no place is answered "503 Service Unavailable", and "500" when the gate or the
+// is. Who came first goes first: each waits for the one before it, and sleeps until that one has
+// gone. Who gets no place is answered "503 Service Unavailable", and "500" when the gate or the
 // program cannot start; the reason is on standard error. The page is the web server's for that
 // status, DOCUMENT_ROOT/errors/503.html, where it is there.
 //
@@ -38,11 +39,14 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
@@ -69,11 +73,20 @@ constexpr long MOST_PLACES = 1000;
 constexpr long MOST_BYTES = 65536;  // what a pipe holds that is written at once
 constexpr long MOST_SECONDS = 24L * 60 * 60;
 
-// The file's bytes are locked, not written: the first for the head of the queue, then one a place,
-// then one for each request of each client address.
-constexpr off_t QUEUE = 0;
+// The file's bytes are locked, not written, and what stands there means nothing: one a place, then
+// one for each request of each client address, then one for each moment since the machine started,
+// in nanoseconds: the ticket of who came to the queue then.
 constexpr off_t FIRST_PLACE = 1;
 constexpr off_t FIRST_CLIENT = FIRST_PLACE + MOST_PLACES;
+constexpr off_t FIRST_TICKET = 1LL << 60;
+constexpr off_t NO_TICKET = -1;
+
+// Milliseconds after which the head of the queue looks again. The end of a program wakes it sooner;
+// one that closes the file gives its place back without. Where the kernel does not let programs be
+// watched, the pauses grow from the first to the last.
+constexpr int LONGEST_PAUSE = 1000;
+constexpr int FIRST_PAUSE = 2;
+constexpr int LAST_PAUSE = 50;
 
 volatile std::sig_atomic_t isPatienceOver = 0;
 
@@ -136,31 +149,45 @@ long Number(const char* variable, long most) {
   return number;
 }
 
-bool Lock(int file, off_t byte, int command) {
+struct flock LockOf(short type, off_t byte, off_t length = 1) {
   struct flock lock = {};
-  lock.l_type = F_WRLCK;
+  lock.l_type = type;
   lock.l_whence = SEEK_SET;
   lock.l_start = byte;
-  lock.l_len = 1;
-  return fcntl(file, command, &lock) == 0;
+  lock.l_len = length;
+  return lock;
+}
+
+// Whether the byte was free.
+bool Lock(int file, off_t byte) {
+  struct flock lock = LockOf(F_WRLCK, byte);
+  if (fcntl(file, F_SETLK, &lock) == 0) {
+    return true;
+  }
+  if (errno != EAGAIN && errno != EACCES) {
+    Fail("no lock");
+  }
+  return false;
 }
 
 void Unlock(int file, off_t byte) {
-  struct flock lock = {};
-  lock.l_type = F_UNLCK;
-  lock.l_whence = SEEK_SET;
-  lock.l_start = byte;
-  lock.l_len = 1;
+  struct flock lock = LockOf(F_UNLCK, byte);
   fcntl(file, F_SETLK, &lock);
+}
+
+// One of the others' locks in these bytes, whichever the kernel comes upon; F_UNLCK: there is none.
+struct flock FindLock(int file, off_t begin, off_t end) {
+  struct flock lock = LockOf(F_WRLCK, begin, end - begin);
+  if (fcntl(file, F_GETLK, &lock) == -1) {
+    Fail("no lock");
+  }
+  return lock;
 }
 
 bool TakeAPlace(int file, off_t first, long places) {
   for (long place = 0; place < places; ++place) {
-    if (Lock(file, first + place, F_SETLK)) {
+    if (Lock(file, first + place)) {
       return true;
-    }
-    if (errno != EAGAIN && errno != EACCES) {
-      Fail("no lock");
     }
   }
   return false;
@@ -253,24 +280,85 @@ void ReadBody(long most) {
   close(body[1]);
 }
 
-// Only the head of the queue looks out for a place, the others sleep behind it.
-void WaitForAPlace(int file, long places) {
-  bool isHead = false;
-  while (!isHead || !TakeAPlace(file, FIRST_PLACE, places)) {
-    if (isPatienceOver != 0) {
-      Refuse("503 Service Unavailable", "no place became free");
-    }
-    if (isHead) {
-      const timespec pause = {0, 2L * 1000 * 1000};
-      nanosleep(&pause, nullptr);
+void RefuseWhenPatienceIsOver() {
+  if (isPatienceOver != 0) {
+    Refuse("503 Service Unavailable", "no place became free");
+  }
+}
+
+off_t DrawATicket(int file) {
+  timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  off_t ticket = FIRST_TICKET + now.tv_sec * 1000000000LL + now.tv_nsec;
+  while (!Lock(file, ticket)) {
+    ++ticket;
+  }
+  return ticket;
+}
+
+// The last of the tickets before this one that are still held. From `begin` to `end` nothing is
+// known; the upper half of that is asked for.
+off_t TicketBefore(int file, off_t ticket) {
+  off_t last = NO_TICKET;
+  off_t begin = FIRST_TICKET;
+  off_t end = ticket;
+  for (off_t half = begin; begin < end; half = begin + (end - begin) / 2) {
+    const struct flock lock = FindLock(file, half, end);
+    if (lock.l_type == F_UNLCK) {
+      end = half;
     } else {
-      isHead = Lock(file, QUEUE, F_SETLKW);
-      if (!isHead && errno != EINTR) {
-        Fail("no lock");
-      }
+      last = std::max(lock.l_start, half);
+      begin = last + 1;
     }
   }
-  Unlock(file, QUEUE);
+  return last;
+}
+
+// Returns when everybody who came before has a place or is gone, however that was. The kernel wakes
+// who waits when the one before it goes, and then only.
+void WaitForTheTurn(int file, off_t ticket) {
+  for (off_t before; (before = TicketBefore(file, ticket)) != NO_TICKET;) {
+    struct flock lock = LockOf(F_RDLCK, before);
+    RefuseWhenPatienceIsOver();
+    if (fcntl(file, F_SETLKW, &lock) == 0) {
+      Unlock(file, before);
+    } else if (errno != EINTR) {
+      Fail("no lock");
+    }
+  }
+}
+
+// Sleeps until one of the programs ends that have a place; for the pause where the kernel does not
+// let all of them be watched.
+void WaitForAnEnd(int file, long places, int pause) {
+  static pollfd programs[MOST_PLACES];
+  nfds_t count = 0;
+  int longest = LONGEST_PAUSE;
+  for (off_t place = FIRST_PLACE; place < FIRST_PLACE + places; ++place) {
+    const struct flock lock = FindLock(file, place, place + 1);
+    const int program =
+        lock.l_type == F_UNLCK ? -1 : static_cast<int>(syscall(SYS_pidfd_open, lock.l_pid, 0));
+    if (program != -1) {
+      programs[count++] = {program, POLLIN, 0};
+    } else {
+      longest = lock.l_type == F_UNLCK ? 0 : std::min(longest, pause);
+    }
+  }
+  poll(programs, count, longest);
+  for (nfds_t i = 0; i < count; ++i) {
+    close(programs[i].fd);
+  }
+}
+
+void WaitForAPlace(int file, long places) {
+  const off_t ticket = DrawATicket(file);
+  WaitForTheTurn(file, ticket);
+  for (int pause = FIRST_PAUSE; !TakeAPlace(file, FIRST_PLACE, places);
+       pause = std::min(2 * pause, LAST_PAUSE)) {
+    RefuseWhenPatienceIsOver();
+    WaitForAnEnd(file, places, pause);
+  }
+  Unlock(file, ticket);
 }
 
 // The new time first: at the end of the old one there would be nobody to answer the client.

@@ -3,13 +3,20 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstddef>
 #include <filesystem>
 #include <future>
+#include <memory>
 #include <numeric>
 #include <string>
 #include <thread>
@@ -18,13 +25,17 @@
 #include "Files.h"
 #include "Pipe.h"
 #include "Process.h"
+#include "Sandbox.h"
 
 namespace {
 
+using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::HasSubstr;
+using testing::IsEmpty;
 using testing::Not;
 using testing::StartsWith;
+using testing::UnorderedElementsAre;
 
 constexpr char GATE[] = "/srv/vemo/bin/cgi-gate";
 constexpr char LOCK_FILE[] = "/tmp/gate";
@@ -177,6 +188,194 @@ TEST(GateDescriptors, ThatAreClosedDoNotBecomeTheLockFile) {
     }
     EXPECT_THAT(Lines(ReadText("/tmp/seen")), ElementsAreArray(expected));
   }
+}
+
+// --- The queue
+
+// A program that tells its name when it begins, and stays until it is let go.
+class GateQueue : public testing::Test {
+ protected:
+  using Program = std::unique_ptr<BackgroundProcess>;
+
+  void SetUp() override {
+    SKIP_WHERE_TRACED("a process seems to sleep whenever it is stopped");
+    std::filesystem::remove_all(FOLDER);
+    std::filesystem::create_directory(FOLDER);
+    WriteText(FOLDER / "began", "");
+    std::filesystem::remove(LOCK_FILE);
+  }
+
+  Command Staying(const std::string& name) const {
+    Command command = Gated("cd /tmp/queue; echo " + NAME + " >>began; while [ ! -e go." + NAME +
+                            " ]; do /bin/sleep 0.02; done");
+    command.environment["NAME"] = name;
+    command.environment["CGI_GATE_PLACES"] = std::to_string(places_);
+    return command;
+  }
+
+  // A program that has a place.
+  Program Running(const std::string& name) const {
+    Program program = std::make_unique<BackgroundProcess>(Staying(name));
+    EXPECT_TRUE(Eventually([&] { return !Began().empty() && Began().back() == name; })) << name;
+    return program;
+  }
+
+  // A program that waits for a place: asleep, so that it is in the queue.
+  static Program Waiting(const Command& command) {
+    Program program = std::make_unique<BackgroundProcess>(command);
+    const path status = path("/proc") / std::to_string(program->Id()) / "stat";
+    EXPECT_TRUE(Eventually([&] { return HasWord(status, "(cgi-gate) S"); }));
+    return program;
+  }
+  Program Waiting(const std::string& name) const { return Waiting(Staying(name)); }
+
+  static void LetGo(const std::string& name) { WriteText(FOLDER / ("go." + name), ""); }
+
+  static std::vector<std::string> Began() { return Lines(ReadText(FOLDER / "began")); }
+
+  template <typename... Names>
+  static void ExpectBegan(Names... names) {
+    EXPECT_TRUE(Eventually([&] { return Began().size() >= sizeof...(names); }));
+    EXPECT_THAT(Began(), ElementsAre(names...));
+  }
+
+  // The processes whose end it waits for.
+  static std::vector<pid_t> Watched(const Program& program) {
+    std::vector<pid_t> found;
+    const path folder = path("/proc") / std::to_string(program->Id()) / "fdinfo";
+    for (const auto& file : std::filesystem::directory_iterator(folder)) {
+      for (const std::string& line : Lines(ReadText(file))) {
+        if (line.rfind("Pid:", 0) == 0) {
+          found.push_back(std::stoi(line.substr(4)));
+        }
+      }
+    }
+    return found;
+  }
+
+  // How often it slept by itself, and so was woken, in half a second.
+  static long Wakings(const Program& program) {
+    const auto count = [&] {
+      const std::string status = ReadText("/proc/" + std::to_string(program->Id()) + "/status");
+      static const std::string LABEL = "\nvoluntary_ctxt_switches:";
+      return std::stol(status.substr(status.find(LABEL) + LABEL.size()));
+    };
+    const long before = count();
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    return count() - before;
+  }
+
+  int places_ = 1;
+
+ private:
+  using path = std::filesystem::path;
+  static bool HasWord(const path& file, const std::string& word) {
+    return ReadText(file).find(word) != std::string::npos;
+  }
+  static inline const path FOLDER = "/tmp/queue";
+  static inline const std::string NAME = "$NAME";
+};
+
+TEST_F(GateQueue, WhoCameFirstGoesFirst) {
+  const Program first = Running("first");
+  std::vector<Program> waiting;
+  std::vector<std::string> names = {"first"};
+  for (int i = 0; i < 40; ++i) {
+    names.push_back(std::to_string(i));
+    LetGo(names.back());
+    waiting.push_back(Waiting(names.back()));
+  }
+  LetGo("first");
+  EXPECT_TRUE(Eventually([&] { return Began().size() == names.size(); }));
+  EXPECT_THAT(Began(), ElementsAreArray(names));
+}
+
+TEST_F(GateQueue, SleepsUntilItIsItsTurn) {
+  const Program first = Running("first");
+  const Program head = Waiting("head");
+  const Program next = Waiting("next");
+  EXPECT_LE(Wakings(head), 5);
+  EXPECT_LE(Wakings(next), 5);
+}
+
+TEST_F(GateQueue, GoesOnWhicheverProgramIsKilled) {
+  places_ = 3;
+  std::vector<Program> running;
+  for (const char* name : {"a", "b", "c"}) {
+    running.push_back(Running(name));
+  }
+  const Program head = Waiting("head");
+  EXPECT_THAT(Watched(head),
+              UnorderedElementsAre(running[0]->Id(), running[1]->Id(), running[2]->Id()));
+  running[1]->End(SIGKILL);
+  ExpectBegan("a", "b", "c", "head");
+}
+
+TEST_F(GateQueue, ClosesUpWhenWhoWaitsInItIsKilled) {
+  const Program first = Running("first");
+  const Program head = Waiting("head");
+  const Program second = Waiting("second");
+  const Program third = Waiting("third");
+  const Program last = Waiting("last");
+  second->End(SIGKILL);
+  third->End(SIGKILL);
+  LetGo("first");
+  ExpectBegan("first", "head");
+  // Which stays: nobody goes in its place.
+  EXPECT_LE(Wakings(last), 5);
+  ExpectBegan("first", "head");
+  LetGo("head");
+  ExpectBegan("first", "head", "last");
+}
+
+TEST_F(GateQueue, GoesOnWhenItsHeadIsKilled) {
+  const Program first = Running("first");
+  const Program head = Waiting("head");
+  const Program next = Waiting("next");
+  head->End(SIGKILL);
+  EXPECT_LE(Wakings(next), 5);
+  LetGo("first");
+  ExpectBegan("first", "next");
+}
+
+// A program of another maker's may close what it did not open.
+TEST_F(GateQueue, TakesThePlaceOfAProgramThatGaveItBackItself) {
+  Command closing = Staying("closing");
+  WriteText("/tmp/closing",
+            "#!/bin/sh\necho closing >>/tmp/queue/began\n"
+            "while [ ! -e /tmp/queue/close ]; do /bin/sleep 0.02; done\n"
+            "exec 3>&-\nexec /bin/sleep 100\n");
+  std::filesystem::permissions("/tmp/closing", std::filesystem::perms(0755));
+  closing.words[1] = "/tmp/closing";
+  closing.environment["CGI_GATE_LIMIT"] = "100";
+  const BackgroundProcess first(closing);
+  EXPECT_TRUE(Eventually([&] { return Began().size() == 1; }));
+  const Program head = Waiting("head");
+  WriteText("/tmp/queue/close", "");
+  ExpectBegan("closing", "head");
+}
+
+TEST_F(GateQueue, LooksNowAndThenWhereTheKernelWatchesNoProgram) {
+  const Program first = Running("first");
+  Command blind = Staying("blind");
+  blind.prepare = [] {
+    sock_filter filter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_pidfd_open, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog program = {sizeof filter / sizeof *filter, filter};
+    prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+    if (prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
+      _exit(EXIT_FAILURE);
+    }
+  };
+  const Program head = Waiting(blind);
+  EXPECT_THAT(Watched(head), IsEmpty());
+  EXPECT_LE(Wakings(head), 60);
+  LetGo("first");
+  ExpectBegan("first", "blind");
 }
 
 // --- The requests of one client
