@@ -3,18 +3,35 @@
 //   class-archive record FOLDER FILE...
 //   class-archive fits FOLDER
 //   class-archive run FOLDER PROGRAM
+//   class-archive lock SECONDS
 //
 // The first writes the record, of these files too. The second ends with status 0 if the archive
 // fits; else with 1, and says what does not. The third becomes the program, with the archive if it
-// fits.
+// fits. The fourth locks its standard input, for a shell that has it open and for as long; it waits
+// for others, at most so many seconds.
 
+#include <sys/file.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "ClassArchive.h"
+
+namespace {
+
+bool LockInput(unsigned seconds) {
+  struct sigaction action = {};
+  action.sa_handler = [](int) {};
+  sigaction(SIGALRM, &action, nullptr);
+  alarm(seconds);
+  return flock(STDIN_FILENO, LOCK_EX) == 0;
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
   if (argc >= 4 && std::strcmp(argv[1], "record") == 0) {
@@ -38,6 +55,17 @@ int main(int argc, char** argv) {
     std::perror(argv[3]);
     return EXIT_FAILURE;
   }
-  std::fprintf(stderr, "class-archive: record FOLDER FILE... | fits FOLDER | run FOLDER PROGRAM\n");
+  const long seconds = argc == 3 ? std::strtol(argv[2], nullptr, 10) : 0;
+  if (seconds > 0 && std::strcmp(argv[1], "lock") == 0) {
+    if (LockInput(static_cast<unsigned>(seconds))) {
+      return EXIT_SUCCESS;
+    }
+    std::fprintf(stderr, "class-archive: lock: %s\n",
+                 errno == EINTR ? "another one holds it" : std::strerror(errno));
+    return EXIT_FAILURE;
+  }
+  std::fprintf(
+      stderr,
+      "class-archive: record FOLDER FILE... | fits FOLDER | run FOLDER PROGRAM | lock SECONDS\n");
   return 2;
 }

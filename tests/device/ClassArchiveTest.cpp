@@ -5,11 +5,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <future>
+#include <set>
+#include <string>
+#include <vector>
 
 #include "ExpectedPage.h"
 #include "Files.h"
@@ -25,6 +31,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
+using testing::UnorderedElementsAre;
 
 constexpr char TOOL[] = "/srv/vemo/bin/class-archive";
 constexpr char OPTIONS[] = "/tmp/shipped.options";
@@ -69,9 +76,14 @@ void CopyVm() {
   }
 }
 
+// One takes a second; on a busy machine much longer, and several wait for one another.
+constexpr std::chrono::seconds MAKING(150);
+
 Command Making(const path& folder = FOLDER, const std::string& program = PROGRAM) {
-  return {{"/srv/vemo/make-class-archive", program, OPTIONS, "/srv/vemo/java", folder},
-          {{"PATH", "/usr/bin:/bin"}, {"LD_LIBRARY_PATH", LIBRARY.parent_path()}}};
+  Command making = {{"/srv/vemo/make-class-archive", program, OPTIONS, "/srv/vemo/java", folder},
+                    {{"PATH", "/usr/bin:/bin"}, {"LD_LIBRARY_PATH", LIBRARY.parent_path()}}};
+  making.limit = MAKING;
+  return making;
 }
 
 Result Make(const path& folder = FOLDER, const std::string& program = PROGRAM) {
@@ -100,6 +112,14 @@ Command Request() {
   request.environment["JAVA_CLASSPATH"] = "/build/tests/java/mapping";
   request.environment["LD_LIBRARY_PATH"] = LIBRARY.parent_path();
   return request;
+}
+
+std::set<std::string> Names(const path& folder) {
+  std::set<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    names.insert(entry.path().filename());
+  }
+  return names;
 }
 
 class ClassArchive : public testing::Test {
@@ -372,6 +392,77 @@ TEST_F(ClassArchive, MakingThatWasCutShortLeavesTheRequestWithout) {
   EXPECT_FALSE(std::filesystem::exists(FOLDER / "new"));
   std::filesystem::remove(LOG_FILE);
   ExpectUsed();
+}
+
+// What it has started runs on, and is waited for.
+TEST_F(ClassArchive, MakingThatWasKilledIsMadeUpFor) {
+  for (const char* begun : {"new/options", "new/list", "new/empty", "new/java.options"}) {
+    std::filesystem::remove(RECORD);
+    {
+      const BackgroundProcess making(Making());
+      EXPECT_TRUE(Eventually([&] { return std::filesystem::exists(FOLDER / begun); }, MAKING))
+          << begun;
+    }
+    const Result made = Make();
+    EXPECT_EQ(made.error, "") << begun;
+    EXPECT_EQ(made.exitStatus, 0) << begun;
+    std::filesystem::remove(LOG_FILE);
+    ExpectUsed();
+  }
+}
+
+TEST_F(ClassArchive, IsMadeOnceBySeveralAtOnce) {
+  for (int round = 0; round < 5; ++round) {
+    std::filesystem::remove_all(FOLDER);
+    std::filesystem::remove(LOG_FILE);
+    std::vector<std::future<Result>> makers;
+    for (int i = 0; i < 5; ++i) {
+      makers.push_back(std::async(std::launch::async, [] { return Make(); }));
+    }
+    for (std::future<Result>& maker : makers) {
+      const Result made = maker.get();
+      EXPECT_EQ(made.error, "");
+      EXPECT_EQ(made.exitStatus, 0);
+    }
+    EXPECT_THAT(LoggedStatements(), Contains(HasSubstr("src/SetObdConf 30 main")).Times(1));
+    EXPECT_THAT(Names(FOLDER),
+                UnorderedElementsAre("classes.jsa", "java.options", "record", "sum"));
+    std::filesystem::remove(LOG_FILE);
+    ExpectUsed();
+  }
+}
+
+TEST_F(ClassArchive, LockIsNotWaitedForForEver) {
+  const int folder = open(FOLDER.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  ASSERT_EQ(flock(folder, LOCK_EX), 0);
+  Command lock = {{TOOL, "lock", "1"}};
+  lock.prepare = [] { dup2(open(FOLDER.c_str(), O_RDONLY | O_DIRECTORY), STDIN_FILENO); };
+  Result locked = Execute(lock);
+  EXPECT_EQ(locked.exitStatus, 1);
+  EXPECT_THAT(locked.error, HasSubstr("another one"));
+  close(folder);
+  EXPECT_EQ(Execute(lock).exitStatus, 0);
+}
+
+TEST_F(ClassArchive, IsMadeWithOptionsWhoseLastLineHasNoEnd) {
+  const std::string options = ReadText(OPTIONS);
+  WriteText(OPTIONS, options + "-Dvemo.greeting=other");
+  const Result made = Make();
+  EXPECT_EQ(made.error, "");
+  EXPECT_EQ(made.exitStatus, 0);
+  std::filesystem::remove(LOG_FILE);
+  ExpectUsed();
+  WriteText(OPTIONS, options);
+}
+
+TEST_F(ClassArchive, MakingWithOptionsThatTheVmRefusesNamesThemAndTheVmsWords) {
+  const std::string options = ReadText(OPTIONS);
+  WriteText(OPTIONS, options + "-Xmx1k\n");
+  const Result failed = Make();
+  EXPECT_EQ(failed.exitStatus, 1);
+  EXPECT_THAT(failed.error, HasSubstr(OPTIONS));
+  EXPECT_THAT(failed.error, HasSubstr("heap size"));
+  WriteText(OPTIONS, options);
 }
 
 TEST_F(ClassArchive, MakingThatFailsSaysWhyAndLeavesNoRecord) {
