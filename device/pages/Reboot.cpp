@@ -1,9 +1,18 @@
-// The page "Reboot": asks before it acts, by a posted form. The stand-in device cannot reboot.
+// The page "Reboot": asks before it acts, by a posted form, and tells when the device is back. It
+// has no right to reboot: it writes a line into a named pipe, which systemd reads where the
+// maintainer has allowed it. Where nobody reads, nothing reboots, and the page says so.
 
 #include <cgicc/Cgicc.h>
 #include <cgicc/HTMLClasses.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
+#include <fstream>
 #include <iostream>
+#include <string>
 
 #include "CgiLog.h"
 #include "Page.h"
@@ -16,16 +25,147 @@ constexpr char SOURCE[] = "device/pages/Reboot";
 constexpr Link PARENT = {"Device Information", DEVICE_INFORMATION_PAGE};
 constexpr Link PAGE = {"Reboot", REBOOT_PAGE};
 
+// Who reads it reboots the device.
+constexpr char ORDERS[] = "/run/vemo-web-reboot";
+constexpr char ORDER[] = "reboot\n";
+// Holds a word that is another one after each start of the device.
+constexpr char BOOT[] = "/run/vemo-web-boot";
+constexpr char UNKNOWN[] = "unknown";
+// The address's field that holds the word of before.
+constexpr char BEFORE[] = "before";
+
+// Follows the page's link once the web server was away and is there again, or when two minutes have
+// passed, to see whether the device reboots at all. A page that reloads itself would meet the
+// device while it is down, and end as the browser's own error. The web servers' policy lets this
+// script run by its hash.
+constexpr char SCRIPT[] = R"(
+const end = Date.now() + 120000;
+let wasDown = false;
+async function look() {
+  const limit = new AbortController();
+  const timer = setTimeout(() => limit.abort(), 3000);
+  let isUp = false;
+  try {
+    isUp = (await fetch("/css/all.css", {method: "HEAD", cache: "no-store", signal: limit.signal})).ok;
+  } catch {
+    // It is down.
+  }
+  clearTimeout(timer);
+  if (isUp && (wasDown || Date.now() > end)) {
+    location.replace(document.getElementById("back").href);
+  } else {
+    wasDown = wasDown || !isUp;
+    setTimeout(look, 500);
+  }
+}
+look();
+)";
+
+// The pipe, when somebody reads it; else -1, and errno tells why not.
+int OpenOrders() {
+  const int orders = open(ORDERS, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+  struct stat found {};
+  if (orders >= 0 && (fstat(orders, &found) != 0 || !S_ISFIFO(found.st_mode))) {
+    close(orders);
+    errno = ENXIO;
+    return -1;
+  }
+  return orders;
+}
+
+bool IsAllowed() {
+  const int orders = OpenOrders();
+  if (orders >= 0) {
+    close(orders);
+  }
+  return orders >= 0;
+}
+
+bool Order() {
+  const int orders = OpenOrders();
+  const bool isWritten =
+      orders >= 0 && write(orders, ORDER, sizeof ORDER - 1) == ssize_t{sizeof ORDER - 1};
+  const int reason = errno;
+  if (orders >= 0) {
+    close(orders);
+  }
+  if (isWritten) {
+    LogFormater(LOG_LEVEL_DEBUG, SOURCE, 2).Log(GetCgiLogHandler(), "%s", "Reboot ordered");
+  } else {
+    LogFormater(LOG_LEVEL_ERROR, SOURCE, 3)
+        .Log(GetCgiLogHandler(), "Can't order the reboot: %s", std::strerror(reason));
+  }
+  return isWritten;
+}
+
+std::string Boot() {
+  std::string word;
+  std::ifstream(BOOT) >> word;
+  return word.empty() ? UNKNOWN : word;
+}
+
+void PrintText(const std::string& html) {
+  std::cout << cgicc::p(html) << std::endl;
+}
+
+void PrintNotice(const std::string& html) {
+  std::cout << cgicc::p(html).set("class", "warn") << std::endl;
+}
+
+void PrintOtherWays() {
+  PrintText(
+      "To activate new settings, switch the device off and on again, or ask who maintains it. "
+      "The manual page setobdconf.cgi(8) tells the maintainer how to allow it.");
+}
+
+// The link by hand, and the script that follows it.
+void PrintReturn() {
+  std::cout << cgicc::p()
+            << cgicc::a("Is it back?")
+                   .set("id", "back")
+                   .set("href",
+                        std::string(PAGE.address) + "?" + BEFORE + "=" + HtmlFromLatin1(Boot()))
+            << cgicc::p() << std::endl;
+  std::cout << cgicc::script(SCRIPT) << std::endl;
+}
+
 void AskFirst() {
-  OpenContent({PARENT, PAGE});
-  std::cout << cgicc::p(
-                   "Reboot the device to activate new settings? Diagnostic sessions in "
-                   "progress are lost.")
-            << std::endl;
+  if (!IsAllowed()) {
+    PrintNotice("This web interface is not allowed to reboot the device.");
+    PrintOtherWays();
+    return;
+  }
+  PrintText(
+      "Reboot the device to activate new settings? Diagnostic sessions in progress are lost.");
   std::cout << cgicc::form().set("action", PAGE.address).set("method", "post");
   PrintSubmitButton("Reboot");
   std::cout << cgicc::form() << std::endl;
-  CloseContent();
+}
+
+void Reboot() {
+  if (!Order()) {
+    PrintNotice("The device does not reboot: this web interface is not allowed to reboot it.");
+    PrintOtherWays();
+    return;
+  }
+  PrintText(
+      "The device reboots now. This page tells when it is back; without scripts, the link does.");
+  PrintReturn();
+}
+
+void TellWhetherItIsBack(const std::string& before) {
+  const std::string now = Boot();
+  if (before == UNKNOWN || now == UNKNOWN) {
+    PrintNotice("The device answers. Whether it has rebooted is not known.");
+  } else if (before == now) {
+    PrintNotice("The device has not rebooted yet.");
+    PrintText("When this lasts for minutes, switch the device off and on again.");
+    PrintReturn();
+  } else {
+    PrintText("The device is back: it has rebooted.");
+    std::cout << cgicc::p() << cgicc::a(PARENT.text).set("href", PARENT.address)
+              << " shows the settings." << cgicc::p() << std::endl;
+  }
 }
 
 }  // namespace
@@ -33,12 +173,17 @@ void AskFirst() {
 int main() {
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 1).Log(GetCgiLogHandler(), "%s", "main");
   const cgicc::Cgicc request(nullptr);
-  VemoHtml frame(PAGE.text);
+  const std::string before = request(BEFORE);
+
+  const VemoHtml frame(PAGE.text);
+  OpenContent({PARENT, PAGE});
   if (request.getEnvironment().getRequestMethod() == "POST") {
-    frame.PrintWarningPage(PAGE.text, PARENT.text, PARENT.address,
-                           "This stand-in for the device cannot reboot: nothing was restarted.");
+    Reboot();
+  } else if (!before.empty()) {
+    TellWhetherItIsBack(before);
   } else {
     AskFirst();
   }
+  CloseContent();
   return 0;
 }

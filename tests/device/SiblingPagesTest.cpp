@@ -150,20 +150,6 @@ TEST_F(SiblingPages, AMalformedRequestEndsBeforeAnyOutput) {
   }
 }
 
-TEST_F(SiblingPages, RebootAsksFirst) {
-  const std::string page = Show(Get(""), REBOOT);
-  EXPECT_THAT(page, HasSubstr("Reboot the device to activate new settings?"));
-  EXPECT_THAT(page, HasSubstr("<form action=\"reboot.cgi\" method=\"post\" >"));
-  EXPECT_THAT(page, Not(HasSubstr("class=\"warn\"")));
-}
-
-TEST_F(SiblingPages, RebootSaysThatNothingWasRestarted) {
-  const std::string page = Show(PostForm(""), REBOOT);
-  EXPECT_THAT(page, HasSubstr("<p class=\"warn\" >This stand-in for the device cannot reboot: "
-                              "nothing was restarted.</p>"
-                              "<form action=\"channeldeviceconfig.cgi\" >"));
-}
-
 TEST_F(SiblingPages, TheNavigationLeadsOverThePagesParents) {
   const std::string information =
       "<div class=\"navi\" ><a class=\"small\" href=\"/index.html\" >Home</a> / "

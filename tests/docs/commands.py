@@ -183,6 +183,10 @@ RULES = [
     Rule(r"systemctl disable --now lighttpd", "machine", prepare="systemctl unmask lighttpd; systemctl enable lighttpd",
          after="! systemctl is-enabled lighttpd"),
     Rule(r"systemctl restart vemo-web", "machine", after="systemctl is-active vemo-web"),
+    Rule(r"systemctl enable --now vemo-web-reboot\.socket", "machine",
+         after="systemctl is-active vemo-web-reboot.socket && test -p /run/vemo-web-reboot"),
+    Rule(r"systemctl disable --now vemo-web-reboot\.socket", "machine",
+         after="! systemctl is-active vemo-web-reboot.socket && test ! -e /run/vemo-web-reboot"),
     Rule(r"systemd-analyze security vemo-web", "machine", says="Overall exposure level for vemo-web.service: 1.7"),
     Rule(r"systemctl edit vemo-web", "machine",
          prepare=r"printf '#!/bin/sh\nsed -i \"2a [Service]\\\\nIPAddressAllow=10.0.2.0/24\" \"$1\"\n' >/run/editor;"

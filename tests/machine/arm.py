@@ -45,7 +45,7 @@ export PATH=/bin:/sbin
 mkdir -p /dev/shm
 ln -s /proc/self/fd /dev/fd
 for stream in stdin:0 stdout:1 stderr:2; do ln -s "fd/${{stream#*:}}" "/dev/${{stream%:*}}"; done
-for folder in app tmp dev/shm; do mount -t tmpfs -o uid=1000,gid=1000 tmpfs "/$folder"; done
+for folder in app tmp run dev/shm; do mount -t tmpfs -o uid=1000,gid=1000 tmpfs "/$folder"; done
 mount -t tmpfs -o uid=1000,gid=1000,mode=0755,size=262144 tmpfs /small
 mkdir -p {pathlib.PurePath(SETTINGS).parent}
 cp /source/device/obd.conf {SETTINGS}
@@ -72,7 +72,7 @@ class Image:
         for name in ("bin", "sbin", "lib"):
             (self._tree / "usr" / name).mkdir(parents=True)
             (self._tree / name).symlink_to(f"usr/{name}")
-        for name in ("app", "build/tests", "dev", "proc", "small", "source", "srv", "sys", "tmp"):
+        for name in ("app", "build/tests", "dev", "proc", "small", "run", "source", "srv", "sys", "tmp"):
             (self._tree / name).mkdir(parents=True)
         self._take_packages()
         self._take_build(build, files)

@@ -4,6 +4,7 @@ browser in front of it, and its power cut while it works.
     python3 -B tests/machine/installed.py BUILD
 """
 
+import concurrent.futures
 import contextlib
 import pathlib
 import re
@@ -20,6 +21,8 @@ BUILD = pathlib.Path(sys.argv.pop(1)).resolve()
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 sys.path += [str(SOURCE / "tests/packaging"), str(SOURCE / "tests/web"),
              str(SOURCE / "tests/docs")]
+
+from selenium.webdriver.common.by import By  # noqa: E402
 
 import booted  # noqa: E402
 import browser  # noqa: E402
@@ -87,7 +90,8 @@ class Device(booted.Device):
         initramfs = FOLDER / "installed.initramfs"
         machine.make_initramfs(initramfs, kernel, {}, booted.initramfs("/sbin/init"),
                                machine.DISK + machine.NETWORK + machine.PACKET_FILTER)
-        super().__init__(kernel, initramfs, disk, memory_mib=1024,
+        # The last word counts: a reboot is one.
+        super().__init__(kernel, initramfs, disk, ("-action", "reboot=reset"), memory_mib=1024,
                          parameters="systemd.show_status=0 net.ifnames=0")
 
 
@@ -117,6 +121,29 @@ class Installed(booted.Requests, browser_journey.Journey):
         browser.write_shipped_settings = lambda: cls.device.run(
             f"cat >{SETTINGS} <<'END'\n{shipped}END\nchown vemo-web: {SETTINGS}")
         browser.read_settings = lambda: cls.device.read(SETTINGS)
+
+    def boot_id(self):
+        return self.device.read("/proc/sys/kernel/random/boot_id")
+
+    def expect_no_reboot(self):
+        boot = self.boot_id()
+        self.driver.get(browser.ROOT + browser.REBOOT)
+        self.assertIn("This web interface is not allowed to reboot the device.", self.text())
+        self.assertEqual(self.driver.find_elements(By.CSS_SELECTOR, "input"), [])
+        status, page = self.device.ask("POST", browser.REBOOT, "", {"Content-Type": "application/x-www-form-urlencoded"})
+        self.assertEqual(status, 200)
+        self.assertIn("The device does not reboot: this web interface is not allowed to reboot it.", page)
+        self.assertIn("switch the device off and on again", page)
+        # No installation starts what reboots, nor a slip.
+        status, told = self.device.run("systemctl start vemo-web-reboot.service")
+        self.assertNotEqual(status, 0, told)
+        self.assertEqual(self.boot_id(), boot)
+
+    def test_0_as_installed_the_device_is_not_rebooted(self):
+        _, told = self.device.run("systemctl is-enabled vemo-web-reboot.socket vemo-web-reboot.service; "
+                                  "systemctl is-active vemo-web-reboot.socket; ls /run/vemo-web-reboot")
+        self.assertRegex(told, r"\Adisabled\nstatic\ninactive\nls: ")
+        self.expect_no_reboot()
 
     def test_1_the_service_is_up_by_itself_and_the_check_is_content(self):
         self.expect_content()
@@ -159,7 +186,7 @@ class Installed(booted.Requests, browser_journey.Journey):
         enter = (f"nsenter --target {number.strip()} --mount setpriv --reuid vemo-web --regid vemo-web "
                  "--clear-groups")
         for place, is_allowed in ((SETTINGS, True), ("/app/tarn-belox/runvex/new", True), (LOG, True),
-                                  ("/run/vemo-web/new", True), ("/tmp/new", False), ("/var/tmp/new", False),
+                                  ("/run/vemo-web/new", True), ("/tmp/new", False), ("/var/tmp/new", False), ("/run/new", False),
                                   ("/var/cache/vemo-web/archive/record", False), ("/dev/shm/new", False)):
             with self.subTest(place):
                 status, told = self.device.run(f"{enter} sh -c ': >>{place}'")
@@ -220,6 +247,43 @@ class Installed(booted.Requests, browser_journey.Journey):
             self.device.run(f"cp /root/before {own}; rm -rf /etc/vemo-web/web-servers {unit}; "
                             "systemctl daemon-reload; systemctl restart vemo-web")
             self.device.wait_for_page()
+
+    def test_7_where_it_is_allowed_the_device_reboots(self):
+        """What is under way ends, the file systems are unmounted, the value and the permission are there again."""
+        boot = self.boot_id()
+        _, told = self.device.run("systemctl enable --now vemo-web-reboot.socket; "
+                                  "stat -c %U:%G:%a /run/vemo-web-reboot")
+        self.assertRegex(told, r"(?m)^root:vemo-web:620$")
+        # No place more than before for the service to write to: others' folders in /run stay closed.
+        self.test_2_nothing_but_its_own_is_writable_for_the_service()
+        self.post("760")
+        self.follow("reboot")
+        self.assertIn("Reboot the device to activate new settings?", self.text())
+        with concurrent.futures.ThreadPoolExecutor() as clients:
+            answers = [clients.submit(self.device.get, "/setobdconf.cgi?x=1") for _ in range(3)]
+            self.press("Reboot")
+            told = self.driver.page_source
+            for answer in answers:
+                status, page = answer.result()
+                self.assertEqual((status, page[-8:]), (200, "</html>\n"))
+        self.assertIn("The device reboots now.", told)
+        begun = time.monotonic()
+        browser.wait_until(lambda: "The device is back: it has rebooted." in self.driver.page_source,
+                           "the page does not tell", booted.BOOT)
+        print(f"from the order to the page that tells: {time.monotonic() - begun:.1f} s", file=sys.stderr)
+
+        self.assertNotEqual(self.boot_id(), boot)
+        self.follow("Device Information")
+        self.assertEqual(self.field().get_attribute("value"), "760")
+        self.assertEqual(self.device.read(SETTINGS), booted.settings_with(760))
+        _, told = self.device.run("dmesg | grep EXT4-fs")
+        self.assertIn("EXT4-fs", told)
+        self.assertNotIn("recover", told)
+        self.expect_content()
+        self.driver.get(browser.ROOT + browser.REBOOT)
+        self.assertIn("Reboot the device to activate new settings?", self.text())
+        self.device.run("systemctl disable --now vemo-web-reboot.socket")
+        self.expect_no_reboot()
 
     def test_z_nothing_is_lost_when_the_power_is_cut(self):
         answered = []

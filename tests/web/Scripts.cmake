@@ -55,7 +55,7 @@ add_browser_test(accessibility accessibility)
 add_browser_test(browser_journey.tls browser_journey NETWORK
   ARGUMENTS --tls --password Ways.test_a_reload_of_the_success_stores_the_value_again)
 add_browser_test(browser_journey.tls.long browser_journey NETWORK
-  ARGUMENTS --tls --password Journey Ways InjectedMarkup)
+  ARGUMENTS --tls --password Journey Reboot Ways InjectedMarkup)
 add_browser_test(browser_attacks.tls browser_attacks NETWORK ARGUMENTS --tls --password)
 add_browser_test(browser_attacks.password browser_attacks NETWORK ARGUMENTS --password ForeignPages)
 set_tests_properties(browser_journey.tls.long browser_attacks.tls browser_attacks.password PROPERTIES LABELS long)

@@ -14,6 +14,7 @@ import socket
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import urllib.parse
 
@@ -31,7 +32,9 @@ ROOT = f"http://{HOST}:{PORT}"
 SERVER = "lighttpd"
 HAS_TLS = HAS_PASSWORD = IS_LONG = False
 SETTINGS = pathlib.Path("/app/tarn-belox/runvex/obd.conf")
+ORDERS, BOOT = pathlib.Path("/run/vemo-web-reboot"), pathlib.Path("/run/vemo-web-boot")
 SHIPPED_SETTINGS = pathlib.Path("/source/device/obd.conf")
+END = b"no more\n"
 LIMIT = 20  # seconds for whatever is waited for
 
 HOME = "/index.html"
@@ -90,8 +93,8 @@ def eventually(is_true, limit=LIMIT):
     return True
 
 
-def wait_until(is_true, what):
-    if not eventually(is_true):
+def wait_until(is_true, what, limit=None):
+    if not eventually(is_true, limit or LIMIT):
         raise TimeoutError(what)
 
 
@@ -136,6 +139,34 @@ def running_device(edits=()):
 
 
 @contextlib.contextmanager
+def rebooting(restart):
+    """An order to reboot does so."""
+    ORDERS.parent.mkdir(exist_ok=True)
+    ORDERS.unlink(missing_ok=True)
+    os.mkfifo(ORDERS)
+    orders = os.open(ORDERS, os.O_RDWR | os.O_CLOEXEC)
+
+    def obey():
+        boot = 1
+        while os.read(orders, 100) != END:
+            time.sleep(1)  # in which the browser gets the page's files
+            boot += 1
+            BOOT.write_text(f"{boot}\n")
+            restart()
+
+    BOOT.write_text("1\n")
+    reader = threading.Thread(target=obey)
+    reader.start()
+    try:
+        yield
+    finally:
+        os.write(orders, END)
+        reader.join()
+        os.close(orders)
+        ORDERS.unlink()
+
+
+@contextlib.contextmanager
 def running_parts(edits):
     import web_servers  # which imports this one
     from prepared import PASSWORD, TLS
@@ -146,8 +177,18 @@ def running_parts(edits):
     web_servers.NAME, web_servers.ADDRESS, web_servers.HOST = SERVER, ADDRESS, HOST
     parts = [part for part, is_on in ((TLS, HAS_TLS), (PASSWORD, HAS_PASSWORD)) if is_on]
     server = web_servers.Server(0, edits, parts)
+
+    def restart():
+        server.stop()
+        # It is gone with the service.
+        shutil.rmtree(server.installation.run)
+        server.installation.run.mkdir()
+        time.sleep(2)  # as long as a page takes to see it
+        server.start()
+
     try:
-        yield
+        with rebooting(restart):
+            yield
     finally:
         server.stop()
         service.kill()

@@ -602,6 +602,7 @@ class ForeignPages(Attack):
 
     def test_they_change_nothing_of_the_device(self):
         scheme = browser.ROOT.partition(":")[0]
+        boot = browser.BOOT.read_text()
         set_option = f"{scheme}://{hosts()[0]}:{PORT}/{SET_OPTION}"
         allocate = f"{scheme}://{hosts()[-1]}:{PORT}/{ALLOCATION}"
         # Place, target, whether the pages that lead away are tried too, and whether pages hide their address. To
@@ -657,6 +658,7 @@ class ForeignPages(Attack):
                     self.assertEqual(status, 403, f"{method} {path}")
         self.assertEqual(SETTINGS.read_bytes(), SHIPPED_SETTINGS.read_bytes())
         self.assertFalse(is_allocated())
+        self.assertEqual(browser.BOOT.read_text(), boot)
         if browser.HAS_PASSWORD:
             # With requests for pages; others the browser keeps apart by the site of the page.
             told = len(re.findall(r"attempt=.* 403 .*Digest username=", access_log()))

@@ -116,13 +116,6 @@ class Journey(Browser):
         self.follow("reboot")
         self.assertEqual(self.driver.title, browser.TITLES["Reboot"])
 
-    def test_the_reboot_asks_first(self):
-        self.open(browser.REBOOT)
-        self.assertIn("Reboot the device to activate new settings?", self.text())
-        self.press("Reboot")
-        self.assertEqual(self.driver.title, browser.TITLES["Reboot"])
-        self.assertIn("This stand-in for the device cannot reboot", self.text())
-
     def test_every_link_of_the_navigation_leads_to_its_page(self):
         for path in browser.PAGES:
             self.open(path)
@@ -154,6 +147,43 @@ class Journey(Browser):
         self.assertRegex(self.text(), r"Owner\s+VEMO_WEB")
         self.press("Release")
         self.assertRegex(self.text(), r"Owner\s+None")
+
+
+class Reboot(Browser):
+    """Of a device that may be rebooted, as the stand-in may."""
+
+    def order(self):
+        self.open(browser.REBOOT)
+        self.assertIn("Reboot the device to activate new settings?", self.text())
+        self.press("Reboot")
+        self.assertEqual(self.driver.title, browser.TITLES["Reboot"])
+        self.assertIn("The device reboots now.", self.text())
+        self.assertNotEqual(self.style(".navi", "background-color"), "rgba(0, 0, 0, 0)")
+
+    def test_a_new_value_is_there_when_the_page_tells_that_the_device_is_back(self):
+        self.post("500")
+        self.order()
+        browser.wait_until(lambda: "The device is back: it has rebooted." in self.driver.page_source,
+                           "the page does not tell")
+        self.follow("Device Information")
+        self.assertEqual(self.field().get_attribute("value"), "500")
+        self.assertIn("\nVEMODCanDetectTimeout=500\n", browser.read_settings())
+
+    def test_without_scripts_a_link_tells(self):
+        no_scripts = {"profile.managed_default_content_settings.javascript": 2}
+        with browser.running_browser(preferences=no_scripts) as driver:
+            with_scripts, self.driver = self.driver, driver
+            try:
+                self.order()
+                self.follow("Is it back?")
+                self.assertIn("The device has not rebooted yet.", self.text())
+                browser.wait_until(lambda: not browser.is_listening(), "the web server goes on")
+                browser.wait_until(browser.is_listening, "the web server does not listen again")
+                self.assertIn("The device has not rebooted yet.", self.text())
+                self.follow("Is it back?")
+                self.assertIn("The device is back: it has rebooted.", self.text())
+            finally:
+                self.driver = with_scripts
 
 
 class Ways(Browser):

@@ -22,7 +22,7 @@ import time
 import unittest
 from concurrent.futures import ThreadPoolExecutor
 
-from browser import PORT, SETTINGS, SHIPPED_SETTINGS, eventually, is_listening, process_name, wait_until
+from browser import ORDERS, PORT, SETTINGS, SHIPPED_SETTINGS, eventually, is_listening, process_name, wait_until
 
 AT_ONCE = 4
 SEED = 1
@@ -69,6 +69,8 @@ def start_device():
         device = subprocess.Popen(["/bin/sh", "-c", start], stderr=errors,
                                   env={**os.environ, "VEMO_PORT": str(PORT)})
     wait_until(is_listening, "the web server does not listen")
+    # Nothing reboots it.
+    ORDERS.unlink()
     return device
 
 

@@ -31,7 +31,7 @@ SOURCE = pathlib.Path("/source")
 sys.path.append(str(SOURCE / "tests/docs"))
 
 import pages  # noqa: E402
-from browser import LIMIT, SETTINGS, eventually, process_name  # noqa: E402
+from browser import LIMIT, SETTINGS, eventually, process_name, rebooting  # noqa: E402
 from prepared import PASSWORD, TLS, with_parts  # noqa: E402
 
 DEVICE = pathlib.Path("/srv/vemo")
@@ -224,11 +224,14 @@ class Server:
 
     def __init__(self, number, edits, parts=()):
         self.installation = Installation(f"web-{number}", 8080 + number, [*AS_ROOT, *edits], parts)
-        self.text, commands = SERVERS[NAME][1](self.installation)
+        self.text, self.commands = SERVERS[NAME][1](self.installation)
         self.errors = self.installation.root / "errors"
+        self.start()
+
+    def start(self):
         self.processes = []
         with open(self.errors, "wb") as errors:
-            for command in commands:
+            for command in self.commands:
                 # Apache ends its whole process group.
                 self.processes.append(subprocess.Popen(
                     command, stdin=subprocess.DEVNULL, stdout=errors, stderr=errors,
@@ -986,7 +989,8 @@ def sends(name, value):
     """With every answer: of pages, programs, refusals."""
     seen = {target: SERVER.get(target)[1].get(name, "") == value
             for target in ("/index.html", SET_OPTION, "/css/all.css", "/nowhere.html")}
-    seen["refusal"] = SERVER.get("/reboot.cgi", FOREIGN)[1].get(name, "") == value
+    refusal = SERVER.ask(post("/channeldeviceconfig.cgi", "", "text/plain", FOREIGN))
+    seen["refusal"] = refusal[0] == 403 and refusal[1].get(name, "") == value
     return same(seen, list(seen.values()))
 
 
@@ -998,6 +1002,20 @@ def lets_no_echo_give_orders():
         request(CHANGE), post(SET_OPTION, FORM), request(f"{SET_OPTION}/more?{FORM}500"))]
     seen = [headers["content-security-policy"] == echo for status, headers, _ in answers if status == 200]
     return same(answers, seen)
+
+
+def lets_the_reboot_page_run_its_script():
+    """By the hash of what the page holds, where it may reboot the device; no other page, and no other script."""
+    with rebooting(lambda: None):
+        answers = [SERVER.ask(sent) for sent in (post("/reboot.cgi", ""), request("/reboot.cgi?before=x"))]
+    script = re.search(b"<script>(.*)</script>", answers[0][2], re.DOTALL)[1]
+    hashed = base64.b64encode(hashlib.sha256(script).digest()).decode()
+    policy = POLICY.replace("sandbox allow-same-origin allow-forms; ", "").replace(
+        "; default-src", f"; script-src 'sha256-{hashed}'; connect-src 'self'; default-src")
+    seen = [headers["content-security-policy"] == policy for _, headers, _ in answers]
+    for target in ("/", "/css/all.css", SET_OPTION, CHANGE, "/channeldeviceconfig.cgi", f"{SET_OPTION}/reboot.cgi"):
+        seen.append("script-src" not in SERVER.get(target)[1]["content-security-policy"])
+    return same(range(len(seen)), seen)
 
 
 REFUSALS = {status: (SOURCE / f"device/htdocs/errors/{status}.html").read_bytes()
@@ -1143,6 +1161,7 @@ PROTECTIONS = {
     "sends Content-Security-Policy": lambda: sends("content-security-policy", POLICY),
     "sends it with its own refusals of what it cannot read or is too large, too": sends_the_policy_with_every_refusal,
     "lets a page that echoes send no form and ask for no program": lets_no_echo_give_orders,
+    "lets a script run in the reboot page alone, and no other than its own": lets_the_reboot_page_run_its_script,
     "sends Referrer-Policy": lambda: sends("referrer-policy", "same-origin"),
     "sends X-Content-Type-Options": lambda: sends("x-content-type-options", "nosniff"),
     "sends X-Frame-Options": lambda: sends("x-frame-options", "DENY"),
