@@ -130,7 +130,8 @@ class Installed(booted.Requests, browser_journey.Journey):
         self.driver.get(browser.ROOT + browser.REBOOT)
         self.assertIn("This web interface is not allowed to reboot the device.", self.text())
         self.assertEqual(self.driver.find_elements(By.CSS_SELECTOR, "input"), [])
-        status, page = self.device.ask("POST", browser.REBOOT, "", {"Content-Type": "application/x-www-form-urlencoded"})
+        form = {"Content-Type": "application/x-www-form-urlencoded"}
+        status, page = self.device.ask("POST", browser.REBOOT, "", form)
         self.assertEqual(status, 200)
         self.assertIn("The device does not reboot: this web interface is not allowed to reboot it.", page)
         self.assertIn("switch the device off and on again", page)
@@ -186,8 +187,9 @@ class Installed(booted.Requests, browser_journey.Journey):
         enter = (f"nsenter --target {number.strip()} --mount setpriv --reuid vemo-web --regid vemo-web "
                  "--clear-groups")
         for place, is_allowed in ((SETTINGS, True), ("/app/tarn-belox/runvex/new", True), (LOG, True),
-                                  ("/run/vemo-web/new", True), ("/tmp/new", False), ("/var/tmp/new", False), ("/run/new", False),
-                                  ("/var/cache/vemo-web/archive/record", False), ("/dev/shm/new", False)):
+                                  ("/run/vemo-web/new", True), ("/run/new", False), ("/tmp/new", False),
+                                  ("/var/tmp/new", False), ("/var/cache/vemo-web/archive/record", False),
+                                  ("/dev/shm/new", False)):
             with self.subTest(place):
                 status, told = self.device.run(f"{enter} sh -c ': >>{place}'")
                 self.assertEqual(status == 0, is_allowed, told)

@@ -612,6 +612,7 @@ class ForeignPages(Attack):
             (FOREIGN, set_option, True, is_hidden),
             *((place, set_option, False, False) for place in (*own_sites()[:1], LOCAL_FILE) if not is_hidden),
             (FOREIGN, allocate, False, False),
+            (FOREIGN, f"{scheme}://{hosts()[0]}:{PORT}/reboot.cgi", False, False),
             # It leads on to https.
             *([(FOREIGN, f"http://{hosts()[0]}:{PORT + 1}/{SET_OPTION}", True, True)] if browser.HAS_TLS else []),
         ]
