@@ -5,6 +5,7 @@
 #include <limits.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -165,8 +166,19 @@ void RemoveLeftovers(const fs::path& folder) {
 
 // --- What the new file keeps of the old
 
+// Whether a file is its group's, whoever of it owns it: the folder's set-group-ID bit says so,
+// where the group is the folder's and may do what the owner may. An access control list may say
+// otherwise.
+bool IsOfItsGroup(const fs::path& file, const struct stat& status) {
+  struct stat folder {};
+  return stat(FolderOf(file).c_str(), &folder) == 0 && (folder.st_mode & S_ISGID) != 0 &&
+         folder.st_gid == status.st_gid &&
+         ((status.st_mode & S_IRWXU) >> 3) == (status.st_mode & S_IRWXG) &&
+         getxattr(file.c_str(), "system.posix_acl_access", nullptr, 0) < 0;
+}
+
 // The owner first: changing it clears mode bits.
-bool CopyOwner(int descriptor, const struct stat& original) {
+bool CopyOwner(int descriptor, const fs::path& file, const struct stat& original) {
   struct stat own;
   if (fstat(descriptor, &own) != 0) {
     return false;
@@ -174,6 +186,10 @@ bool CopyOwner(int descriptor, const struct stat& original) {
   if ((own.st_uid == original.st_uid && own.st_gid == original.st_gid) ||
       fchown(descriptor, original.st_uid, original.st_gid) == 0) {
     return true;
+  }
+  if (errno == EPERM && IsOfItsGroup(file, original)) {
+    constexpr auto SAME_USER = static_cast<uid_t>(-1);
+    return fchown(descriptor, SAME_USER, original.st_gid) == 0;
   }
   // A user namespace that has no number for the owner: nobody here may give the file to them.
   if (errno == EINVAL) {
@@ -208,7 +224,8 @@ RenameResult ReplaceByRename(const fs::path& target, const struct stat* original
   RemovedFile temporary(path);
 
   if (original != nullptr) {
-    if (!CopyOwner(descriptor.Get(), *original) || !CopyAttributes(descriptor.Get(), target) ||
+    if (!CopyOwner(descriptor.Get(), target, *original) ||
+        !CopyAttributes(descriptor.Get(), target) ||
         fchmod(descriptor.Get(), original->st_mode & 07777) != 0) {
       return WithError(errno);
     }

@@ -28,6 +28,10 @@ ReadResult ReadFile(const std::string& path, std::string& text);
 // that the new one does but may not survive a power cut, when only the last step failed: bringing
 // the folder to the disk, for which it must be readable.
 //
+// In a folder with the set-group-ID bit a file of the folder's group, where that may do what the
+// owner may and there is no access control list, becomes the file of whoever replaces it when the
+// owner cannot be kept: so several users replace one file safely. Group and mode are kept.
+//
 // Where permission for that is denied (a folder that is not writable, a file that is mounted on its
 // own, an owner or attributes that cannot be kept), the file is rewritten in place: the room is
 // taken first, the content read before put back when a write fails, and the length cut last. Each

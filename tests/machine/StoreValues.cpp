@@ -1,11 +1,12 @@
 // Stores one value after the other in the settings file, in the machine whose power is cut.
 //
-//   store-values DISK OFFSET LIE [PROGRAM]
+//   store-values DISK OFFSET LIE USERS [PROGRAM]
 //
 // The number of each store that is done, 0 before the first, goes to DISK at OFFSET, which is past
 // the file system, and then to standard output. So the disk's log of writes tells, between the
 // writes of the stores, what was known to be stored at that moment.
 //
+// USERS, their numbers with commas between, store in turn; but for root they are of the group 1002.
 // With PROGRAM each store is a whole request to it. Else the library stores, and a store that fails
 // ends it all. With the LIE "file" or "folder", fsync does nothing to such, and says that it did.
 
@@ -19,14 +20,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "PropertiesIni.h"
 
 namespace {
 
 constexpr char PATH[] = "/app/tarn-belox/runvex/obd.conf";
-constexpr uid_t USER = 1000;
+constexpr gid_t SHARED_GROUP = 1002;
 // Far more than a machine gets done before its power is cut.
 constexpr long MOST_STORES = 1000000;
 
@@ -72,6 +75,20 @@ bool StoreByRequest(char* program, const std::string& value) {
   return isRun && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
+// In a process of its own, as that user.
+bool StoreAs(uid_t user, char* program, const std::string& value) {
+  const pid_t child = fork();
+  if (child == 0) {
+    const bool isUser =
+        user == 0 || (setgroups(1, &SHARED_GROUP) == 0 && setgid(user) == 0 && setuid(user) == 0);
+    const bool isDone =
+        isUser && (program != nullptr ? StoreByRequest(program, value) : StoreByLibrary(value));
+    _exit(isDone ? 0 : 1);
+  }
+  int status = -1;
+  return child > 0 && waitpid(child, &status, 0) == child && status == 0;
+}
+
 }  // namespace
 
 // Names that the linker gives, with --wrap=fsync.
@@ -84,22 +101,25 @@ extern "C" int __wrap_fsync(int descriptor) {
 }
 
 int main(int argc, char** argv) {
-  if (argc < 4) {
+  if (argc < 5) {
     return 2;
   }
   const int disk = open(argv[1], O_WRONLY | O_DIRECT | O_CLOEXEC);
   const off_t offset = std::atol(argv[2]);
   lie = argv[3];
-  char* const program = argc > 4 ? argv[4] : nullptr;
-  if (disk < 0 || setgroups(0, nullptr) != 0 || setgid(USER) != 0 || setuid(USER) != 0 ||
-      !Tell(disk, offset, 0)) {
+  std::vector<uid_t> users;
+  std::istringstream numbers(argv[4]);
+  for (std::string user; std::getline(numbers, user, ',');) {
+    users.push_back(static_cast<uid_t>(std::stoul(user)));
+  }
+  char* const program = argc > 5 ? argv[5] : nullptr;
+  if (disk < 0 || users.empty() || !Tell(disk, offset, 0)) {
     std::perror("store-values");
     return 1;
   }
   for (long number = 1; number <= MOST_STORES; ++number) {
-    const bool isDone =
-        program != nullptr ? StoreByRequest(program, Value(number)) : StoreByLibrary(Value(number));
-    if (!isDone || !Tell(disk, offset, number)) {
+    const uid_t user = users[static_cast<std::size_t>(number) % users.size()];
+    if (!StoreAs(user, program, Value(number)) || !Tell(disk, offset, number)) {
       std::printf("store %ld failed\n", number);
       return 1;
     }

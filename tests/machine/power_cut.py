@@ -6,7 +6,8 @@ random moments before it. Another machine mounts all these disks, so that its ke
 journals, and reads the files.
 
 Stored by rename, the file must be whole, and hold the last value that was known to be stored or the
-one after it. Rewritten in place, each sector of it must be of one of the two; how often they are
+one after it, also where several users store in turn: the one whose file it is and root, or any two of the
+group that the folder is shared by; it stays readable and writable for both. Rewritten in place, each sector of it must be of one of the two; how often they are
 mixed is counted. A value is known to be stored once the machine told so on its disk and its console.
 
 Exit status 0 when all was as it must be. With --lie it is 0 when something was not: fsync then does
@@ -34,6 +35,7 @@ MARK = FILE_SYSTEM_MIB << 20  # where on the disk the machine tells which store 
 RESULT_MIB = 32
 DISKS_PER_MACHINE = 24
 PROGRAM = "/setobdconf.cgi"
+OWNER, OTHER, GROUP = 1000, 1001, 1002
 LIMIT = 120  # seconds for whatever is waited for
 
 SCRIPT = f"""
@@ -42,10 +44,18 @@ mkdir -p $app
 if [ "$task" = store ]; then
   mount -t ext4 -o "$options" /dev/vda $app
   chown 1000:1000 $app/runvex/obd.conf $app/runvex
-  # A folder that refuses new files: the file is rewritten in place.
-  [ "$way" = rename ] || chown 0:0 $app/runvex
+  case $way in
+    # A folder that refuses new files: the file is rewritten in place.
+    place) chown 0:0 $app/runvex ;;
+    # As docs/on-a-device.md tells.
+    group)
+      chgrp {GROUP} $app/runvex $app/runvex/obd.conf
+      chmod 2775 $app/runvex
+      chmod g=u $app/runvex/obd.conf
+      ;;
+  esac
   sync
-  LD_LIBRARY_PATH=/vm /store-values /dev/vda {MARK} "$lie" $program
+  LD_LIBRARY_PATH=/vm /store-values /dev/vda {MARK} "$lie" $users $program
   exit
 fi
 mkdir /disks
@@ -64,21 +74,33 @@ echo all read
 """
 
 
+WAYS = {  # what it is called, and who stores in turn
+    "rename": ("by rename", [OWNER]),
+    "root": ("shared with root", [OWNER, 0]),
+    "group": ("shared by a group", [OWNER, OTHER]),
+    "place": ("in place", [OWNER]),
+}
+
+
 @dataclasses.dataclass(frozen=True)
 class Case:
-    way: str  # rename, or place
+    way: str  # of WAYS
     options: str  # of the mount
     program: str  # stored by whole requests to it; by the library when empty
 
     def __str__(self):
         by = "requests" if self.program else "library"
-        way = {"rename": "by rename", "place": "in place"}[self.way]
-        return f"{way}, {by}, {self.options}"
+        return f"{WAYS[self.way][0]}, {by}, {self.options}"
+
+    def may_write(self, user, member):
+        """Whether the user may read and write the file, a member of an archive."""
+        shift = 6 if user == member.uid else 3 if member.gid in (user, GROUP) else 0
+        return user == 0 or member.mode >> shift & 6 == 6
 
 
 # Without auto_da_alloc ext4 does not guess that a rename wants the file's data on the disk first.
 WRITEBACK = "data=writeback,noauto_da_alloc"
-CASES = [Case(way, options, program) for way in ("rename", "place")
+CASES = [Case(way, options, program) for way in WAYS
          for options in ("data=ordered", WRITEBACK) for program in ("", PROGRAM)]
 
 
@@ -98,10 +120,12 @@ class Cut:
         self.known = known  # the number of the last store that was known to be done
         self.is_replayed = False
 
-    def judge(self, found):
+    def judge(self, found, member):
         """What the file is: (a word for it, whether that is as it must be)."""
         if found is None:
             return "missing", False
+        if not all(self.case.may_write(user, member) for user in WAYS[self.case.way][1]):
+            return "closed to one of its writers", False
         old, new = self.contents(self.known), self.contents(self.known + 1)
         if found == old:
             return "old", True
@@ -111,7 +135,7 @@ class Cut:
             return "older", False
         if not found:
             return "empty", False
-        if self.case.way == "rename":
+        if self.case.way != "place":
             return "torn", False
         # In place. The room is taken before it is written, and the length cut last.
         long = max(len(old), len(new))
@@ -182,7 +206,8 @@ class Laboratory:
         subprocess.run(["cp", "--sparse=always", image, running], check=True)
         log.touch()
         with self.machine(logged_disk(running, log), task="store", way=case.way, lie=lie,
-                          options=case.options, program=case.program) as machine:
+                          options=case.options, program=case.program,
+                          users=",".join(map(str, WAYS[case.way][1]))) as machine:
             machine.wait_for(r"^done 0$", LIMIT)
             begin = time.monotonic()
             stores = self.rng.randint(*((2, 10) if case.program else (10, 60)))
@@ -226,12 +251,13 @@ class Laboratory:
                 name = f"vd{letter}"
                 cut.is_replayed = f"({name}): recovery complete" in console
                 try:
-                    found = archive.extractfile(f"./{name}/runvex/obd.conf").read()
+                    member = archive.getmember(f"./{name}/runvex/obd.conf")
+                    found = archive.extractfile(member).read()
                 except KeyError:
-                    found = None
+                    member = found = None
                 is_left = any(re.fullmatch(rf"\./{name}/runvex/\.ini-.*\.tmp", path)
                               for path in archive.getnames())
-                yield cut, found, is_left
+                yield cut, found, member, is_left
         for cut in cuts:
             cut.path.unlink()
 
@@ -272,8 +298,8 @@ def main():
             waiting += cuts
             while len(waiting) >= DISKS_PER_MACHINE or (waiting and number + 1 == given.kills):
                 batch, waiting = waiting[:DISKS_PER_MACHINE], waiting[DISKS_PER_MACHINE:]
-                for cut, found, is_left in laboratory.read(batch):
-                    word, is_right = cut.judge(found)
+                for cut, found, member, is_left in laboratory.read(batch):
+                    word, is_right = cut.judge(found, member)
                     counts[cut.case, cut.is_kill][word if is_right else word.upper()] += 1
                     faults += not is_right
                     replayed += cut.is_replayed

@@ -472,6 +472,27 @@ TEST_F(SettingsFileCalls, RewriteTheFileOfAnOwnerThatCannotBeKept) {
   }
 }
 
+TEST_F(SettingsFileCalls, ReplaceTheFileOfAnotherOfTheGroupThatTheFolderIsSharedBy) {
+  const auto SHARED_FOLDER = fs::perms(02775);
+  const auto SHARED = fs::perms(0664);
+  const auto isReplaced = [this](fs::perms folder, fs::perms file) {
+    fs::permissions(FOLDER, folder);
+    fs::permissions(SETTINGS_FILE, file);
+    Command request = Request("500");
+    request.environment["FAILING_FILE_CALLS_OWNER"] = "4242 4343";
+    request = WithFailure(request, "fchown temporary 4242 4343", EPERM);
+    const ino_t before = Inode(SETTINGS_FILE);
+    ExpectSuccess(request, "500");
+    EXPECT_EQ(ReadText(SETTINGS_FILE), Settings("500"));
+    EXPECT_EQ(fs::status(SETTINGS_FILE).permissions(), file);
+    return Inode(SETTINGS_FILE) != before;
+  };
+  EXPECT_TRUE(isReplaced(SHARED_FOLDER, SHARED));
+  EXPECT_THAT(StoreCalls(), Contains("fchown temporary 4294967295 4343"));
+  EXPECT_FALSE(isReplaced(fs::perms(0775), SHARED));
+  EXPECT_FALSE(isReplaced(SHARED_FOLDER, fs::perms(0644)));
+}
+
 // What the settings file is before the request, and what it may be afterwards.
 struct Situation {
   std::function<void()> prepare;
