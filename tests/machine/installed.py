@@ -199,7 +199,7 @@ class Installed(booted.Requests, browser_journey.Journey):
         status, told = self.device.run(
             f"head -c 2000000 /dev/zero | tr '\\0' '\\n' >>{LOG}; logrotate /etc/logrotate.d/vemo-web; "
             f"stat --format=%U:%G:%a:%s {LOG}")
-        self.assertEqual((status, told.strip()), (0, "root:vemo-web:660:0"))
+        self.assertEqual((status, told.strip()), (0, "root:vemo-web:664:0"))
         self.device.wait_for_page()
         self.assertIn("src/SetObdConf", self.device.read(LOG))
         self.expect_content()
@@ -250,7 +250,7 @@ class Installed(booted.Requests, browser_journey.Journey):
                             "systemctl daemon-reload; systemctl restart vemo-web")
             self.device.wait_for_page()
 
-    def test_7_where_it_is_allowed_the_device_reboots(self):
+    def test_9_where_it_is_allowed_the_device_reboots(self):
         """What is under way ends, the file systems are unmounted, the value and the permission are there again."""
         boot = self.boot_id()
         _, told = self.device.run("systemctl enable --now vemo-web-reboot.socket; "
@@ -286,6 +286,70 @@ class Installed(booted.Requests, browser_journey.Journey):
         self.assertIn("Reboot the device to activate new settings?", self.text())
         self.device.run("systemctl disable --now vemo-web-reboot.socket")
         self.expect_no_reboot()
+
+    def expect_found(self, word, what, command):
+        """By the check, and nothing else; the command is run."""
+        status, told = self.device.run("vemo-web-check")
+        found = re.findall(r"(?m)^(risky|WRONG)  (.{14}) .*\n +-> (.*)$", told)
+        self.assertEqual([(word, what) for word, what, _ in found], [(word, what.ljust(14))], told)
+        self.assertTrue(found[0][2].startswith(command), told)
+        self.assertEqual(status, int(word == "WRONG"))
+        self.device.run(found[0][2])
+        return told
+
+    def test_7_the_check_names_the_cause_and_its_command_mends_it(self):
+        """Each is looked at when the one before it is mended."""
+        restart = "systemctl restart vemo-web"
+        for broken, word, what, command in (
+                ("systemctl stop vemo-web", "WRONG", "service", "systemctl start vemo-web"),
+                ("systemctl disable vemo-web", "risky", "service", "systemctl enable vemo-web"),
+                ("systemctl stop vemo-web-nvm", "WRONG", "nVm service", "systemctl start vemo-web-nvm"),
+                ("nft delete table inet vemo_web", "WRONG", "connections", f"apt-get install nftables; {restart}"),
+                ("systemctl unmask lighttpd; systemctl enable --now lighttpd", "risky", "port 80",
+                 "systemctl disable --now lighttpd"),
+                (f"chmod 0640 {LOG}", "WRONG", "log", restart)):
+            with self.subTest(broken):
+                self.device.run(broken)
+                self.expect_found(word, what, command)
+        # What is in the way has to go first.
+        self.device.run("systemctl stop vemo-web; systemd-run --unit=other perl -MIO::Socket::INET -e '"
+                        'IO::Socket::INET->new(LocalAddr => "0.0.0.0:8080", Listen => 1) or die; sleep\'; sleep 3; '
+                        "systemctl start vemo-web; for _ in $(seq 60); do systemctl is-active -q vemo-web || break; "
+                        "sleep 1; done")
+        told = self.expect_found("WRONG", "service", restart)
+        self.assertIn("Address already in use", told)
+        self.device.run("systemctl stop other; systemctl restart vemo-web")
+        self.device.wait_for_page()
+        self.expect_content()
+
+    def test_8_the_service_starts_where_others_planted_something(self):
+        games = "setpriv --reuid games --regid games --clear-groups"
+        for what, planted in (("link", f"ln -s /etc/hostname {LOG}"), ("pipe", f"mkfifo -m 666 {LOG}"),
+                              ("folder", f"mkdir {LOG}; echo theirs >{LOG}/file"),
+                              ("file", f"echo theirs >{LOG}; chmod 666 {LOG}")):
+            with self.subTest(what):
+                status, told = self.device.run(
+                    f"systemctl stop vemo-web; rm -r {LOG}; {games} sh -c {shlex.quote(planted)}; "
+                    f"systemctl start vemo-web; systemctl is-active vemo-web; stat -c %U:%G:%a:%F {LOG}; "
+                    "stat -c %U:%a /etc/hostname; cat /etc/hostname")
+                self.assertRegex(told, r"\Aactive\nroot:vemo-web:664:regular (empty )?file\nroot:644\nvemo\n\Z")
+                self.device.wait_for_page()
+        _, told = self.device.run(f"cd /tmp; stat -c %U:%a {LOG}-put-aside.*; cat {LOG}-put-aside.*/cgi.log/file")
+        self.assertEqual(told, 4 * "root:700\n" + "theirs\n")
+        self.expect_found("risky", "log", f"rm -r {LOG}-put-aside.")
+
+        # A folder that belongs to somebody else.
+        folder = "/app/tarn-belox"
+        _, told = self.device.run(f"systemctl stop vemo-web; mv {folder} /root/; chown games /app; "
+                                  "systemctl start vemo-web; systemctl is-active vemo-web")
+        self.assertEqual(told, "active\n")
+        self.device.wait_for_page()
+        told = self.expect_found("WRONG", "settings file", "install -d ")
+        self.assertIn("/app belongs to games", told)
+        self.expect_content()
+        self.device.run(f"systemctl stop vemo-web; rm -r {folder}; chown root /app; mv /root/tarn-belox /app; "
+                        "systemctl start vemo-web")
+        self.device.wait_for_page()
 
     def test_z_nothing_is_lost_when_the_power_is_cut(self):
         answered = []
