@@ -5,7 +5,9 @@ browser in front of it, and its power cut while it works.
 """
 
 import concurrent.futures
+import collections
 import contextlib
+import http.client
 import pathlib
 import re
 import select
@@ -35,6 +37,15 @@ from booted import LOG, PAGE, SETTINGS  # noqa: E402
 
 FOLDER = BUILD / "machine"
 OF_ONE_CLIENT = 16  # connections
+TIMES = 20
+UPGRADES = {6: "9.0.0", 13: "9.1.0"}  # behind so many restarts
+# Sources and numbers of the lines of a request, with the field and without.
+STORED = " ".join(number for _, number in booted.PLACES)
+ASKED = f"{STORED} 50 88"
+# Over 1 MB, by lines that nobody takes for a request's.
+ROTATE = (f"head -c 1100000 /dev/zero | tr '\\0' '\\n' >>{LOG}; for _ in $(seq 100); do systemctl start vemo-web-log; "
+          f"[ $(stat --format=%s {LOG}) -ge 1000000 ] || break; systemctl reset-failed; sleep 0.2; done")
+UPGRADE = 900  # seconds
 LOG_LINE = re.compile(r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6}  (DEBUG|ERROR) +\S+ +\d+ +\S+ +\d+ ")
 
 # A shell on the serial console; nobody logs in.
@@ -77,6 +88,10 @@ def make_disk(path):
         device.run("systemctl", "mask", "lighttpd", "nginx", "fcgiwrap.socket", "fcgiwrap",
                    "serial-getty@ttyS0", "apt-daily.timer", "apt-daily-upgrade.timer")
         device.run("sh", "-c", "rm -rf /root/*.deb /var/cache/apt/archives/*.deb /var/lib/apt/lists/*")
+        for version in UPGRADES.values():
+            for name, file in root.packages(BUILD, version).items():
+                if name in ("vemo-web", "vemo-web-standin"):
+                    shutil.copy(file, device.file("/root"))
         machine.make_disk(path, device.path, "1500M")
     finally:
         device.close()
@@ -195,13 +210,89 @@ class Installed(booted.Requests, browser_journey.Journey):
                 self.assertEqual(status == 0, is_allowed, told)
         self.device.run("rm -f /app/tarn-belox/runvex/new")
 
-    def test_4_rotation_in_the_midst_loses_no_request(self):
-        status, told = self.device.run(
-            f"head -c 2000000 /dev/zero | tr '\\0' '\\n' >>{LOG}; logrotate /etc/logrotate.d/vemo-web; "
-            f"stat --format=%U:%G:%a:%s {LOG}")
-        self.assertEqual((status, told.strip()), (0, "root:vemo-web:664:0"))
+    def test_4_a_restart_waits_for_a_request_that_takes_long(self):
+        with concurrent.futures.ThreadPoolExecutor(1) as client:
+            answer = client.submit(self.device.get, "/setobdconf.cgi?CanDetectTimeout=850")
+            self.device.run("until kill -STOP $(pidof setobdconf.cgi) 2>/dev/null; do sleep 0.02; done; "
+                            "systemctl restart --no-block vemo-web; sleep 12; kill -CONT $(pidof setobdconf.cgi)")
+            status, page = answer.result()
+        self.assertEqual(status, 200)
+        self.assertTrue(page.endswith("</html>\n"), page)
+        self.assertEqual(self.device.read(SETTINGS), booted.settings_with(850))
+
+    def test_4_a_stop_refuses_at_once(self):
+        status, told = self.device.run("systemctl stop vemo-web; (exec 3<>/dev/tcp/127.0.0.1/8080)")
+        self.assertEqual(status, 1, told)
+        self.assertIn("refused", told)
+        self.device.run("systemctl start vemo-web")
         self.device.wait_for_page()
-        self.assertIn("src/SetObdConf", self.device.read(LOG))
+
+    def ask(self, query, pause):
+        """The page; the connection is there before the request, by these seconds."""
+        client = http.client.HTTPConnection("localhost", self.device.port, timeout=PAGE)
+        with contextlib.closing(client):
+            client.connect()
+            time.sleep(pause)
+            client.request("GET", f"/setobdconf.cgi{query}")
+            return client.getresponse().read().decode("iso-8859-1")
+
+    def test_4_rotations_restarts_and_upgrades_refuse_and_lose_no_request(self):
+        self.device.run(f"systemctl start vemo-web; rm -f {LOG}.[1-4]; : >{LOG}")
+        counts = collections.Counter()
+        last = {}
+        is_over = threading.Event()
+
+        def order(start, pause):
+            for value in range(start, start + 100000):
+                if is_over.is_set():
+                    return
+                query, done = f"?CanDetectTimeout={value}", "Set new option was successful."
+                if start == 0:
+                    query, done = "", "Option CanDetectTimeout not set"
+                try:
+                    page = self.ask(query, pause)
+                    is_whole = done in page and page.endswith("</html>\n")
+                    what = ("stored" if start else "asked") if is_whole else "cut"
+                except (OSError, http.client.HTTPException) as failure:
+                    what = f"refused: {failure!r}"
+                counts[what] += 1
+                last[start] = value
+
+        clients = [threading.Thread(target=order, args=(100000 * number, pause))
+                   for number, pause in enumerate((0, 0, 0, 0, 1, 1))]
+        for client in clients:
+            client.start()
+        try:
+            for number in range(TIMES):
+                # One after the other; and the log while the service stops or starts.
+                restart = "systemctl restart vemo-web" + (" --no-block" if number % 2 else "")
+                status, told = self.device.run(
+                    f"(set -e; {restart}; {ROTATE}; systemctl start vemo-web; ln {LOG}.1 {LOG}.kept-{number}; "
+                    f"stat --format=%U:%G:%a {LOG})")
+                self.assertEqual((status, told.strip()), (0, "root:vemo-web:664"))
+                if version := UPGRADES.get(number):
+                    status, told = self.device.run(
+                        f"apt-get -y install /root/vemo-web_{version}.deb /root/vemo-web-standin_{version}.deb && "
+                        "dpkg-query --show vemo-web", UPGRADE)
+                    self.assertEqual(status, 0, told)
+                    self.assertTrue(told.endswith(f"\t{version}\n"), told)
+        finally:
+            is_over.set()
+            for client in clients:
+                client.join()
+        _, told = self.device.run(
+            f"grep -h . {LOG}.kept-* {LOG} | awk '{{ of[$5] = of[$5] \" \" $7 }} "
+            "END { for (p in of) n[of[p]]++; for (t in n) print n[t] t }'; " f"rm {LOG}.kept-*")
+        logged = {numbers: int(count) for count, numbers in (line.split(" ", 1) for line in told.splitlines())}
+        print(f"through {TIMES} rotations, {TIMES} restarts, {len(UPGRADES)} upgrades: {dict(counts)}, "
+              f"in the logs {logged}", file=sys.stderr)
+        self.assertEqual(set(counts), {"stored", "asked"})
+        self.assertGreater(counts.total(), 3 * TIMES)
+        self.assertEqual(set(logged), {STORED, ASKED})
+        self.assertEqual(logged[STORED], counts["stored"])
+        # A new class archive is made by a request of its own.
+        self.assertGreaterEqual(logged[ASKED], counts["asked"])
+        self.assertIn(self.device.read(SETTINGS), map(booted.settings_with, last.values()))
         self.expect_content()
 
     def test_5_other_web_servers_take_its_place(self):
@@ -214,13 +305,15 @@ class Installed(booted.Requests, browser_journey.Journey):
                         "cp -r /usr/share/vemo-web/web-servers /etc/vemo-web; "
                         f"install -D -m 0644 /etc/vemo-web/web-servers/{name}.service.conf {unit}; "
                         "systemctl daemon-reload; systemctl restart vemo-web; for _ in $(seq 200); do "
-                        "(exec 3<>/dev/tcp/127.0.0.1/8080) 2>/dev/null && break; sleep 0.5; done; "
+                        f"(exec 3<>/dev/tcp/127.0.0.1/8080) 2>/dev/null && break; sleep 0.5; done; {ROTATE}; "
                         "cat /proc/$(systemctl show --property MainPID --value vemo-web)/comm; "
                         "exec 3<>/dev/tcp/127.0.0.1/8080; printf 'GET /setobdconf.cgi?CanDetectTimeout="
                         f"80{number} HTTP/1.0\\r\\nHost: localhost\\r\\n\\r\\n' >&3; cat <&3")
                     self.assertTrue(told.startswith(name + "\n"), told)
                     self.assertIn("Set new option was successful.", told)
                     self.assertIn(f"CanDetectTimeout=80{number}\n", self.device.read(SETTINGS))
+                    self.assertEqual([line.split()[6] for line in self.device.read(LOG).splitlines()],
+                                     STORED.split())
                     self.expect_content()
         finally:
             self.device.run(f"rm -r /etc/vemo-web/web-servers {unit}; systemctl daemon-reload; systemctl restart vemo-web")

@@ -170,11 +170,35 @@ class LifeCycle(InRoot):
         self.assertNotEqual(self.read(ARCHIVE + "/record"), record)
 
     def test_5_rotation_renames_the_log(self):
-        self.device.file(LOG).write_text("full\n" * 300000, encoding="utf-8")
-        self.device.run("logrotate", "/etc/logrotate.conf")
-        self.assertEqual(self.read(LOG), "")
-        self.assertEqual(owner(self.device, LOG), "root:vemo-web 664")
-        self.assertTrue(self.read(LOG + ".1").startswith("full\n"))
+        before = set(self.device.file("/tmp").glob("*"))
+        for number in range(1, 7):
+            # Up to 1 MB it stays.
+            for size in (1 << 20, (1 << 20) + 1):
+                with open(self.device.file(LOG), "w", encoding="utf-8") as file:
+                    file.write(f"{number}\n")
+                    file.truncate(size)
+                self.device.run("/usr/libexec/vemo-web/rotate-log")
+                self.assertEqual(self.device.file(LOG).stat().st_size, 0 if size > 1 << 20 else size)
+            self.assertEqual(owner(self.device, LOG), "root:vemo-web 664")
+        self.assertEqual([self.read(f"{LOG}.{older}")[0] for older in range(1, 5)], list("6543"))
+        self.assertEqual({file.name for file in set(self.device.file("/tmp").glob("*")) - before},
+                         {f"cgi.log.{older}" for older in range(1, 5)})
+
+    def test_5_rotation_follows_nothing_that_is_planted(self):
+        for planted in (LOG, f"{LOG}.1", f"{LOG}.4"):
+            with self.subTest(planted):
+                self.device.run("sh", "-c", f"rm -f {LOG}*; systemd-tmpfiles --create vemo-web.conf;"
+                                f" truncate --size 2M {LOG}; touch /root/target; ln -sf /root/target {planted}")
+                self.device.run("/usr/libexec/vemo-web/rotate-log")
+                self.assertEqual(self.device.run("stat", "--format=%s:%U:%G:%a", "/root/target"), "0:root:root:644\n")
+                self.assertEqual(self.device.file(LOG).is_symlink(), planted == LOG)
+        self.device.run("sh", "-c", f"rm -rf {LOG}*; systemd-tmpfiles --create vemo-web.conf;"
+                        f" truncate --size 2M {LOG}; touch {LOG}.3; mkdir {LOG}.4")
+        before = set(self.device.file("/tmp").iterdir())
+        self.assertIn(f"{LOG}.4", self.device.run("/usr/libexec/vemo-web/rotate-log", status=1))
+        self.assertEqual(self.device.file(LOG).stat().st_size, 2 << 20)
+        self.assertEqual(set(self.device.file("/tmp").iterdir()), before)
+        self.device.run("sh", "-c", f"rm -r {LOG}.*; : >{LOG}")
 
     def test_6_removing_keeps_what_is_configured(self):
         self.device.run("apt-get", "-q", "-y", "remove", "vemo-web-standin", "vemo-web")
@@ -211,9 +235,10 @@ class Unanswered(InRoot):
             shutil.copy(self.made[name], self.device.file("/root"))
         apt = ("apt-get", "-y", "--no-install-recommends", "-o", "APT::Sandbox::User=root")
         run(*apt, "install", *files)
-        self.device.file(LOG).write_text("full\n", encoding="utf-8")
+        self.device.file(LOG).write_text("full\n" * 300000, encoding="utf-8")
         for command in ((*apt, "install", "--reinstall", *files), ("dpkg-reconfigure", *names),
-                        ("logrotate", "--force", "/etc/logrotate.conf")):
+                        ("logrotate", "--force", "/etc/logrotate.conf"),
+                        ("/usr/libexec/vemo-web/rotate-log",)):
             with self.subTest(command=command):
                 run(*command)
         # For another file of options another archive, in the place of one that is read-only.

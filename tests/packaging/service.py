@@ -8,6 +8,7 @@ import tempfile
 import unittest
 
 BUILD = pathlib.Path(sys.argv.pop(1)).resolve()
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
 UNITS = {file.name: file for file in (BUILD / "packaging").rglob("vemo-web*.service")}
 SOCKETS = {file.name: file for file in (BUILD / "packaging").rglob("vemo-web*.socket")}
 MOST_EXPOSED = 2.0
@@ -15,7 +16,8 @@ MOST_EXPOSED = 2.0
 
 class Units(unittest.TestCase):
     def test_each_is_confined(self):
-        self.assertEqual(set(UNITS), {"vemo-web.service", "vemo-web-nvm.service", "vemo-web-reboot.service"})
+        self.assertEqual(set(UNITS), {"vemo-web.service", "vemo-web-log.service", "vemo-web-nvm.service",
+                                      "vemo-web-reboot.service"})
         for name, file in UNITS.items():
             with self.subTest(name):
                 told = subprocess.run(["systemd-analyze", "security", "--offline=yes", "--no-pager", file],
@@ -33,6 +35,16 @@ class Units(unittest.TestCase):
                 # The programs are not installed here.
                 words = [line for line in told.splitlines() if "is not executable" not in line]
                 self.assertEqual([line for line in words if name in line], [])
+
+    def test_a_stop_waits_longer_than_a_request_may_take(self):
+        site = (SOURCE / "device/lighttpd-site.conf").read_text(encoding="utf-8")
+        request = sum(map(int, re.findall(r'"CGI_GATE_(?:PATIENCE|LIMIT)" *=> "(\d+)"', site)))
+        self.assertEqual(request, 120)
+        server = (SOURCE / "device/lighttpd.conf").read_text(encoding="utf-8")
+        server = int(re.search(r'"server\.graceful-shutdown-timeout" => (\d+)', server)[1])
+        unit = int(re.search(r"(?m)^TimeoutStopSec=(\d+)$", UNITS["vemo-web.service"].read_text(encoding="utf-8"))[1])
+        self.assertLess(request, server)
+        self.assertLess(server, unit)
 
     def test_each_port_of_the_web_server_has_its_connections_limited(self):
         unit = UNITS["vemo-web.service"].read_text(encoding="utf-8")
