@@ -4,8 +4,8 @@ browser in front of it, and its power cut while it works.
     python3 -B tests/machine/installed.py BUILD
 """
 
-import concurrent.futures
 import collections
+import concurrent.futures
 import contextlib
 import http.client
 import pathlib
