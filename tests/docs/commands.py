@@ -78,7 +78,8 @@ RULES = [
     Rule(r"cmake -S \. -B build -G Ninja -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF .*", "checkout",
          says="have been written to"),
     Rule(r"DESTDIR=\S+ cmake --install build --component program", "checkout",
-         after="readelf -d staging/usr/libexec/vemo-web/setobdconf.cgi | grep -F [/opt/jre/lib/server]"),
+         after="readelf -d staging/usr/libexec/vemo-web/setobdconf.cgi | grep -F [/opt/jre/lib/server]"
+               " && python3 -B tests/packaging/staged.py build staging"),
 
     Rule(r"git diff .*clang-format -i", "checkout",
          prepare="rm -rf .git; git init -q; git add src .clang-format; git -c user.name=n"
