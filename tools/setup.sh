@@ -8,7 +8,7 @@ exec </dev/null
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libcgicc-dev libxml2-dev
   libmicrohttpd-dev)
 DEVICE_PACKAGES=(bubblewrap lighttpd)
-PACKAGING_PACKAGES=(build-essential debhelper dpkg-dev fakeroot pkgconf)
+PACKAGING_PACKAGES=(build-essential debhelper dpkg-dev fakeroot git pkgconf)
 TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang libclang-rt-14-dev clang-format
   clang-tidy llvm shellcheck curl iproute2 chromium chromium-driver python3-selenium libxml2-utils proot
   systemd strace nftables valgrind qemu-system-x86 qemu-user busybox-static cpio e2fsprogs git)

@@ -81,6 +81,8 @@ RULES = [
          after="readelf -d staging/usr/libexec/vemo-web/setobdconf.cgi | grep -F [/opt/jre/lib/server]"
                " && python3 -B tests/packaging/staged.py build staging"),
 
+    Rule(r"git tag v1\.0\.1", "elsewhere", test="tests/packaging/version.py", says='self.git("tag", f"v{VERSION}")'),
+    Rule(r"tools/package-version", "checkout", says=r"\A\d+\.\d+\.\d+"),
     Rule(r"git diff .*clang-format -i", "checkout",
          prepare="rm -rf .git; git init -q; git add src .clang-format; git -c user.name=n"
                  " -c user.email=e@example.org commit -qm All; sed -i 's/^int main/int   main/' src/SetObdConf.cpp",

@@ -9,6 +9,7 @@ import pathlib
 import re
 import shutil
 import socket
+import subprocess
 import sys
 import time
 import unittest
@@ -44,6 +45,15 @@ class Lint(checks.Checks, unittest.TestCase):
     def setUpClass(cls):
         cls.made = root.packages(BUILD)
         cls.folder = BUILD / "packages"
+
+    def test_the_check_says_the_packages_version(self):
+        for name, file in self.made.items():
+            self.assertEqual(checks.told("dpkg-deb", "--field", file, "Version").strip(), file.name.split("_")[1], name)
+        content = subprocess.run(["dpkg-deb", "--fsys-tarfile", self.made["vemo-web"]], capture_output=True, check=True)
+        check = subprocess.run(["tar", "--extract", "--to-stdout", "./usr/sbin/vemo-web-check"], input=content.stdout,
+                               capture_output=True, check=True)
+        said = subprocess.run(["bash", "-s", "--", "--version"], input=check.stdout, capture_output=True, check=True)
+        self.assertEqual(said.stdout.decode().split(), ["vemo-web", self.made["vemo-web"].name.split("_")[1]])
 
 
 class InRoot(unittest.TestCase):

@@ -10,6 +10,7 @@ day, a compiler cache that is used, a git of another owner.
 import hashlib
 import os
 import pathlib
+import re
 import shutil
 import stat
 import subprocess
@@ -23,6 +24,10 @@ DATE = 1700000000
 # What `cmake --install` puts down is built by these.
 INSTALLED = ("setobdconf.cgi", "device", "installed-setobdconf.cgi", "installed-channeldeviceconfig.cgi")
 NOBODY = 65534
+
+
+def version():
+    return re.search(r"^project\(vemo-web VERSION (\S+)", (SOURCE / "CMakeLists.txt").read_text(), re.MULTILINE)[1]
 
 
 class Machine:
@@ -76,7 +81,9 @@ def machines(folder):
     date = f"{DATE} +0000"
     author = {"GIT_AUTHOR_DATE": date, "GIT_COMMITTER_DATE": date, "PATH": os.environ["PATH"]}
     for command in (("init", "--quiet"), ("add", "--all"),
-                    ("-c", "user.name=n", "-c", "user.email=e@example.org", "commit", "--quiet", "-m", "All")):
+                    ("-c", "user.name=n", "-c", "user.email=e@example.org", "commit", "--quiet", "-m", "All"),
+                    # An archive without git counts as the version's own.
+                    ("tag", "v" + version())):
         subprocess.run(["git", *command], cwd=clone.folder, env=author, check=True)
     (folder / "ccache").mkdir()
     if as_root:
