@@ -38,7 +38,7 @@ endfunction()
 
 if(VEMO_SANITIZE)
   if(CMAKE_CXX_COMPILER_ID STREQUAL Clang)
-    add_tidy_target(clang-tidy platform src device bench)
+    add_tidy_target(clang-tidy platform src device device/pages bench)
     add_tidy_target(clang-tidy.tests tests tests/fuzz tests/hostile)
     set_tests_properties(clang-tidy.tests PROPERTIES LABELS long)
   endif()

@@ -18,17 +18,20 @@
 namespace {
 
 constexpr char SOURCE[] = "device/pages/DeviceInformation";
+constexpr char NOT_KNOWN[] = "Not known";
 constexpr Link PAGE = {"Device Information", DEVICE_INFORMATION_PAGE};
 
 void PrintRow(const std::string& name, const std::string& html) {
   std::cout << cgicc::dt(name) << cgicc::dd(html) << std::endl;
 }
 
-void PrintNotice(const std::string& html) {
-  std::cout << cgicc::p(html).set("class", "warn") << std::endl;
-}
-
 // --- Settings
+
+constexpr char TIMEOUT_HINT[] =
+    "A whole number of milliseconds, at most six digits; 300 is 0.3 seconds. For so long the "
+    "diagnostic runtime listens on a CAN line for traffic: too short, and a quiet bus is taken for "
+    "a missing one; too long, and connecting to a vehicle without CAN is slow. A new value takes "
+    "effect after a reboot. Storing it takes some seconds on a small device.";
 
 void PrintTimeoutForm() {
   PropertiesIni settings;
@@ -46,7 +49,15 @@ void PrintTimeoutForm() {
                    .set("value", value)
                    .set("inputmode", "numeric")
                    .set("autocomplete", "off")
+                   .set("required", "required")
+                   .set("pattern", "[0-9]{1,6}")
+                   // One more than the pattern takes: a number that is too long is refused, and not
+                   // cut to a shorter one.
+                   .set("maxlength", "7")
+                   .set("title", "a whole number of milliseconds, at most six digits")
+                   .set("aria-describedby", "timeout-hint")
             << cgicc::p() << std::endl;
+  std::cout << cgicc::p(TIMEOUT_HINT).set("class", "hint").set("id", "timeout-hint") << std::endl;
   PrintSubmitButton("Set");
   std::cout << cgicc::form() << std::endl;
 }
@@ -70,6 +81,16 @@ void PrintOrderForm(const Order& order) {
   std::cout << cgicc::form() << std::endl;
 }
 
+std::string StatusHtml(const std::string& code, const std::string& message) {
+  if (code.empty() && message.empty()) {
+    return NOT_KNOWN;
+  }
+  const std::string words = !message.empty() ? HtmlFromUtf8(message)
+                            : code == "0"    ? "No error"
+                                             : "Error without a message";
+  return words + (code.empty() ? "" : " (code " + HtmlFromUtf8(code) + ")");
+}
+
 // Sends the order that was posted, if one was, and says so when it was refused.
 void CarryOut(const cgicc::Cgicc& request, NvmManipulator& nvm) {
   if (request.getEnvironment().getRequestMethod() != "POST") {
@@ -87,9 +108,11 @@ void CarryOut(const cgicc::Cgicc& request, NvmManipulator& nvm) {
     std::string code;
     std::string message;
     nvm.GetStatusMessages(code, message);
-    if (code != "0") {
-      PrintNotice(std::string(order.label) + " was refused: " + HtmlFromUtf8(message) + " (code " +
-                  HtmlFromUtf8(code) + ").");
+    if (code.empty()) {
+      PrintNotice(std::string(order.label) +
+                  " may have failed: the nVm service's answer cannot be read.");
+    } else if (code != "0") {
+      PrintNotice(std::string(order.label) + " was refused: " + StatusHtml(code, message) + ".");
     }
   }
 }
@@ -111,10 +134,9 @@ void PrintAllocation(const cgicc::Cgicc& request) {
 
   const bool isFree = isAllocated == "0";
   std::cout << cgicc::dl() << std::endl;
-  PrintRow("Allocation", isFree ? "Free" : isAllocated.empty() ? "Not known" : "Allocated");
-  PrintRow("Owner", owner.empty() ? "None" : HtmlFromUtf8(owner));
-  PrintRow("Status", "Code " + HtmlFromUtf8(code) +
-                         (message.empty() ? ", no message" : ": " + HtmlFromUtf8(message)));
+  PrintRow("Allocation", isFree ? "Free" : isAllocated.empty() ? NOT_KNOWN : "Allocated");
+  PrintRow("Owner", !owner.empty() ? HtmlFromUtf8(owner) : isFree ? "None" : NOT_KNOWN);
+  PrintRow("Status", StatusHtml(code, message));
   std::cout << cgicc::dl() << std::endl;
   if (isFree) {
     PrintOrderForm(ALLOCATE);
@@ -125,23 +147,30 @@ void PrintAllocation(const cgicc::Cgicc& request) {
 
 // --- Network
 
-std::string AddressHtml(const std::string& address) {
+// An empty address tells that there is no network, unless the class could not be asked: the
+// exception of that is then pending.
+class JavaSide : public JavaVmWrapper {
+ public:
+  bool HasFailed() const { return env->ExceptionCheck() == JNI_TRUE; }
+};
+
+std::string AddressHtml(const std::string& address, const JavaSide& javaSide) {
   if (address.empty()) {
-    return "Not connected";
+    return javaSide.HasFailed() ? NOT_KNOWN : "Not connected";
   }
   return HtmlFromUtf8(address) + (IsIp4Address(address) ? "" : " (no valid address)");
 }
 
 void PrintAddresses() {
   std::cout << cgicc::h3("Network") << std::endl;
-  JavaVmWrapper javaVm;
-  if (!javaVm.OpenJavaVM()) {
+  JavaSide javaSide;
+  if (!javaSide.OpenJavaVM()) {
     PrintNotice("The Java side does not answer: the addresses are not known.");
     return;
   }
   std::cout << cgicc::dl() << std::endl;
-  PrintRow("LAN address", AddressHtml(javaVm.GetLanIp4Address()));
-  PrintRow("WLAN address", AddressHtml(javaVm.GetWlanIp4Address()));
+  PrintRow("LAN address", AddressHtml(javaSide.GetLanIp4Address(), javaSide));
+  PrintRow("WLAN address", AddressHtml(javaSide.GetWlanIp4Address(), javaSide));
   std::cout << cgicc::dl() << std::endl;
 }
 

@@ -85,6 +85,10 @@ void CloseContent() {
   std::cout << cgicc::div() << std::endl;
 }
 
-void PrintSubmitButton(const std::string& text) {
-  std::cout << cgicc::input().set("type", "submit").set("value", text).set("class", "mybutton");
+void PrintNotice(const std::string& html) {
+  std::cout << cgicc::p(html).set("class", "warn") << std::endl;
+}
+
+void PrintSubmitButton(const std::string& html) {
+  std::cout << cgicc::input().set("type", "submit").set("value", html).set("class", "mybutton");
 }

@@ -11,6 +11,7 @@
 #include "Process.h"
 #include "Request.h"
 #include "Sandbox.h"
+#include "ScriptedService.h"
 
 namespace {
 
@@ -54,7 +55,7 @@ TEST_F(SiblingPages, InformationShowsSettingAllocationAndAddresses) {
   EXPECT_THAT(page, HasSubstr("name=\"CanDetectTimeout\" value=\"300\" inputmode=\"numeric\""));
   EXPECT_THAT(page, HasSubstr("<dt>Allocation</dt><dd>Free</dd>"));
   EXPECT_THAT(page, HasSubstr("<dt>Owner</dt><dd>None</dd>"));
-  EXPECT_THAT(page, HasSubstr("<dt>Status</dt><dd>Code 0, no message</dd>"));
+  EXPECT_THAT(page, HasSubstr("<dt>Status</dt><dd>No error (code 0)</dd>"));
   EXPECT_THAT(page, HasSubstr("<dt>LAN address</dt><dd>192.0.2.7</dd>"));
   EXPECT_THAT(page, HasSubstr("<dt>WLAN address</dt><dd>198.51.100.9</dd>"));
 }
@@ -78,6 +79,52 @@ TEST_F(SiblingPages, InformationSaysThatTheJavaSideIsNotThereAndShowsTheRest) {
   EXPECT_THAT(page, HasSubstr("value=\"300\""));
   EXPECT_THAT(page, HasSubstr("<dt>Allocation</dt><dd>Free</dd>"));
   EXPECT_THAT(page, Not(HasSubstr("<dt>LAN address</dt>")));
+}
+
+// Nothing is told of a network that nobody could ask about.
+TEST_F(SiblingPages, InformationSaysThatAnAddressIsNotKnownWhenItsMethodIsMissing) {
+  Command request = Get("");
+  request.environment["JAVA_CLASSPATH"] = "/build/tests/java/without";
+  const std::string page = Show(request);
+  EXPECT_THAT(page, HasSubstr("<dt>LAN address</dt><dd>Not known</dd>"));
+  EXPECT_THAT(page, HasSubstr("<dt>WLAN address</dt><dd>Not known</dd>"));
+}
+
+TEST_F(SiblingPages, InformationTellsTheTimeoutsUnitAndUseBesideItsField) {
+  const std::string page = Show(Get(""));
+  EXPECT_THAT(page, HasSubstr("required=\"required\" pattern=\"[0-9]{1,6}\" maxlength=\"7\""));
+  EXPECT_THAT(page, HasSubstr("aria-describedby=\"timeout-hint\""));
+  for (const std::string text :
+       {"<p class=\"hint\" id=\"timeout-hint\" >", "number of milliseconds",
+        "listens on a CAN line", "after a reboot", "some seconds"}) {
+    EXPECT_THAT(page, HasSubstr(text));
+  }
+}
+
+// An nVm service that answers an order and the question behind it with the same packet.
+class ScriptedAnswer : public SiblingPages {
+ protected:
+  static std::string Show(const std::string& body, Command request = Get("")) {
+    const ScriptedReply reply = {{HttpReply(body)}, ScriptedReply::End::kClose};
+    ScriptedService service({reply, reply});
+    return SiblingPages::Show(std::move(request));
+  }
+};
+
+TEST_F(ScriptedAnswer, CodeAndMessageAreSaidInWords) {
+  EXPECT_THAT(Show(NvmReply("0", "", "", "0", "Done")), HasSubstr("<dd>Done (code 0)</dd>"));
+  EXPECT_THAT(Show(NvmReply("0", "", "", "7", "")),
+              HasSubstr("<dd>Error without a message (code 7)</dd>"));
+}
+
+TEST_F(ScriptedAnswer, WhatTheAnswerDoesNotTellIsNotKnown) {
+  const std::string page = Show("<?xml version='1.0'?><html/>", PostForm("allocation=allocate"));
+  EXPECT_THAT(page,
+              HasSubstr("Allocate may have failed: the nVm service's answer cannot be read."));
+  for (const std::string name : {"Allocation", "Owner", "Status"}) {
+    EXPECT_THAT(page, HasSubstr("<dt>" + name + "</dt><dd>Not known</dd>"));
+  }
+  EXPECT_THAT(page, Not(HasSubstr("name=\"allocation\"")));
 }
 
 TEST_F(SiblingPages, InformationShowsAllButTheAddressesWhenTheVmEndsTheProcess) {
