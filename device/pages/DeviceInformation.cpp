@@ -28,10 +28,11 @@ void PrintRow(const std::string& name, const std::string& html) {
 // --- Settings
 
 constexpr char TIMEOUT_HINT[] =
-    "A whole number of milliseconds, at most six digits; 300 is 0.3 seconds. For so long the "
-    "diagnostic runtime listens on a CAN line for traffic: too short, and a quiet bus is taken for "
-    "a missing one; too long, and connecting to a vehicle without CAN is slow. A new value takes "
-    "effect after a reboot. Storing it takes some seconds on a small device.";
+    "A whole number of milliseconds, at most six digits: 300 is 0.3 seconds. For so long the "
+    "diagnostic runtime listens on a CAN line for traffic. Too short: a quiet bus is taken for a "
+    "missing one. Too long: a vehicle without CAN is slow to connect.";
+constexpr char STORING_HINT[] =
+    "A new value takes effect after a reboot. On a small device storing takes some seconds.";
 
 void PrintTimeoutForm() {
   PropertiesIni settings;
@@ -59,6 +60,7 @@ void PrintTimeoutForm() {
             << cgicc::p() << std::endl;
   std::cout << cgicc::p(TIMEOUT_HINT).set("class", "hint").set("id", "timeout-hint") << std::endl;
   PrintSubmitButton("Set");
+  std::cout << cgicc::p(STORING_HINT).set("class", "hint") << std::endl;
   std::cout << cgicc::form() << std::endl;
 }
 

@@ -1,11 +1,15 @@
 # The device from outside, by a script; the real browser among them. The accessibility checker is one file of
 # a package that ./test fetches, and so are some of the web servers.
-# add_browser_test(NAME SCRIPT [NETWORK] [ENV VARIABLE=VALUE...] [ARGUMENTS ARGUMENT...] [LONG]); LONG is handed
-# on to the script. NETWORK: the device is not on loopback, but at one of two other addresses, and the kernel limits
+# add_browser_test(NAME SCRIPT [NETWORK] [STATE FOLDER] [ENV VARIABLE=VALUE...] [ARGUMENTS ARGUMENT...] [LONG]); LONG is handed
+# on to the script. What it leaves in /tmp stays in the folder STATE. NETWORK: the device is not on loopback, but at one of two other addresses, and the kernel limits
 # connections as on an installed device, but for the attacks.
 function(add_browser_test name script)
-  cmake_parse_arguments(PARSE_ARGV 2 test "LONG;NETWORK" "" "ENV;ARGUMENTS")
+  cmake_parse_arguments(PARSE_ARGV 2 test "LONG;NETWORK" "STATE" "ENV;ARGUMENTS")
   set(network --private-network)
+  if(test_STATE)
+    file(MAKE_DIRECTORY ${test_STATE}/app ${test_STATE}/tmp)
+    list(APPEND network --state ${test_STATE})
+  endif()
   if(test_NETWORK)
     set(network --address 192.168.7.1 --address 192.168.7.2)
     # What keeps an attack off for its number of connections alone proves nothing of the web server.
@@ -50,7 +54,8 @@ add_browser_test(browser_journey browser_journey)
 # What depends on the address. With --long all of it, above.
 add_browser_test(browser_journey.network browser_journey NETWORK
   ARGUMENTS Ways Journey.test_the_keyboard_alone_sets_the_timeout Journey.test_the_warning_leads_back_to_the_form)
-add_browser_test(accessibility accessibility)
+# Its pictures are in build/pictures/tmp.
+add_browser_test(accessibility accessibility STATE ${PROJECT_BINARY_DIR}/pictures)
 # What is ready to be turned on.
 add_browser_test(browser_journey.tls browser_journey NETWORK
   ARGUMENTS --tls --password Ways.test_a_reload_of_the_success_stores_the_value_again)

@@ -17,6 +17,7 @@ import tempfile
 import threading
 import time
 import urllib.parse
+import urllib.request
 
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
@@ -213,6 +214,14 @@ def leave(driver, act):
         and driver.execute_script("return document.readyState") == "complete",
         "no new page",
     )
+
+
+def order_of(owner, function):
+    """Another client of the nVm service's."""
+    packet = ("<wddxPacket version='1.0'><header/><data><struct><var name='DeviceOwner'><string>" + owner +
+              "</string></var><var name='IfhClientIpAddr'><string>0</string></var></struct></data></wddxPacket>")
+    request = urllib.request.Request(f"http://127.0.0.1:5302/nVm?FunctionName={function}", packet.encode(), method="GET")
+    urllib.request.urlopen(request, timeout=LIMIT).close()
 
 
 def own_certificate():
