@@ -73,7 +73,7 @@ void PrintWarning(const std::string& message) {
 // Stays: see docs/kept-as-is.md, "stored on GET", "first of any case", "content left open".
 // Stays: see docs/kept-as-is.md, "exceptions uncaught", "cut page is a 200", "failures are a 200".
 // Stays: see docs/kept-as-is.md, "frame alone", "a VM each time", "reader gone", "fixed numbers".
-// Stays: see docs/kept-as-is.md, "redirected typed address".
+// Stays: see docs/kept-as-is.md, "redirected typed address", "link to itself".
 int main() {
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 30).Log(GetCgiLogHandler(), "%s", "main");
 

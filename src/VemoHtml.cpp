@@ -24,6 +24,7 @@ VemoHtml::~VemoHtml() {
 }
 
 // Stays: see docs/kept-as-is.md, "malformed doctype", "no language", "texts unescaped".
+// Stays: see docs/kept-as-is.md, "print unstyled".
 void VemoHtml::PrintHtmlHead(const std::string& name) {
   std::cout << cgicc::HTMLDoctype(cgicc::HTMLDoctype::eStrict) << std::endl;
   std::cout << cgicc::html() << std::endl;

@@ -31,7 +31,8 @@ class PropertiesIni {
   // Takes the text of the file at `path` in place of what the object held. A missing file is an
   // empty one. False when something is there that cannot be read whole, has more than 32 MiB, or
   // is no regular file: the object is then empty, and refuses to Store to that path, so that what
-  // it could not see is not lost. Waits as ReadFile in FileReplacement.h does.
+  // it could not see is not lost. Waits for no lock, only for the kernel to take back another
+  // process's lease, and some 200 ms at most for a file that somebody rewrites in place just now.
   bool Load(const std::string& path);
 
   // Gives `key` in `section` the value, wherever that key stands in a section of that name. A new
@@ -46,9 +47,19 @@ class PropertiesIni {
 
   // Writes the text to `path`, below the lines of `header`, each made a comment; an empty header
   // writes none. The object is unchanged: storing again with a header writes it once, but loading
-  // that file and storing with a header puts another one above. How the file is replaced, and what
-  // that promises, is said at ReplaceFile in FileReplacement.h. False when it did not work: the
-  // file is as it was, but for the cases named there.
+  // that file and storing with a header puts another one above. False when it did not work.
+  //
+  // A missing file is made with mode 0666 less the umask; a symbolic link is followed and stays
+  // one. The new text is written beside the file, with its mode, owner, extended attributes and
+  // access control lists, brought to the disk and renamed over it: every reader, and a machine that
+  // loses power, finds the old text or the new, whole. False: the old text stands; or the new one
+  // does but may not survive a power cut, because the folder could not be brought to the disk. A
+  // killed process may leave `.ini-PID-N.tmp` there; a later Store removes it.
+  //
+  // Where that is denied (a folder that is not writable, a file that is mounted on its own, an
+  // owner that cannot be kept), the file is rewritten in place, again for about a second until our
+  // text stands. Then another reader, a power cut or a killed process may meet a mix of both texts;
+  // False may also mean that another process's text stands.
   bool Store(const std::string& path, const std::string& header);
 
  private:

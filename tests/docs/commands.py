@@ -32,6 +32,7 @@ PLACES = {
     "device": "the stand-in device's sandbox, in that copy",
     "root": "the bare root: the rules of this place run in their order, each leaves what the next finds",
     "beside": "the machine around the bare root, in the root's network",
+    "development": "a bare root with the dev package, by tests/packaging/example.py",
     "machine": "the booted machine, by tests/machine/installed.py",
     "elsewhere": "another test runs the same words: `test`, a file that holds `says`",
     "nowhere": "it is no command",
@@ -168,6 +169,12 @@ RULES = [
     Rule(r"curl -d CanDetectTimeout=500 \S+", "beside", says="Set new option was successful"),
     Rule(r"apt install \./vemo-web_\*\.deb", "root", says="Setting up vemo-web ",
          prepare="dpkg --remove vemo-web-standin vemo-web; cd build/packages"),
+    Rule(r"apt install --no-install-recommends .*vemo-web-dev_\S+ .*", "development", says="Setting up vemo-web-dev "),
+    Rule(r"cp -r /usr/share/doc/vemo-web-dev/examples page", "development", after="test -f page/Name.cpp"),
+    Rule(r"cmake -S page -B page/build", "development", says="have been written to"),
+    Rule(r"cmake --build page/build", "development", after="test -x page/build/name.cgi"),
+    Rule(r"install page/build/uptime\.cgi /usr/share/vemo-web/htdocs", "development"),
+    Rule(r"systemctl cat vemo-web", "machine", prepare="export SYSTEMD_PAGER=cat", says="^ProcSubset=pid"),
     Rule(r"lighty-enable-mod vemo-web", "root", says="Enabling vemo-web: ok"),
     Rule(r"sed -i .*web-server\.conf", "root",
          after=r"""grep -Fx 'server.bind = "192.168.7.1"' /etc/vemo-web/web-server.conf"""
@@ -239,6 +246,8 @@ def pages():
     """All commands, in the order of the pages."""
     for path in (SOURCE / "README.md", SOURCE / "CONTRIBUTING.md", *sorted((SOURCE / "docs").glob("*.md"))):
         text = path.read_text(encoding="utf-8")
+        # Of a program's text, ```cpp, nothing is typed.
+        text = re.sub(r"(?m)^```cpp\n(?:.*\n)*?```$", "", text)
         block = re.compile(r"(?m)^```\w*\n(?P<fenced>(?:.*\n)*?)```$|(?<=\n\n)(?P<indented>(?: {4}.*\n|\n(?= {4}))+)")
         blocks = [found["fenced"] or found["indented"] for found in block.finditer(text)]
         yield from commands_of(path.relative_to(SOURCE).as_posix(), blocks, block.sub("", text))

@@ -30,6 +30,7 @@ import booted  # noqa: E402
 import browser  # noqa: E402
 import browser_journey  # noqa: E402
 import commands  # noqa: E402
+import example  # noqa: E402
 import machine  # noqa: E402
 import prepared  # noqa: E402
 import root  # noqa: E402
@@ -71,6 +72,7 @@ def make_disk(path):
     try:
         made = root.packages(BUILD)
         device.install(made["vemo-web"], made["vemo-web-standin"])
+        shutil.copytree(example.programs(BUILD), device.file("/root/page/build"))
         device.install_known(*root.WEB_SERVERS, "lighttpd-mod-openssl", "nftables", "openssl")
         configuration = device.file("/etc/vemo-web/web-server.conf")
         text = configuration.read_text(encoding="utf-8")
@@ -443,6 +445,33 @@ class Installed(booted.Requests, browser_journey.Journey):
         self.device.run(f"systemctl stop vemo-web; rm -r {folder}; chown root /app; mv /root/tarn-belox /app; "
                         "systemctl start vemo-web")
         self.device.wait_for_page()
+
+    def test_7_a_page_of_an_author_with_the_packages_alone(self):
+        """Built by the commands of docs/sibling-page.md, and put where they say."""
+        self.device.run("cd /root; install page/build/uptime.cgi /usr/share/vemo-web/htdocs;"
+                        " install page/build/name.cgi /usr/share/vemo-web/htdocs")
+        _, number = self.device.run("systemctl show --property MainPID --value vemo-web")
+        # Why it asks the kernel: the service does not see this.
+        status, _ = self.device.run(f"nsenter --target {number.strip()} --mount test -e /proc/uptime")
+        self.assertNotEqual(status, 0)
+        for suffix, screen in (("", browser.DESK), ("-phone", browser.PHONE)):
+            browser.set_screen(self.driver, screen)
+            self.open("/uptime.cgi")
+            self.driver.save_screenshot(str(FOLDER / f"uptime{suffix}.png"))
+            _, own = self.device.run("cat /proc/uptime")
+            told = int(re.search(r"has been running for (\d+) minutes\.", self.text())[1])
+            self.assertIn(told, range(int(float(own.split()[0]) / 60) - 1, int(float(own.split()[0]) / 60) + 1))
+            self.assertEqual([h2.text for h2 in self.driver.find_elements("tag name", "h2")], ["Uptime"])
+            # Nothing sticks to the screen's edge.
+            self.assertGreater(self.driver.find_element("css selector", ".content p").rect["x"], 16)
+        self.open("/name.cgi")
+        self.driver.find_element("id", "name").clear()
+        self.driver.find_element("id", "name").send_keys("Halle <3>")
+        self.press("Store")
+        self.driver.save_screenshot(str(FOLDER / "name-phone.png"))
+        self.assertIn("The name is stored. To activate it reboot the device.", self.text())
+        self.assertEqual(self.driver.find_element("id", "name").get_attribute("value"), "Halle <3>")
+        self.assertIn("\nVEMODInterfaceName=Halle <3>\n", browser.read_settings())
 
     def test_z_nothing_is_lost_when_the_power_is_cut(self):
         answered = []

@@ -13,7 +13,7 @@ BUILD = pathlib.Path(sys.argv.pop(1)).resolve()
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 HEADERS = {f"{name}.h" for name in (
     "VemoHtml VemoPages CgiLog JavaVmWrapper NvmManipulator Logger LogHandler LogClient LogLayout LogEvent "
-    "LogLevelManager LogFormater PropertiesIni").split()}
+    "LogLevelManager LogFormater PropertiesIni Page").split()}
 
 
 def run(*command, **more):
@@ -58,6 +58,12 @@ class Installed(unittest.TestCase):
         headers = {file.name for file in (self.prefix / "include/vemo-web").iterdir()}
         self.assertEqual(headers, HEADERS)
 
+    def test_no_header_refers_to_one_that_is_not_there(self):
+        for file in (self.prefix / "include/vemo-web").iterdir():
+            with self.subTest(file.name):
+                named = set(re.findall(r"\b[A-Z]\w+\.h\b", file.read_text(encoding="utf-8")))
+                self.assertEqual(named - HEADERS, set())
+
     def test_destdir_goes_before_the_prefix(self):
         run("cmake", "--install", BUILD, "--prefix", "/usr", "--component", "library",
             env={**os.environ, "DESTDIR": str(self.folder / "stage")})
@@ -74,17 +80,32 @@ class Installed(unittest.TestCase):
                 self.assertTrue(list(prefix.rglob(there)))
                 self.assertFalse(list(prefix.rglob(elsewhere)))
 
-    def test_a_page_builds_against_what_is_installed_alone(self):
+    def test_the_document_shows_the_example_as_it_is(self):
+        text = (SOURCE / "docs/sibling-page.md").read_text(encoding="utf-8")
+        shown = re.findall(r"(?ms)^```cpp\n(.*?)^```$", text)
+        self.assertEqual(shown, [(SOURCE / "packaging/example/Name.cpp").read_text(encoding="utf-8")])
+
+    def test_the_document_lists_every_class_of_the_style_sheet(self):
+        style = re.sub(r"(?s)/\*.*?\*/|\{[^{}]*\}", "", (SOURCE / "device/htdocs/css/all.css").read_text(encoding="utf-8"))
+        classes = set(re.findall(r"\.([a-z]\w*)", style))
+        text = (SOURCE / "docs/sibling-page.md").read_text(encoding="utf-8")
+        self.assertEqual(set(re.findall(r"(?m)^\| `(\w+)` \| `(?:a|div|dl|input|p)`:", text)), classes)
+        shown = (SOURCE / "packaging/example/classes.html").read_text(encoding="iso-8859-1")
+        self.assertEqual(set(re.findall(r'class="(\w+)"', shown)), classes)
+
+    def test_pages_build_against_what_is_installed_alone(self):
         log = pathlib.Path("/tmp/cgi.log")  # of this machine, not of the sandbox
         before = log.exists() and log.stat().st_size
         build = self.folder / "page"
         shutil.copytree(SOURCE / "packaging/example", self.folder / "source")
         run("cmake", "-S", self.folder / "source", "-B", build, "-G", "Ninja", f"-DCMAKE_PREFIX_PATH={self.prefix}")
         run("cmake", "--build", build)
-        page = run(SOURCE / "device/sandbox", BUILD, "--private-network", "--read-only", build, "/page", "--",
-                   "/usr/bin/env", "REQUEST_METHOD=GET", "/page/uptime.cgi")
-        self.assertIn("<h2>Uptime</h2>", page)
-        self.assertTrue(page.endswith("</html>\n"), page)
+        for name, said in (("uptime", r"has been running for \d+ minutes\."), ("name", 'name="Name" value=""')):
+            page = run(SOURCE / "device/sandbox", BUILD, "--private-network", "--read-only", build, "/page", "--",
+                       "/usr/bin/env", "REQUEST_METHOD=GET", f"/page/{name}.cgi")
+            self.assertEqual(page.count("<h2>"), 1)
+            self.assertRegex(page, said)
+            self.assertTrue(page.endswith("</div>\n</body>\n</html>\n"), page)
         self.assertEqual(log.exists() and log.stat().st_size, before)
 
 

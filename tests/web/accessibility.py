@@ -119,7 +119,7 @@ VIEWS = {**OWN, **FRAMED, **FIXED}
 def set_media(driver, features):
     wanted = [{"name": name, "value": features.get(name, "")} for name in
               ("prefers-color-scheme", "prefers-contrast", "forced-colors")]
-    driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {"features": wanted})
+    driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {"media": "", "features": wanted})
 
 
 def take_picture(driver, name, screen, scale):
@@ -249,6 +249,15 @@ class Looks(Views):
 
         phones = {str(screen): (screen, 1) for screen in (SCREENS["-phone"][0], *SMALL_AND_LYING)}
         self.on_every_screen(VIEWS, check, phones)
+
+
+    def test_on_paper_there_is_no_style(self):
+        for path in (browser.FORM, browser.WARNING):
+            self.driver.get(browser.ROOT + path)
+            self.driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {"media": "print"})
+            navigation = self.driver.find_element(By.CSS_SELECTOR, ".navi")
+            self.assertEqual(navigation.value_of_css_property("background-color"), "rgba(0, 0, 0, 0)")
+            self.assertIn("Home", navigation.text)
 
 
 class Slow(unittest.TestCase):

@@ -153,6 +153,12 @@ class Journey(Browser):
         self.assertEqual(self.driver.title, browser.TITLES["Device Information"])
         self.assertEqual(self.field().get_attribute("value"), "300")
 
+    def test_the_last_link_of_the_navigation_leads_to_the_warning(self):
+        self.post("500")
+        self.follow("Set CanDetectTimeout")
+        self.assertIn("Option CanDetectTimeout not set", self.text())
+        self.assertIn("\nVEMODCanDetectTimeout=500\n", browser.read_settings())
+
     def test_a_value_with_umlauts_comes_back_as_it_was_typed(self):
         self.post("fünfhundert")
         self.assertIn("Set CanDetectTimeout to fünfhundert ms.", self.text())
