@@ -47,6 +47,7 @@ else()
     ${PROJECT_SOURCE_DIR}/src/*.h ${PROJECT_SOURCE_DIR}/src/*.cpp
     ${PROJECT_SOURCE_DIR}/platform/*.h ${PROJECT_SOURCE_DIR}/platform/*.cpp
     ${PROJECT_SOURCE_DIR}/device/*.h ${PROJECT_SOURCE_DIR}/device/*.cpp
+    ${PROJECT_SOURCE_DIR}/packaging/*.cpp
     ${PROJECT_SOURCE_DIR}/bench/*.h ${PROJECT_SOURCE_DIR}/bench/*.cpp
     ${PROJECT_SOURCE_DIR}/tests/*.h ${PROJECT_SOURCE_DIR}/tests/*.cpp)
   add_test(NAME format COMMAND clang-format --dry-run -Werror ${formatted})

@@ -132,6 +132,8 @@ RULES = [
     Rule(r"python3 -B tests/packaging/packages\.py build Check\.test_no_log", "checkout", says=r"\nOK"),
     Rule(r"python3 -B tests/machine/installed\.py build", "elsewhere",
          test="tests/machine/CMakeLists.txt", says="installed.py ${PROJECT_BINARY_DIR})"),
+    Rule(r"python3 -B tests/packaging/example\.py build", "elsewhere",
+         test="tests/packaging/CMakeLists.txt", says="add_packaging_test(Example example LONG)"),
     Rule(r"python3 -B tests/packaging/packages\.py build Sizes", "elsewhere",
          test="tests/packaging/CMakeLists.txt", says="foreach(name Lint Sizes "),
     Rule(r"python3 -B tests/machine/floor\.py build", "elsewhere",
