@@ -86,7 +86,8 @@ class Installed(unittest.TestCase):
         self.assertEqual(shown, [(SOURCE / "packaging/example/Name.cpp").read_text(encoding="utf-8")])
 
     def test_the_document_lists_every_class_of_the_style_sheet(self):
-        style = re.sub(r"(?s)/\*.*?\*/|\{[^{}]*\}", "", (SOURCE / "device/htdocs/css/all.css").read_text(encoding="utf-8"))
+        style = (SOURCE / "device/htdocs/css/all.css").read_text(encoding="utf-8")
+        style = re.sub(r"(?s)/\*.*?\*/|\{[^{}]*\}", "", style)
         classes = set(re.findall(r"\.([a-z]\w*)", style))
         text = (SOURCE / "docs/sibling-page.md").read_text(encoding="utf-8")
         self.assertEqual(set(re.findall(r"(?m)^\| `(\w+)` \| `(?:a|div|dl|input|p)`:", text)), classes)

@@ -222,8 +222,9 @@ class Looks(Views):
 
     def test_night_is_dark_and_more_contrast_is_more(self):
         def colours():
-            return [self.driver.execute_script("return getComputedStyle(document.querySelector(arguments[0]))[arguments[1]]",
-                                               *what) for what in (("body", "backgroundColor"), (".content", "color"))]
+            look_up = "return getComputedStyle(document.querySelector(arguments[0]))[arguments[1]]"
+            return [self.driver.execute_script(look_up, *what)
+                    for what in (("body", "backgroundColor"), (".content", "color"))]
 
         self.driver.get(browser.ROOT + browser.FORM)
         found = []

@@ -220,7 +220,8 @@ def order_of(owner, function):
     """Another client of the nVm service's."""
     packet = ("<wddxPacket version='1.0'><header/><data><struct><var name='DeviceOwner'><string>" + owner +
               "</string></var><var name='IfhClientIpAddr'><string>0</string></var></struct></data></wddxPacket>")
-    request = urllib.request.Request(f"http://127.0.0.1:5302/nVm?FunctionName={function}", packet.encode(), method="GET")
+    address = f"http://127.0.0.1:5302/nVm?FunctionName={function}"
+    request = urllib.request.Request(address, packet.encode(), method="GET")
     urllib.request.urlopen(request, timeout=LIMIT).close()
 
 
