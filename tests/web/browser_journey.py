@@ -99,6 +99,7 @@ class Journey(Browser):
         self.assertIn("\nVEMODCanDetectTimeout=500\n", browser.read_settings())
 
     def test_only_a_whole_number_is_let_through(self):
+        before = browser.read_settings()
         self.open(browser.FORM)
         for text in ("", "abc", "-5", "1.5", "5" * 200):
             with self.subTest(text):
@@ -109,7 +110,7 @@ class Journey(Browser):
                 self.assertEqual(self.driver.find_element(By.TAG_NAME, "html"), page)
                 self.assertEqual(self.driver.switch_to.active_element, field)
                 self.assertTrue(self.driver.execute_script("return arguments[0].matches(':user-invalid')", field))
-        self.assertEqual(browser.read_settings(), browser.SHIPPED_SETTINGS.read_text())
+        self.assertEqual(browser.read_settings(), before)
         self.field().clear()
         self.field().send_keys("300")
         self.leave(lambda: self.field().send_keys(Keys.ENTER))
