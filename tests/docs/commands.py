@@ -168,6 +168,7 @@ RULES = [
                  " for i in {1..100}; do (: >/dev/tcp/127.0.0.1/8080) 2>/dev/null && break; sleep 0.1; done",
          says=r"\A(ok .*\n)*WRONG  service .*\n.*\n(ok .*\n)*\Z"),
     Rule(r"vemo-web-check \| grep -A1 \^WRONG", "root", says="WRONG  service .*\n +->"),
+    Rule(r"df /app/tarn-belox/runvex", "root", says="Use%"),
     Rule(r"curl -d CanDetectTimeout=500 \S+", "beside", says="Set new option was successful"),
     Rule(r"apt install \./vemo-web_\*\.deb", "root", says="Setting up vemo-web ",
          prepare="dpkg --remove vemo-web-standin vemo-web; cd build/packages"),
