@@ -200,6 +200,7 @@ RULES = [
          after="systemctl is-active vemo-web-reboot.socket && test -p /run/vemo-web-reboot"),
     Rule(r"systemctl disable --now vemo-web-reboot\.socket", "machine",
          after="! systemctl is-active vemo-web-reboot.socket && test ! -e /run/vemo-web-reboot"),
+    Rule(r"systemctl start vemo-web-log", "machine"),
     Rule(r"systemd-analyze security vemo-web", "machine", says="Overall exposure level for vemo-web.service: 1.7"),
     Rule(r"systemctl edit vemo-web", "machine",
          prepare=r"printf '#!/bin/sh\nsed -i \"2a [Service]\\\\nIPAddressAllow=10.0.2.0/24\" \"$1\"\n' >/run/editor;"
