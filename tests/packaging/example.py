@@ -81,8 +81,9 @@ class Example(unittest.TestCase):
     def test_2_the_web_server_serves_it(self):
         """Nothing is booted here: the web server is started by hand, as its user."""
         self.device.run("install", "-d", "-o", "vemo-web", "/run/vemo-web")
-        self.device.start("setpriv", "--reuid=vemo-web", "--regid=vemo-web", "--clear-groups", "--reset-env",
-                          "/usr/sbin/lighttpd", "-D", "-f", "/usr/share/vemo-web/lighttpd.conf")
+        server = self.device.start("setpriv", "--reuid=vemo-web", "--regid=vemo-web", "--clear-groups", "--reset-env",
+                                   "/usr/sbin/lighttpd", "-D", "-f", "/usr/share/vemo-web/lighttpd.conf")
+        self.addClassCleanup(self.device.stop, server)
         page = ""
         for _ in range(100):
             page = self.device.run_beside("curl", "-sS", "http://localhost:8080/uptime.cgi", status=None)
