@@ -82,22 +82,28 @@ class Behind(unittest.TestCase):
     def test_later_commits_follow_it_and_one_another_and_the_next_version_them(self):
         versions = [self.commit(date) for date in (0, 1, 90000)]
         self.expect_in_order(VERSION, *versions, VERSION + ".1")
-        commit = self.git("rev-parse", "HEAD")[:10]
+        commit = self.git("rev-parse", "HEAD")[:7]
         self.assertEqual(versions[-1], f"{VERSION}+git20231115231320.{commit}")
 
-    def test_what_is_not_committed_follows_its_commit_and_not_the_next(self):
-        first = self.commit(0)
-        for name in ("new", "CMakeLists.txt"):
-            with self.subTest(name):
-                with open(self.folder / name, "a", encoding="utf-8") as file:
-                    file.write("# more\n")
-                dirty = self.version()
-                self.assertRegex(dirty, re.escape(first) + r"\.dirty\d{14}\Z")
-                self.expect_in_order(first, dirty, self.commit(1))
-                first = self.version()
-        self.git("tag", f"v{VERSION}")
-        (self.folder / "new").unlink()
-        self.expect_in_order(VERSION, self.version())
+    def test_what_is_not_committed_follows_its_commit(self):
+        for is_tagged in (False, True):
+            first = self.commit(0)
+            commit = self.git("rev-parse", "HEAD")[:7]
+            if is_tagged:
+                self.git("tag", f"v{VERSION}")
+                first = VERSION
+            for name in ("new", "CMakeLists.txt"):
+                with self.subTest(name, is_tagged=is_tagged):
+                    file = self.folder / name
+                    before = file.read_bytes() if file.exists() else None
+                    with open(file, "a", encoding="utf-8") as appended:
+                        appended.write("# more\n")
+                    dirty = self.version()
+                    self.assertRegex(dirty, rf"\A{re.escape(VERSION)}\+git\d{{14}}\.{commit}\.dirty\Z")
+                    self.expect_in_order(first, dirty, VERSION + ".1")
+                    file.unlink()
+                    if before is not None:
+                        file.write_bytes(before)
 
     def test_what_git_ignores_changes_nothing(self):
         first = self.commit(0)
