@@ -19,6 +19,7 @@ import root
 
 sys.path += [str(root.SOURCE / "tests/docs"), str(root.SOURCE / "tests/web")]
 
+import commands  # noqa: E402
 import pages  # noqa: E402
 from prepared import PASSWORD, TLS, with_parts  # noqa: E402
 
@@ -45,6 +46,13 @@ class Lint(checks.Checks, unittest.TestCase):
     def setUpClass(cls):
         cls.made = root.packages(BUILD)
         cls.folder = BUILD / "packages"
+
+    def test_every_call_of_the_compiler_has_the_flags_of_hardening(self):
+        """Of those that link, blhc knows none that is static."""
+        log = BUILD / "package/build.log"
+        said = subprocess.run(["blhc", "--all", "--ignore-line", ".* -static(-pie)? .*", log], capture_output=True,
+                              text=True, check=False)
+        self.assertEqual((said.returncode, said.stdout), (0, ""), said.stderr)
 
     def test_the_check_says_the_packages_version(self):
         for name, file in self.made.items():
@@ -74,12 +82,9 @@ class InRoot(unittest.TestCase):
 class Sizes(InRoot):
     """docs/on-a-device.md tells what a bare Debian 12 has to fetch and to keep, in MB of apt's."""
 
-    def measured(self, package):
-        file = self.made.get(package)
-        needs_us = package == "vemo-web-standin"
-        wanted = [self.made["vemo-web"]] if needs_us else []
-        if file:
-            wanted.append(file)
+    def measured(self, package, *others, recommends):
+        """The package itself, and what it brings when it is installed together with the others."""
+        if file := self.made.get(package):
             fields = checks.told("dpkg-deb", "--field", file)
             fetched = file.stat().st_size / 1e6
         else:
@@ -87,10 +92,14 @@ class Sizes(InRoot):
             fields = self.device.run("apt-cache", "show", "--no-all-versions", package)
             fetched = int(re.search(r"^Size: (\d+)", fields, re.MULTILINE)[1]) / 1e6
         kept = int(re.search(r"^Installed-Size: (\d+)", fields, re.MULTILINE)[1]) * 1024 / 1e6
-        for one in wanted:
-            shutil.copy(one, self.device.file("/root"))
-        told = self.device.run("apt-get", "-q", "--assume-no", "--no-install-recommends", "install",
-                               *([f"/root/{one.name}" for one in wanted] or [package]), status=None)
+        names = []
+        for one in (package, *others):
+            if file := self.made.get(one):
+                shutil.copy(file, self.device.file("/root"))
+                one = f"/root/{file.name}"
+            names.append(one)
+        told = self.device.run("apt-get", "-q", "--assume-no", "-o", f"APT::Install-Recommends={recommends}", "install",
+                               *names, status=None)
         return {"fetched": fetched, "on the disk": kept,
                 "packages": int(re.search(r"(\d+) newly installed", told)[1]),
                 "fetched with them": float(re.search(r"([\d.]+) MB of archives", told)[1]),
@@ -100,10 +109,11 @@ class Sizes(InRoot):
         rows = [row for row in pages.rows("docs/on-a-device.md") if "fetched with them" in row]
         self.assertGreater(len(rows), len(self.made))
         for row in rows:
-            package = pages.code(row["package"])[0]
-            with self.subTest(package):
-                found = self.measured(package)
-                print(package, {what: round(size, 2) for what, size in found.items()})
+            names = pages.code(row["package"])
+            packages = [name for name in names if not name.startswith("-")]
+            with self.subTest(row["package"]):
+                found = self.measured(*packages, recommends="--no-install-recommends" in names)
+                print(row["package"], {what: round(size, 2) for what, size in found.items()})
                 for what, size in found.items():
                     self.assertAlmostEqual(float(row[what]), size, delta=size / 10, msg=what)
 
@@ -121,17 +131,6 @@ class LifeCycle(InRoot):
     def setUpClass(cls):
         super().setUpClass()
         cls.older = root.packages(BUILD, "0.9.0")
-        cls.before = cls.listing()
-
-    @classmethod
-    def listing(cls):
-        """All files but those that dpkg and apt keep for themselves, with owner and mode."""
-        told = cls.device.run(
-            "find", "/", "-xdev", "-path", "/proc", "-prune", "-o", "-path", "/dev", "-prune", "-o",
-            "-path", "/var/lib/dpkg", "-prune", "-o", "-path", "/var/log", "-prune", "-o",
-            "-path", "/var/cache", "-prune", "-o", "-path", "/var/lib/apt", "-prune", "-o",
-            "-path", "/root", "-prune", "-o", "-printf", "%p %U:%G %m\n")
-        return set(told.splitlines())
 
     def test_1_one_installation_gives_the_whole_device(self):
         self.device.install(*(self.made[name] for name in ("vemo-web", "vemo-web-standin")))
@@ -216,23 +215,195 @@ class LifeCycle(InRoot):
         self.assertIn("server.port = 8088", self.read(WEB_SERVER))
         self.assertFalse(self.device.file("/usr/libexec/vemo-web").exists())
 
-    def test_7_purging_leaves_the_settings_file_and_nothing_else(self):
+    def test_8_purging_leaves_the_settings_file_as_it_is(self):
         self.device.run("apt-get", "-q", "-y", "purge", "vemo-web-standin", "vemo-web")
         self.assertEqual(self.read(SETTINGS), TEXT)
         self.assertEqual(owner(self.device, SETTINGS), "games:games 640")
-        left = {line.split(" ")[0] for line in self.listing() - self.before
-                if re.search(r"vemo|cgi\.log|nvm\.log|^/app", line)}
-        self.assertEqual(left, {"/app", "/app/tarn-belox", "/app/tarn-belox/runvex", SETTINGS})
+        self.assertFalse(self.device.file("/etc/vemo-web").exists())
 
-    def test_8_installed_and_purged_without_a_settings_file_it_leaves_no_trace(self):
-        self.device.file(SETTINGS).unlink()
-        self.device.install(*(self.made[name] for name in ("vemo-web", "vemo-web-standin")))
-        self.device.run("apt-get", "-q", "-y", "purge", "vemo-web-standin", "vemo-web")
-        self.assertFalse(self.device.file("/app").exists())
-        left = [line for line in self.listing() - self.before if re.search(r"vemo|cgi\.log|nvm\.log", line)]
-        self.assertEqual(left, [])
-        self.assertFalse(self.device.file("/var/cache/vemo-web").exists())
-        self.assertNotIn("vemo", self.read("/etc/passwd"))
+
+class Purge(InRoot):
+    """What others have is there before, and afterwards; what we depend on is there all the time."""
+
+    NAMES = ("vemo-web", "vemo-web-standin")
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        cls.device.install_known("default-jre-headless", "lighttpd", "lighttpd-mod-openssl", "logrotate", "libcgicc3",
+                                 "libmicrohttpd12", "libxml2", "nftables", "openssl")
+
+    def setUp(self):
+        self.before = self.state()
+        self.is_purged = False
+        self.addCleanup(self.clear)
+
+    def state(self):
+        """Every file, with owner and mode, but for what dpkg and programs keep for themselves."""
+        pruned = " -o ".join(f"-path {path} -prune" for path in (
+            "/proc", "/dev", "/root", "/var/lib/dpkg", "/var/lib/apt", "/var/log", "/var/cache/apt",
+            "/var/cache/debconf", "/var/lib/logrotate"))
+        told = self.device.run("sh", "-c", f"find / -xdev {pruned} -o -printf '%p %u:%g %m %l\\n'; cat /etc/passwd"
+                               " /etc/group")
+        # What the tools that change accounts leave behind them.
+        changing = re.compile(r"/etc/(\.pwd\.lock|(g?shadow|passwd|group|sub.id)-) ")
+        return {line for line in told.splitlines() if not changing.match(line)}
+
+    def install(self):
+        self.device.install(*(self.made[name] for name in self.NAMES))
+
+    def purge(self):
+        """What it said, what it left, what is missing."""
+        said = self.device.run("apt-get", "-q", "-y", "purge", *self.NAMES)
+        self.is_purged = True
+        after = self.state()
+        return said, after - self.before, self.before - after
+
+    def clear(self):
+        """For the next test."""
+        if not self.is_purged:
+            self.device.run("apt-get", "-q", "-y", "purge", *self.NAMES)
+        self.device.run("sh", "-c", "rm -rf /app /etc/vemo-web /etc/systemd/system/vemo-web* /tmp/cgi* /tmp/nvm*;"
+                        " userdel -r vemo-web; userdel vemo-web-nvm; groupdel vemo-web; true")
+
+    def do_all_that_the_documents_tell(self):
+        """The commands of the pages, and those above the lines of each configuration."""
+        told = [command.text for command in commands.pages()
+                if re.match(r"cp -r /usr/share/vemo-web/|install -D .*/etc/systemd/|lighty-enable-mod ", command.text)]
+        self.assertEqual(len(told), 3, told)
+        for command in told:
+            self.device.run("bash", "-ec", command)
+        for file in (WEB_SERVER, *(f"/etc/vemo-web/web-servers/{name}.conf" for name in ("apache2", "nginx"))):
+            text, made = with_parts(self.read(file), (TLS, PASSWORD))
+            self.assertIn("/etc/vemo-web/", made)
+            self.device.file(file).write_text(text, encoding="utf-8")
+            self.device.run("bash", "-ec", made, text="secret\n")
+        # As `systemctl edit` leaves it, and `adduser www-data vemo-web`.
+        drop_in = self.device.file("/etc/systemd/system/vemo-web.service.d/override.conf")
+        drop_in.write_text("[Service]\nIPAddressAllow=10.0.2.0/24\n", encoding="utf-8")
+        self.device.run("usermod", "--append", "--groups", "vemo-web", "www-data")
+        # The toggle's status file, the logs in their turns.
+        service = self.device.start("/usr/libexec/vemo-web/nvm-service")
+        self.device.run("sh", "-c", "for i in $(seq 100); do /usr/libexec/vemo-web/toggle-device-allocation && exit; "
+                        "sleep 0.1; done; exit 1")
+        self.device.stop(service)
+        self.assertTrue(self.device.file("/tmp/cgirep.txt").exists())
+        for log in (LOG, "/tmp/nvm.log"):
+            self.device.file(log + ".1").write_text("old\n", encoding="utf-8")
+
+    def store(self):
+        self.device.run("setpriv", "--reuid=vemo-web", "--regid=vemo-web", "--clear-groups", "--reset-env",
+                        "env", "REQUEST_METHOD=GET", "QUERY_STRING=CanDetectTimeout=700",
+                        "JAVA_CLASSPATH=" + CLASS_FOLDER, f"JAVA_OPTIONS=-XX:VMOptionsFile={OPTIONS}",
+                        "/usr/libexec/vemo-web/setobdconf.cgi")
+        self.assertIn("=700", self.read(SETTINGS))
+
+    def test_nothing_is_left_where_nothing_was_done(self):
+        self.install()
+        self.assertEqual(self.purge()[1:], (set(), set()))
+
+    def test_of_all_that_the_documents_tell_what_may_be_changed_is_left_and_named(self):
+        self.install()
+        self.do_all_that_the_documents_tell()
+        self.store()
+        said, left, missing = self.purge()
+        left = {line.split(" ")[0] for line in left}
+        files = {path for path in left if self.device.file(path).is_file()}
+        copies = {"/etc/vemo-web/web-servers/" + file.name
+                  for file in (root.SOURCE / "packaging/web-servers").glob("*.conf.in")}
+        self.assertEqual(files, {SETTINGS, *(copy.removesuffix(".in") for copy in copies),
+                                 "/etc/systemd/system/vemo-web.service.d/override.conf",
+                                 "/etc/systemd/system/vemo-web.service.d/web-server.conf"})
+        for file in files:
+            self.assertRegex(said, f"(?m)^{re.escape(file)}$")
+        self.assertRegex(said, f"the account vemo-web stays.*\n(/app.*\n)*{SETTINGS}\n")
+        folders = {parent.as_posix() for file in files for parent in pathlib.Path(file).parents}
+        accounts = {path for path in left - files - folders if not path.startswith("/")}
+        self.assertEqual(left - files - folders, accounts)
+        self.assertTrue(all(line.startswith("vemo-web:") for line in accounts), accounts)
+        self.assertEqual(missing, set())
+
+    def test_what_was_made_of_secrets_and_the_account_go(self):
+        """Where no copies are made, and nothing is stored."""
+        self.install()
+        _, made = with_parts(self.read(WEB_SERVER), (TLS, PASSWORD))
+        self.device.run("bash", "-ec", made, text="secret\n")
+        self.device.run("lighty-enable-mod", "vemo-web")
+        self.device.run("usermod", "--append", "--groups", "vemo-web", "www-data")
+        self.device.file("/tmp/cgirep.txt").touch()
+        said, left, missing = self.purge()
+        self.assertEqual((left, missing), (set(), set()), said)
+
+    def test_an_account_that_was_there_before_stays(self):
+        for name, uid in (("vemo-web", 1500), ("vemo-web-nvm", 1501)):
+            self.device.run("useradd", "--uid", str(uid), "--create-home", "--shell", "/bin/bash", name)
+            self.device.run("runuser", "-u", name, "--", "sh", "-c", "echo own >~/own")
+            self.addCleanup(self.device.run, "userdel", "--remove", name, status=None)
+        self.before = self.state()
+        self.install()
+        said, left, missing = self.purge()
+        self.assertEqual((left, missing), (set(), set()), said)
+        self.assertEqual(self.read("/home/vemo-web/own"), "own\n")
+
+    def test_a_system_account_that_others_made_stays(self):
+        for name in self.NAMES:
+            self.device.run("useradd", "--system", name.replace("standin", "nvm"))
+        self.before = self.state()
+        self.install()
+        self.assertEqual(self.purge()[1:], (set(), set()))
+
+    def test_what_is_of_others_stays_and_is_named(self):
+        self.device.run("install", "-d", "-o", "games", "-m", "0700", os.path.dirname(SETTINGS))
+        self.before = self.state()
+        self.install()
+        for path, user in (("/etc/vemo-web/own.pem", "root"), ("/tmp/cgirep.txt", "games"),
+                           ("/tmp/nvm.log.1", "games")):
+            self.device.file(path).write_text("mine\n", encoding="utf-8")
+            self.device.run("chown", user, path)
+        self.device.file(LOG).unlink()
+        self.device.file(LOG).symlink_to("/etc/hostname")
+        said, left, missing = self.purge()
+        own = {"/etc/vemo-web/own.pem", "/tmp/cgirep.txt", "/tmp/nvm.log.1", LOG}
+        self.assertEqual({line.split(" ")[0] for line in left}, own | {"/etc/vemo-web"})
+        self.assertEqual(missing, set())
+        for path in own:
+            self.assertRegex(said, f"(?m)^{re.escape(path)}$")
+
+
+class Lighttpd(InRoot):
+    """Debian's own service of it. Nothing is booted here: tests/machine/installed.py looks at the port."""
+
+    def enabled(self):
+        return self.device.run("systemctl", "is-enabled", "lighttpd", status=None).strip()
+
+    def test_1_one_that_was_there_before_is_left_alone(self):
+        self.device.install_known("lighttpd")
+        self.device.install(self.made["vemo-web"])
+        self.assertEqual(self.enabled(), "enabled")
+        self.device.run("apt-get", "-q", "-y", "purge", "vemo-web")
+        self.assertEqual(self.enabled(), "enabled")
+        self.device.run("apt-get", "-q", "-y", "purge", "lighttpd")
+
+    def test_2_one_that_comes_along_is_turned_off_and_stays_so(self):
+        said = self.device.install(self.made["vemo-web"])
+        self.assertIn("enable lighttpd.service where you want it", said)
+        self.assertEqual(self.enabled(), "disabled")
+        self.device.run("dpkg-reconfigure", "lighttpd")
+        self.assertEqual(self.enabled(), "disabled")
+
+    def test_3_an_administrator_turns_it_on_and_it_stays_so(self):
+        self.device.run("systemctl", "enable", "lighttpd")
+        for name in ("lighttpd", "vemo-web"):
+            self.device.run("dpkg-reconfigure", name)
+            self.assertEqual(self.enabled(), "enabled", name)
+
+    def test_4_the_purge_leaves_nothing_that_keeps_it_off(self):
+        self.device.run("systemctl", "disable", "lighttpd")
+        self.device.run("apt-get", "-q", "-y", "purge", "vemo-web")
+        self.assertEqual(self.enabled(), "disabled")
+        self.assertFalse(list(self.device.file("/run").glob("vemo-web*")))
+        self.device.run("systemctl", "enable", "lighttpd")
+        self.assertEqual(self.enabled(), "enabled")
 
 
 class Unanswered(InRoot):
@@ -738,6 +909,18 @@ class Check(InRoot):
                         self.assertEqual(self.found(), [])
                         with self.mode(f"/etc/vemo-web/{server}-password", 0o644):
                             self.expect_mended("password", f"chown root:vemo-web /etc/vemo-web/{server}-password; ")
+
+
+class Development(InRoot):
+    def test_the_example_builds_with_what_is_recommended(self):
+        package = self.made["vemo-web-dev"]
+        recommended = checks.told("dpkg-deb", "--field", package, "Recommends")
+        self.device.install_known(*(name.split(" ")[0] for name in recommended.strip().split(", ")))
+        self.device.install(package)
+        self.device.run("sh", "-ec", "cp -r /usr/share/doc/vemo-web-dev/examples /root/page; cd /root/page;"
+                        " cmake -S . -B build; cmake --build build")
+        page = self.device.run("env", "REQUEST_METHOD=GET", "/root/page/build/uptime.cgi")
+        self.assertIn("<h2>Uptime</h2>", page)
 
 
 class Module(InRoot):
