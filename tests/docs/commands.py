@@ -158,7 +158,8 @@ RULES = [
     Rule(r"/srv/vemo/bin/class-archive fits /app/class-archive", "device", status=1, says="class-archive: "),
 
     Rule(r"apt-get install gdb", "root", prepare="export APT_CONFIG=/root/simulate", says=r"\nInst gdb "),
-    Rule(r"apt install \./build/packages/\S+ \./build/packages/\S+", "root", says="Setting up vemo-web-standin"),
+    Rule(r"apt install --no-install-recommends nftables \./build/packages/\S+ \./build/packages/\S+", "root",
+         says="Setting up vemo-web-standin"),
     Rule(r"setpriv --reuid vemo-web .*setobdconf\.cgi", "root", status=1, says="Option CanDetectTimeout not set"),
     # Nothing is booted here: the services are started by hand, and that alone is wrong.
     Rule(r"vemo-web-check", "root", status=1,
@@ -170,7 +171,7 @@ RULES = [
     Rule(r"vemo-web-check \| grep -A1 \^WRONG", "root", says="WRONG  service .*\n +->"),
     Rule(r"df /app/tarn-belox/runvex", "root", says="Use%"),
     Rule(r"curl -d CanDetectTimeout=500 \S+", "beside", says="Set new option was successful"),
-    Rule(r"apt install \./vemo-web_\*\.deb", "root", says="Setting up vemo-web ",
+    Rule(r"apt install --no-install-recommends nftables \./vemo-web_\*\.deb", "root", says="Setting up vemo-web ",
          prepare="dpkg --remove vemo-web-standin vemo-web; cd build/packages"),
     Rule(r"apt install --no-install-recommends .*vemo-web-dev_\S+ .*", "development", says="Setting up vemo-web-dev "),
     Rule(r"cp -r /usr/share/doc/vemo-web-dev/examples page", "development", after="test -f page/Name.cpp"),
@@ -193,8 +194,8 @@ RULES = [
     Rule(r"systemctl daemon-reload", "elsewhere", test="tests/machine/installed.py",
          says="systemctl daemon-reload; systemctl restart vemo-web; "),
     Rule(r"journalctl -u vemo-web", "machine", prepare="export SYSTEMD_PAGER=cat", says="Started "),
-    Rule(r"systemctl disable --now lighttpd", "machine", prepare="systemctl unmask lighttpd; systemctl enable lighttpd",
-         after="! systemctl is-enabled lighttpd"),
+    Rule(r"systemctl enable --now lighttpd", "machine",
+         after="systemctl is-active lighttpd && systemctl disable --now lighttpd"),
     Rule(r"systemctl restart vemo-web", "machine", after="systemctl is-active vemo-web"),
     Rule(r"systemctl enable --now vemo-web-reboot\.socket", "machine",
          after="systemctl is-active vemo-web-reboot.socket && test -p /run/vemo-web-reboot"),
@@ -410,8 +411,8 @@ class Installed(Place):
         packages.mkdir(parents=True)
         for file in made.values():
             shutil.copy(file, packages)
-        # Who types the commands says yes; the cache holds no more than what is needed.
-        options = 'APT::Get::Assume-Yes "true"; APT::Install-Recommends "false"; APT::Sandbox::User "root";\n'
+        # Who types the commands says yes.
+        options = 'APT::Get::Assume-Yes "true"; APT::Sandbox::User "root";\n'
         cls.device.file("/etc/apt/apt.conf.d/commands").write_text(options, encoding="utf-8")
         cls.device.file("/root/simulate").write_text(options + 'APT::Get::Simulate "true";\n', encoding="utf-8")
 

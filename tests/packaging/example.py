@@ -24,8 +24,7 @@ APT = 'APT::Get::Assume-Yes "true"; APT::Sandbox::User "root";\n'
 
 def author(build):
     """A bare root with the packages in /root."""
-    archive = root.bare_archive(build, "development", (*root.DEPENDENCIES, *root.DEVELOPMENT))
-    device = root.Root(build, "Example", archive)
+    device = root.Root(build, "Example")
     for file in root.packages(build).values():
         shutil.copy(file, device.file("/root"))
     device.file("/etc/apt/apt.conf.d/commands").write_text(APT, encoding="utf-8")

@@ -18,10 +18,12 @@ INSTALLED = "systemd-sysv,udev,dbus"
 # apt's cache holds what the packages depend on.
 DEPENDENCIES = ("default-jre-headless", "lighttpd", "lighttpd-mod-openssl", "logrotate", "libcgicc3",
                 "libmicrohttpd12", "libxml2", "nftables", "openssl")
+# And what vemo-web-dev depends on and recommends.
+DEVELOPMENT = ("default-jdk-headless", "libcgicc-dev", "libxml2-dev", "pkgconf", "cmake", "g++", "make")
+# Which runs debian/tests.
+TESTER = "autopkgtest"
 # Which can take lighttpd's place.
 WEB_SERVERS = ("apache2-bin", "fcgiwrap", "nginx")
-# What an author of pages has, beside the dependencies; in the cache of a root of its own.
-DEVELOPMENT = ("cmake", "g++", "make", "default-jdk-headless", "libcgicc-dev", "libxml2-dev", "pkgconf")
 
 
 def why_not():
@@ -41,11 +43,11 @@ def why_not_for(architecture):
     return told.stdout.strip() or None
 
 
-def bare_archive(build, name="bare", cached=(*DEPENDENCIES, *WEB_SERVERS)):
+def bare_archive(build):
     """The archive of the bare root, made when it is missing or has other packages in its cache."""
-    archive = build / f"roots/{name}.tar"
-    held = build / f"roots/{name}.packages"
-    packages_held = " ".join(cached)
+    archive = build / "roots/bare.tar"
+    held = build / "roots/bare.packages"
+    packages_held = " ".join((*DEPENDENCIES, *DEVELOPMENT, *WEB_SERVERS, TESTER))
     if not archive.exists() or not held.exists() or held.read_text() != packages_held:
         archive.parent.mkdir(parents=True, exist_ok=True)
         subprocess.run([SOURCE / "tools/make-bare-root", archive, INSTALLED, *packages_held.split()], check=True)
@@ -103,12 +105,12 @@ def ended(command, status, text="", **stdin):
 class Root:
     """A root unpacked into a folder; close() ends all that runs in it and removes it."""
 
-    def __init__(self, build, name, archive=None):
+    def __init__(self, build, name):
         self.path = build / "roots" / name
         shutil.rmtree(self.path, ignore_errors=True)
         self.path.mkdir(parents=True)
         subprocess.run(["tar", "--extract", "--numeric-owner", "--xattrs", "--exclude=./dev/*",
-                        "--file", archive or bare_archive(build), "--directory", self.path], check=True)
+                        "--file", bare_archive(build), "--directory", self.path], check=True)
         # The namespaces' first process; with it ends all in them.
         self._holder = subprocess.Popen(
             ["setpriv", "--pdeathsig", "KILL", "unshare", "--mount", "--net", "--pid", "--ipc", "--fork",
