@@ -19,7 +19,7 @@ SYSROOT_PACKAGES=(libc6 libstdc++6 libcgicc-dev libxml2-dev libmicrohttpd-dev op
   libgtest-dev libgmock-dev librapidcheck-dev lighttpd busybox-static)
 declare -A SYSROOT_KERNEL=([arm64]=linux-image-cloud-arm64 [armhf]=linux-image-armmp-lpae)
 # What ./test --long needs beside these, PACKAGING_PACKAGES and CROSS_PACKAGES.
-LONG_TEST_PACKAGES=(lintian ccache diffoscope-minimal faketime firefox-esr locales
+LONG_TEST_PACKAGES=(lintian blhc ccache diffoscope-minimal faketime firefox-esr locales
   gdb linux-perf python3-matplotlib wrk pngquant qemu-system-arm)
 # A Node.js from elsewhere brings its own.
 command -v npm >/dev/null || TEST_PACKAGES+=(npm)

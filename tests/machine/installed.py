@@ -73,7 +73,15 @@ def make_disk(path):
         made = root.packages(BUILD)
         device.install(made["vemo-web"], made["vemo-web-standin"])
         shutil.copytree(example.programs(BUILD), device.file("/root/page/build"))
-        device.install_known(*root.WEB_SERVERS, "lighttpd-mod-openssl", "nftables", "openssl")
+        device.install_known(*root.WEB_SERVERS, "lighttpd-mod-openssl", "nftables", "openssl", root.TESTER)
+        # To be installed once more.
+        device.run("sh", "-c", "mkdir /root/packages && mv /root/*.deb /var/cache/apt/archives/lighttpd_*.deb"
+                   " /root/packages")
+        source = device.file("/root/source/debian")
+        shutil.copytree(SOURCE / "packaging/debian", source)
+        changelog = (source / "changelog.in").read_text(encoding="utf-8")
+        (source / "changelog").write_text(changelog.replace("@VERSION@", "1.0").replace(
+            "@DATE@", "Thu, 01 Jan 2026 00:00:00 +0000"), encoding="utf-8")
         configuration = device.file("/etc/vemo-web/web-server.conf")
         text = configuration.read_text(encoding="utf-8")
         configuration.write_text(text.replace('"127.0.0.1"', '"0.0.0.0"', 1), encoding="utf-8")
@@ -86,10 +94,10 @@ def make_disk(path):
         device.file("/etc/fstab").write_text("/dev/vda / ext4 defaults 0 1\n", encoding="utf-8")
         device.file("/etc/hostname").write_text("vemo\n", encoding="utf-8")
         device.run("systemctl", "enable", "systemd-networkd", "test-shell")
-        # Debian's own services of the web servers are not wanted.
-        device.run("systemctl", "mask", "lighttpd", "nginx", "fcgiwrap.socket", "fcgiwrap",
+        # Debian's own services of the other web servers are not wanted; lighttpd's is off.
+        device.run("systemctl", "mask", "nginx", "fcgiwrap.socket", "fcgiwrap",
                    "serial-getty@ttyS0", "apt-daily.timer", "apt-daily-upgrade.timer")
-        device.run("sh", "-c", "rm -rf /root/*.deb /var/cache/apt/archives/*.deb /var/lib/apt/lists/*")
+        device.run("sh", "-c", "rm -rf /var/cache/apt/archives/*.deb /var/lib/apt/lists/*")
         for version in UPGRADES.values():
             for name, file in root.packages(BUILD, version).items():
                 if name in ("vemo-web", "vemo-web-standin"):
@@ -165,6 +173,14 @@ class Installed(booted.Requests, browser_journey.Journey):
 
     def test_1_the_service_is_up_by_itself_and_the_check_is_content(self):
         self.expect_content()
+
+    def expect_port_80_closed(self):
+        """Debian's own service of lighttpd is off, and nothing else is there."""
+        self.assertNotEqual(self.device.run("(exec 3<>/dev/tcp/127.0.0.1/80)")[0], 0)
+        self.assertEqual(self.device.run("systemctl is-enabled lighttpd")[1].strip(), "disabled")
+
+    def test_0_no_other_web_server_runs(self):
+        self.expect_port_80_closed()
 
     def test_1_one_client_does_not_get_all_connections(self):
         """The emulator takes them all, and closes those that the machine refuses it. One of an earlier test's may
@@ -472,6 +488,40 @@ class Installed(booted.Requests, browser_journey.Journey):
         self.assertIn("The name is stored. To activate it reboot the device.", self.text())
         self.assertEqual(self.driver.find_element("id", "name").get_attribute("value"), "Halle <3>")
         self.assertIn("\nVEMODInterfaceName=Halle <3>\n", browser.read_settings())
+
+    def test_7_the_packages_own_tests_pass(self):
+        status, told = self.device.run("autopkgtest --no-built-binaries /root/source -- null", booted.BOOT)
+        self.assertEqual(status, 0, told)
+        self.assertRegex(told, r"(?m)^installed-system +PASS")
+        browser.write_shipped_settings()
+
+    def test_8_purged_with_what_they_depend_on_and_installed_once_more(self):
+        """As by `apt install` on a machine that runs, which has never had lighttpd."""
+        names = "vemo-web vemo-web-standin lighttpd lighttpd-mod-openssl"
+        status, told = self.device.run(f"rm -f {SETTINGS}; apt-get -qq -y purge {names}", booted.BOOT)
+        self.assertEqual(status, 0, told)
+        for command in ("getent passwd vemo-web vemo-web-nvm", "getent group vemo-web vemo-web-nvm",
+                        "systemctl list-units --all --no-legend --plain 'vemo*' | grep .",
+                        "systemctl list-unit-files --no-legend 'vemo*' | grep .", "nft list table inet vemo_web",
+                        "(exec 3<>/dev/tcp/127.0.0.1/8080)", "test -e /app -o -e /etc/vemo-web -o -e /run/vemo-web",
+                        "ls -d /tmp/cgi* /tmp/nvm*", "find / -xdev '(' -nouser -o -nogroup ')' -print | grep ."):
+            with self.subTest(command):
+                status, told = self.device.run(command)
+                self.assertNotEqual(status, 0, told)
+
+        started = "journalctl --unit lighttpd | grep -c Started"
+        _, before = self.device.run(started)
+        status, told = self.device.run(
+            "apt-get -qq -y --no-install-recommends install /root/packages/*.deb", booted.BOOT)
+        self.assertEqual(status, 0, told)
+        self.expect_port_80_closed()
+        self.assertEqual(self.device.run(started)[1], before)
+        status, told = self.device.run("sed -i '0,/127.0.0.1/s//0.0.0.0/' /etc/vemo-web/web-server.conf;"
+                                       " systemctl restart vemo-web")
+        self.assertEqual(status, 0, told)
+        self.device.wait_for_page()
+        self.expect_content()
+        browser.write_shipped_settings()
 
     def test_z_nothing_is_lost_when_the_power_is_cut(self):
         answered = []
