@@ -491,6 +491,7 @@ class Symptoms(packages.InRoot):
         self.expect_success()
         self.assertIn("=500", self.read(SETTINGS))
         self.device.file(SETTINGS).write_text(read.replace("1", "2"), encoding="utf-8")
+        self.assertNotIn("=500", self.read(SETTINGS))
         yield
         stored = re.findall(r"(?m)^(\S+ \S+) .*ChangeStdErr$", self.logged())[-1]
         local = self.device.run("date", "+%s.%N", "--date", stored)
