@@ -138,6 +138,8 @@ class LifeCycle(InRoot):
         self.assertEqual(owner(self.device, os.path.dirname(SETTINGS)), "vemo-web:vemo-web 775")
         self.assertFalse(self.device.file(SETTINGS).exists())
         self.assertTrue(self.device.file(ARCHIVE + "/record").exists())
+        # The request that it was made from is nobody's.
+        self.assertEqual(self.read(LOG), "")
         for unit in ("vemo-web", "vemo-web-nvm"):
             self.assertEqual(self.device.run("systemctl", "is-enabled", unit).strip(), "enabled")
 
@@ -160,7 +162,7 @@ class LifeCycle(InRoot):
         self.assertEqual(owner(self.device, os.path.dirname(SETTINGS)), "vemo-web:vemo-web 700")
         self.assertIn("server.port = 8088", self.read(WEB_SERVER))
         self.assertIn("-Xmx17m", self.read(OPTIONS))
-        self.assertTrue(self.read(LOG).startswith("a line\n"))
+        self.assertEqual(self.read(LOG), "a line\n")
 
     def test_3_a_downgrade_and_an_upgrade_keep_settings_and_configuration(self):
         for packages, version in ((self.older, "0.9.0"), (self.made, None)):
@@ -177,6 +179,26 @@ class LifeCycle(InRoot):
         self.device.run("dpkg-trigger", "--by-package=base-files", "/usr/lib/jvm")
         self.device.run("dpkg", "--configure", "--pending")
         self.assertNotEqual(self.read(ARCHIVE + "/record"), record)
+
+    def test_4_an_archive_that_cannot_be_made_is_told_with_the_reason(self):
+        text = self.read(OPTIONS)
+        self.device.file(OPTIONS).write_text(text + "-Xmx1k\n", encoding="utf-8")
+        for command, status in (("vemo-web-class-archive", 1), ("dpkg-reconfigure vemo-web", 0)):
+            with self.subTest(command):
+                told = self.device.run(*command.split(), status=status)
+                self.assertRegex(told, f"(?s)options of {OPTIONS}.*heap size")
+        self.device.file(OPTIONS).write_text(text, encoding="utf-8")
+        self.device.run("vemo-web-class-archive")
+
+    def test_4_without_a_tmp_of_its_own_it_makes_none_and_leaves_the_log_alone(self):
+        shutil.rmtree(self.device.file(ARCHIVE))
+        before = self.read(LOG)
+        told = self.device.run("setpriv", "--bounding-set=-sys_admin", "vemo-web-class-archive", status=1)
+        self.assertRegex(told, "no /tmp of its own .*Operation not permitted")
+        self.assertFalse(self.device.file(ARCHIVE).exists())
+        self.device.run("vemo-web-class-archive")
+        self.assertTrue(self.device.file(ARCHIVE + "/record").exists())
+        self.assertEqual(self.read(LOG), before)
 
     def test_5_rotation_renames_the_log(self):
         before = set(self.device.file("/tmp").glob("*"))
