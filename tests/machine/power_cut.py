@@ -6,9 +6,10 @@ random moments before it. Another machine mounts all these disks, so that its ke
 journals, and reads the files.
 
 Stored by rename, the file must be whole, and hold the last value that was known to be stored or the
-one after it, also where several users store in turn: the one whose file it is and root, or any two of the
-group that the folder is shared by; it stays readable and writable for both. Rewritten in place, each sector of it must be of one of the two; how often they are
-mixed is counted. A value is known to be stored once the machine told so on its disk and its console.
+one after it. So it must where two users store in turn: the file's owner and root, or two of the group
+that the folder is shared by; then it must stay readable and writable for both. Rewritten in place,
+each sector of it must be of one of the two; how often they are mixed is counted. A value is known to
+be stored once the machine told so on its disk and its console.
 
 Exit status 0 when all was as it must be. With --lie it is 0 when something was not: fsync then does
 nothing to files, or to folders, and a judge that sees no difference would be blind.
