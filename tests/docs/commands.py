@@ -68,7 +68,9 @@ RULES = [
          prepare="for tree in build build-clang; do mkdir -p $tree/Testing/Temporary; ctest --test-dir $tree -N |"
                  " sed -n 's/^ *Test *#\\([0-9]*\\): /\\1:/p' >$tree/Testing/Temporary/LastTestsFailed.log; done"),
     Rule(r"tools/test-in-bare-root", "elsewhere", test=".ci/run", says="tools/test-in-bare-root"),
-    Rule(r"\./run( --port 8081)?", "checkout", until=SAYS % "^The device's web interface: .*:80(80|81)/"),
+    # Its log begins with the first request.
+    Rule(r"\./run( --port 8081)?", "checkout", prepare="rm -rf build/state",
+         until=SAYS % "^The device's web interface: .*:80(80|81)/" + " && ! test -e build/state/tmp/cgi.log"),
     Rule(r"\./package", "elsewhere", test="tests/packaging/root.py", says='SOURCE / "package"'),
     Rule(r"device/sandbox build --state build/state -- \S*toggle-device-allocation", "checkout",
          prepare="./run >build/run.log & for i in {1..1000}; do ! grep -qs Ctrl-C build/run.log || break;"
