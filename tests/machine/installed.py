@@ -320,7 +320,7 @@ class Installed(booted.Requests, browser_journey.Journey):
                 last[start] = value
 
         clients = [threading.Thread(target=order, args=(100000 * number, pause))
-                   for number, pause in enumerate((0, 0, 0, 0, 1, 1))]
+                   for number, pause in enumerate((0, 0, 1))]
         for client in clients:
             client.start()
         try:
@@ -348,7 +348,7 @@ class Installed(booted.Requests, browser_journey.Journey):
         print(f"through {TIMES} rotations, {TIMES} restarts, {len(UPGRADES)} upgrades: {dict(counts)}, "
               f"in the logs {logged}", file=sys.stderr)
         self.assertEqual(set(counts), {"stored", "asked"})
-        self.assertGreater(counts.total(), 3 * TIMES)
+        self.assertGreater(counts.total(), 2 * TIMES)
         self.assertEqual(set(logged), {STORED, ASKED})
         self.assertEqual(logged[STORED], counts["stored"])
         self.assertEqual(logged[ASKED], counts["asked"])
