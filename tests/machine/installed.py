@@ -534,7 +534,7 @@ class Installed(booted.Requests, browser_journey.Journey):
         self.assertIn("\nVEMODInterfaceName=Halle <3>\n", browser.read_settings())
 
     def test_7_the_packages_own_tests_pass(self):
-        status, told = self.device.run("autopkgtest --no-built-binaries /root/source -- null", booted.BOOT)
+        status, told = self.device.run("autopkgtest /root/source// -- null", booted.BOOT)
         self.assertEqual(status, 0, told)
         self.assertRegex(told, r"(?m)^installed-system +PASS")
         browser.write_shipped_settings()
