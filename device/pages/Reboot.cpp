@@ -108,10 +108,6 @@ void PrintText(const std::string& html) {
   std::cout << cgicc::p(html) << std::endl;
 }
 
-void PrintNotice(const std::string& html) {
-  std::cout << cgicc::p(html).set("class", "warn") << std::endl;
-}
-
 void PrintOtherWays() {
   PrintText(
       "To activate new settings, switch the device off and on again, or ask who maintains it. "

@@ -248,6 +248,8 @@ class Purge(InRoot):
     """What others have is there before, and afterwards; what we depend on is there all the time."""
 
     NAMES = ("vemo-web", "vemo-web-standin")
+    PAGE = "/usr/share/vemo-web/htdocs/uptime.cgi"
+    ASIDE = LOG + "-put-aside.AbCdEf"
 
     @classmethod
     def setUpClass(cls):
@@ -286,7 +288,8 @@ class Purge(InRoot):
         if not self.is_purged:
             self.device.run("apt-get", "-q", "-y", "purge", *self.NAMES)
         self.device.run("sh", "-c", "rm -rf /app /etc/vemo-web /etc/systemd/system/vemo-web* /tmp/cgi* /tmp/nvm*;"
-                        " userdel -r vemo-web; userdel vemo-web-nvm; groupdel vemo-web; true")
+                        " userdel -r vemo-web; userdel vemo-web-nvm; groupdel vemo-web; groupdel vemo-settings;"
+                        " rm -rf /usr/share/vemo-web; true")
 
     def do_all_that_the_documents_tell(self):
         """The commands of the pages, and those above the lines of each configuration."""
@@ -300,6 +303,11 @@ class Purge(InRoot):
             self.assertIn("/etc/vemo-web/", made)
             self.device.file(file).write_text(text, encoding="utf-8")
             self.device.run("bash", "-ec", made, text="secret\n")
+        self.device.run("systemctl", "enable", "vemo-web-reboot.socket")
+        # As docs/sibling-page.md, vemo-web-check and the start of the service have it.
+        self.device.run("install", "/bin/true", self.PAGE)
+        self.device.run("groupadd", "vemo-settings")
+        self.device.run("install", "-d", "-m", "0700", self.ASIDE)
         # As `systemctl edit` leaves it, and `adduser www-data vemo-web`.
         drop_in = self.device.file("/etc/systemd/system/vemo-web.service.d/override.conf")
         drop_in.write_text("[Service]\nIPAddressAllow=10.0.2.0/24\n", encoding="utf-8")
@@ -333,16 +341,17 @@ class Purge(InRoot):
         files = {path for path in left if self.device.file(path).is_file()}
         copies = {"/etc/vemo-web/web-servers/" + file.name
                   for file in (root.SOURCE / "packaging/web-servers").glob("*.conf.in")}
-        self.assertEqual(files, {SETTINGS, *(copy.removesuffix(".in") for copy in copies),
+        self.assertEqual(files, {SETTINGS, self.PAGE, *(copy.removesuffix(".in") for copy in copies),
                                  "/etc/systemd/system/vemo-web.service.d/override.conf",
                                  "/etc/systemd/system/vemo-web.service.d/web-server.conf"})
-        for file in files:
+        for file in files | {self.ASIDE}:
             self.assertRegex(said, f"(?m)^{re.escape(file)}$")
+        self.assertIn("the group vemo-settings stays", said)
         self.assertRegex(said, f"the account vemo-web stays.*\n(/app.*\n)*{SETTINGS}\n")
-        folders = {parent.as_posix() for file in files for parent in pathlib.Path(file).parents}
+        folders = {self.ASIDE} | {parent.as_posix() for file in files for parent in pathlib.Path(file).parents}
         accounts = {path for path in left - files - folders if not path.startswith("/")}
         self.assertEqual(left - files - folders, accounts)
-        self.assertTrue(all(line.startswith("vemo-web:") for line in accounts), accounts)
+        self.assertTrue(all(line.startswith(("vemo-web:", "vemo-settings:")) for line in accounts), accounts)
         self.assertEqual(missing, set())
 
     def test_what_was_made_of_secrets_and_the_account_go(self):
@@ -726,12 +735,13 @@ class Check(InRoot):
                     self.assertIn(":vemo-settings ", owner(self.device, new))
                 # It holds by the folder's bit, the group, and what the group may do.
                 for what, made in (("bit", f"chmod g-s {self.FOLDER}"), ("mode", f"chmod 644 {SETTINGS}"),
-                                   ("group", f"chgrp games {SETTINGS}")):
+                                   ("group", f"chgrp games {SETTINGS}"),
+                                   ("member", "gpasswd --delete games vemo-settings")):
                     with self.subTest(what):
                         self.device.run("sh", "-c", made)
                         self.assertEqual([one[1] for one in self.found()], ["settings file"])
                         self.device.run("sh", "-ec", f"chmod 2775 {self.FOLDER}; chmod 664 {SETTINGS};"
-                                        f" chgrp vemo-settings {SETTINGS}")
+                                        f" chgrp vemo-settings {SETTINGS}; usermod -aG vemo-settings games")
                         self.assertEqual(self.found(), [])
             finally:
                 self.device.run("rm", "-f", self.FOLDER + "/new")

@@ -108,6 +108,8 @@ FRAMED = {
     "allocation-refused": (show_refused_allocation, OF_THE_FRAME),
     "held-back": (show_held_back, OF_THE_FRAME),
     "reboot": (opened(browser.REBOOT), OF_THE_FRAME),
+    "reboot-back": (opened(browser.REBOOT + "?before=another"), OF_THE_FRAME),
+    "reboot-not-known": (opened(browser.REBOOT + "?before=unknown"), OF_THE_FRAME),
 }
 FIXED = {
     "success": (opened(browser.success("500")), OF_THE_FRAME),
