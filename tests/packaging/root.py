@@ -115,7 +115,8 @@ class Root:
         self._holder = subprocess.Popen(
             ["setpriv", "--pdeathsig", "KILL", "unshare", "--mount", "--net", "--pid", "--ipc", "--fork",
              "--kill-child", "sh", "-euc",
-             'mount --bind "$0" "$0"; mount -t proc proc "$0/proc"; mount --rbind /dev "$0/dev"; ip link set lo up 2>/dev/null ||'
+             'mount --bind "$0" "$0"; mount -t proc proc "$0/proc"; mount --rbind /dev "$0/dev";'
+             ' ip link set lo up 2>/dev/null ||'
              ' true; echo ready; exec sleep infinity', self.path],
             stdout=subprocess.PIPE, text=True)
         assert self._holder.stdout.readline() == "ready\n"
