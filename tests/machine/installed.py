@@ -376,8 +376,8 @@ class Installed(booted.Requests, browser_journey.Journey):
                                      STORED.split())
                     self.expect_content()
         finally:
-            self.device.run(f"rm -r /etc/vemo-web/web-servers {unit}; systemctl daemon-reload; "
-                            "systemctl restart vemo-web")
+            self.device.run(
+                f"rm -r /etc/vemo-web/web-servers {unit}; systemctl daemon-reload; systemctl restart vemo-web")
             self.device.wait_for_page()
 
     def test_6_tls_and_a_password_work_as_confined(self):
