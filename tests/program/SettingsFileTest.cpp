@@ -475,7 +475,7 @@ TEST_F(SettingsFileCalls, RewriteTheFileOfAnOwnerThatCannotBeKept) {
 TEST_F(SettingsFileCalls, ReplaceTheFileOfAnotherOfTheGroupThatTheFolderIsSharedBy) {
   const auto SHARED_FOLDER = fs::perms(02775);
   const auto SHARED = fs::perms(0664);
-  const auto isReplaced = [this](fs::perms folder, fs::perms file) {
+  const auto isReplaced = [](fs::perms folder, fs::perms file) {
     fs::permissions(FOLDER, folder);
     fs::permissions(SETTINGS_FILE, file);
     Command request = Request("500");
