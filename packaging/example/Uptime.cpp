@@ -18,7 +18,8 @@ int main() {
   timespec sinceBoot;
   if (clock_gettime(CLOCK_BOOTTIME, &sinceBoot) == 0) {
     std::cout << cgicc::p("The device has been running for " +
-                          std::to_string(sinceBoot.tv_sec / 60) + " minutes.")
+                          std::to_string(sinceBoot.tv_sec / 60) + " minutes and " +
+                          std::to_string(sinceBoot.tv_sec % 60) + " seconds.")
               << std::endl;
   } else {
     PrintNotice("The kernel does not tell how long the device has been running.");

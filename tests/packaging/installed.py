@@ -101,7 +101,7 @@ class Installed(unittest.TestCase):
         shutil.copytree(SOURCE / "packaging/example", self.folder / "source")
         run("cmake", "-S", self.folder / "source", "-B", build, "-G", "Ninja", f"-DCMAKE_PREFIX_PATH={self.prefix}")
         run("cmake", "--build", build)
-        for name, said in (("uptime", r"has been running for \d+ minutes\."), ("name", 'name="Name" value=""')):
+        for name, said in (("uptime", r"has been running for \d+ minutes and \d+ seconds\."), ("name", 'name="Name" value=""')):
             page = run(SOURCE / "device/sandbox", BUILD, "--private-network", "--read-only", build, "/page", "--",
                        "/usr/bin/env", "REQUEST_METHOD=GET", f"/page/{name}.cgi")
             self.assertEqual(page.count("<h2>"), 1)
