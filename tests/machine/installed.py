@@ -463,10 +463,9 @@ class Installed(booted.Requests, browser_journey.Journey):
             self.device.run(broken)
             self.expect_found(word, what, command)
         # What is in the way has to go first.
-        self.device.run("systemctl stop vemo-web; systemd-run --unit=other perl -MIO::Socket::INET -e '"
-                        'IO::Socket::INET->new(LocalAddr => "0.0.0.0:8080", Listen => 1) or die; sleep\'; sleep 3; '
-                        "systemctl start vemo-web; for _ in $(seq 60); do systemctl is-active -q vemo-web || break; "
-                        "sleep 1; done")
+        self.device.run("systemctl stop vemo-web; systemd-run --unit=other systemd-socket-activate --accept "
+                        "-l 0.0.0.0:8080 cat; sleep 3; systemctl start vemo-web; for _ in $(seq 60); do "
+                        "systemctl is-active -q vemo-web || break; sleep 1; done")
         told = self.expect_found("WRONG", "service", restart)
         self.assertIn("Address already in use", told)
         self.device.run("systemctl stop other; systemctl restart vemo-web")

@@ -834,6 +834,7 @@ class Check(InRoot):
 
     def test_arguments_and_other_users_are_refused(self):
         self.device.run("vemo-web-check", "--all", status=2)
+        self.assertIn("ok, risky or WRONG", self.device.run("vemo-web-check", "--help"))
         self.device.run("setpriv", "--reuid=games", "--clear-groups", "vemo-web-check", status=2)
 
     @contextlib.contextmanager
