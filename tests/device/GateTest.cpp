@@ -349,9 +349,17 @@ TEST_F(GateQueue, TakesThePlaceOfAProgramThatGaveItBackItself) {
   std::filesystem::permissions("/tmp/closing", std::filesystem::perms(0755));
   closing.words[1] = "/tmp/closing";
   closing.environment["CGI_GATE_LIMIT"] = "100";
+  // The gate's file becomes 3, whatever else is open here.
+  closing.prepare = [] {
+    for (int descriptor = 3; descriptor < 100; ++descriptor) {
+      close(descriptor);
+    }
+  };
   const BackgroundProcess first(closing);
   EXPECT_TRUE(Eventually([&] { return Began().size() == 1; }));
-  const Program head = Waiting("head");
+  Command second = Staying("head");
+  second.environment["CGI_GATE_PATIENCE"] = "100";  // its end would wake it
+  const Program head = Waiting(second);
   WriteText("/tmp/queue/close", "");
   ExpectBegan("closing", "head");
 }
