@@ -532,7 +532,7 @@ class Installed(booted.Requests, browser_journey.Journey):
     def test_7_the_packages_own_tests_pass(self):
         status, told = self.device.run("autopkgtest /root/source -- null", booted.BOOT)
         self.assertEqual(status, 0, told)
-        self.assertRegex(told, r"(?m)^installed-system +PASS")
+        self.assertRegex(told, r"installed-system +PASS")
         browser.write_shipped_settings()
 
     def test_8_purged_with_what_they_depend_on_and_installed_once_more(self):
