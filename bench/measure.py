@@ -16,7 +16,7 @@ from pathlib import Path
 
 PROGRAM = "/build/setobdconf.cgi"
 SPAWN = "/build/bench/bench-spawn"
-FAKE_VM = "/build/bench/libbench-fake-vm.so"
+FAKE_VM = "/build/standin/libfake-vm.so"
 SETTINGS = Path("/app/tarn-belox/runvex/obd.conf")
 LOG = Path("/tmp/cgi.log")
 DEVICE_OPTIONS = Path("/srv/vemo/java.options")
@@ -62,7 +62,7 @@ def spawn(command, environment, body=None, cpu=None, expected=0):
 def reset():
     SETTINGS.parent.mkdir(parents=True, exist_ok=True)
     SETTINGS.unlink(missing_ok=True)
-    SETTINGS.write_bytes(Path("/source/device/obd.conf").read_bytes())
+    SETTINGS.write_bytes(Path("/source/standin/obd.conf").read_bytes())
     LOG.write_bytes(b"")
 
 

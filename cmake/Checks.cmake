@@ -38,7 +38,7 @@ endfunction()
 
 if(VEMO_SANITIZE)
   if(CMAKE_CXX_COMPILER_ID STREQUAL Clang)
-    add_tidy_target(clang-tidy platform src device device/pages bench)
+    add_tidy_target(clang-tidy platform src pages web standin bench)
     add_tidy_target(clang-tidy.tests tests tests/fuzz tests/hostile)
     set_tests_properties(clang-tidy.tests PROPERTIES LABELS long)
   endif()
@@ -46,7 +46,9 @@ else()
   file(GLOB_RECURSE formatted CONFIGURE_DEPENDS LIST_DIRECTORIES false
     ${PROJECT_SOURCE_DIR}/src/*.h ${PROJECT_SOURCE_DIR}/src/*.cpp
     ${PROJECT_SOURCE_DIR}/platform/*.h ${PROJECT_SOURCE_DIR}/platform/*.cpp
-    ${PROJECT_SOURCE_DIR}/device/*.h ${PROJECT_SOURCE_DIR}/device/*.cpp
+    ${PROJECT_SOURCE_DIR}/pages/*.h ${PROJECT_SOURCE_DIR}/pages/*.cpp
+    ${PROJECT_SOURCE_DIR}/web/*.h ${PROJECT_SOURCE_DIR}/web/*.cpp
+    ${PROJECT_SOURCE_DIR}/standin/*.h ${PROJECT_SOURCE_DIR}/standin/*.cpp
     ${PROJECT_SOURCE_DIR}/packaging/*.cpp
     ${PROJECT_SOURCE_DIR}/bench/*.h ${PROJECT_SOURCE_DIR}/bench/*.cpp
     ${PROJECT_SOURCE_DIR}/tests/*.h ${PROJECT_SOURCE_DIR}/tests/*.cpp)

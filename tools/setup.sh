@@ -221,7 +221,7 @@ is_listening() {
 }
 
 find_sandbox() {
-  VEMO_SANDBOX_KIND=$(device/sandbox --kind 2>build/sandbox.log)
+  VEMO_SANDBOX_KIND=$(standin/sandbox --kind 2>build/sandbox.log)
 }
 
 # Finds out, once for all that follows, which kind of sandbox the machine allows.

@@ -27,7 +27,7 @@ echo "log: "
 cat /tmp/cgi.log
 """
 
-FAKE_VM = ("LD_PRELOAD=/build/tests/libfake-vm.so",)
+FAKE_VM = ("LD_PRELOAD=/build/standin/libfake-vm.so",)
 REAL_VM = ("JAVA_CLASSPATH=/build/device/java", "JAVA_OPTIONS=-XX:VMOptionsFile=/build/device/java.options")
 
 

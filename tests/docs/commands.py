@@ -72,7 +72,7 @@ RULES = [
     Rule(r"\./run( --port 8081)?", "checkout", prepare="rm -rf build/state",
          until=SAYS % "^The device's web interface: .*:80(80|81)/" + " && ! test -e build/state/tmp/cgi.log"),
     Rule(r"\./package", "elsewhere", test="tests/packaging/root.py", says='SOURCE / "package"'),
-    Rule(r"device/sandbox build --state build/state -- \S*toggle-device-allocation", "checkout",
+    Rule(r"standin/sandbox build --state build/state -- \S*toggle-device-allocation", "checkout",
          prepare="./run >build/run.log & for i in {1..1000}; do ! grep -qs Ctrl-C build/run.log || break;"
                  " sleep 0.1; done",
          says="(?i)alloc"),
@@ -101,7 +101,7 @@ RULES = [
     Rule(r"tools/unpack-packages build/web-servers nginx fcgiwrap", "checkout",
          after="test -x build/web-servers/usr/sbin/nginx"),
     Rule(r"ctest --test-dir build .* -R web_servers\.nginx", "checkout", says="100% tests passed"),
-    Rule(r"device/sandbox build .* /source/tests/web/web_servers\.py nginx .*", "checkout", says=r"\nOK"),
+    Rule(r"standin/sandbox build .* /source/tests/web/web_servers\.py nginx .*", "checkout", says=r"\nOK"),
 
     # What is built for Arm is there already.
     Rule(r"\./package arm64 armhf", "elsewhere", test="tests/packaging/root.py", says='SOURCE / "package"'),
@@ -393,7 +393,7 @@ class Checkout(Place):
             with self.subTest(page=command.page, command=command.text):
                 text = script(command, rule)
                 if rule.place == "device":
-                    text = ("mkdir -p build/commands/app build/commands/tmp; exec device/sandbox build"
+                    text = ("mkdir -p build/commands/app build/commands/tmp; exec standin/sandbox build"
                             f" --state build/commands --private-network -- bash -c {shlex.quote(text)}")
                 layer = self.layer(rule.layer or f"{pathlib.Path(command.page).stem}-{command.block}")
                 status, output = self.run_in(layer, text, rule.stdin)

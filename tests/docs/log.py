@@ -51,7 +51,7 @@ class Log(unittest.TestCase):
     def setUp(self):
         self.listed = listed_statements()
         self.statements = []
-        for folder in ("src", "device"):
+        for folder in ("src", "pages", "standin"):
             for file in sorted((pages.ROOT / folder).rglob("*.*")):
                 if file.suffix in (".cpp", ".h"):
                     found, unread = statements_of(file)

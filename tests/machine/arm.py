@@ -24,7 +24,7 @@ from booted import SETTINGS  # noqa: E402
 ROOTS = SOURCE / "build/roots"
 TESTS_LIMIT = 1800
 TESTS = ("tests/program_tests", "tests/java-calls", "tests/java",
-         "tests/libfake-vm.so", "tests/libfailing-file-calls.so")
+         "standin/libfake-vm.so", "standin/libfailing-file-calls.so")
 # Some make mounts, by bubblewrap, or need strace; some make hundreds of requests, which would take minutes.
 NOT_HERE = ("SettingsFile.StaysAsItWasOnAReadOnlyFileSystem",
             "SettingsFile.IsRewrittenInPlaceWhenItIsMountedOnItsOwn",
@@ -48,7 +48,7 @@ for stream in stdin:0 stdout:1 stderr:2; do ln -s "fd/${{stream#*:}}" "/dev/${{s
 for folder in app tmp run dev/shm; do mount -t tmpfs -o uid=1000,gid=1000 tmpfs "/$folder"; done
 mount -t tmpfs -o uid=1000,gid=1000,mode=0755,size=262144 tmpfs /small
 mkdir -p {pathlib.PurePath(SETTINGS).parent}
-cp /source/device/obd.conf {SETTINGS}
+cp /source/standin/obd.conf {SETTINGS}
 chown -R 1000:1000 /app
 exec </dev/console >/dev/console 2>&1
 stty -echo
@@ -100,7 +100,7 @@ class Image:
         for file in ("device", "setobdconf.cgi", *files):
             self._copy([build / file], pathlib.PurePath("build", file).parent)
         (self._tree / "srv/vemo").symlink_to("/build/device")
-        self._copy([SOURCE / "device/obd.conf"], "source/device")
+        self._copy([SOURCE / "standin/obd.conf"], "source/standin")
         paths = self._tree / "build/device/lighttpd-paths.conf"
         text = paths.read_text(encoding="utf-8")
         paths.write_text(text.replace('"127.0.0.1"', '"0.0.0.0"', 1), encoding="utf-8")

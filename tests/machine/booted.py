@@ -46,7 +46,7 @@ def free_port():
 
 
 def shipped_settings():
-    return (SOURCE / "device/obd.conf").read_text(encoding="utf-8")
+    return (SOURCE / "standin/obd.conf").read_text(encoding="utf-8")
 
 
 def settings_with(value):

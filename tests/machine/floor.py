@@ -90,7 +90,7 @@ def fill(tree):
     for name in ("vemo-web", "vemo-web-standin"):
         subprocess.run(["dpkg-deb", "--extract", made[name], tree], check=True)
     subprocess.run(["cp", "-a", RUNTIME, tree / "usr/lib/jvm/default-java"], check=True)
-    modules = re.findall(r'"(mod_\w+)"', (SOURCE / "device/lighttpd.conf").read_text(encoding="utf-8"))
+    modules = re.findall(r'"(mod_\w+)"', (SOURCE / "web/lighttpd/lighttpd.conf").read_text(encoding="utf-8"))
     files = [pathlib.Path(WEB_SERVER), *filter(pathlib.Path.exists, (MODULES / f"{name}.so" for name in modules))]
     for file in files:
         shutil.copy(file, tree / str(file).lstrip("/"))
@@ -107,7 +107,7 @@ def fill(tree):
     shutil.copy("/bin/busybox", tree / "bin")
     settings = tree / "etc/vemo-web/web-server.conf"
     settings.write_text(settings.read_text().replace('"127.0.0.1"', '"0.0.0.0"', 1))
-    shutil.copy(SOURCE / "device/obd.conf", tree / booted.SETTINGS.lstrip("/"))
+    shutil.copy(SOURCE / "standin/obd.conf", tree / booted.SETTINGS.lstrip("/"))
     (tree / "etc/passwd").write_text("root:x:0:0::/:/bin/sh\nvemo-web:x:1000:1000::/:/bin/sh\n")
     (tree / "init").write_text(INIT)
     for folder in ("app/tarn-belox/runvex", "run/vemo-web", "tmp", "var/cache/vemo-web"):

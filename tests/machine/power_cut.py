@@ -152,7 +152,7 @@ def settings_of(seed):
     """The device's settings, below and above random comments: some KB to 200 KB."""
     rng = random.Random(seed)
     size = int(4000 * 50 ** rng.random())
-    shipped = (SOURCE / "device/obd.conf").read_text()
+    shipped = (SOURCE / "standin/obd.conf").read_text()
     above = rng.choice((0, size // 2))
 
     def comments(length):

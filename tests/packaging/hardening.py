@@ -9,10 +9,10 @@ from checks import told
 
 BUILD = pathlib.Path(sys.argv.pop(1)).resolve()
 DEVICE = BUILD / "device"
-DYNAMIC = [BUILD / "setobdconf.cgi", DEVICE / "htdocs/channeldeviceconfig.cgi", DEVICE / "htdocs/reboot.cgi",
-           DEVICE / "bin/nvm-service", DEVICE / "bin/toggle-device-allocation", DEVICE / "bin/keep-listening",
-           DEVICE / "bin/exchange"]
-STATIC = [DEVICE / "bin/cgi-gate", DEVICE / "bin/class-archive"]
+DYNAMIC = [BUILD / "setobdconf.cgi", BUILD / "pages/channeldeviceconfig.cgi", BUILD / "pages/reboot.cgi",
+           DEVICE / "bin/nvm-service", DEVICE / "bin/toggle-device-allocation", BUILD / "web/keep-listening",
+           BUILD / "web/exchange"]
+STATIC = [BUILD / "web/cgi-gate", BUILD / "web/class-archive"]
 
 # What the tests' preloaded libraries stand in front of, and libxml2's. Under another name, as the checked
 # calls of the C library have, a call would pass them unseen.

@@ -86,7 +86,7 @@ class Installed(unittest.TestCase):
         self.assertEqual(shown, [(SOURCE / "packaging/example/Name.cpp").read_text(encoding="utf-8")])
 
     def test_the_document_lists_every_class_of_the_style_sheet(self):
-        style = (SOURCE / "device/htdocs/css/all.css").read_text(encoding="utf-8")
+        style = (SOURCE / "web/htdocs/css/all.css").read_text(encoding="utf-8")
         style = re.sub(r"(?s)/\*.*?\*/|\{[^{}]*\}", "", style)
         classes = set(re.findall(r"\.([a-z]\w*)", style))
         text = (SOURCE / "docs/sibling-page.md").read_text(encoding="utf-8")
@@ -102,7 +102,7 @@ class Installed(unittest.TestCase):
         run("cmake", "-S", self.folder / "source", "-B", build, "-G", "Ninja", f"-DCMAKE_PREFIX_PATH={self.prefix}")
         run("cmake", "--build", build)
         for name, said in (("uptime", r"has been running for \d+ minutes and \d+ seconds\."), ("name", 'name="Name" value=""')):
-            page = run(SOURCE / "device/sandbox", BUILD, "--private-network", "--read-only", build, "/page", "--",
+            page = run(SOURCE / "standin/sandbox", BUILD, "--private-network", "--read-only", build, "/page", "--",
                        "/usr/bin/env", "REQUEST_METHOD=GET", f"/page/{name}.cgi")
             self.assertEqual(page.count("<h2>"), 1)
             self.assertRegex(page, said)

@@ -17,7 +17,7 @@ import time
 import unittest
 
 BUILD = pathlib.Path(sys.argv.pop(1)).resolve()
-PROGRAM = BUILD / "device/bin/keep-listening"
+PROGRAM = BUILD / "web/keep-listening"
 LIGHTTPD = "/usr/sbin/lighttpd"
 FIRST = 3  # of the descriptors that systemd hands on
 SECONDS = 30

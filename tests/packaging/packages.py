@@ -340,7 +340,7 @@ class Purge(InRoot):
         left = {line.split(" ")[0] for line in left}
         files = {path for path in left if self.device.file(path).is_file()}
         copies = {"/etc/vemo-web/web-servers/" + file.name
-                  for file in (root.SOURCE / "packaging/web-servers").glob("*.conf.in")}
+                  for file in (root.SOURCE / "web/servers").glob("*.conf.in")}
         self.assertEqual(files, {SETTINGS, self.PAGE, *(copy.removesuffix(".in") for copy in copies),
                                  "/etc/systemd/system/vemo-web.service.d/override.conf",
                                  "/etc/systemd/system/vemo-web.service.d/web-server.conf"})

@@ -37,10 +37,10 @@ class Units(unittest.TestCase):
                 self.assertEqual([line for line in words if name in line], [])
 
     def test_a_stop_waits_longer_than_a_request_may_take(self):
-        site = (SOURCE / "device/lighttpd-site.conf").read_text(encoding="utf-8")
+        site = (SOURCE / "web/lighttpd/lighttpd-site.conf").read_text(encoding="utf-8")
         request = sum(map(int, re.findall(r'"CGI_GATE_(?:PATIENCE|LIMIT)" *=> "(\d+)"', site)))
         self.assertEqual(request, 120)
-        server = (SOURCE / "device/lighttpd.conf").read_text(encoding="utf-8")
+        server = (SOURCE / "web/lighttpd/lighttpd.conf").read_text(encoding="utf-8")
         server = int(re.search(r'"server\.graceful-shutdown-timeout" => (\d+)', server)[1])
         unit = int(re.search(r"(?m)^TimeoutStopSec=(\d+)$", UNITS["vemo-web.service"].read_text(encoding="utf-8"))[1])
         self.assertLess(request, server)

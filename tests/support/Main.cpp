@@ -51,7 +51,7 @@ std::string JavaVmOf(int argc, char** argv) {
   const auto self = std::filesystem::read_symlink("/proc/self/exe");
   const std::string inside = "/build" / self.lexically_relative(BUILD_FOLDER);
   const std::string source = SOURCE_FOLDER;
-  std::vector<std::string> words = {source + "/device/sandbox",
+  std::vector<std::string> words = {source + "/standin/sandbox",
                                     BUILD_FOLDER,
                                     "--private-network",
                                     "--read-only",

@@ -28,7 +28,7 @@ std::vector<std::string> NvmServiceStatements() {
   for (const std::string& text : Lines(ReadText(NVM_SERVICE_LOG_FILE))) {
     const LogLine line = ParseLogLine(text);
     EXPECT_EQ(line.handler, "nvm");
-    EXPECT_EQ(line.fileName, "device/nvm/Service");
+    EXPECT_EQ(line.fileName, "standin/nvm/Service");
     statements.push_back(line.level + " " + line.message);
   }
   return statements;

@@ -77,7 +77,7 @@ std::string VmInFront() {
 }
 
 Command Preload(const std::string& name, Command command) {
-  const std::string library = "/build/tests/lib" + name + ".so";
+  const std::string library = "/build/standin/lib" + name + ".so";
   if (!std::filesystem::exists(library)) {
     throw std::runtime_error("there is no " + library);
   }

@@ -26,8 +26,8 @@ struct Result {
   std::string error;   // standard error
 };
 
-// The command with the library tests/preload/NAME.cpp in front of the program's own. Throws when it
-// has not been built: the loader would only warn, and the test would go on without it.
+// The command with the library standin/preload/NAME.cpp in front of the program's own. Throws when
+// it has not been built: the loader would only warn, and the test would go on without it.
 Command Preload(const std::string& name, Command command);
 
 // From now on every command gets this folder as LD_LIBRARY_PATH, unless it names one itself; empty:

@@ -22,6 +22,6 @@ using Fields = std::vector<std::pair<std::string, std::string>>;
 // A POST request with these fields as multipart/form-data.
 Command PostMultipart(const Fields& fields);
 
-// The request with the fake VM in front of the real one; see preload/FakeVm.cpp. Quick, for what
-// has nothing to do with Java.
+// The request with the fake VM in front of the real one; see standin/preload/FakeVm.cpp. Quick, for
+// what has nothing to do with Java.
 Command WithFakeVm(const Command& request);

@@ -36,7 +36,7 @@ add_tests_under_vm(java-runtime /build/java-runtime/lib/server
 
 # What docs/on-a-device.md says of each, and programs built with one and run with another.
 add_test(NAME java_vms.table
-  COMMAND ${PROJECT_SOURCE_DIR}/device/sandbox ${PROJECT_BINARY_DIR} --private-network
+  COMMAND ${PROJECT_SOURCE_DIR}/standin/sandbox ${PROJECT_BINARY_DIR} --private-network
           --read-only ${PROJECT_SOURCE_DIR} /source -- /usr/bin/python3 -B /source/tests/vms/table.py)
 add_test(NAME java_vms.build
   COMMAND python3 -B ${CMAKE_CURRENT_SOURCE_DIR}/vms/build.py ${PROJECT_BINARY_DIR})

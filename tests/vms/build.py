@@ -16,9 +16,9 @@ SOURCE = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(sys.argv[1]).resolve()
 REQUEST = r"""
 export REQUEST_METHOD=GET QUERY_STRING=CanDetectTimeout=750 JAVA_CLASSPATH=/srv/vemo/java
-export JAVA_OPTIONS=-XX:VMOptionsFile=/source/device/java.options
+export JAVA_OPTIONS=-XX:VMOptionsFile=/source/web/java.options
 mkdir -p /app/tarn-belox/runvex
-cp /source/device/obd.conf /app/tarn-belox/runvex
+cp /source/standin/obd.conf /app/tarn-belox/runvex
 LD_TRACE_LOADED_OBJECTS=1 /build/setobdconf.cgi | grep -o '/.*/libjvm.so' || exit
 /build/setobdconf.cgi
 printf '\nstatus %s\n' "$?"
@@ -43,7 +43,7 @@ def build(home):
 def request(folder, home):
     """All that a request leaves, but for times and process numbers."""
     told = subprocess.run(
-        [SOURCE / "device/sandbox", folder, "--private-network", "--read-only", SOURCE, "/source", "--",
+        [SOURCE / "standin/sandbox", folder, "--private-network", "--read-only", SOURCE, "/source", "--",
          "/usr/bin/env", f"LD_LIBRARY_PATH={home}/lib/server", "/bin/sh", "-c", REQUEST],
         capture_output=True, check=True, encoding="iso-8859-1").stdout
     library, rest = told.split("\n", 1)
@@ -64,7 +64,7 @@ finally:
 if not seen:
     sys.exit("there is no JDK to build with")
 first, *others = seen.items()
-settings = (SOURCE / "device/obd.conf").read_text(encoding="iso-8859-1")
+settings = (SOURCE / "standin/obd.conf").read_text(encoding="iso-8859-1")
 for text in ("<p>Set CanDetectTimeout to 750 ms.\n</p>Set new option was successful.<br />\n",
              "</html>\n\nstatus 0\n", re.sub("(?m)^VEMODCanDetectTimeout=.*", "VEMODCanDetectTimeout=750", settings)):
     if text not in first[1]:

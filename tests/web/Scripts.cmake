@@ -14,12 +14,12 @@ function(add_browser_test name script)
     set(network --address 192.168.7.1 --address 192.168.7.2)
     # What keeps an attack off for its number of connections alone proves nothing of the web server.
     if(NOT script STREQUAL browser_attacks)
-      list(APPEND network --packet-filter ${PROJECT_SOURCE_DIR}/packaging/connections.nft)
+      list(APPEND network --packet-filter ${PROJECT_SOURCE_DIR}/web/connections.nft)
     endif()
     list(PREPEND test_ARGUMENTS --address 192.168.7.1)
   endif()
   add_test(NAME ${name}
-    COMMAND ${PROJECT_SOURCE_DIR}/device/sandbox ${PROJECT_BINARY_DIR} ${network}
+    COMMAND ${PROJECT_SOURCE_DIR}/standin/sandbox ${PROJECT_BINARY_DIR} ${network}
             --read-only ${PROJECT_SOURCE_DIR} /source --
             /usr/bin/env ${test_ENV} /usr/bin/python3 -B /source/tests/web/${script}.py
             ${test_ARGUMENTS} $<$<BOOL:${test_LONG}>:--long>

@@ -43,7 +43,7 @@ using testing::StartsWith;
 
 constexpr char ROOT[] = "http://localhost:8080";
 constexpr char CHANGE[] = "/setobdconf.cgi?CanDetectTimeout=500";
-constexpr char SHIPPED_SETTINGS[] = "/source/device/obd.conf";
+constexpr char SHIPPED_SETTINGS[] = "/source/standin/obd.conf";
 
 struct Response {
   int status = 0;
@@ -354,7 +354,7 @@ TEST_F(ImpatientGate, TellsWhoGetsNoPlaceToComeAgain) {
   const Response response = Fetch(CHANGE);
   EXPECT_EQ(response.status, 503);
   EXPECT_EQ(response.headers.count("retry-after"), 1u);
-  EXPECT_EQ(response.body, ReadText("/source/device/htdocs/errors/503.html"));
+  EXPECT_EQ(response.body, ReadText("/source/web/htdocs/errors/503.html"));
   EXPECT_EQ(ReadText(SETTINGS_FILE), ReadText(SHIPPED_SETTINGS));
 }
 
@@ -616,7 +616,7 @@ TEST_P(WebServerRefuses, AndLeavesTheSettingsAlone) {
   // A page for people, which says nothing of the request.
   EXPECT_EQ(response.body, GetParam().arguments[0] == "--head"
                                ? ""
-                               : ReadText("/source/device/htdocs/errors/" +
+                               : ReadText("/source/web/htdocs/errors/" +
                                           std::to_string(GetParam().status) + ".html"));
   ExpectNothingDone();
 }
@@ -758,7 +758,7 @@ class AnotherServer : public WebServer {
   AnotherServer() : WebServer(Configuration()) {}
 
   static std::string Configuration() {
-    std::string text = ReadText("/source/packaging/lighttpd/50-vemo-web.conf.in");
+    std::string text = ReadText("/source/web/lighttpd/50-vemo-web.conf.in");
     for (const auto& [before, after] : Edits{{"@VEMO_SHARED@", "/srv/vemo"},
                                              {"@VEMO_PROGRAMS@", "/srv/vemo/bin"},
                                              {"@VEMO_SETTINGS@", "/srv/vemo"},

@@ -2,7 +2,7 @@
 it, whether its text can be read in the sun and by night, whether a finger hits its links and buttons. Pictures of
 all that are left in /tmp:
 
-    device/sandbox build --state build/pictures --private-network --read-only . /source -- \\
+    standin/sandbox build --state build/pictures --private-network --read-only . /source -- \\
         /usr/bin/python3 -B /source/tests/web/accessibility.py
 
 The checker comes from build/npm, where ./test puts it.

@@ -34,7 +34,7 @@ SERVER = "lighttpd"
 HAS_TLS = HAS_PASSWORD = IS_LONG = False
 SETTINGS = pathlib.Path("/app/tarn-belox/runvex/obd.conf")
 ORDERS, BOOT = pathlib.Path("/run/vemo-web-reboot"), pathlib.Path("/run/vemo-web-boot")
-SHIPPED_SETTINGS = pathlib.Path("/source/device/obd.conf")
+SHIPPED_SETTINGS = pathlib.Path("/source/standin/obd.conf")
 END = b"no more\n"
 LIMIT = 20  # seconds for whatever is waited for
 

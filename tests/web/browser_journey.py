@@ -1,6 +1,6 @@
 """The web interface as a technician uses it.
 
-    device/sandbox build --private-network --read-only . /source -- \\
+    standin/sandbox build --private-network --read-only . /source -- \\
         /usr/bin/python3 /source/tests/web/browser_journey.py
 """
 

@@ -204,7 +204,7 @@ UNHEARD = {"gone within the request", "hang", "refused", "abort", "warning"}
 def read_by_library():
     """The settings file as PropertiesIni sees it: the device's own page, with a Java VM that costs
     nothing and without the web server."""
-    environment = {"REQUEST_METHOD": "GET", "LD_PRELOAD": "/build/tests/libfake-vm.so"}
+    environment = {"REQUEST_METHOD": "GET", "LD_PRELOAD": "/build/standin/libfake-vm.so"}
     page = subprocess.run(["/srv/vemo/htdocs" + DEVICE_INFORMATION], env=environment,
                           stdout=subprocess.PIPE, timeout=LIMIT, check=False)
     return page.returncode, page.stdout

@@ -1,7 +1,7 @@
 """Each web server for which a configuration is installed, with the same requests: what it hands on, and what
 it keeps off. The table of docs/web-servers.md is held against what is seen, cell by cell, both ways.
 
-    device/sandbox BUILD --private-network --read-only . /source -- \\
+    standin/sandbox BUILD --private-network --read-only . /source -- \\
         python3 -B /source/tests/web/web_servers.py lighttpd|apache2|nginx [--address ADDRESS] [Table.test_...]
 
 With an address the server listens there and not on loopback: one of this machine, 192.168.7.1. Works inside the
@@ -36,9 +36,9 @@ from prepared import PASSWORD, TLS, with_parts  # noqa: E402
 
 DEVICE = pathlib.Path("/srv/vemo")
 UNPACKED = pathlib.Path("/build/web-servers")  # by tools/unpack-packages
-SHIPPED_SETTINGS = (SOURCE / "device/obd.conf").read_text(encoding="utf-8")
+SHIPPED_SETTINGS = (SOURCE / "standin/obd.conf").read_text(encoding="utf-8")
 LOG = pathlib.Path("/tmp/cgi.log")
-FAKE_VM = "/build/tests/libfake-vm.so"
+FAKE_VM = "/build/standin/libfake-vm.so"
 BACKGROUND = {}  # what is under way
 WANTED = []  # the tests named on the command line, all where none is
 WHILE = 4  # seconds in which what is to happen does, shorter than the servers' own times
@@ -110,11 +110,11 @@ class Installation:
             "ARCHIVE": "/app/class-archive", "CLASS_PATH": DEVICE / "java",
         }
         # An installed device's own lines, which lighttpd reads; key and certificate are made by them for all.
-        own = (SOURCE / "packaging/lighttpd/web-server.conf.in").read_text(encoding="utf-8")
+        own = (SOURCE / "web/lighttpd/web-server.conf.in").read_text(encoding="utf-8")
         self.own = self.configured(re.search(rf"(?ms)^# {TLS}.*", own)[0])
         (self.programs / "cgi-gate").symlink_to(DEVICE / "bin/cgi-gate")
         shutil.copytree(DEVICE / "htdocs", share / "htdocs", ignore=lambda _, names: set(names) & set(PAGES))
-        gated = (SOURCE / "packaging/web-servers/gated.cgi.in").read_text(encoding="utf-8")
+        gated = (SOURCE / "web/servers/gated.cgi.in").read_text(encoding="utf-8")
         for page in PAGES:
             (self.programs / page).symlink_to(DEVICE / "htdocs" / page)
             (share / "htdocs" / page).symlink_to(self.programs / page)
@@ -143,7 +143,7 @@ class Installation:
         """The named templates, at their place; their text."""
         texts = []
         for name in names:
-            text = (SOURCE / f"packaging/web-servers/{name}.in").read_text(encoding="utf-8")
+            text = (SOURCE / f"web/servers/{name}.in").read_text(encoding="utf-8")
             texts.append(self.edited(self.configured(text)))
             (self.places["SETTINGS"] / "web-servers" / name).write_text(texts[-1], encoding="utf-8")
         return "".join(texts)
@@ -157,7 +157,7 @@ def configure_lighttpd(installation):
     folder = installation.root / "lighttpd"
     folder.mkdir()
     text = installation.own.replace(str(installation.places["SHARED"]), str(folder))
-    for file in (*DEVICE.glob("lighttpd*.conf"), SOURCE / "packaging/lighttpd/lighttpd-tls.conf"):
+    for file in (*DEVICE.glob("lighttpd*.conf"), SOURCE / "web/lighttpd/lighttpd-tls.conf"):
         part = file.read_text(encoding="utf-8")
         for before, after in (('"/srv/vemo"', folder), ('"/srv/vemo/htdocs"', DOCUMENTS),
                               ('"/srv/vemo/bin/cgi-gate"', "libexec/cgi-gate"),
@@ -1018,7 +1018,7 @@ def lets_the_reboot_page_run_its_script():
     return same(range(len(seen)), seen)
 
 
-REFUSALS = {status: (SOURCE / f"device/htdocs/errors/{status}.html").read_bytes()
+REFUSALS = {status: (SOURCE / f"web/htdocs/errors/{status}.html").read_bytes()
             for status in (400, 403, 411, 413, 431, 500, 503)}
 
 

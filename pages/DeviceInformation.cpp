@@ -17,7 +17,7 @@
 
 namespace {
 
-constexpr char SOURCE[] = "device/pages/DeviceInformation";
+constexpr char SOURCE[] = "pages/DeviceInformation";
 constexpr char NOT_KNOWN[] = "Not known";
 constexpr Link PAGE = {"Device Information", DEVICE_INFORMATION_PAGE};
 

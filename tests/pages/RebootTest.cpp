@@ -108,7 +108,7 @@ TEST_F(Reboot, OrdersWhenItIsPosted) {
   EXPECT_THAT(page, HasSubstr(SCRIPT));
   EXPECT_THAT(page, Not(HasSubstr("class=\"warn\"")));
   EXPECT_THAT(ReadText(LOG_FILE), HasSubstr("DEBUG     cgi"));
-  EXPECT_THAT(ReadText(LOG_FILE), EndsWith("device/pages/Reboot      2     Reboot ordered\n"));
+  EXPECT_THAT(ReadText(LOG_FILE), EndsWith("pages/Reboot             2     Reboot ordered\n"));
 }
 
 TEST_F(Reboot, OffersNothingWhereNobodyReads) {
@@ -119,7 +119,7 @@ TEST_F(Reboot, OffersNothingWhereNobodyReads) {
 TEST_F(Reboot, SaysThatItOrderedNothingWhereThereIsNoPipe) {
   ExpectRefusal(Show(PostForm("")));
   EXPECT_FALSE(std::filesystem::exists(ORDERS));
-  EXPECT_THAT(ReadText(LOG_FILE), EndsWith("device/pages/Reboot      3     "
+  EXPECT_THAT(ReadText(LOG_FILE), EndsWith("pages/Reboot             3     "
                                            "Can't order the reboot: No such file or directory\n"));
   EXPECT_THAT(ReadText(LOG_FILE), HasSubstr("ERROR"));
 }

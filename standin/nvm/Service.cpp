@@ -24,7 +24,7 @@
 
 namespace {
 
-constexpr char SOURCE[] = "device/nvm/Service";
+constexpr char SOURCE[] = "standin/nvm/Service";
 constexpr char SERVICE_LOG_FILE[] = "/tmp/nvm.log";
 
 Allocation allocation;

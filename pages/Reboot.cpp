@@ -21,7 +21,7 @@
 
 namespace {
 
-constexpr char SOURCE[] = "device/pages/Reboot";
+constexpr char SOURCE[] = "pages/Reboot";
 constexpr Link PARENT = {"Device Information", DEVICE_INFORMATION_PAGE};
 constexpr Link PAGE = {"Reboot", REBOOT_PAGE};
 

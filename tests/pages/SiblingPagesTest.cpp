@@ -211,7 +211,7 @@ TEST_F(SiblingPages, TheNavigationLeadsOverThePagesParents) {
 
 TEST_F(SiblingPages, TheyLogUnderTheirOwnNames) {
   Show(Get(""), REBOOT);
-  EXPECT_THAT(ReadText(LOG_FILE), HasSubstr("device/pages/Reboot      1     main\n"));
+  EXPECT_THAT(ReadText(LOG_FILE), HasSubstr("pages/Reboot             1     main\n"));
 }
 
 }  // namespace
