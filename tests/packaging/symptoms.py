@@ -351,7 +351,7 @@ class Symptoms(packages.InRoot):
 
     @symptom("the page ends in the middle", "signal 14")
     def test_the_gate_ends_a_program(self):
-        with self.served((SITE, '"CGI_GATE_LIMIT"    => "60"', '"CGI_GATE_LIMIT"    => "1"')):
+        with self.served((SITE, '"CGI_GATE_RUN_TIMEOUT"   => "60"', '"CGI_GATE_RUN_TIMEOUT"   => "1"')):
             with self.silent_nvm_service():
                 self.expect_cut(DEVICE_INFORMATION)
                 yield
@@ -426,7 +426,7 @@ class Symptoms(packages.InRoot):
             self.expect_status(500)
             yield
 
-    @symptom("500", "CGI_GATE_FILE")
+    @symptom("500", "CGI_GATE_SLOT_FILE")
     def test_a_folder_of_the_gate_that_is_not_the_services(self):
         folder = os.path.dirname(JOURNAL)
         with self.without(folder + "/gate"), self.mode(folder, 0o755, "root"):
@@ -441,7 +441,7 @@ class Symptoms(packages.InRoot):
 
     @symptom("503", "no place became free")
     def test_programs_that_hang(self):
-        with self.served((SITE, '"CGI_GATE_PATIENCE" => "60"', '"CGI_GATE_PATIENCE" => "1"')):
+        with self.served((SITE, '"CGI_GATE_QUEUE_TIMEOUT" => "60"', '"CGI_GATE_QUEUE_TIMEOUT" => "1"')):
             with self.silent_nvm_service():
                 asked = self.ask_at_once(4, DEVICE_INFORMATION)
                 for _ in range(SECONDS * 5):

@@ -186,11 +186,11 @@ TEST_F(ClassArchive, IsMadeFromARequestAndUsed) {
 TEST_F(ClassArchive, IsUsedBehindTheGate) {
   Command request = Request();
   request.words = {"/srv/vemo/bin/cgi-gate", PROGRAM};
-  request.environment.insert({{"CGI_GATE_FILE", "/tmp/gate"},
-                              {"CGI_GATE_PLACES", "1"},
-                              {"CGI_GATE_PATIENCE", "20"},
-                              {"CGI_GATE_LIMIT", "20"},
-                              {"CGI_GATE_ARCHIVE", FOLDER}});
+  request.environment.insert({{"CGI_GATE_SLOT_FILE", "/tmp/gate"},
+                              {"CGI_GATE_SLOTS", "1"},
+                              {"CGI_GATE_QUEUE_TIMEOUT", "20"},
+                              {"CGI_GATE_RUN_TIMEOUT", "20"},
+                              {"CGI_GATE_CDS_ARCHIVE", FOLDER}});
   ExpectUsed(request);
 }
 

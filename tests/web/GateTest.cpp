@@ -46,23 +46,23 @@ Command Gated(const std::string& script) {
   WriteText(PROGRAM, "#!/bin/sh\n" + script + "\n");
   std::filesystem::permissions(PROGRAM, std::filesystem::perms(0755));
   return {{GATE, PROGRAM},
-          {{"CGI_GATE_FILE", LOCK_FILE},
-           {"CGI_GATE_PLACES", "4"},
-           {"CGI_GATE_PATIENCE", "20"},
-           {"CGI_GATE_LIMIT", "20"}}};
+          {{"CGI_GATE_SLOT_FILE", LOCK_FILE},
+           {"CGI_GATE_SLOTS", "4"},
+           {"CGI_GATE_QUEUE_TIMEOUT", "20"},
+           {"CGI_GATE_RUN_TIMEOUT", "20"}}};
 }
 
 // The gate reads the body first.
 Command WithBody(const std::string& script, const std::string& length) {
   Command command = Gated(script);
-  command.environment.insert({{"CGI_GATE_BODY", "65536"}, {"CONTENT_LENGTH", length}});
+  command.environment.insert({{"CGI_GATE_MAX_BODY", "65536"}, {"CONTENT_LENGTH", length}});
   return command;
 }
 
 // The gate stays in front of the program.
 Command Apart(const std::string& script) {
   Command command = Gated(script);
-  command.environment["CGI_GATE_APART"] = "1";
+  command.environment["CGI_GATE_FORK"] = "1";
   return command;
 }
 
@@ -209,7 +209,7 @@ class GateQueue : public testing::Test {
     Command command = Gated("cd /tmp/queue; echo " + NAME + " >>began; while [ ! -e go." + NAME +
                             " ]; do /bin/sleep 0.02; done");
     command.environment["NAME"] = name;
-    command.environment["CGI_GATE_PLACES"] = std::to_string(places_);
+    command.environment["CGI_GATE_SLOTS"] = std::to_string(places_);
     return command;
   }
 
@@ -347,7 +347,7 @@ TEST_F(GateQueue, TakesThePlaceOfAProgramThatGaveItBackItself) {
             "exec 3>&-\nexec /bin/sleep 100\n");
   std::filesystem::permissions("/tmp/closing", std::filesystem::perms(0755));
   closing.words[1] = "/tmp/closing";
-  closing.environment["CGI_GATE_LIMIT"] = "100";
+  closing.environment["CGI_GATE_RUN_TIMEOUT"] = "100";
   // The gate's file becomes 3, whatever else is open here.
   closing.prepare = [] {
     for (int descriptor = 3; descriptor < 100; ++descriptor) {
@@ -357,7 +357,7 @@ TEST_F(GateQueue, TakesThePlaceOfAProgramThatGaveItBackItself) {
   const BackgroundProcess first(closing);
   EXPECT_TRUE(Eventually([&] { return Began().size() == 1; }));
   Command second = Staying("head");
-  second.environment["CGI_GATE_PATIENCE"] = "100";  // its end would wake it
+  second.environment["CGI_GATE_QUEUE_TIMEOUT"] = "100";  // its end would wake it
   const Program head = Waiting(second);
   WriteText("/tmp/queue/close", "");
   ExpectBegan("closing", "head");
@@ -394,7 +394,7 @@ Command OfClient(const std::string& address) {
       "[ -z \"$STAY\" ] || { echo >>/tmp/began; while [ ! -e /tmp/go ]; do /bin/sleep 0.02; done; "
       "}\n"
       "echo in");
-  command.environment.insert({{"CGI_GATE_CLIENT", "1"}, {"REMOTE_ADDR", address}});
+  command.environment.insert({{"CGI_GATE_CLIENT_SLOTS", "1"}, {"REMOTE_ADDR", address}});
   return command;
 }
 
@@ -404,7 +404,7 @@ bool IsLetInBeside(const std::string& address, const std::string& other, int num
   std::filesystem::remove("/tmp/go");
   Command staying = OfClient(address);
   staying.environment["STAY"] = "1";
-  staying.environment["CGI_GATE_CLIENT"] = std::to_string(number);
+  staying.environment["CGI_GATE_CLIENT_SLOTS"] = std::to_string(number);
   std::vector<std::future<Result>> first;
   for (int i = 0; i < number; ++i) {
     first.push_back(std::async(std::launch::async, Execute, staying));
@@ -464,10 +464,10 @@ TEST(GateClient, MayComeAgainWhenItsRequestIsOver) {
 }
 
 TEST(GateClient, IsNotCountedWhereTheGateIsToldSo) {
-  Command command = Gated("echo $CGI_GATE_CLIENT.");
+  Command command = Gated("echo $CGI_GATE_CLIENT_SLOTS.");
   command.environment["REMOTE_ADDR"] = "192.168.7.2";
   EXPECT_EQ(Execute(command).output, ".\n");
-  command.environment["CGI_GATE_CLIENT"] = "0";
+  command.environment["CGI_GATE_CLIENT_SLOTS"] = "0";
   EXPECT_EQ(Execute(command).output, ".\n");
 }
 

@@ -213,7 +213,7 @@ SHORT_TIMES = (gate("LIMIT", 1), gate("PATIENCE", 20), (r"(max-read-idle += )5",
 
 
 # For tests of what a server does by itself, with clients that have one address.
-NO_CLIENT_LIMIT = (r"(CGI_GATE_CLIENT |client_requests = \")16", r"\g<1>0")
+NO_CLIENT_LIMIT = (r"(CGI_GATE_CLIENT_SLOTS |client_requests = \")16", r"\g<1>0")
 
 # Root without its rights, which proot gives: nginx cannot become another user.
 AS_ROOT = (("daemon off;", "daemon off; user root;"),) if os.geteuid() == 0 else ()

@@ -9,21 +9,24 @@
 //
 // The web server says in the environment, which the program does not get to see:
 //
-//   CGI_GATE_FILE      the file in which the places are locked; made when it is missing
-//   CGI_GATE_PLACES    programs that may run at once
-//   CGI_GATE_PATIENCE  seconds to wait for a place
-//   CGI_GATE_LIMIT     seconds that a program may take
-//   CGI_GATE_ARCHIVE   optional: the folder of the Java VM's class archive, see ClassArchive.h
-//   CGI_GATE_BODY      optional, for a web server that starts programs before it has the body: the
-//                      body is read before a place is taken, and the program gets it whole; one of
-//                      more bytes is answered "413 Content Too Large", one in chunks "411 Length
-//                      Required", one that is cut or does not come in time "400 Bad Request"
-//   CGI_GATE_CLIENT    optional: requests that one client address may have here at a time, waiting
-//                      or served, or 0 for as many as come; more are answered "503 Service
-//                      Unavailable" at once. Loopback is not counted: whoever is on this machine
-//                      has it, a proxy for instance
-//   CGI_GATE_APART     optional, for a web server that kills programs whose client has gone: when
-//                      set, the program runs in a process of its own, and the gate ends as it does
+//   CGI_GATE_SLOT_FILE      the file in which the slots are locked; made when it is missing
+//   CGI_GATE_SLOTS          programs that may run at once
+//   CGI_GATE_QUEUE_TIMEOUT  seconds to wait for a slot
+//   CGI_GATE_RUN_TIMEOUT    seconds that a program may run
+//   CGI_GATE_CDS_ARCHIVE    optional: the folder of the Java VM's CDS archive, see ClassArchive.h
+//   CGI_GATE_MAX_BODY       optional, for a web server that starts programs before it has the body:
+//   the body is
+//                           read before a slot is taken, and the program gets it whole; one of more
+//                           bytes is answered "413 Content Too Large", one in chunks "411 Length
+//                           Required", one that is cut or does not come in time "400 Bad Request"
+//   CGI_GATE_CLIENT_SLOTS   optional: requests that one client address may have here at a time,
+//   queued or
+//                           running, or 0 for no limit; more are answered "503 Service Unavailable"
+//                           at once. Loopback is not counted: it may be a proxy
+//   CGI_GATE_FORK           optional, for a web server that kills programs whose client has gone:
+//   when set, the
+//                           program runs in a process of its own, and the gate ends with its exit
+//                           status
 //
 // A request with a "#" in its address is answered "400 Bad Request": web servers differ on where
 // its path ends, so they may have judged another one than the program gets.
@@ -60,14 +63,14 @@
 
 namespace {
 
-constexpr char FILE_VARIABLE[] = "CGI_GATE_FILE";
-constexpr char PLACES_VARIABLE[] = "CGI_GATE_PLACES";
-constexpr char PATIENCE_VARIABLE[] = "CGI_GATE_PATIENCE";
-constexpr char LIMIT_VARIABLE[] = "CGI_GATE_LIMIT";
-constexpr char ARCHIVE_VARIABLE[] = "CGI_GATE_ARCHIVE";
-constexpr char BODY_VARIABLE[] = "CGI_GATE_BODY";
-constexpr char CLIENT_VARIABLE[] = "CGI_GATE_CLIENT";
-constexpr char APART_VARIABLE[] = "CGI_GATE_APART";
+constexpr char FILE_VARIABLE[] = "CGI_GATE_SLOT_FILE";
+constexpr char PLACES_VARIABLE[] = "CGI_GATE_SLOTS";
+constexpr char PATIENCE_VARIABLE[] = "CGI_GATE_QUEUE_TIMEOUT";
+constexpr char LIMIT_VARIABLE[] = "CGI_GATE_RUN_TIMEOUT";
+constexpr char ARCHIVE_VARIABLE[] = "CGI_GATE_CDS_ARCHIVE";
+constexpr char BODY_VARIABLE[] = "CGI_GATE_MAX_BODY";
+constexpr char CLIENT_VARIABLE[] = "CGI_GATE_CLIENT_SLOTS";
+constexpr char APART_VARIABLE[] = "CGI_GATE_FORK";
 
 constexpr long MOST_PLACES = 1000;
 constexpr long MOST_BYTES = 65536;  // what a pipe holds that is written at once
