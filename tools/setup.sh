@@ -10,7 +10,8 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libcgicc-dev libxml2-dev
 DEVICE_PACKAGES=(bubblewrap lighttpd)
 PACKAGING_PACKAGES=(build-essential debhelper dpkg-dev fakeroot git pkgconf)
 TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang libclang-rt-14-dev clang-format
-  clang-tidy llvm shellcheck curl iproute2 chromium chromium-driver python3-selenium libxml2-utils proot
+  clang-tidy llvm shellcheck curl iproute2 chromium chromium-driver python3-pytest python3-pytest-xdist
+  python3-selenium libxml2-utils proot
   systemd strace nftables valgrind qemu-system-x86 qemu-user busybox-static cpio e2fsprogs git)
 # For other processors: Debian's cross compilers here, and what is unpacked of those processors' packages, to
 # compile against and to run.
@@ -244,8 +245,8 @@ prepare_tests() {
   # The tests of several processes would meet on the machine's only loopback.
   jobs=1
   local port
-  # The device's, and those of tests/web/web_servers.py.
-  for port in 5302 {8080..8088}; do
+  # The device's, and those of tests/web/device.py.
+  for port in 5302 {8080..8103}; do
     ! is_listening "$port" ||
       fail "this machine refuses namespaces, so the tests use its own port $port, which is busy:" \
         "stop what listens there (./run does)"

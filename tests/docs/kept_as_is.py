@@ -18,7 +18,7 @@ def where(row):
 
 def test_names():
     """The names of all tests: Suite.Name of GoogleTest, without the prefixes and suffixes of those that
-    have parameters, and Class.test_name of Python."""
+    have parameters, and Class.test_name or file.test_name of Python."""
     names = set()
     for file in (pages.ROOT / "tests").rglob("*Test.cpp"):
         text = file.read_text(encoding="utf-8")
@@ -29,8 +29,8 @@ def test_names():
         for line in file.read_text(encoding="utf-8").splitlines():
             if found := re.match(r"class (\w+)\(", line):
                 test_class = found[1]
-            elif found := re.match(r"    def (test_\w+)\(", line):
-                names.add(f"{test_class}.{found[1]}")
+            elif found := re.match(r"(    )?def (test_\w+)\(", line):
+                names.add(f"{test_class if found[1] else file.stem}.{found[2]}")
     return names
 
 

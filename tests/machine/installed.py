@@ -28,13 +28,14 @@ from selenium.webdriver.common.by import By  # noqa: E402
 
 import booted  # noqa: E402
 import browser  # noqa: E402
-import browser_journey  # noqa: E402
 import commands  # noqa: E402
 import example  # noqa: E402
 import machine  # noqa: E402
 import prepared  # noqa: E402
 import root  # noqa: E402
+import test_journey  # noqa: E402
 from booted import LOG, PAGE, SETTINGS  # noqa: E402
+from device import eventually  # noqa: E402
 
 FOLDER = BUILD / "machine"
 OF_ONE_CLIENT = 16  # connections
@@ -116,8 +117,22 @@ class Device(booted.Device):
                          parameters="systemd.show_status=0 net.ifnames=0")
 
 
-class Installed(booted.Requests, browser_journey.Journey):
-    """The browser's journey, and more, on the booted machine. In the order of their names; the last cuts
+class Technician(browser.Technician):
+    """At a browser in front of the booted machine."""
+
+    def __init__(self, driver, device):
+        super().__init__(driver, f"http://localhost:{device.port}", PAGE)
+        self.device = device
+
+    def settings(self):
+        return self.device.read(SETTINGS)
+
+    def write_shipped_settings(self):
+        self.device.run(f"cat >{SETTINGS} <<'END'\n{booted.shipped_settings()}END\nchown vemo-web: {SETTINGS}")
+
+
+class Installed(booted.Requests, unittest.TestCase):
+    """The technician's journey, and more, on the booted machine. In the order of their names; the last cuts
     the power."""
 
     ARCHIVE = "/var/cache/vemo-web/archive"
@@ -127,29 +142,26 @@ class Installed(booted.Requests, browser_journey.Journey):
         cls.disk = FOLDER / "installed.disk"
         cls.addClassCleanup(cls.disk.unlink, missing_ok=True)
         make_disk(cls.disk)
+        cls.driver = cls.enterClassContext(browser.running_browser(limit=PAGE))
         cls.boot()
         cls.addClassCleanup(lambda: cls.device.machine.kill())
-        Installed.driver = cls.enterClassContext(browser.running_browser())
 
     @classmethod
     def boot(cls):
         cls.device = Device(cls.disk)
         print(f"from power-on to the first page: {cls.device.wait_for_page():.1f} s", file=sys.stderr)
-        browser.PORT = cls.device.port
-        browser.ROOT = f"http://localhost:{browser.PORT}"
-        browser.LIMIT = PAGE
-        shipped = booted.shipped_settings()
-        browser.write_shipped_settings = lambda: cls.device.run(
-            f"cat >{SETTINGS} <<'END'\n{shipped}END\nchown vemo-web: {SETTINGS}")
-        browser.read_settings = lambda: cls.device.read(SETTINGS)
+        cls.technician = Technician(cls.driver, cls.device)
+
+    def setUp(self):
+        self.technician.start()
 
     def boot_id(self):
         return self.device.read("/proc/sys/kernel/random/boot_id")
 
     def expect_no_reboot(self):
         boot = self.boot_id()
-        self.driver.get(browser.ROOT + browser.REBOOT)
-        self.assertIn("This web interface is not allowed to reboot the device.", self.text())
+        self.technician.open(browser.REBOOT)
+        self.assertIn("This web interface is not allowed to reboot the device.", self.technician.text())
         self.assertEqual(self.driver.find_elements(By.CSS_SELECTOR, "input"), [])
         form = {"Content-Type": "application/x-www-form-urlencoded"}
         status, page = self.device.ask("POST", browser.REBOOT, "", form)
@@ -190,7 +202,7 @@ class Installed(booted.Requests, browser_journey.Journey):
             def count():
                 return len(clients) - len(select.select(clients, [], [], 0)[0])
 
-            browser.eventually(lambda: count() <= OF_ONE_CLIENT)
+            eventually(lambda: count() <= OF_ONE_CLIENT)
             time.sleep(1)
             self.assertIn(count(), range(OF_ONE_CLIENT // 2, OF_ONE_CLIENT + 1))
         self.device.wait_for_page()
@@ -408,32 +420,32 @@ class Installed(booted.Requests, browser_journey.Journey):
         self.assertRegex(told, r"(?m)^root:vemo-web:620$")
         # No place more than before for the service to write to: others' folders in /run stay closed.
         self.test_2_nothing_but_its_own_is_writable_for_the_service()
-        self.post("760")
-        self.follow("reboot")
-        self.assertIn("Reboot the device to activate new settings?", self.text())
+        self.technician.post("760")
+        self.technician.follow("reboot")
+        self.assertIn("Reboot the device to activate new settings?", self.technician.text())
         with concurrent.futures.ThreadPoolExecutor() as clients:
             answers = [clients.submit(self.device.get, "/setobdconf.cgi?x=1") for _ in range(3)]
-            self.press("Reboot")
+            self.technician.press("Reboot")
             told = self.driver.page_source
             for answer in answers:
                 status, page = answer.result()
                 self.assertEqual((status, page[-8:]), (200, "</html>\n"))
         self.assertIn("The device reboots now.", told)
         begun = time.monotonic()
-        browser.wait_until(lambda: "The device is back: it has rebooted." in self.driver.page_source,
-                           "the page does not tell", booted.BOOT)
+        self.technician.wait_until(lambda: "The device is back: it has rebooted." in self.driver.page_source,
+                                   "the page does not tell", booted.BOOT)
         print(f"from the order to the page that tells: {time.monotonic() - begun:.1f} s", file=sys.stderr)
 
         self.assertNotEqual(self.boot_id(), boot)
-        self.follow("Device Information")
-        self.assertEqual(self.field().get_attribute("value"), "760")
+        self.technician.follow("Device Information")
+        self.assertEqual(self.technician.field().get_attribute("value"), "760")
         self.assertEqual(self.device.read(SETTINGS), booted.settings_with(760))
         _, told = self.device.run("dmesg | grep EXT4-fs")
         self.assertIn("EXT4-fs", told)
         self.assertNotIn("recover", told)
         self.expect_content()
-        self.driver.get(browser.ROOT + browser.REBOOT)
-        self.assertIn("Reboot the device to activate new settings?", self.text())
+        self.technician.open(browser.REBOOT)
+        self.assertIn("Reboot the device to activate new settings?", self.technician.text())
         self.device.run("systemctl disable --now vemo-web-reboot.socket")
         self.expect_no_reboot()
 
@@ -511,29 +523,29 @@ class Installed(booted.Requests, browser_journey.Journey):
         status, _ = self.device.run(f"nsenter --target {number.strip()} --mount test -e /proc/uptime")
         self.assertNotEqual(status, 0)
         for suffix, screen in (("", browser.DESK), ("-phone", browser.PHONE)):
-            browser.set_screen(self.driver, screen)
+            self.technician.set_screen(screen)
             _, before = self.device.run("cut -d. -f1 /proc/uptime")
-            self.open("/uptime.cgi")
+            self.technician.open("/uptime.cgi")
             _, after = self.device.run("cut -d. -f1 /proc/uptime")
             self.driver.save_screenshot(str(FOLDER / f"uptime{suffix}.png"))
-            self.assertIn(example.told_uptime(self.text()), range(int(before), int(after) + 1))
+            self.assertIn(example.told_uptime(self.technician.text()), range(int(before), int(after) + 1))
             self.assertEqual([h2.text for h2 in self.driver.find_elements("tag name", "h2")], ["Uptime"])
             # Nothing sticks to the screen's edge.
             self.assertGreater(self.driver.find_element("css selector", ".content p").rect["x"], 16)
-        self.open("/name.cgi")
+        self.technician.open("/name.cgi")
         self.driver.find_element("id", "name").clear()
         self.driver.find_element("id", "name").send_keys("Halle <3>")
-        self.press("Store")
+        self.technician.press("Store")
         self.driver.save_screenshot(str(FOLDER / "name-phone.png"))
-        self.assertIn("The name is stored. To activate it reboot the device.", self.text())
+        self.assertIn("The name is stored. To activate it reboot the device.", self.technician.text())
         self.assertEqual(self.driver.find_element("id", "name").get_attribute("value"), "Halle <3>")
-        self.assertIn("\nVEMODInterfaceName=Halle <3>\n", browser.read_settings())
+        self.assertIn("\nVEMODInterfaceName=Halle <3>\n", self.technician.settings())
 
     def test_7_the_packages_own_tests_pass(self):
         status, told = self.device.run("autopkgtest /root/source -- null", booted.BOOT)
         self.assertEqual(status, 0, told)
         self.assertRegex(told, r"installed-system +PASS")
-        browser.write_shipped_settings()
+        self.technician.write_shipped_settings()
 
     def test_8_purged_with_what_they_depend_on_and_installed_once_more(self):
         """As by `apt install` on a machine that runs, which has never had lighttpd."""
@@ -561,7 +573,7 @@ class Installed(booted.Requests, browser_journey.Journey):
         self.assertEqual(status, 0, told)
         self.device.wait_for_page()
         self.expect_content()
-        browser.write_shipped_settings()
+        self.technician.write_shipped_settings()
 
     def test_z_nothing_is_lost_when_the_power_is_cut(self):
         answered = []
@@ -601,6 +613,15 @@ class Installed(booted.Requests, browser_journey.Journey):
         for line in self.device.read(LOG).splitlines():
             self.assertRegex(line, LOG_LINE)
         self.expect_content()
+
+
+def journey(test):
+    return lambda self: test(self.technician)
+
+
+for name, test in vars(test_journey).items():
+    if name.startswith("test_"):
+        setattr(Installed, name, journey(test))
 
 
 def load_tests(loader, *_):

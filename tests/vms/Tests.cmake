@@ -3,7 +3,7 @@
 # PROPERTIES: of all of these tests.
 function(add_tests_under_vm name folder)
   cmake_parse_arguments(PARSE_ARGV 2 test "" "" PROPERTIES)
-  add_browser_test(browser_journey.${name} browser_journey ENV LD_LIBRARY_PATH=${folder})
+  add_browser_test(browser_journey.${name} ENV LD_LIBRARY_PATH=${folder} TESTS ${journey})
   set_tests_properties(browser_journey.${name} PROPERTIES LABELS long ${test_PROPERTIES})
   set(under EXTRA_ARGS --java-vm=${folder} TEST_SUFFIX .${name}
     PROPERTIES TIMEOUT 300 LABELS long ${test_PROPERTIES})

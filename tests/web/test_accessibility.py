@@ -1,0 +1,257 @@
+"""What an accessibility checker, axe-core, finds on every page and in every state of it; whether its text can be read
+in the sun and by night, whether a finger hits its links and buttons. Pictures of all that are left in /tmp. The
+checker comes from build/npm, where ./test puts it."""
+
+import math
+import os
+import subprocess
+
+import pytest
+from selenium.webdriver.common.by import By
+from selenium.webdriver.common.keys import Keys
+
+import browser
+import device
+from browser import FORM, HOME, REBOOT, REFUSALS, WARNING, success
+
+AXE = (device.SOURCE / "build/npm/node_modules/axe-core/axe.min.js").read_text(encoding="utf-8")
+CLASSES = (device.SOURCE / "packaging/example/classes.html").read_text(encoding="iso-8859-1")
+GRAVE = ("serious", "critical")
+CONTRAST = "color-contrast-enhanced"
+LEAST_CONTRAST = 7
+FINGER = 44  # CSS pixels
+
+SCREENS = {"": ((1280, 440, False), 1), "-phone": ((360, 720, True), 2)}
+PHONES = (SCREENS["-phone"][0], (320, 568, True), (568, 320, True), (740, 360, True))
+
+# What the system may ask pages for.
+MEDIA = {
+    "": {},
+    "-dark": {"prefers-color-scheme": "dark"},
+    "-contrast": {"prefers-contrast": "more"},
+    "-contrast-dark": {"prefers-contrast": "more", "prefers-color-scheme": "dark"},
+}
+FORCED = {"forced-colors": "active", "prefers-color-scheme": "dark"}
+
+# The checker's own, but that large text is asked for as much as small text.
+CONTRAST_OPTIONS = {
+    "ignoreUnicode": True, "ignoreLength": False, "ignorePseudo": False, "boldValue": 700, "boldTextPt": 14,
+    "largeTextPt": 18, "pseudoSizeThreshold": 0.25, "shadowOutlineEmMax": 0.1,
+    "contrastRatio": {"normal": {"expected": LEAST_CONTRAST}, "large": {"expected": LEAST_CONTRAST}},
+}
+
+
+# --- How each page, and each state of it, is reached
+
+BENCH = "Test bench 3"
+
+
+def opened(path):
+    return lambda visitor: visitor.open(path)
+
+
+def show_free(visitor):
+    device.write_shipped_settings()
+    for owner in ("VEMO_WEB", BENCH):
+        browser.order_of(owner, "nvmReleaseDevice")
+    visitor.open(FORM)
+
+
+def show_allocated(visitor):
+    show_free(visitor)
+    visitor.press("Allocate")
+
+
+def show_refused_allocation(visitor):
+    """Another client was quicker."""
+    show_free(visitor)
+    browser.order_of(BENCH, "nvmAllocateDevice")
+    visitor.press("Allocate")
+
+
+def show_held_back(visitor):
+    visitor.open(FORM)
+    visitor.field().clear()
+    visitor.field().send_keys("abc", Keys.ENTER)
+
+
+def show_classes(visitor):
+    visitor.open(HOME)
+    visitor.run("document.open(); document.write(arguments[0]); document.close()", CLASSES)
+    visitor.wait_until(
+        lambda: visitor.run("return document.readyState === 'complete' && document.styleSheets.length > 0"),
+        "the page of classes")
+
+
+OWN = {
+    "home": opened(HOME),
+    "classes": show_classes,
+    **{f"refusal-{path[-8:-5]}": opened(path) for path in REFUSALS},
+}
+FRAMED = {
+    "device-information": show_free,
+    "allocated": show_allocated,
+    "allocation-refused": show_refused_allocation,
+    "held-back": show_held_back,
+    "reboot": opened(REBOOT),
+    "reboot-back": opened(REBOOT + "?before=another"),
+    "reboot-not-known": opened(REBOOT + "?before=unknown"),
+}
+FIXED = {
+    "success": opened(success("500")),
+    "warning": opened(WARNING),
+}
+VIEWS = {**OWN, **FRAMED, **FIXED}
+
+
+class Visitor(browser.Technician):
+    def run(self, script, *arguments):
+        return self.driver.execute_script(script, *arguments)
+
+    def show(self, name, screen, scale=1):
+        self.set_screen(screen, scale)
+        self.set_media({})
+        VIEWS[name](self)
+
+    def set_media(self, features):
+        wanted = [{"name": name, "value": features.get(name, "")} for name in
+                  ("prefers-color-scheme", "prefers-contrast", "forced-colors")]
+        self.driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {"media": "", "features": wanted})
+
+    def take_picture(self, name):
+        """Of the whole page, however long."""
+        width, height, is_phone = self.screen
+        needed = self.run("const area = document.scrollingElement; return area.scrollHeight / area.clientWidth") * width
+        self.set_screen((width, max(height, math.ceil(needed)), is_phone), self.scale)
+        self.driver.save_screenshot(f"/tmp/{name}.png")
+        self.set_screen(self.screen, self.scale)
+
+    def findings(self, rules):
+        """What the checker says of the open page: the result's parts by their rules, with the elements."""
+        if not self.run("return Boolean(window.axe)"):
+            self.run(AXE)
+        result = self.driver.execute_async_script(
+            "const done = arguments[arguments.length - 1];"
+            f"axe.configure({{checks: [{{id: '{CONTRAST}', options: arguments[0]}}]}});"
+            "axe.run(document, arguments[1]).then(done, e => done({error: '' + e}));", CONTRAST_OPTIONS, rules)
+        device.require("error" not in result, result)
+        return {part: {finding["id"]: (finding["impact"], [node["html"] for node in finding["nodes"]])
+                       for finding in result[part]} for part in ("violations", "incomplete", "passes")}
+
+
+@pytest.fixture(scope="module")
+def visitor(running_device):
+    with browser.running_browser() as driver:
+        # Our policy keeps scripts out of the pages, the checker's too.
+        driver.execute_cdp_cmd("Page.setBypassCSP", {"enabled": True})
+        yield Visitor(driver, browser.root())
+
+
+@pytest.fixture(scope="module", params=[(name, suffix) for name in VIEWS for suffix in SCREENS], ids="".join)
+def shown(request, visitor):
+    """A view on a screen, which tests leave as it is but for colours."""
+    visitor.view, visitor.suffix = request.param
+    visitor.screen, visitor.scale = SCREENS[visitor.suffix]
+    visitor.show(visitor.view, visitor.screen, visitor.scale)
+    return visitor
+
+
+def test_finds_no_more_than_is_known(shown):
+    violations = shown.findings({"resultTypes": ["violations"]})["violations"]
+    found = {rule: nodes for rule, (impact, nodes) in violations.items() if impact in GRAVE}
+    # The frame around every CGI page names no language; our own pages name it one element further in.
+    assert set(found) == (set() if shown.view in OWN else {"html-has-lang"}), found
+
+
+def test_all_text_has_contrast_by_day_and_by_night(shown):
+    for medium, features in MEDIA.items():
+        shown.set_media(features)
+        shown.take_picture(shown.view + shown.suffix + medium)
+        if shown.suffix == "-phone":  # colours are those of a phone
+            found = shown.findings({"runOnly": [CONTRAST]})
+            assert (found["violations"], found["incomplete"]) == ({}, {}), medium
+            assert len(found["passes"][CONTRAST][1]) > 2, medium
+
+
+@pytest.mark.parametrize("phone", PHONES, ids=str)
+@pytest.mark.parametrize("view", VIEWS)
+def test_a_finger_hits_every_link_and_button_of_a_phone(visitor, view, phone):
+    visitor.show(view, phone)
+    found, layout, width = visitor.run(
+        "return [[...document.querySelectorAll('a, input:not([type=hidden])')].map("
+        "e => [e.outerHTML, e.getBoundingClientRect().height]), document.scrollingElement.clientWidth, screen.width]")
+    assert len(found) > 1
+    # The page may be laid out wider than the screen, and shrunk.
+    assert {html: height for html, height in found if height * width / layout < FINGER - 0.05} == {}
+
+
+def test_forced_colours_have_the_last_word(shown):
+    """The checker reads the page's own colours, not those that are forced."""
+    shown.set_media(FORCED)
+    shown.take_picture(f"{shown.view}{shown.suffix}-forced")
+    own, system, blends = shown.run(
+        "const probe = document.body.appendChild(document.createElement('i'));"
+        "const system = ['CanvasText', 'LinkText', 'ButtonText', 'FieldText'].map("
+        "  colour => { probe.style.color = colour; return getComputedStyle(probe).color; });"
+        "const styles = selector => [...document.querySelectorAll(selector)].map(e => getComputedStyle(e));"
+        "return [styles('p, a, h2, h3, dt, dd, label, input').map(s => s.color), system,"
+        "        styles('img').map(s => s.mixBlendMode)]")
+    assert set(own) <= set(system)
+    assert blends == ["normal"] * 2
+
+
+def test_night_is_dark_and_more_contrast_is_more(visitor):
+    def colour(selector, name):
+        look_up = "return getComputedStyle(document.querySelector(arguments[0]))[arguments[1]]"
+        return visitor.run(look_up, selector, name)
+
+    visitor.open(FORM)
+    found = []
+    for features in MEDIA.values():
+        visitor.set_media(features)
+        found.append((colour("body", "backgroundColor"), colour(".content", "color")))
+    assert found[2:] == [("rgb(255, 255, 255)", "rgb(0, 0, 0)"), ("rgb(0, 0, 0)", "rgb(255, 255, 255)")]
+    day, night = (sum(map(int, ground[4:-1].split(","))) for ground, _ in found[:2])
+    assert day > 600
+    assert night < 150
+
+
+@pytest.mark.parametrize("path", [FORM, WARNING])
+def test_on_paper_there_is_no_style(visitor, path):
+    visitor.open(path)
+    visitor.driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {"media": "print"})
+    assert visitor.style(".navi", "background-color") == "rgba(0, 0, 0, 0)"
+    assert "Home" in visitor.text()
+
+
+# --- While the Java VM starts: it waits for somebody who reads its log
+
+@pytest.fixture(scope="module")
+def hasty(visitor):
+    """Who looks at what is there."""
+    with browser.running_browser(page_load_strategy="none") as driver:
+        yield Visitor(driver, browser.root())
+
+
+@pytest.mark.parametrize("suffix", SCREENS, ids=["desk", "phone"])
+@pytest.mark.parametrize("path, name, there", [
+    (success("500"), "slow-success", "img"),
+    (FORM, "slow-device-information", "form + h3, form + dl, h3 + dl"),
+])
+def test_what_is_known_already_is_shown(hasty, path, name, there, suffix):
+    hasty.set_screen(*SCREENS[suffix])
+    device.LOG.unlink(missing_ok=True)
+    os.mkfifo(device.LOG)
+    try:
+        hasty.driver.get(hasty.root + path)
+        hasty.wait_until(lambda: hasty.driver.find_elements(By.CSS_SELECTOR, there), "the beginning")
+        hasty.wait_until(lambda: hasty.run("return [...document.images].every(i => i.complete && i.naturalWidth)"),
+                         "the logos")
+        assert hasty.run("return document.readyState") == "loading"
+        hasty.driver.save_screenshot(f"/tmp/{name}{suffix}.png")
+    finally:
+        with subprocess.Popen(["cat", device.LOG], stdout=subprocess.DEVNULL) as reader:
+            is_done = device.eventually(lambda: hasty.run("return document.readyState") == "complete")
+            device.LOG.unlink()
+            reader.terminate()
+    assert is_done

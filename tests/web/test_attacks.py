@@ -1,0 +1,488 @@
+"""Foreign pages and injected markup against the device, in a real browser, where nobody clicks:
+
+- Foreign pages, of other addresses, other ports and local files, try every way to make the browser ask the device for
+  a change. Each way is tried on a canary too, a server that only counts, so that a way that is broken does not pass for
+  one that is harmless.
+- The set-option page echoes markup of every kind. With --long each kind is tried on a page without the device's headers
+  too.
+
+With --long each is tried from more places and against more of the device."""
+
+import base64
+import contextlib
+import http.server
+import os
+import pathlib
+import re
+import signal
+import subprocess
+import tempfile
+import threading
+import time
+import urllib.parse
+
+import pytest
+from selenium.common.exceptions import TimeoutException, WebDriverException
+from selenium.webdriver.common.by import By
+
+import browser
+import device
+from attempts import ANSWERS, DOCUMENTS, HARM, MARKUP, PAGES, PARTS, UNSENT, UNSENT_BY_HTTP, WDDX
+from browser import HOME, PORT, TITLES, success
+from device import SETTINGS, SHIPPED_SETTINGS, eventually, is_on_loopback
+from prepared import PASSWORD, TLS
+
+NVM_PORT = 5302
+ACCESS_LOG = pathlib.Path(f"/tmp/web_{PORT}/run/access.log")
+HAS_TLS, HAS_PASSWORD, IS_LONG = TLS in device.PARTS, PASSWORD in device.PARTS, device.IS_LONG
+loopback_is_enough = pytest.mark.long if IS_LONG else pytest.mark.loopback
+
+# Where the foreign pages are: on another site; under the device's own name or address with another port, which makes it
+# the same site.
+CANARY, FOREIGN = (("http://127.0.0.3:9003", "http://127.0.0.2:9001") if is_on_loopback() else
+                   (f"http://{device.SECOND}:9003", f"http://{device.SECOND}:9001"))
+LOCAL_FILE = "file:///tmp/attack.html"
+# The device's, in addresses.
+HOSTS = ("localhost", "127.0.0.1") if is_on_loopback() else (device.HOST,)
+# Other ports of the device's. Over http, elsewhere than on loopback, they count as the device: no browser tells.
+SAME_SITE = tuple(f"http://{host}:9002" for host in HOSTS) if is_on_loopback() or HAS_TLS else ()
+
+SET_OPTION = "setobdconf.cgi?CanDetectTimeout=evil"
+ALLOCATION = "channeldeviceconfig.cgi?allocation=allocate"
+ATTEMPT = r"attempt=([\w.:-]+)"
+
+# Of web servers that write no log as shipped. lighttpd's tells whether a password came along, too.
+WITH_ACCESS_LOG = (
+    (r"(?m)^accesslog.filename.*",
+     r'\g<0>\naccesslog.format = "%h %V %u %t \\"%r\\" %>s %b \\"%{Authorization}i\\""'),
+    (r"access_log off;", f"access_log {ACCESS_LOG};"),
+    (r"(?m)^LoadModule cgid_module .*", rf'\g<0>\nCustomLog {ACCESS_LOG} "%h %l %u %t \\"%r\\" %>s %b"'),
+)
+
+
+# --- The foreign servers
+
+hits = []  # what was asked of them
+document_of = {}  # by path: (status, headers, text)
+
+
+def attempts_that_hit():
+    return {match[1] for path in list(hits) if (match := re.search(ATTEMPT, path))}
+
+
+class ForeignSite(http.server.BaseHTTPRequestHandler):
+    """Serves the attackers' pages and permits everything."""
+
+    def answer(self):
+        hits.append(self.path)
+        self.rfile.read(int(self.headers.get("Content-Length") or 0))
+        path = urllib.parse.urlsplit(self.path).path
+        status, headers, text = document_of.get(path, (200, {}, ""))
+        body = text.encode()
+        self.send_response(status)
+        for name, value in {
+            "Content-Type": "text/html;charset=utf-8",
+            "Content-Length": len(body),
+            "Cache-Control": "no-store",
+            "Access-Control-Allow-Origin": self.headers.get("Origin", "*"),
+            "Access-Control-Allow-Credentials": "true",
+            "Access-Control-Allow-Headers": "X-Evil",
+            "Access-Control-Allow-Methods": "GET, POST, PUT",
+            "Supports-Loading-Mode": "credentialed-prerender",
+            **headers,
+        }.items():
+            self.send_header(name, value)
+        self.end_headers()
+        if self.command != "HEAD":
+            self.wfile.write(body)
+
+    do_GET = do_POST = do_PUT = do_HEAD = do_OPTIONS = answer
+
+    def log_message(self, *_):
+        pass
+
+
+class ForeignServer(http.server.ThreadingHTTPServer):
+    daemon_threads = True
+    request_queue_size = 256
+
+    def handle_error(self, *_):
+        pass  # browsers go away when they like
+
+
+@contextlib.contextmanager
+def foreign_sites():
+    servers = []
+    for site in (CANARY, FOREIGN, *SAME_SITE[:1]):
+        parts = urllib.parse.urlsplit(site)
+        address = "127.0.0.1" if parts.hostname == "localhost" else parts.hostname
+        servers.append(ForeignServer((address, parts.port), ForeignSite))
+        threading.Thread(target=servers[-1].serve_forever, daemon=True).start()
+    try:
+        yield
+    finally:
+        for server in servers:
+            server.shutdown()
+            server.server_close()
+
+
+# --- The browser, which is used for the device as well
+
+class Victim(browser.Technician):
+    def look(self, url):
+        # A page that leads into nothing is no page for the driver.
+        with contextlib.suppress(TimeoutException, WebDriverException):
+            self.driver.get(url)
+
+    def close_windows(self):
+        first, *others = self.driver.window_handles
+        for window in others:
+            self.driver.switch_to.window(window)
+            self.driver.close()
+        self.driver.switch_to.window(first)
+
+    def is_complete(self):
+        return self.driver.execute_script("return document.readyState") == "complete"
+
+
+@pytest.fixture(scope="module")
+def anybody():
+    with browser.running_device(WITH_ACCESS_LOG), foreign_sites(), browser.running_browser(
+            # Without which it fetches nothing ahead of time.
+            without=("--disable-background-networking",),
+            page_load_strategy="eager",
+            # Forms and links of other pages come up in windows of their own, and files are downloaded.
+            preferences={"download.default_directory": "/tmp/downloads"}) as driver:
+        yield Victim(driver, browser.root())
+
+
+@pytest.fixture
+def victim(anybody):
+    device.write_shipped_settings()
+    hits.clear()
+    return anybody
+
+
+# --- The device, seen from behind
+
+def asked_of_the_device():
+    """(method, path with query, status) of each request up to now."""
+    return [(match[1], match[2], int(match[3])) for line in access_log().splitlines()
+            if (match := re.search(r'"([A-Z]+) (\S+) HTTP/[\d.]+" (\d{3}) ', line))]
+
+
+def access_log():
+    """The server keeps its last lines to itself for a while."""
+    access_log.calls = getattr(access_log, "calls", 0) + 1
+    mark = f"/?read={access_log.calls}"
+    subprocess.run(["/usr/bin/curl", "-sS", "--insecure", "-o", "/dev/null", browser.root() + mark], check=True)
+    device.wait_until(lambda: mark + " " in ACCESS_LOG.read_text(errors="replace"), "the web server writes no log")
+    return ACCESS_LOG.read_text(errors="replace")
+
+
+def is_allocated():
+    """Whether somebody holds the diagnostic interface, as the device's own page has it."""
+    environment = {"REQUEST_METHOD": "GET", "QUERY_STRING": "", "JAVA_CLASSPATH": "/srv/vemo/java",
+                   "JAVA_OPTIONS": "-XX:VMOptionsFile=/srv/vemo/java.options"}
+    page = subprocess.run(["/srv/vemo/htdocs/channeldeviceconfig.cgi"], env=environment, stdout=subprocess.PIPE,
+                          check=True).stdout.decode("latin-1")
+    return re.search(r"<dt>Allocation</dt><dd>(\w+)</dd>", page)[1] != "Free"
+
+
+def expect_unchanged():
+    assert SETTINGS.read_bytes() == SHIPPED_SETTINGS.read_bytes()
+    assert not is_allocated()
+
+
+# --- Foreign pages
+
+def filled(template, url, number):
+    attempt = re.search(ATTEMPT, url)
+    return template.format(u=url, a=attempt[1] if attempt else "", c=CANARY + "/permit", n=number,
+                           w=WDDX.replace("'", "\\'"))
+
+
+class Attempts:
+    """The pages of one place, and the attempts on them."""
+
+    def __init__(self, place, target, tag):
+        self.place = place
+        self.target = target
+        self.tag = tag
+        self.names = []
+
+    def url(self, name):
+        """The target for this attempt."""
+        self.names.append(name)
+        if f":{NVM_PORT}/" in self.target:
+            return f"{self.target}#attempt={self.tag}.{name}"  # nothing must stand behind its query
+        sign = "&" if "?" in self.target else "?"
+        return f"{self.target}{sign}attempt={self.tag}.{name}"
+
+    def answer(self, path, name, use):
+        """Puts an answer of the foreign server there."""
+        status, header, value = ANSWERS[name]
+        document_of[path] = (status, {header: value.format(u=self.url(f"{use}-{name}"))}, "<img src=/x.gif>")
+        return path
+
+    def all_in_one(self):
+        """The path and the text of a page with all parts, and the documents in frames."""
+        parts = [filled(text, self.url(name), number) for number, (name, text) in enumerate(PARTS.items())]
+        for name, text in DOCUMENTS.items():
+            inner = filled(text, self.url(f"frame-{name}"), 0).replace("&", "&amp;")
+            parts.append(f'<iframe srcdoc="{inner.replace(chr(34), "&quot;")}"></iframe>')
+        data = base64.b64encode(filled(DOCUMENTS["form-text"], self.url("data-form-text"), 0).encode()).decode()
+        parts.append(f"<iframe src='data:text/html;base64,{data}'></iframe>")
+        if self.place.startswith("http"):
+            for name in ANSWERS:
+                path = self.answer(f"/{self.tag}/answer-frame-{name}", name, "frame")
+                parts.append(f"<iframe src='{path}'></iframe>")
+                if ANSWERS[name][0] != 200:
+                    path = self.answer(f"/{self.tag}/answer-img-{name}", name, "img")
+                    parts.append(f"<img src='{path}'>")
+        return f"/{self.tag}/all", "<!DOCTYPE html><body>" + "\n".join(parts)
+
+    def one_by_one(self):
+        """The path and the text of each page that leads away."""
+        for name, text in {**DOCUMENTS, **PAGES}.items():
+            yield f"/{self.tag}/{name}", filled(text, self.url(f"page-{name}"), 0)
+        if self.place.startswith("http"):
+            # A redirect of an address that was typed would be taken for the typed address itself: nothing in the
+            # request tells. So a page leads there.
+            for name in ANSWERS:
+                path = self.answer(f"/{self.tag}/answer-{name}", name, "page")
+                yield f"/{self.tag}/{name}", filled(DOCUMENTS["location"], path, 0)
+
+
+def attack(victim, place, target, tag, has_all=False, is_hidden=False):
+    """Opens the pages of the place, `has_all`: also those that lead away. They may hide their address. Returns the
+    names of the attempts."""
+    attempts = Attempts(place, target, tag)
+    for path, text in (attempts.all_in_one(), *(attempts.one_by_one() if has_all else ())):
+        document_of[path] = 200, {"Referrer-Policy": "no-referrer"} if is_hidden else {}, text
+        if place == LOCAL_FILE:
+            pathlib.Path("/tmp/attack.html").write_text(text, encoding="utf-8")
+            path = ""
+        victim.look(place + path)
+        # A page that is left stops what it has not sent.
+        eventually(victim.is_complete)
+    victim.close_windows()
+    return {f"{tag}.{name}" for name in attempts.names}
+
+
+def test_each_way_works_where_it_is_permitted(victim):
+    made = attack(victim, FOREIGN, CANARY + "/permit", "canary", has_all=True)
+    unsent = UNSENT if is_on_loopback() else UNSENT | UNSENT_BY_HTTP
+    expected = {name for name in made if name.partition(".")[2] not in unsent}
+    assert eventually(lambda: attempts_that_hit() >= expected), sorted(expected - attempts_that_hit())
+
+
+def attacks():
+    """Place, target, whether the pages that lead away are tried too, and whether pages hide their address. To loopback
+    and to https the browser tells all the same."""
+    first, last = (f"{'https' if HAS_TLS else 'http'}://{host}:{PORT}" for host in (HOSTS[0], HOSTS[-1]))
+    may_hide = not is_on_loopback() and not HAS_TLS
+    if not IS_LONG:
+        yield FOREIGN, f"{first}/{SET_OPTION}", True, may_hide
+        if not may_hide:
+            for place in (*SAME_SITE[:1], LOCAL_FILE):
+                yield place, f"{first}/{SET_OPTION}", False, False
+        yield FOREIGN, f"{last}/{ALLOCATION}", False, False
+        yield FOREIGN, f"{first}/reboot.cgi", False, False
+        if HAS_TLS:
+            # It leads on to https.
+            yield FOREIGN, f"http://{HOSTS[0]}:{PORT + 1}/{SET_OPTION}", True, True
+        return
+    for is_hidden in (False, True):
+        for place in (FOREIGN,) if is_hidden else (FOREIGN, *SAME_SITE, LOCAL_FILE):
+            for root in dict.fromkeys((first, last)):
+                for target in (SET_OPTION, ALLOCATION, "reboot.cgi", "%73etobdconf.cgi/more?CanDetectTimeout=evil"):
+                    yield place, f"{root}/{target}", True, is_hidden
+
+
+def test_foreign_pages_change_nothing(victim):
+    boot = device.BOOT.read_text()
+    made = set()
+    todo = list(attacks())
+    for number, (place, target, has_all, is_hidden) in enumerate(todo):
+        made |= attack(victim, place, target, f"device{number}", has_all, is_hidden)
+    # And once more by a browser that has just been used for the device's own pages.
+    if IS_LONG or not is_on_loopback():
+        victim.open(success("300"))
+        place, target, *_ = todo[0]
+        made |= attack(victim, place, target, f"device{len(todo)}", IS_LONG, is_hidden=True)
+    # Attempts that work on the canary work here; the last may be on their way.
+    time.sleep(1)
+
+    asked = [request for request in asked_of_the_device()
+             if (match := re.search(ATTEMPT, request[1])) and match[1] in made and request[2] != 307]
+    arrived = {re.search(ATTEMPT, path)[1] for _, path, _ in asked}
+    taken = [(method, path) for method, path, status in asked if status != 403
+             # It only shows.
+             and not (method == "GET" and path.startswith("/channeldeviceconfig.cgi"))]
+    assert taken == []
+    assert len(arrived) > len(made) * 3 // 4
+    expect_unchanged()
+    assert device.BOOT.read_text() == boot
+    if HAS_PASSWORD:
+        # With requests for pages; others the browser keeps apart by the site of the page.
+        assert len(re.findall(r"attempt=.* 403 .*Digest username=", access_log())) > len(DOCUMENTS)
+
+
+def test_a_typed_address_that_redirects_to_the_device(victim):
+    for status in (301, 302, 303, 307, 308):
+        path = f"/typed-{status}"
+        document_of[path] = (status, {"Location": f"{victim.root}/{SET_OPTION}{status}"}, "")
+        victim.look(FOREIGN + path)
+        stored = SETTINGS.read_text()
+        if is_on_loopback():
+            assert f"\nVEMODCanDetectTimeout=evil{status}\n" in stored
+        else:
+            assert stored == SHIPPED_SETTINGS.read_text()
+
+
+@loopback_is_enough
+def test_foreign_pages_give_no_order_to_the_nvm_service(victim):
+    """Which listens on loopback, wherever the device does."""
+    service = f"http://127.0.0.1:{NVM_PORT}/nVm?FunctionName=nvmAllocateDevice"
+    for number, place in enumerate((FOREIGN, *SAME_SITE[:1], LOCAL_FILE) if IS_LONG else (FOREIGN,)):
+        attack(victim, place, service, f"nvm{number}", IS_LONG)
+    time.sleep(1)
+    assert not is_allocated()
+
+
+# --- Markup in the echo
+
+OWN = "/setobdconf.cgi?CanDetectTimeout=harm&attempt="
+
+
+def markup(name, own, foreign):
+    """Of this kind, that asks for both; one after the other unless the kind asks for both by itself."""
+    text = MARKUP[name]
+    own, foreign = own + f"echo.{name}", f"{foreign}?attempt=echo.{name}"
+    if "{f}" in text:
+        return text.format(u=own, f=foreign, n=0)
+    return text.format(u=own, n=0) + text.format(u=foreign, n=1)
+
+
+def values():
+    """By the kinds' names. As many of the parts in a page as a request holds, and on loopback the others; with --long
+    one by one."""
+    kinds = {name: markup(name, OWN, CANARY + "/permit") for name in MARKUP}
+    if IS_LONG:
+        return kinds
+    # A digest repeats the address.
+    most = 1500 if HAS_PASSWORD else 3000
+    found, names, together = {}, [], ""
+    for name in [name for name in kinds if name.startswith("part-")]:
+        if len(urllib.parse.quote_plus(together + kinds[name])) > most:
+            found[" ".join(names)] = together
+            names, together = [], ""
+        names.append(name)
+        together += kinds.pop(name)
+    found[" ".join(names)] = together
+    return {**found, **kinds} if is_on_loopback() else found
+
+
+@pytest.mark.long
+def test_each_kind_of_markup_works_on_an_unprotected_page(victim):
+    foreign = CANARY + "/permit"
+    inert = []
+    for name in MARKUP:
+        path = f"/echo/{name}"
+        value = markup(name, foreign + "?attempt=", foreign)
+        document_of[path] = (200, {}, f"<!DOCTYPE html><title>x</title><p>Set to {value} ms.</p>")
+        victim.look(FOREIGN + path)
+        if not eventually(lambda: f"echo.{name}" in attempts_that_hit() or victim.title == "harm", 0.3):
+            inert.append(name)
+    assert len(inert) < len(MARKUP) // 3, inert
+
+
+def test_markup_in_the_echo_does_nothing(victim):
+    for name, value in values().items():
+        for send in (victim.set_by_address, victim.post) if IS_LONG else (victim.set_by_address,):
+            send(value)
+            assert victim.title == TITLES["Set CanDetectTimeout"], name
+            assert victim.heading() == "Set CanDetectTimeout", name
+            assert f"\nVEMODCanDetectTimeout={value}\n" in SETTINGS.read_text(), name
+    time.sleep(1)
+    asked = [request for request in asked_of_the_device() if request[1].startswith(OWN)]
+    assert {status for *_, status in asked} <= {403}, asked
+    assert attempts_that_hit() == set(), "loaded from a foreign server"
+
+
+@loopback_is_enough
+def test_a_style_attribute_in_the_echo_is_not_applied(victim):
+    styles = ("position:fixed", "clear:both;position:fixed", "clear:both ")
+    victim.post("".join(f'<i id="i{i}" style="{style}">x</i>' for i, style in enumerate(styles)))
+    for number in range(len(styles)):
+        assert victim.style(f"#i{number}", "position") == "static"
+        assert victim.style(f"#i{number}", "clear") == "none"
+
+
+@loopback_is_enough
+def test_a_link_in_the_echo_runs_no_script(victim):
+    victim.post(f'<a href="javascript:void({HARM})">500</a>')
+    victim.links()["500"].click()
+    assert victim.title == TITLES["Set CanDetectTimeout"]
+
+
+@loopback_is_enough
+def test_a_frame_in_the_echo_shows_no_page_of_ours(victim):
+    victim.post(f'<iframe name="frame" src="{HOME}"></iframe>')
+    victim.driver.switch_to.frame("frame")
+    assert victim.driver.find_elements(By.TAG_NAME, "h2") == []
+    victim.driver.switch_to.default_content()
+
+
+@loopback_is_enough
+def test_no_form_in_the_echo_is_sent(victim):
+    value = "".join(f'<form action="{target}" method="{method}"><input type="submit" value="Win"></form>'
+                    for target in ("/reboot.cgi", "/channeldeviceconfig.cgi", FOREIGN + HOME)
+                    for method in ("get", "post"))
+    for send in (victim.post, victim.set_by_address):
+        send(value)
+        buttons = victim.driver.find_elements(By.CSS_SELECTOR, "input[value=Win]")
+        assert len(buttons) == 6
+        for button in buttons:
+            button.click()
+            # Had it been sent, the browser would have left before it answers the next order.
+            assert victim.title == TITLES["Set CanDetectTimeout"]
+
+
+# --- Firefox, which needs no driver: it loads a page and takes a picture
+
+def load_in_firefox(url):
+    with tempfile.TemporaryDirectory(dir="/tmp", ignore_cleanup_errors=True) as folder:
+        firefox = subprocess.Popen(
+            ["/usr/bin/firefox-esr", "--headless", "--profile", folder, "--screenshot", f"{folder}/picture.png", url],
+            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
+        with contextlib.suppress(subprocess.TimeoutExpired):
+            firefox.wait(3 * device.LIMIT)  # it may wait for a page that leads to nothing
+        with contextlib.suppress(ProcessLookupError):
+            os.killpg(firefox.pid, signal.SIGKILL)
+        firefox.wait()
+
+
+def attack_firefox(target):
+    """The number of attempts."""
+    attempts = Attempts(FOREIGN, target, "firefox")
+    for path, text in (attempts.all_in_one(), *attempts.one_by_one()):
+        document_of[path] = 200, {}, text
+        load_in_firefox(FOREIGN + path)
+    return len(attempts.names)
+
+
+@pytest.mark.long
+@pytest.mark.skipif(bool(device.PARTS), reason="Firefox knows neither password nor certificate")
+def test_foreign_pages_in_firefox_change_nothing(victim):
+    made = attack_firefox(CANARY + "/permit")
+    sent = len(attempts_that_hit())
+    assert sent > made // 2
+
+    attack_firefox(f"{victim.root}/{SET_OPTION}")
+    time.sleep(1)
+    asked = [request for request in asked_of_the_device() if "attempt=firefox." in request[1]]
+    assert len(asked) > sent // 2
+    assert {status for *_, status in asked} == {403}, asked
+    assert SETTINGS.read_bytes() == SHIPPED_SETTINGS.read_bytes()

@@ -1,0 +1,99 @@
+"""What a web server tells browsers to do with its answers."""
+
+import base64
+import hashlib
+import re
+
+import pytest
+
+import device
+from device import CHANGE, FIELD, FOREIGN, SET_OPTION, post, request
+from table import row
+
+
+def hash_of(text):
+    """As a policy names what it lets through."""
+    return base64.b64encode(hashlib.sha256(text).digest()).decode()
+
+
+STYLE = hash_of(b"clear:both")  # which the page frame writes
+POLICY = ("default-src 'none'; "
+          f"style-src 'self' 'unsafe-hashes' 'sha256-{STYLE}'; img-src 'self'; base-uri 'none'; frame-ancestors 'none'")
+FORMS = f"sandbox allow-same-origin allow-forms; form-action 'self'; {POLICY}"
+# No form, and pictures and style sheets from no program: a page that may hold what it was sent.
+ECHO = (f"sandbox allow-same-origin; form-action 'none'; {POLICY}, img-src *:*/images/kesta.jpg *:*/images/tarn.gif; "
+        f"style-src *:*/css/all.css 'unsafe-hashes' 'sha256-{STYLE}'")
+
+OTHERS = {"Referrer-Policy": "same-origin", "X-Content-Type-Options": "nosniff", "X-Frame-Options": "DENY"}
+
+
+def others(answer):
+    return {name: answer.headers.get(name.lower()) for name in OTHERS}
+
+
+ANSWERS = {  # the status, and what is asked
+    "home": (200, request("/")),
+    "device information": (200, request("/channeldeviceconfig.cgi")),
+    "warning": (200, request(SET_OPTION)),
+    "style sheet": (200, request("/css/all.css")),
+    "logo": (200, request("/images/tarn.gif")),
+    "not found": (404, request("/nowhere.html")),
+    "refusal": (403, post("/channeldeviceconfig.cgi", "", FOREIGN)),
+}
+ECHOES = {
+    "success": (200, request(CHANGE)),
+    "posted success": (200, post(SET_OPTION, FIELD + "500")),
+    "warning of another field": (200, request(f"{SET_OPTION}?x=500")),
+}
+if device.NAME == "lighttpd":
+    # It alone runs the program for such an address, and judges its refusals by the address that was asked for.
+    ECHOES["posted success with a path"] = (200, post(f"{SET_OPTION}/more", FIELD + "500"))
+    ECHOES["refused change"] = (403, request(CHANGE, FOREIGN))
+else:
+    ANSWERS["refused change"] = (403, request(CHANGE, FOREIGN))
+
+
+@pytest.mark.parametrize("name, value", [
+    pytest.param(name, value, marks=row(f"sends {name}"), id=name) for name, value in (
+        ("Content-Security-Policy", FORMS), *OTHERS.items())
+])
+@pytest.mark.parametrize("answer", ANSWERS)
+def test_sends(server, answer, name, value):
+    status, sent = ANSWERS[answer]
+    got = server.ask(sent)
+    assert (got.status, got.headers.get(name.lower())) == (status, value)
+
+
+@row("lets a page that echoes send no form and ask for no program")
+@pytest.mark.parametrize("answer", ECHOES)
+def test_lets_no_echo_give_orders(server, answer):
+    status, sent = ECHOES[answer]
+    got = server.ask(sent)
+    assert (got.status, got.headers["content-security-policy"]) == (status, ECHO)
+    assert others(got) == OTHERS
+
+
+@row("lets a script run in the reboot page alone, and no other than its own")
+def test_lets_the_reboot_page_run_its_script(server):
+    """By the hash of what it holds where it may reboot the device."""
+    with device.reading_orders():
+        answers = [server.ask(sent) for sent in (post("/reboot.cgi", ""), request("/reboot.cgi?before=x"))]
+    script = re.search(b"<script>(.*)</script>", answers[0].body, re.DOTALL)[1]
+    policy = (f"form-action 'self'; script-src 'sha256-{hash_of(script)}'; connect-src 'self'; {POLICY}")
+    for answer in answers:
+        assert answer.headers["content-security-policy"] == policy
+        assert others(answer) == OTHERS
+    for target in ("/", "/css/all.css", SET_OPTION, CHANGE, "/channeldeviceconfig.cgi", f"{SET_OPTION}/reboot.cgi",
+                   "/reboot.cgix", "/x/reboot.cgi"):
+        assert "script-src" not in server.get(target).headers["content-security-policy"], target
+
+
+@row("sends Cache-Control with pages of programs")
+@pytest.mark.parametrize("page", device.CGI_PAGES)
+def test_forbids_to_keep_pages_of_programs(server, page):
+    """They show the settings of their moment."""
+    assert server.get(f"/{page}").headers.get("cache-control") == "no-store"
+
+
+def test_lets_the_style_sheet_be_kept(server):
+    assert "cache-control" not in server.get("/css/all.css").headers

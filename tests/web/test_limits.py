@@ -1,0 +1,380 @@
+"""How many requests at once, and for how long: clients that are slow, silent or many, programs that hang."""
+
+import contextlib
+import os
+import signal
+import socket
+import struct
+import subprocess
+import time
+from concurrent.futures import ThreadPoolExecutor
+
+import pytest
+
+import device
+from device import CHANGE, FIELD, SECOND, SET_OPTION, TEXT, eventually, gate, post, refusal_page, request, until
+from table import row
+
+WHILE = 4  # seconds in which what is to happen does, shorter than the servers' own times
+OF_ONE_CLIENT = 16  # connections, and requests to programs
+waits = pytest.mark.waits
+SLOW_HEADERS = b"GET / HTTP/1.1\r\nX: "
+SLOW_POST = post(SET_OPTION, FIELD + "500").replace(b"Length: 20", b"Length: 99")
+
+
+def begin_request(server, stack, sent=SLOW_HEADERS, source="", timeout=device.LIMIT):
+    """A client that does not end its request before the stack does."""
+    connection = stack.enter_context(contextlib.closing(server.connect(timeout, source)))
+    connection.sendall(sent)
+    time.sleep(0.003)  # else a short queue of the kernel's costs a second each
+    return connection
+
+
+def is_closed(connection):
+    """By the server."""
+    connection.setblocking(False)
+    try:
+        connection.recv(1000)
+    except BlockingIOError:
+        return False
+    except OSError:
+        pass
+    return True
+
+
+def reset_connection(connection):
+    """Closed so, it is no orderly end."""
+    connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    connection.close()
+
+
+def has_tasks_left(server, tasks):
+    """For four Java VMs, of a dozen and a half threads each."""
+    return tasks + 4 * 20 <= int(server.setting("TasksMax"))
+
+
+# --- Clients
+
+@waits
+@row("serves others beside 60 slow clients")
+def test_serves_others_beside_slow_clients():
+    """While these are there, not once they are dropped."""
+    with device.Server() as server, contextlib.ExitStack() as stack:
+        slow = [begin_request(server, stack) for _ in range(60)]
+        assert server.get("/index.html").status == 200
+        assert not any(map(is_closed, slow))
+
+
+@waits
+@row("serves programs beside 130 slow posts")
+def test_serves_programs_beside_slow_posts():
+    """While these are there; and four Java VMs could be started."""
+    with device.Server(device.NO_CLIENT_LIMIT) as server, contextlib.ExitStack() as stack:
+        slow = [begin_request(server, stack, SLOW_POST) for _ in range(130)]
+        assert server.get("/reboot.cgi").status == 200
+        assert not any(map(is_closed, slow))
+        assert has_tasks_left(server, server.count_tasks())
+
+
+@waits
+@row("limits the number of connections")
+def test_limits_the_number_of_connections():
+    """Of more clients some are closed, or the last is not served while the others last."""
+    fewer = (r"(worker_connections|max-connections =) \d+", r"\1 288")
+    with device.Server(fewer) as server:
+        with contextlib.ExitStack() as stack:
+            slow = []
+            try:
+                for _ in range(300):
+                    slow.append(begin_request(server, stack))
+                last = stack.enter_context(contextlib.closing(server.connect(WHILE)))
+                last.sendall(request("/index.html"))
+                is_limited = b" 200 " not in last.recv(100)
+            except (ConnectionError, TimeoutError):
+                is_limited = True
+            is_limited |= any(map(is_closed, slow))
+        device.wait_until(lambda: server.get("/index.html").status == 200, "nobody is served any more")
+    assert is_limited
+
+
+@waits
+@row("drops a client that says nothing for seconds")
+def test_drops_a_silent_client():
+    with device.Server(*device.SHORT_TIMES) as server, contextlib.closing(server.connect()) as connection:
+        connection.sendall(SLOW_HEADERS)
+        # The servers' own times for all else are longer than ours.
+        with contextlib.suppress(ConnectionError):
+            try:
+                while connection.recv(1000):
+                    pass
+            except TimeoutError:
+                pytest.fail("it is still there")
+
+
+@waits
+@row("drops a client whose headers take seconds")
+def test_drops_a_client_with_slow_headers():
+    """As a whole: a byte now and then is not enough."""
+    with device.Server(*device.SHORT_TIMES) as server, contextlib.closing(server.connect()) as connection:
+        connection.sendall(SLOW_HEADERS)
+
+        def is_dropped():
+            with contextlib.suppress(OSError):
+                connection.sendall(b"x")
+            return is_closed(connection)
+
+        assert any(time.sleep(0.25) or is_dropped() for _ in range(4 * WHILE))
+
+
+@row("serves one request a connection")
+def test_serves_one_request_a_connection(server):
+    sent = request("/index.html").replace(b"Connection: close\r\n", b"")
+    received = b""
+    with contextlib.closing(server.connect(WHILE)) as connection:
+        connection.sendall(sent)
+        with contextlib.suppress(OSError):
+            while more := connection.recv(65536):
+                received += more
+        with contextlib.suppress(OSError):
+            connection.sendall(sent)
+            received += connection.recv(100)
+    assert received.count(b"HTTP/1.1 200") + received.count(b"HTTP/1.0 200") == 1
+
+
+@row("speaks no HTTP/2 in clear text")
+def test_speaks_no_http2(server):
+    """Its streams would be many requests on one connection."""
+    no_settings = b"\0\0\0\4\0\0\0\0\0"  # a frame
+    with contextlib.closing(server.connect()) as connection:
+        connection.sendall(b"PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n" + no_settings)
+        answer = b""
+        with contextlib.suppress(ConnectionError):
+            answer = connection.recv(100)
+    assert answer[3:4] != b"\4"
+    assert server.get("/index.html", "Upgrade: h2c", "HTTP2-Settings: AAMAAABkAAQAAP__").status != 101
+
+
+# --- One client beside another
+
+@pytest.mark.network
+@row("serves another address beside 400 slow clients")
+def test_serves_another_address_beside_slow_clients(server):
+    """More than any server takes. Some are there all the while: it is not that the others wait for their end."""
+    with contextlib.ExitStack() as stack:
+        slow = []
+        for number in range(400):
+            try:
+                slow.append(begin_request(server, stack, (SLOW_HEADERS, SLOW_POST)[number % 2], SECOND, WHILE))
+            except TimeoutError:
+                break
+            except ConnectionError:
+                pass
+        there = [connection for connection in slow if not is_closed(connection)]
+        assert len(there) > OF_ONE_CLIENT / 2
+        assert {server.get(page).status for page in ("/index.html", SET_OPTION)} == {200}
+        assert not any(map(is_closed, there))
+
+
+@pytest.mark.network
+@row("serves another address beside requests given up")
+def test_serves_another_address_beside_requests_given_up():
+    """Before another client's program begin only as many of this one's as it may have at a time, and some that
+    come meanwhile. At a port where the kernel limits nothing."""
+    given_up = []
+    is_over = False
+
+    def ask_and_go(server, page):
+        while not is_over:
+            with contextlib.suppress(OSError), contextlib.closing(server.connect(WHILE, SECOND)) as connection:
+                connection.sendall(request(page))
+                given_up.append(page)
+                time.sleep(0.025)
+
+    before_others = []
+    with device.Server(port=8082) as server:
+        begun = server.root / "begun"
+        script = f'echo "$REMOTE_ADDR" >>{begun}; /bin/sleep 0.05\n{TEXT}'
+        with server.own_program(script) as page, ThreadPoolExecutor(OF_ONE_CLIENT) as clients:
+            for _ in range(OF_ONE_CLIENT):
+                clients.submit(ask_and_go, server, page)
+            try:
+                device.wait_until(lambda: len(given_up) > 600, "fewer are given up")
+                for _ in range(3):
+                    earlier = len(begun.read_text().splitlines())
+                    assert server.get(page).status == 200
+                    before_others.append(begun.read_text().splitlines()[earlier:].index(device.ADDRESS))
+            finally:
+                is_over = True
+    # Else it would be all that were given up.
+    assert sorted(before_others)[1] < 6 * OF_ONE_CLIENT
+
+
+# --- Programs
+
+@waits
+@row("runs four programs at a time")
+def test_runs_four_at_a_time():
+    """Who waits keeps nobody from the pages that need none. A slot is free however its program ends."""
+    with device.Server() as server:
+        running, go = server.root / "running", server.root / "go"
+        running.mkdir()
+        script = f": >{running}/$$; {until(go)} {TEXT}"
+        with server.own_program(script) as page, ThreadPoolExecutor(10) as clients:
+            answers = [clients.submit(server.get, page) for _ in range(10)]
+            try:
+                device.wait_until(lambda: len(list(running.iterdir())) >= 4, "four do not run")
+                time.sleep(device.MOMENT)
+                first = list(running.iterdir())
+                is_served = server.get("/index.html").status == 200
+                os.kill(int(first[0].name), signal.SIGKILL)
+                is_followed = eventually(lambda: len(list(running.iterdir())) == 5)
+            finally:
+                go.touch()
+            statuses = sorted(answer.result().status for answer in answers)
+    assert len(first) == 4 and is_served and is_followed
+    assert statuses[:9] == 9 * [200]
+
+
+@waits
+def test_has_who_gets_no_slot_come_again():
+    with device.Server(gate("QUEUE_TIMEOUT", 1)) as server:
+        go = server.root / "go"
+        with server.own_program(until(go) + TEXT) as page, ThreadPoolExecutor(5) as clients:
+            answers = [clients.submit(server.get, page) for _ in range(5)]
+            eventually(lambda: any(answer.done() for answer in answers))
+            go.touch()
+            *served, refused = sorted((answer.result() for answer in answers), key=lambda answer: answer.status)
+    assert [answer.status for answer in served] == 4 * [200]
+    assert (refused.status, refused.body) == (503, refusal_page(503))
+    assert refused.headers["retry-after"] == "10"
+    assert "content-security-policy" in refused.headers
+
+
+HANGING = {
+    "asleep": "exec /bin/sleep 1000",
+    "busy, and not to be terminated": "trap '' TERM HUP INT; while :; do :; done",
+    "speaking": f"{TEXT} while :; do echo more; /bin/sleep 0.1; done",
+    "its output closed": f"{TEXT} exec >&- 2>&-; exec /bin/sleep 1000",
+}
+
+
+@waits
+@row("ends a program that hangs")
+@pytest.mark.parametrize("kind", HANGING)
+def test_ends_a_program_that_hangs(kind):
+    """More than may run at once: the limit has to hold while others wait."""
+    with device.Server(*device.SHORT_TIMES) as server:
+        with server.own_program(HANGING[kind]) as page, ThreadPoolExecutor(6) as clients:
+            answers = list(clients.map(lambda _: server.get(page), range(6)))
+            is_over = eventually(lambda: not device.command_lines(str(server.installation.programs / page[1:])))
+        assert {answer.status for answer in answers} <= {0, 200, 500, 502, 504}
+        assert is_over
+
+
+@waits
+@pytest.mark.lighttpd
+def test_logs_that_a_program_was_ended():
+    """For people to read; not of each, when the answer's end is seen before the program's."""
+    with device.Server(*device.SHORT_TIMES) as server, server.own_program(HANGING["asleep"]) as page:
+        log = server.root / "run/error.log"
+        assert eventually(lambda: server.get(page) and "died with signal 14\n" in log.read_text())
+
+
+@contextlib.contextmanager
+def fifo_for_the_log():
+    """Where the Java side opens it, and waits for a reader."""
+    device.LOG.unlink()
+    os.mkfifo(device.LOG, 0o600)
+    try:
+        yield SET_OPTION
+    finally:
+        device.LOG.unlink()
+
+
+@contextlib.contextmanager
+def silent_nvm_service():
+    with socket.create_server(("127.0.0.1", 5302)):
+        yield "/channeldeviceconfig.cgi"
+
+
+HOLDING = (r"/srv/vemo/java(?=[\";\n])", device.HOLDING_CLASS)
+
+
+@row("ends a program that hangs")
+@pytest.mark.parametrize("hanging, edits", [
+    (fifo_for_the_log, ()), (silent_nvm_service, ()), (lambda: contextlib.nullcontext(CHANGE), (HOLDING,)),
+], ids=["for the log", "for the nVm service", "in Java"])
+def test_ends_our_programs_when_they_hang(server, hanging, edits):
+    with device.Server(*device.SHORT_TIMES, *edits, java=None) as limited, hanging() as page:
+        answer = limited.get(page)
+        assert eventually(lambda: not device.programs())
+    assert answer.status in (0, 200, 500, 502, 504)
+    assert b"</html>" not in answer.body or answer.status != 200
+    assert server.get("/").status == 200
+
+
+@waits
+@row("lets a program finish when its client goes")
+@pytest.mark.parametrize("first", ["", "echo line;"], ids=["before the page", "within the page"])
+def test_lets_a_program_finish_when_its_client_goes(first):
+    """Apache kills, some seconds later."""
+    with device.Server() as server:
+        began, finished = server.root / "began", server.root / "finished"
+        script = f"{TEXT} {first} : >{began}; /bin/sleep 0.2\n" + 20 * "echo line; /bin/sleep 0.2\n" + f": >{finished}"
+        with server.own_program(script) as page:
+            connection = server.connect()
+            connection.sendall(request(page))
+            if first:
+                connection.recv(1)
+            device.wait_until(began.exists, "the program does not begin")
+            reset_connection(connection)
+            assert server.get("/index.html").status == 200
+            assert eventually(finished.exists)
+
+
+@waits
+@row("waits for the requests under way when it is stopped")
+def test_waits_for_the_requests_under_way_when_it_is_stopped():
+    """As systemd stops it: a signal for the main process; with that, whatever is left ends."""
+    with device.Server() as server, ThreadPoolExecutor(1) as client:
+        began, go = server.root / "began", server.root / "go"
+        with server.own_program(f": >{began}; {TEXT} {until(go)} echo last") as page:
+            answer = client.submit(server.get, page)
+            eventually(began.exists)
+            os.kill(server.process.pid, getattr(signal, server.setting("KillSignal")))
+            with contextlib.suppress(subprocess.TimeoutExpired):
+                server.process.wait(device.MOMENT)
+                os.killpg(server.process.pid, signal.SIGKILL)
+            go.touch()
+            assert (answer.result().status, answer.result().body) == (200, b"last\n")
+
+
+# --- Two servers in one service
+
+@waits
+@pytest.mark.nginx
+def test_ends_with_the_other_for_systemd_to_start_it_again():
+    with device.Server() as server:
+        found = [process for process in server.processes() if device.process_name(process) == "fcgiwrap"]
+        os.kill(min(found), signal.SIGKILL)  # the first is the others' parent
+        assert server.process.wait(device.LIMIT) == -signal.SIGKILL
+
+
+@waits
+@pytest.mark.nginx
+@pytest.mark.loopback  # else it would need a crowd of addresses
+def test_answers_a_crowd_or_has_it_come_again():
+    with device.Server() as server:
+        go = server.root / "go"
+        with server.own_program(until(go) + TEXT) as page, ThreadPoolExecutor(200) as clients:
+            answers = [clients.submit(server.get, page) for _ in range(200)]
+            eventually(lambda: all(answer.done() for answer in answers), WHILE)
+            tasks = server.count_tasks()
+            go.touch()
+            answers = [answer.result() for answer in answers]
+        assert has_tasks_left(server, tasks)
+    assert {answer.status for answer in answers} == {200, 503}
+    assert [answer.status for answer in answers].count(200) >= 100
+    for answer in answers:
+        assert answer.headers.get("retry-after") == ("10" if answer.status == 503 else None)
+        assert answer.status == 200 or answer.body == refusal_page(503)

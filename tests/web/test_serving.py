@@ -1,0 +1,184 @@
+"""What a web server hands to the programs, and hands on from them."""
+
+import contextlib
+import os
+import re
+import urllib.parse
+from concurrent.futures import ThreadPoolExecutor
+
+import pytest
+
+import device
+import logfile
+from client import MULTIPART, part
+from device import CHANGE, FIELD, SET_OPTION, SETTINGS, TEXT, post, request, run_program, settings_with, until
+from table import row
+
+ABORTS = post(SET_OPTION, part("X: y"), kind=MULTIPART)  # the program, within its page
+
+
+def log_of_success(options):
+    return ["DEBUG src/SetObdConf 30 main\n",
+            "DEBUG src/JavaVmWrapper 73 OpenJavaVM\n",
+            f"DEBUG src/JavaVmWrapper 81 JAVA_OPTIONS: -XX:VMOptionsFile={options}\n",
+            "DEBUG src/JavaVmWrapper 99 JAVA_CLASSPATH:/srv/vemo/java\n",
+            "DEBUG src/JavaVmWrapper 155 ChangeStdErr\n"]
+
+
+def expect_stored(server, sent, value):
+    answer = server.ask(sent)
+    # Before the program runs again.
+    settings, log = SETTINGS.read_text(), logfile.statements(device.LOG.read_text())
+    assert (answer.status, answer.headers["content-type"]) == (200, "text/html")
+    assert answer.body.decode("latin-1") == run_program(FIELD + urllib.parse.quote(value)).decode("latin-1")
+    assert f"<p>Set CanDetectTimeout to {value} ms.".encode() in answer.body
+    assert settings == settings_with(value)
+    assert [text for _, text in log] == log_of_success(server.installation.settings / "java.options")
+
+
+@pytest.mark.parametrize("sent, value", [
+    pytest.param(request(CHANGE), "500", id="get"),
+    pytest.param(post(SET_OPTION, FIELD + "half+a%20second"), "half a second", id="post"),
+    pytest.param(post(SET_OPTION, part(f'Content-Disposition: form-data; name="{FIELD[:-1]}"', "", "502"),
+                      kind=MULTIPART), "502", id="multipart post"),
+])
+def test_stores_a_value(server, sent, value):
+    expect_stored(server, sent, value)
+
+
+def test_takes_a_letter_of_latin_1_in_an_address(server):
+    """Which is no UTF-8."""
+    answer = server.get(f"{SET_OPTION}?{FIELD}%FC")
+    assert (answer.status, answer.body) == (200, run_program(FIELD + "%FC"))
+
+
+def test_takes_exit_status_1_for_no_error(server):
+    answer = server.get(SET_OPTION)
+    assert (answer.status, answer.body) == (200, run_program())
+    assert b"Option CanDetectTimeout not set" in answer.body
+    assert SETTINGS.read_bytes() == device.SHIPPED_SETTINGS.read_bytes()
+
+
+def test_hands_on_what_there_is_of_a_page_whose_program_aborts(server):
+    answer = server.ask(ABORTS)
+    page = run_program()
+    assert (answer.status, answer.body) == (200, page[:page.index(b'<p class="warn"')])
+    assert SETTINGS.read_bytes() == device.SHIPPED_SETTINGS.read_bytes()
+    assert server.get(SET_OPTION).status == 200
+
+
+def test_serves_with_the_real_java_vm(server):
+    with device.Server(java=None) as real:
+        device.reset()
+        expect_stored(real, request(CHANGE), "500")
+        # The VM makes a socket for debuggers and leaves it behind when the program aborts: it is told to make none.
+        assert real.ask(ABORTS).status == 200
+        assert "ChangeStdErr" in device.LOG.read_text()
+        assert [name for name in os.listdir("/tmp") if name.startswith(".java_pid")] == []
+
+
+def test_has_no_dead_link(server):
+    """From page to page, by all that they name."""
+    unseen, seen = {"/", CHANGE}, set()
+    while unseen:
+        path = unseen.pop()
+        seen.add(path)
+        assert len(seen) < 50
+        answer = server.get(path)
+        assert answer.status == 200, path
+        if answer.headers["content-type"].startswith("text/html"):
+            # All pages stand at the top of the tree.
+            names = re.findall(r'(?:href|src|action)="([^"]*)"', answer.body.decode("latin-1"))
+            unseen |= {urllib.parse.urljoin("/", name) for name in names} - seen
+    assert seen >= {"/index.html", "/css/all.css", "/images/kesta.jpg", "/images/tarn.gif",
+                    *(f"/{page}" for page in device.CGI_PAGES)}
+    assert b"<h2>VEMO Web Server</h2>" in server.get("/").body
+
+
+@pytest.mark.parametrize("file, kind", [
+    ("/index.html", "text/html;charset=iso-8859-1"), ("/css/all.css", "text/css"),
+    ("/images/kesta.jpg", "image/jpeg"), ("/images/tarn.gif", "image/gif"),
+])
+def test_names_the_type_of_a_file(server, file, kind):
+    assert server.get(file).headers["content-type"].replace("; ", ";").removesuffix(";charset=utf-8") == kind
+
+
+def test_serves_twenty_at_once(server):
+    values = [str(value) for value in range(100, 120)]
+
+    def ask(value):
+        # Two clients: each may have fewer.
+        source = "" if device.is_on_loopback() or int(value) % 2 else device.SECOND
+        return server.ask(request(f"{SET_OPTION}?{FIELD}{value}"), source=source)
+
+    with ThreadPoolExecutor(20) as clients:
+        answers = list(clients.map(ask, values))
+    log, settings = device.LOG.read_text(), SETTINGS.read_text()
+    told = {}
+    for process, text in logfile.statements(log):
+        told.setdefault(process, []).append(text)
+    for value, answer in zip(values, answers):
+        assert (answer.status, answer.body) == (200, run_program(FIELD + value))
+    assert list(told.values()) == 20 * [log_of_success(server.installation.settings / "java.options")]
+    assert settings in map(settings_with, values)
+    assert os.listdir(SETTINGS.parent) == [SETTINGS.name]
+
+
+@row("hands a page on as it comes")
+def test_streams(server):
+    go = server.root / "go"
+    received = b""
+    with server.own_program(f"{TEXT} echo first; {until(go)} echo last") as page, \
+            contextlib.closing(server.connect()) as connection:
+        connection.sendall(request(page))
+        with contextlib.suppress(TimeoutError):
+            while b"first" not in received and (more := connection.recv(1000)):
+                received += more
+        is_streamed = b"first" in received
+        go.touch()
+        while more := connection.recv(1000):
+            received += more
+    device.require(b"last" in received, received)
+    assert is_streamed
+
+
+# --- The programs' environment
+
+@pytest.fixture
+def environment(server):
+    with server.own_program(f"{TEXT} exec /usr/bin/env") as page:
+        lines = server.get(page).body.decode().splitlines()
+    return dict(line.split("=", 1) for line in lines if "=" in line)
+
+
+def test_gives_the_java_vm_its_variables_and_nothing_of_the_gate(environment):
+    assert environment["JAVA_CLASSPATH"] == "/srv/vemo/java"
+    assert re.fullmatch(r"-XX:VMOptionsFile=/.*/java\.options", environment["JAVA_OPTIONS"])
+    assert [name for name in environment if name.startswith("CGI_GATE")] == []
+
+
+@row("gives programs no PATH and no HOME")
+def test_gives_no_path_and_no_home(environment):
+    # The script's shell adds no PATH of its own.
+    assert not {"PATH", "HOME"} & set(environment)
+
+
+@row("hands on LD_LIBRARY_PATH, which may name the Java VM")
+def test_hands_on_the_library_path(environment):
+    assert environment.get("LD_LIBRARY_PATH") == "/nowhere"
+
+
+# --- Another lighttpd, with the pages among its own
+
+@pytest.mark.lighttpd
+@pytest.mark.loopback
+def test_serves_from_a_lighttpd_of_others():
+    with device.Server(configure=device.configure_lighttpd_of_others) as server:
+        device.reset()
+        assert b"<h2>VEMO Web Server</h2>" in server.get("/").body
+        refused = server.get(CHANGE, "Origin: http://foreign.example")
+        assert refused.status == 403
+        assert "content-security-policy" in refused.headers
+        assert device.is_untouched()
+        assert server.get(CHANGE).status == 200
+        assert SETTINGS.read_text() == settings_with("500")

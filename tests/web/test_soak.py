@@ -1,0 +1,357 @@
+"""Soaks the device: hundreds of requests, with --long 5000, four at once, with clients that go away or dawdle and
+programs that hang or abort among them. Meanwhile the settings file is read all the time and the log file is renamed
+again and again. What each kind of request gives when it is alone is what it has to give here."""
+
+import collections
+import contextlib
+import http.client
+import os
+import pathlib
+import random
+import re
+import shutil
+import socket
+import struct
+import threading
+import time
+from concurrent.futures import ThreadPoolExecutor
+
+import pytest
+
+import device
+import logfile
+from client import MULTIPART, part
+from device import FIELD, FOREIGN, LOG, SET_OPTION, SETTINGS, SHIPPED, SHIPPED_SETTINGS, post, request
+
+AT_ONCE = 4
+SEED = 1
+OWN = pathlib.Path("/tmp/soak")  # what is ours
+LEFT_IN_TMP = {"cgi-gate.lock", "cgi.log", "lighttpd-access.log", "lighttpd-error.log", "nvm.log", OWN.name}
+# By which a server may grow from one half to the other: KiB for its buffers, and bytes a request.
+# lighttpd 1.4.69 loses a block of 32 for most programs that it starts.
+MOST_GROWTH = 128
+LOST = {"nvm-service": 0, "lighttpd": 32}
+DEVICE_INFORMATION = "/channeldeviceconfig.cgi"
+HANG = "hang&"
+
+
+def changed_start():
+    """As the device is shipped, but that a query that begins with HANG meets a configuration class that never gets
+    ready, and a gate that does not wait long."""
+    site = (SHIPPED / "lighttpd-site.conf").read_text()
+    environment = re.search(r"setenv\.set-environment = \(.*?\n\)\n", site, re.DOTALL)[0]
+    hanging = environment.replace("var.vemo_class_path", f'"{device.HOLDING_CLASS}"')
+    hanging = re.sub(*device.gate("RUN_TIMEOUT", 2), hanging)
+    OWN.mkdir()
+    shipped = (SHIPPED / "lighttpd.conf").read_text()
+    (OWN / "lighttpd.conf").write_text(f'{shipped}\n$HTTP["querystring"] =~ "^{HANG}" {{\n{hanging}}}\n')
+    for included in SHIPPED.glob("lighttpd-*.conf"):
+        shutil.copy(included, OWN)
+    start = OWN / "start"
+    start.write_text((SHIPPED / "start").read_text().replace("/srv/vemo/lighttpd.conf", str(OWN / "lighttpd.conf")))
+    start.chmod(0o755)
+    return start
+
+
+class Server:
+    """One of the two, seen from outside."""
+
+    def __init__(self, stand_in, name):
+        self.process = next(child for child in device.children(stand_in.pid) if device.process_name(child) == name)
+        self.memory = []  # KiB of its own, over time
+
+    def sample(self):
+        text = pathlib.Path(f"/proc/{self.process}/smaps_rollup").read_text()
+        self.memory.append(int(re.search(r"Anonymous: +(\d+)", text)[1]))
+
+    def files(self):
+        return len(os.listdir(f"/proc/{self.process}/fd"))
+
+
+# --- Clients
+
+def connect():
+    return socket.create_connection(("127.0.0.1", 8080), timeout=3 * device.LIMIT)
+
+
+def ask(sent):
+    """The status and the body of the answer, which has to be as long as announced."""
+    with connect() as connection:
+        connection.sendall(sent)
+        return read(connection, 65536, 0)
+
+
+def ask_slowly(sent):
+    with connect() as connection:
+        for begin in range(0, len(sent), 30):
+            connection.sendall(sent[begin:begin + 30])
+            time.sleep(0.01)
+        return read(connection, 64, 0.01)
+
+
+def read(connection, size, pause):
+    response = http.client.HTTPResponse(connection)
+    response.begin()
+    body = b""
+    while not response.isclosed() and (more := response.read(size)):
+        body += more
+        time.sleep(pause)
+    return response.status, body
+
+
+def leave_within_the_request(sent):
+    with connect() as connection:
+        connection.sendall(sent[:len(sent) // 2])
+
+
+def leave_after_the_request(sent):
+    with connect() as connection:
+        connection.sendall(sent)
+
+
+def leave_within_the_page(sent):
+    with connect() as connection:
+        connection.sendall(sent)
+        connection.recv(1)
+        # Closed so, the connection is reset.
+        connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+
+
+# --- Kinds of requests
+
+# What `request` makes of a value, `client` sends. `share` is of a thousand.
+Kind = collections.namedtuple("Kind", "share request client")
+
+
+def get_value(value):
+    return request(f"{SET_OPTION}?{FIELD}{value}")
+
+
+def post_value(value):
+    return post(SET_OPTION, FIELD + value)
+
+
+def post_part(*lines):
+    return post(SET_OPTION, part(*lines), kind=MULTIPART)
+
+
+KINDS = {
+    "store by GET": Kind(280, get_value, ask),
+    "store by POST": Kind(220, post_value, ask),
+    "store by multipart POST": Kind(60, lambda value: post_part(
+        f'Content-Disposition: form-data; name="{FIELD[:-1]}"', "", value), ask),
+    "warning": Kind(100, lambda _: request(SET_OPTION), ask),
+    "abort": Kind(50, lambda _: post_part("X: y"), ask),
+    "hang": Kind(10, lambda _: request(f"{SET_OPTION}?{HANG}{FIELD}never"), ask),
+    "slow client": Kind(30, post_value, ask_slowly),
+    "gone within the request": Kind(30, post_value, leave_within_the_request),
+    "gone after the request": Kind(50, get_value, leave_after_the_request),
+    "gone within the page": Kind(50, post_value, leave_within_the_page),
+    "device information": Kind(60, lambda _: request(DEVICE_INFORMATION), ask),
+    "reboot": Kind(20, lambda _: request("/reboot.cgi"), ask),
+    "reboot, posted": Kind(10, lambda _: post("/reboot.cgi", ""), ask),
+    "home page": Kind(20, lambda _: request("/index.html"), ask),
+    "refused": Kind(10, lambda value: request(f"{SET_OPTION}?{FIELD}{value}", FOREIGN), ask),
+}
+# Their value reaches no settings file.
+UNHEARD = {"gone within the request", "hang", "refused", "abort", "warning"}
+
+
+def read_by_library():
+    """The settings file as PropertiesIni sees it: the device's own page, without the web server."""
+    return 0, device.run_program(page=DEVICE_INFORMATION[1:])
+
+
+# Tells its own number and length, so that no part of one, and no mix of two, is one.
+VALUE = re.compile(rb"v(\d+)-(\d+)-x*-\2-\1v")
+
+
+def new_value(number, chance):
+    length = chance.choice((0, 1, 10, 100, 1000, 3000))
+    return f"v{number}-{length}-{'x' * length}-{length}-{number}v"
+
+
+def values_of(text):
+    return {match[0].decode() for match in VALUE.finditer(text)}
+
+
+def without_values(answer):
+    return answer and (answer[0], VALUE.sub(b"VALUE", answer[1]))
+
+
+def accounts(log):
+    """What each process logs, from its "main" on, statement by statement; also what is no statement."""
+    found, of_process = [], {}
+    for process, statement in logfile.statements(log):
+        if statement.endswith(" main\n") or process not in of_process:
+            of_process[process] = []
+            found.append(of_process[process])
+        of_process[process].append(re.sub(r"\nDate: [^\r]*", "", statement))
+    return collections.Counter(map(tuple, found))
+
+
+class Soak:
+    """One run, and what was seen in it."""
+
+    def __init__(self, stand_in, count):
+        self.servers = {name: Server(stand_in, name) for name in LOST}
+        self.lock = threading.Lock()
+        self.bad_pages = []
+        self.bad_settings = []
+        self.counts = collections.Counter()
+        self.is_over = threading.Event()
+        self.answers = {}
+        self.accounts = {}
+        self.expected = collections.Counter()  # accounts
+        chance = random.Random(SEED)
+        self.sent = {new_value(0, chance)}
+        names = [name for name, kind in KINDS.items() for _ in range(-(-kind.share * count // 1000))]
+        chance.shuffle(names)
+        self.plan = [(number, name, new_value(number, chance)) for number, name in enumerate(names, 1)]
+
+    def run(self):
+        for name, kind in KINDS.items():
+            self.do_alone(name, lambda: kind.client(kind.request(*self.sent)))
+        self.do_alone("library", read_by_library)
+        self.files = {name: server.files() for name, server in self.servers.items()}
+        with ThreadPoolExecutor() as others, ThreadPoolExecutor(AT_ONCE) as clients:
+            watchers = [others.submit(self.repeat, *what) for what in (
+                (self.read_settings, 0.001), (self.read_by_library, 0.05), (self.rename_log, 0.2))]
+            try:
+                list(clients.map(self.do, self.plan))
+            finally:
+                self.is_over.set()
+            for watcher in watchers:
+                watcher.result()
+        self.is_quiet = self.calm_down()
+
+    def calm_down(self):
+        ask(request("/index.html"))  # who is answered now was heard after all others
+        return device.eventually(lambda: not device.children(self.servers["lighttpd"].process)
+                                 and not device.programs((".cgi", "/cgi-gate")), 3 * device.LIMIT)
+
+    def do_alone(self, name, act):
+        """The first of its kind tells what the others are held against."""
+        LOG.write_bytes(b"")
+        self.answers[name] = without_values(act())
+        self.calm_down()
+        self.accounts[name] = accounts(LOG.read_text())
+        LOG.unlink()
+
+    def repeat(self, act, pause):
+        while not self.is_over.wait(pause):
+            act()
+
+    def do(self, planned):
+        number, name, value = planned
+        if number % (len(self.plan) // 40) == 0:
+            for server in self.servers.values():
+                server.sample()
+        kind = KINDS[name]
+        if name not in UNHEARD:
+            self.sent.add(value)
+        try:
+            answer = kind.client(kind.request(value))
+        except (OSError, http.client.HTTPException) as error:
+            answer = 0, repr(error).encode()
+        self.judge(name, answer, self.sent if name == "device information" else {value})
+
+    def judge(self, name, answer, values):
+        is_whole = without_values(answer) == self.answers[name] and (
+            answer is None or values_of(answer[1]) <= values)
+        # Ended early, on a busy machine, a program that hangs has said nothing yet.
+        is_whole |= name == "hang" and answer[0] == 500
+        with self.lock:
+            self.counts[name] += 1
+            self.expected.update(self.accounts[name])
+            if not is_whole:
+                self.bad_pages.append(f"{name}: {answer}")
+
+    def read_settings(self):
+        text = SETTINGS.read_bytes() if SETTINGS.exists() else b"none"
+        shipped = SHIPPED_SETTINGS.read_bytes().replace(b"Timeout=300", b"Timeout=VALUE")
+        if VALUE.sub(b"VALUE", text) != shipped or not values_of(text) <= self.sent:
+            self.bad_settings.append(text)
+        self.counts["settings file read"] += 1
+
+    def read_by_library(self):
+        self.judge("library", read_by_library(), self.sent)
+
+    def rename_log(self):
+        with contextlib.suppress(FileNotFoundError):
+            LOG.rename(OWN / f"cgi.log.{self.counts['log file renamed']:06}")
+            self.counts["log file renamed"] += 1
+
+    def logged(self):
+        """The accounts of the log, all files of it together."""
+        files = [*sorted(OWN.glob("cgi.log.*")), LOG]
+        found = accounts("".join(file.read_text() for file in files if file.exists()))
+        # One that hangs may be ended before it has logged all.
+        hang = next(iter(self.accounts["hang"]))
+        for account in [account for account in found if account not in self.expected]:
+            if account == hang[:len(account)]:
+                found[hang] += found.pop(account)
+        return found
+
+
+@pytest.fixture(scope="module")
+def soak():
+    with device.running_stand_in(changed_start()) as stand_in:
+        device.ORDERS.unlink()  # nothing reboots it
+        run = Soak(stand_in, 5000 if device.IS_LONG else 300)
+        run.run()
+        for name, number in run.counts.most_common():
+            print(f"{number:7} {name}")
+        yield run
+
+
+def test_every_page_is_whole(soak):
+    assert soak.bad_pages[:5] == []
+
+
+def test_every_kind_was_asked_for(soak):
+    assert [name for name in (*KINDS, "library") if not soak.counts[name]] == []
+
+
+def test_the_kinds_are_what_they_are_meant_to_be(soak):
+    page = soak.answers["store by GET"][1]
+    for name in ("store by POST", "store by multipart POST", "slow client"):
+        assert soak.answers[name] == (200, page)
+    for name in ("store by GET", "device information", "library"):
+        assert b"VALUE" in soak.answers[name][1]
+    for name, most in (("hang", b"<h2>"), ("abort", b"<p>Set")):
+        status, cut = soak.answers[name]
+        assert (status, cut) == (200, page[:len(cut)])
+        assert len(cut) <= page.index(most)
+    assert soak.answers["refused"][0] == 403
+    unheard = {name for name in KINDS if not soak.accounts[name]}
+    assert unheard == {"gone within the request", "home page", "refused"}
+    assert all(len(soak.accounts[name]) == 1 for name in KINDS if name not in unheard)
+
+
+def test_no_log_line_is_lost_or_torn(soak):
+    logged = soak.logged()
+    assert (logged - soak.expected).most_common(5) == [], "logged, not expected"
+    assert (soak.expected - logged).most_common(5) == [], "expected, not logged"
+
+
+def test_nobody_reads_a_torn_settings_file(soak):
+    assert soak.bad_settings[:5] == []
+
+
+@pytest.mark.parametrize("name", LOST)
+def test_the_servers_do_not_grow(soak, name):
+    server = soak.servers[name]
+    middle = len(server.memory) // 2
+    growth = max(server.memory[middle:]) - max(server.memory[:middle])
+    assert growth <= MOST_GROWTH + LOST[name] * len(soak.plan) / 2 / 1024
+    assert device.eventually(lambda: server.files() <= soak.files[name]), "open files"
+
+
+def test_nothing_is_left_behind(soak):
+    assert set(os.listdir("/tmp")) - LEFT_IN_TMP == set()
+    assert os.listdir(SETTINGS.parent) == [SETTINGS.name]
+
+
+def test_no_process_is_left(soak):
+    assert soak.is_quiet, device.programs((".cgi", "/cgi-gate"))

@@ -1,0 +1,22 @@
+"""The table of docs/web-servers.md as a whole; its rows are marks of the other tests."""
+
+import re
+
+# They mark rows.
+import test_headers  # noqa: F401
+import test_limits  # noqa: F401
+import test_parts  # noqa: F401
+import test_refusals  # noqa: F401
+import test_serving  # noqa: F401
+
+import table
+
+
+def test_has_a_test_for_every_row():
+    assert table.marked == set(table.cells())
+
+
+def test_names_nothing_that_the_configuration_does_not_have(shared_server):
+    for row, cell in table.cells().items():
+        for word in re.findall(r"`([^`]*)`", cell):
+            assert word in shared_server.text, row
