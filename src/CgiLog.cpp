@@ -7,7 +7,7 @@
 #include "LogLevelManager.h"
 #include "Logger.h"
 
-// Stays: see docs/kept-as-is.md, "log in /tmp", "log grows".
+// Contract and known issues: docs/kept-as-is.md, `GetCgiLogHandler`.
 LogHandler* GetCgiLogHandler() {
   static bool isSetUp = false;
   LogHandler* const handler = Logger::GetLogHandler("cgi");
@@ -33,8 +33,7 @@ LogHandler* GetCgiLogHandler() {
   return handler;
 }
 
-// Stays: see docs/kept-as-is.md, "line breaks in messages", "columns run together".
-// Stays: see docs/kept-as-is.md, "numbers in the stream's base".
+// Contract and known issues: docs/kept-as-is.md, `FormatAndAppend`.
 void JniLayout::FormatAndAppend(std::ostream& out, const LogEvent& event) {
   // A width that the stream brings along would pad the first column.
   out << std::setw(0) << std::left << std::setfill(' ');

@@ -18,8 +18,7 @@ constexpr char CONFIG_CLASS[] = "com/tarn/vemo/config/ConfigVemo";
 // configClass stays unset: it means nothing before there is a VM.
 JavaVmWrapper::JavaVmWrapper() : env(nullptr), jvm(nullptr) {}
 
-// Stays: see docs/kept-as-is.md, "exception left pending", "waits for Java's threads".
-// Stays: see docs/kept-as-is.md, "refused VM destroyed".
+// Contract and known issues: docs/kept-as-is.md, `~JavaVmWrapper`.
 JavaVmWrapper::~JavaVmWrapper() {
   if (env != nullptr && env->ExceptionOccurred() != nullptr) {
     env->ExceptionDescribe();
@@ -29,10 +28,7 @@ JavaVmWrapper::~JavaVmWrapper() {
   }
 }
 
-// Stays: see docs/kept-as-is.md, "options not split", "unknown options ignored".
-// Stays: see docs/kept-as-is.md, "options end the process", "VM writes into the page".
-// Stays: see docs/kept-as-is.md, "Java prints into the page", "unset class path", "uneven texts".
-// Stays: see docs/kept-as-is.md, "redirection may fail".
+// Contract and known issues: docs/kept-as-is.md, `OpenJavaVM`.
 bool JavaVmWrapper::OpenJavaVM() {
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 73).Log(GetCgiLogHandler(), "OpenJavaVM");
 
@@ -79,7 +75,7 @@ bool JavaVmWrapper::OpenJavaVM() {
   return true;
 }
 
-// Stays: see docs/kept-as-is.md, "Methode", "redirection half checked", "local references kept".
+// Contract and known issues: docs/kept-as-is.md, `ChangeStdErr`.
 void JavaVmWrapper::ChangeStdErr() {
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 155).Log(GetCgiLogHandler(), "%s", "ChangeStdErr");
 
@@ -136,7 +132,7 @@ void JavaVmWrapper::ChangeStdErr() {
   env->CallStaticVoidMethod(systemType, setErr, stream);
 }
 
-// Stays: see docs/kept-as-is.md, "null text", "characters kept", "modified UTF-8".
+// Contract and known issues: docs/kept-as-is.md, `CallFunction`.
 bool JavaVmWrapper::CallFunction(const std::string& method, std::string& result) {
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 226)
       .Log(GetCgiLogHandler(), "%s %s", "CallFunction", method.c_str());
@@ -166,7 +162,6 @@ bool JavaVmWrapper::CallFunction(const char* method, std::string& result) {
   return true;
 }
 
-// Stays: see docs/kept-as-is.md, "exception of a number".
 bool JavaVmWrapper::CallFunction(const std::string& method, int& result) {
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 273)
       .Log(GetCgiLogHandler(), "%s %s", "CallFunction", method.c_str());
@@ -193,7 +188,7 @@ bool JavaVmWrapper::CallFunction(const char* method, int& result) {
   return true;
 }
 
-// Stays: see docs/kept-as-is.md, "empty address".
+// Contract and known issues: docs/kept-as-is.md, `GetLanIp4Address`.
 std::string JavaVmWrapper::GetLanIp4Address() {
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 313).Log(GetCgiLogHandler(), "%s", "GetLanIp4Address");
   std::string result;
@@ -201,6 +196,7 @@ std::string JavaVmWrapper::GetLanIp4Address() {
   return result;
 }
 
+// Contract and known issues: docs/kept-as-is.md, `GetWlanIp4Address`.
 std::string JavaVmWrapper::GetWlanIp4Address() {
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 327).Log(GetCgiLogHandler(), "%s", "GetWlanIp4Address");
   std::string result;
@@ -208,7 +204,7 @@ std::string JavaVmWrapper::GetWlanIp4Address() {
   return result;
 }
 
-// Stays: see docs/kept-as-is.md, "loose addresses".
+// Contract and known issues: docs/kept-as-is.md, `IsIp4Address`.
 bool IsIp4Address(const std::string& text) {
   in_addr scratch;
   return inet_aton(text.c_str(), &scratch) != 0;

@@ -42,6 +42,7 @@ std::string BuildVariable(const std::string& name, const std::string& value) {
 
 // A connection to the service, or -1, logged. Logging may change errno: it is taken right behind
 // the failing call.
+// Contract and known issues: docs/kept-as-is.md, `Connect`.
 int Connect(const std::string& address) {
   const int connection = socket(AF_INET, SOCK_STREAM, 0);
   if (connection == -1) {
@@ -53,7 +54,6 @@ int Connect(const std::string& address) {
   sockaddr_in service{};
   service.sin_family = AF_INET;
   service.sin_port = htons(NVM_SERVICE_PORT);
-  // Stays: see docs/kept-as-is.md, "malformed address".
   service.sin_addr.s_addr = inet_addr(address.c_str());
   if (connect(connection, reinterpret_cast<const sockaddr*>(&service), sizeof service) == -1) {
     const int error = errno;
@@ -109,30 +109,32 @@ std::string GetContent(xmlNodePtr node) {
 
 NvmManipulator::NvmManipulator() : doc(nullptr) {}
 
-// Stays: see docs/kept-as-is.md, "libxml2 cleaned up".
+// Contract and known issues: docs/kept-as-is.md, `~NvmManipulator`.
 NvmManipulator::~NvmManipulator() {
   xmlFreeDoc(doc);
   xmlCleanupParser();
   xmlMemoryDump();
 }
 
-// Stays: see docs/kept-as-is.md, "empty data".
+// Contract and known issues: docs/kept-as-is.md, `GetEmptyPacket`.
 std::string NvmManipulator::GetEmptyPacket() {
   return std::string(PACKET_HEAD) + "<header/>\n<data/>\n" + PACKET_END;
 }
 
-// Stays: see docs/kept-as-is.md, "one owner for all".
+// Contract and known issues: docs/kept-as-is.md, `GetAllocatePacket`.
 std::string NvmManipulator::GetAllocatePacket() {
   return std::string(PACKET_HEAD) + STRUCT_HEAD + BuildVariable("DeviceOwner", NVM_DEVICE_OWNER) +
          BuildVariable("IfhClientIpAddr", "0") + BuildVariable("IfhClientTcpPorts", "IP_PORT_ANY") +
          STRUCT_END + PACKET_END;
 }
 
+// Contract and known issues: docs/kept-as-is.md, `GetReleasePacket`.
 std::string NvmManipulator::GetReleasePacket() {
   return std::string(PACKET_HEAD) + STRUCT_HEAD + BuildVariable("DeviceOwner", NVM_DEVICE_OWNER) +
          STRUCT_END + PACKET_END;
 }
 
+// Contract and known issues: docs/kept-as-is.md, `BuildRequest`.
 std::string NvmManipulator::BuildRequest() {
   std::string body;
   if (functionName == "nvmGetDeviceStatus") {
@@ -151,7 +153,6 @@ std::string NvmManipulator::BuildRequest() {
 
   char length[16];
   std::snprintf(length, sizeof length, "%d", static_cast<int>(body.size()));
-  // Stays: see docs/kept-as-is.md, "GET with a body", "USER_AGENT", "Host without a port".
   // The service takes its requests as GET with a body, and USER_AGENT is the agent's whole name.
   return "GET /nVm?FunctionName=" + functionName +
          " HTTP/1.1\r\n"
@@ -165,8 +166,7 @@ std::string NvmManipulator::BuildRequest() {
          length + "\r\n\r\n" + body;
 }
 
-// Stays: see docs/kept-as-is.md, "connects first", "connections left open", "no time-out".
-// Stays: see docs/kept-as-is.md, "short send", "SIGPIPE", "status ignored", "replies logged".
+// Contract and known issues: docs/kept-as-is.md, `SendToNvm`.
 int NvmManipulator::SendToNvm(const std::string& serviceAddress, const std::string& function,
                               std::string& replyText) {
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 148).Log(GetCgiLogHandler(), "%s", "SendToNvm");
@@ -198,7 +198,6 @@ int NvmManipulator::SendToNvm(const std::string& serviceAddress, const std::stri
   Chunk chunk;
   chunk.Receive(connection);
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 185).Log(GetCgiLogHandler(), "Receive:\n%s", chunk.text);
-  // Stays: see docs/kept-as-is.md, "lower-case content-length", "unreadable length".
   const char* const lengthHeader = std::strstr(chunk.text, "content-length");
   if (lengthHeader == nullptr) {
     return -1;  // the connection ends with the process
@@ -208,15 +207,12 @@ int NvmManipulator::SendToNvm(const std::string& serviceAddress, const std::stri
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 191).Log(GetCgiLogHandler(), "ConLen: %d", announced);
 
   int count = 0;
-  // Stays: see docs/kept-as-is.md, "declaration in single quotes", "zero bytes".
   if (const char* const body = std::strstr(chunk.text, "<?xml version='1.0'?>")) {
     reply = body;
     count = static_cast<int>(reply.size());
   }
   // The announced number of bytes alone ends this: a service that hangs up early keeps it going,
   // and a failure counts back and appends the last chunk once more.
-  // Stays: see docs/kept-as-is.md, "endless receive", "chunk appended again".
-  // Stays: see docs/kept-as-is.md, "bytes beyond the length".
   while (count < announced) {
     count += chunk.Receive(connection);
     reply += chunk.text;
@@ -227,7 +223,7 @@ int NvmManipulator::SendToNvm(const std::string& serviceAddress, const std::stri
   return 0;
 }
 
-// Stays: see docs/kept-as-is.md, "any kind of node".
+// Contract and known issues: docs/kept-as-is.md, `FindChildNode`.
 xmlNodePtr NvmManipulator::FindChildNode(xmlNodePtr node, const std::string& name) {
   if (node == nullptr) {
     return nullptr;
@@ -240,7 +236,7 @@ xmlNodePtr NvmManipulator::FindChildNode(xmlNodePtr node, const std::string& nam
   return nullptr;
 }
 
-// Stays: see docs/kept-as-is.md, "read anew", "first and last", "growing entities".
+// Contract and known issues: docs/kept-as-is.md, `GetVarNode`.
 xmlNodePtr NvmManipulator::GetVarNode(const std::string& name) {
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 281)
       .Log(GetCgiLogHandler(), "%s %s", "GetVarNode", name.c_str());
@@ -276,8 +272,7 @@ xmlNodePtr NvmManipulator::GetStatusNodeTree() {
   return GetVarNode("Status");
 }
 
-// Stays: see docs/kept-as-is.md, "first child is the value", "first and last".
-// Stays: see docs/kept-as-is.md, "missing looks empty".
+// Contract and known issues: docs/kept-as-is.md, `GetStatusMessages`.
 void NvmManipulator::GetStatusMessages(std::string& code, std::string& msg) {
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 248).Log(GetCgiLogHandler(), "%s", "GetStatusMessages");
   const xmlNodePtr status = GetStatusNodeTree();
@@ -297,7 +292,7 @@ void NvmManipulator::GetStatusMessages(std::string& code, std::string& msg) {
   }
 }
 
-// Stays: see docs/kept-as-is.md, "first child is the value", "missing looks empty".
+// Contract and known issues: docs/kept-as-is.md, `GetSingleVar`.
 std::string NvmManipulator::GetSingleVar(const std::string& name) {
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 313)
       .Log(GetCgiLogHandler(), "%s %s", "GetSingleVar", name.c_str());
@@ -338,7 +333,7 @@ void PrintReply(const std::string& reply) {
 }
 
 // Traces each step as a number.
-// Stays: see docs/kept-as-is.md, "numbers in the trace", "libxml2 cleaned up".
+// Contract and known issues: docs/kept-as-is.md, `CheckStatusFile`.
 void CheckStatusFile() {
   std::printf("%d\n", 332);
   const xmlDocPtr status = ReadStatusFile();
@@ -353,7 +348,7 @@ void CheckStatusFile() {
 
 // Finds the value of the variable "IsAllocated", which must not be the last one of the reply;
 // traces it. False, said on standard output, when it is not there.
-// Stays: see docs/kept-as-is.md, "German words", "searched as text", "must not come last".
+// Contract and known issues: docs/kept-as-is.md, `FindIsAllocated`.
 bool FindIsAllocated(const std::string& reply, std::string& value) {
   const std::size_t begin = reply.find("<var name=\"IsAllocated\">");
   if (begin == std::string::npos) {
@@ -386,8 +381,7 @@ bool FindIsAllocated(const std::string& reply, std::string& value) {
 
 }  // namespace
 
-// Stays: see docs/kept-as-is.md, "only 0 is free", "toggle tells no failure".
-// Stays: see docs/kept-as-is.md, "status file in /tmp", "status file unchecked".
+// Contract and known issues: docs/kept-as-is.md, `ToggleDeviceAllocation`.
 int ToggleDeviceAllocation() {
   std::string reply;
   NvmManipulator nvm;

@@ -38,8 +38,7 @@ void PrintNavigation() {
 
 // Echoes the value before the settings file is touched, so that a page cut there shows how far the
 // request came. What the settings file says to it is not looked at.
-// Stays: see docs/kept-as-is.md, "echo unescaped", "any value", "answers ignored", "no lock".
-// Stays: see docs/kept-as-is.md, "paragraph left open", "lost page", "link in the echo".
+// Contract and known issues: docs/kept-as-is.md, `SetOption`.
 void SetOption(const std::string& value) {
   std::cout << cgicc::p() << "Set CanDetectTimeout to " << value << " ms." << std::endl;
 
@@ -56,7 +55,7 @@ void SetOption(const std::string& value) {
 
 }  // namespace
 
-// Stays: see docs/kept-as-is.md, "Back without a method".
+// Contract and known issues: docs/kept-as-is.md, `PrintBackButton`.
 void PrintBackButton() {
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 88).Log(GetCgiLogHandler(), "%s", "PrintBackButton");
   std::cout << cgicc::form().set("action", DEVICE_INFORMATION_PAGE)
@@ -70,10 +69,7 @@ void PrintWarning(const std::string& message) {
 }
 
 // Nothing is caught here: unwinding would write the frame's closing below a page that was cut.
-// Stays: see docs/kept-as-is.md, "stored on GET", "first of any case", "content left open".
-// Stays: see docs/kept-as-is.md, "exceptions uncaught", "cut page is a 200", "failures are a 200".
-// Stays: see docs/kept-as-is.md, "frame alone", "a VM each time", "reader gone", "fixed numbers".
-// Stays: see docs/kept-as-is.md, "redirected typed address", "link to itself".
+// Contract and known issues: docs/kept-as-is.md, `main`.
 int main() {
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 30).Log(GetCgiLogHandler(), "%s", "main");
 

@@ -10,7 +10,7 @@
 
 // An element without content opens or closes its tag by turns, see the header.
 
-// Stays: see docs/kept-as-is.md, "header without a character set".
+// Contract and known issues: docs/kept-as-is.md, `VemoHtml`.
 VemoHtml::VemoHtml(const std::string& name) {
   std::cout << cgicc::HTTPHTMLHeader() << std::endl;
   PrintHtmlHead(name);
@@ -23,8 +23,7 @@ VemoHtml::~VemoHtml() {
   std::cout << cgicc::html() << std::endl;
 }
 
-// Stays: see docs/kept-as-is.md, "malformed doctype", "no language", "texts unescaped".
-// Stays: see docs/kept-as-is.md, "print unstyled".
+// Contract and known issues: docs/kept-as-is.md, `PrintHtmlHead`.
 void VemoHtml::PrintHtmlHead(const std::string& name) {
   std::cout << cgicc::HTMLDoctype(cgicc::HTMLDoctype::eStrict) << std::endl;
   std::cout << cgicc::html() << std::endl;
@@ -57,7 +56,7 @@ void VemoHtml::PrintLogos() {
   std::cout << cgicc::div().set("style", "clear:both") << cgicc::div() << std::endl;
 }
 
-// Stays: see docs/kept-as-is.md, "texts unescaped", "elements toggle".
+// Contract and known issues: docs/kept-as-is.md, `PrintWarningPage`.
 void VemoHtml::PrintWarningPage(const std::string& heading, const std::string& linkText,
                                 const std::string& linkUrl, const std::string& warning) {
   std::cout << cgicc::div().set("class", "navi")

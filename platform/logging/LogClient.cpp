@@ -26,9 +26,9 @@ int AboveStandardDescriptors(int descriptor) {
   return moved;
 }
 
-// Stays: see docs/kept-as-is.md, "full log pipe".
 // A named pipe that nobody reads is not waited for; a file that another process holds a lease on
 // is, until the kernel has taken the lease back.
+// Contract and known issues: docs/kept-as-is.md, `OpenForWriting`.
 int OpenForWriting(const std::string& path, int flags) {
   constexpr mode_t MODE = 0666;
   int descriptor = open(path.c_str(), flags | O_NONBLOCK | O_CLOEXEC, MODE);
