@@ -16,7 +16,7 @@ LogHandler* GetCgiLogHandler() {
   }
 
   handler->AddLogClient(Logger::GetDefaultLogHandler());
-  // The client and its layout are never freed: they log to the very end of the process.
+  // Never freed: client and layout must be able to log until the process ends.
   auto* const file = new LogClientFile(CGI_LOG_FILE, true);
   file->SetLayout(new JniLayout);
   handler->AddLogClient(file);
@@ -35,7 +35,7 @@ LogHandler* GetCgiLogHandler() {
 
 // Contract and known issues: docs/kept-as-is.md, `FormatAndAppend`.
 void JniLayout::FormatAndAppend(std::ostream& out, const LogEvent& event) {
-  // A width that the stream brings along would pad the first column.
+  // A width that is already set on the stream would pad the first column.
   out << std::setw(0) << std::left << std::setfill(' ');
   out << event.GetDateTimeUsec() << "  ";
   out << std::setw(10) << event.GetLogLevelName();

@@ -15,7 +15,7 @@ constexpr char CONFIG_CLASS[] = "com/tarn/vemo/config/ConfigVemo";
 
 }  // namespace
 
-// configClass stays unset: it means nothing before there is a VM.
+// configClass stays unset: it has no meaning before there is a VM.
 JavaVmWrapper::JavaVmWrapper() : env(nullptr), jvm(nullptr) {}
 
 // Contract and known issues: docs/kept-as-is.md, `~JavaVmWrapper`.
@@ -67,7 +67,7 @@ bool JavaVmWrapper::OpenJavaVM() {
 
   configClass = env->FindClass(CONFIG_CLASS);
   if (configClass == nullptr) {
-    // The exception stays pending: the destructor describes it into the log, where it is wanted.
+    // The exception stays pending: the destructor describes it, so that the log has the reason.
     LogFormater(LOG_LEVEL_ERROR, SOURCE, 118)
         .Log(GetCgiLogHandler(), "Class '%s' not found", CONFIG_CLASS);
     return false;
@@ -79,7 +79,7 @@ bool JavaVmWrapper::OpenJavaVM() {
 void JavaVmWrapper::ChangeStdErr() {
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 155).Log(GetCgiLogHandler(), "%s", "ChangeStdErr");
 
-  // The log file as Java's stream, to be appended to.
+  // The log file as a Java stream that appends.
   const jclass fileType = env->FindClass("java/io/FileOutputStream");
   if (fileType == nullptr) {
     LogFormater(LOG_LEVEL_ERROR, SOURCE, 159)

@@ -40,8 +40,8 @@ std::string BuildVariable(const std::string& name, const std::string& value) {
 
 // --- Transport
 
-// A connection to the service, or -1, logged. Logging may change errno: it is taken right behind
-// the failing call.
+// A connection to the service; -1, and an ERROR in the log, when there is none. Logging may change
+// errno, so it is saved right after the failing call.
 // Contract and known issues: docs/kept-as-is.md, `Connect`.
 int Connect(const std::string& address) {
   const int connection = socket(AF_INET, SOCK_STREAM, 0);
@@ -65,10 +65,10 @@ int Connect(const std::string& address) {
   return connection;
 }
 
-// What one receive brought, as text: it ends at the first zero byte, the one behind the data at the
-// latest.
-struct Chunk {
-  // The number of bytes, zero bytes included; 0 at the end of the connection, -1 on a failure,
+// What one call of `recv` brought, as a text that ends at its first zero byte: the one after the
+// data at the latest.
+struct ReceiveBuffer {
+  // The number of bytes, zero bytes included; 0 at the end of the connection; -1 on a failure,
   // which leaves the text as it was.
   int Receive(int connection) {
     const auto count = static_cast<int>(recv(connection, text, sizeof text - 1, 0));
@@ -153,7 +153,7 @@ std::string NvmManipulator::BuildRequest() {
 
   char length[16];
   std::snprintf(length, sizeof length, "%d", static_cast<int>(body.size()));
-  // The service takes its requests as GET with a body, and USER_AGENT is the agent's whole name.
+  // The service expects a GET with a body; USER_AGENT is the agent's whole name.
   return "GET /nVm?FunctionName=" + functionName +
          " HTTP/1.1\r\n"
          "Host: " +
@@ -195,10 +195,10 @@ int NvmManipulator::SendToNvm(const std::string& serviceAddress, const std::stri
     return -1;
   }
 
-  Chunk chunk;
-  chunk.Receive(connection);
-  LogFormater(LOG_LEVEL_DEBUG, SOURCE, 185).Log(GetCgiLogHandler(), "Receive:\n%s", chunk.text);
-  const char* const lengthHeader = std::strstr(chunk.text, "content-length");
+  ReceiveBuffer received;
+  received.Receive(connection);
+  LogFormater(LOG_LEVEL_DEBUG, SOURCE, 185).Log(GetCgiLogHandler(), "Receive:\n%s", received.text);
+  const char* const lengthHeader = std::strstr(received.text, "content-length");
   if (lengthHeader == nullptr) {
     return -1;  // the connection ends with the process
   }
@@ -207,15 +207,15 @@ int NvmManipulator::SendToNvm(const std::string& serviceAddress, const std::stri
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 191).Log(GetCgiLogHandler(), "ConLen: %d", announced);
 
   int count = 0;
-  if (const char* const body = std::strstr(chunk.text, "<?xml version='1.0'?>")) {
+  if (const char* const body = std::strstr(received.text, "<?xml version='1.0'?>")) {
     reply = body;
     count = static_cast<int>(reply.size());
   }
-  // The announced number of bytes alone ends this: a service that hangs up early keeps it going,
-  // and a failure counts back and appends the last chunk once more.
+  // Only the announced number of bytes ends this loop: a service that hangs up early keeps it
+  // running, and a failed receive counts back by one and appends the buffer once more.
   while (count < announced) {
-    count += chunk.Receive(connection);
-    reply += chunk.text;
+    count += received.Receive(connection);
+    reply += received.text;
   }
 
   replyText = reply;
@@ -311,7 +311,8 @@ constexpr char STATUS_FILE[] = "/tmp/cgirep.txt";
 
 xmlExternalEntityLoader defaultEntityLoader;
 
-// Opens the status file and nothing that it refers to: a reply must not send us to the network.
+// Opens the status file and no file that it refers to: a reply must not make us open files or the
+// network.
 xmlParserInputPtr LoadStatusFileAlone(const char* url, const char* id, xmlParserCtxtPtr context) {
   if (url == nullptr || std::strcmp(url, STATUS_FILE) != 0) {
     return nullptr;
@@ -346,8 +347,8 @@ void CheckStatusFile() {
   std::printf("%d\n", 341);
 }
 
-// Finds the value of the variable "IsAllocated", which must not be the last one of the reply;
-// traces it. False, said on standard output, when it is not there.
+// Finds and traces the value of the variable "IsAllocated", which must not be the last one of the
+// reply. Returns false, and reports it on standard output, when there is none.
 // Contract and known issues: docs/kept-as-is.md, `FindIsAllocated`.
 bool FindIsAllocated(const std::string& reply, std::string& value) {
   const std::size_t begin = reply.find("<var name=\"IsAllocated\">");

@@ -1,15 +1,15 @@
-// The client of the device's local nVm service, which keeps who holds the diagnostic interface.
+// The client of the device's local nVm service, which tracks the owner of the diagnostic interface.
 //
 // Each exchange is one HTTP/1.1 request with a WDDX 1.0 packet as its body, over a connection of
 // its own. What that means for a caller:
-// - SendToNvm blocks, without a time-out, and may block for ever: it relies on the service to send
-//   as many bytes as it announces. It sends with one `send` and does not retry a short one. A
-//   service that hangs up while it is sent to raises SIGPIPE.
-// - Some failures leave their connection open until the process ends; they are named at SendToNvm.
+// - SendToNvm blocks without a timeout, possibly for ever: it relies on the service to send as many
+//   bytes as it announces. It calls `send` once and does not continue a short one. A service that
+//   closes the connection during the send raises SIGPIPE.
+// - Some failures leave their connection open until the process ends; SendToNvm names them.
 // - While an object lives, and while ToggleDeviceAllocation runs, nothing else in the process may
 //   hold libxml2 documents: both clean up the state that libxml2 keeps for the whole process. The
-//   toggle also takes the place of the process's entity loader while it reads its status file, so
-//   that nothing in a reply makes it reach for another file or for the network.
+//   toggle also replaces the process's entity loader while it reads its status file, so that no
+//   reply can make it open another file or the network.
 // - Single-threaded.
 //
 // Everything is traced to the CGI log: progress as DEBUG, failures as ERROR.
@@ -23,7 +23,7 @@
 constexpr std::uint16_t NVM_SERVICE_PORT = 5302;
 constexpr char NVM_SERVICE_ADDRESS[] = "127.0.0.1";
 
-// Under this name the web interface allocates the device.
+// The web interface allocates the device under this name.
 constexpr char NVM_DEVICE_OWNER[] = "VEMO_WEB";
 
 class NvmManipulator {
@@ -36,24 +36,25 @@ class NvmManipulator {
   NvmManipulator(const NvmManipulator&) = delete;
   NvmManipulator& operator=(const NvmManipulator&) = delete;
 
-  // The WDDX packets that the requests carry: for the status, to allocate and to release the
-  // device. The owner is always NVM_DEVICE_OWNER.
+  // The WDDX packets of the requests: for the status, to allocate and to release the device. The
+  // owner is always NVM_DEVICE_OWNER.
   std::string GetEmptyPacket();
   std::string GetAllocatePacket();
   std::string GetReleasePacket();
 
-  // The text of the request for `functionName`, to the host `address`. Empty when the function is
-  // not one of the three below; that is logged as ERROR.
+  // The text of the request for `functionName`, to the host `address`. Empty, and logged as ERROR,
+  // when the function is not one of the three below.
   std::string BuildRequest();
 
   // Asks the nVm service at `serviceAddress` (dotted quad, not checked) for one of the functions
   // "nvmGetDeviceStatus", "nvmAllocateDevice", "nvmReleaseDevice" and waits for the reply.
   //
   // Returns 0 when there is a reply: its body, from the XML declaration on, is in `replyText` and
-  // kept for the readers below. The HTTP status is not looked at.
-  // Returns -1 on any failure, `replyText` untouched. No socket, no connection, a failed send:
-  // ERROR, closed. An unknown function (ERROR) or a first chunk without a "content-length" in lower
-  // case: the connection stays open. An empty argument: nothing is done.
+  // kept for the readers below. The HTTP status is ignored.
+  // Returns -1 on any failure, with `replyText` unchanged. No socket, no connection or a failed
+  // send is logged as ERROR and closes the connection. An unknown function (logged as ERROR), or a
+  // first receive without a "content-length" in lower case, leaves it open. With an empty argument
+  // nothing happens.
   int SendToNvm(const std::string& serviceAddress, const std::string& function,
                 std::string& replyText);
 
@@ -61,29 +62,29 @@ class NvmManipulator {
   xmlNodePtr FindChildNode(xmlNodePtr node, const std::string& name);
 
   // The top-level variable of that name in the last reply; null when there is none, or no reply
-  // that can be read. The node belongs to this object, until the next call of any operation from
-  // here on: each of them reads the reply anew.
+  // that can be parsed. This object owns the node. It is valid until the next call of any operation
+  // from here on, since each of them parses the reply again.
   xmlNodePtr GetVarNode(const std::string& name);
 
   // The variable "Status", as GetVarNode.
   xmlNodePtr GetStatusNodeTree();
 
-  // Code and message of the variable "Status". What the reply does not hold stays unchanged.
+  // Code and message of the variable "Status". An argument that the reply lacks stays unchanged.
   void GetStatusMessages(std::string& code, std::string& msg);
 
   // The text of the top-level variable of that name; empty when there is none.
   std::string GetSingleVar(const std::string& name);
 
  protected:
-  xmlDocPtr doc;             // the last reply that was read; null when there is none; owned
+  xmlDocPtr doc;             // the last reply that was parsed; null when there is none; owned
   std::string address;       // of the last exchange
   std::string functionName;  // of the last exchange
   std::string reply;         // body of the last reply; empty after a failed exchange
 };
 
-// Asks for the device's status, allocates it when it is free and releases it otherwise, and asks
-// for the status once more. Traces what it does on standard output, and leaves the first status
-// reply in the file "/tmp/cgirep.txt", emptied before. Returns 0 when that reply tells whether the
-// device is allocated, whatever the exchanges then returned, and -1, said on standard output, when
-// it does not.
+// Asks for the device's status, allocates the device when it is free and releases it otherwise, and
+// asks for the status once more. Traces its steps on standard output, and leaves the first status
+// reply in the file "/tmp/cgirep.txt", emptied before. Returns 0 when that reply contains whether
+// the device is allocated, whatever the later exchanges returned. Otherwise returns -1 and reports
+// it on standard output.
 int ToggleDeviceAllocation();

@@ -13,7 +13,7 @@
 #include "VemoHtml.h"
 #include "VemoPages.h"
 
-// Writes a form with one button, which leads back to the device's information page.
+// Writes a form with one button that leads back to the page Device Information.
 void PrintBackButton();
 
 // Writes the warning and a Back button.
@@ -23,8 +23,8 @@ namespace {
 
 constexpr char SOURCE[] = "src/SetObdConf";
 
-// Elements without content open or close their tag by turns, see VemoHtml.h. The paragraph that the
-// success text opens at its end stays open, and so does the content block of the warning.
+// An element without content opens or closes its tag, alternately: see VemoHtml.h. The paragraph at
+// the end of the success text and the content block of the warning stay open.
 
 void PrintNavigation() {
   std::cout
@@ -36,8 +36,8 @@ void PrintNavigation() {
       << cgicc::div() << std::endl;
 }
 
-// Echoes the value before the settings file is touched, so that a page cut there shows how far the
-// request came. What the settings file says to it is not looked at.
+// Echoes the value before it touches the settings file, so that a page cut there shows how far the
+// request came. Ignores errors of the settings file.
 // Contract and known issues: docs/kept-as-is.md, `SetOption`.
 void SetOption(const std::string& value) {
   std::cout << cgicc::p() << "Set CanDetectTimeout to " << value << " ms." << std::endl;
@@ -68,7 +68,7 @@ void PrintWarning(const std::string& message) {
   PrintBackButton();
 }
 
-// Nothing is caught here: unwinding would write the frame's closing below a page that was cut.
+// Catches nothing: unwinding would write the frame's closing at the end of a cut page.
 // Contract and known issues: docs/kept-as-is.md, `main`.
 int main() {
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 30).Log(GetCgiLogHandler(), "%s", "main");

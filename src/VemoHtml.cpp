@@ -8,7 +8,7 @@
 
 #include "VemoPages.h"
 
-// An element without content opens or closes its tag by turns, see the header.
+// An element without content opens or closes its tag, alternately: see the header.
 
 // Contract and known issues: docs/kept-as-is.md, `VemoHtml`.
 VemoHtml::VemoHtml(const std::string& name) {

@@ -14,7 +14,7 @@
 namespace {
 
 // Moves a descriptor out of the range of the standard three. Returns -1, with errno set and the
-// original closed, when there is no other to be had.
+// original closed, when no other is free.
 int AboveStandardDescriptors(int descriptor) {
   if (descriptor < 0 || descriptor > STDERR_FILENO) {
     return descriptor;
@@ -26,8 +26,8 @@ int AboveStandardDescriptors(int descriptor) {
   return moved;
 }
 
-// A named pipe that nobody reads is not waited for; a file that another process holds a lease on
-// is, until the kernel has taken the lease back.
+// Does not wait for a reader of a named pipe. Waits when another process holds a lease on the file,
+// until the kernel has broken it.
 // Contract and known issues: docs/kept-as-is.md, `OpenForWriting`.
 int OpenForWriting(const std::string& path, int flags) {
   constexpr mode_t MODE = 0666;
@@ -37,14 +37,14 @@ int OpenForWriting(const std::string& path, int flags) {
   }
   descriptor = AboveStandardDescriptors(descriptor);
   if (descriptor >= 0) {
-    fcntl(descriptor, F_SETFL, flags);  // whoever reads a pipe is waited for
+    fcntl(descriptor, F_SETFL, flags);  // from now on a write waits while a pipe is full
   }
   return descriptor;
 }
 
-// Makes the last byte that was written a line end, in its place, since there is no room for one
-// more: else the next process's line would begin behind it. A descriptor that appends writes at the
-// end whatever the offset.
+// Overwrites the last byte that was written with a line end, since the disk has no room for one
+// more: otherwise the next process would append its line to this one. O_APPEND is off meanwhile:
+// with it, pwrite ignores the offset.
 void EndCutLine(int descriptor) {
   const off_t end = lseek(descriptor, 0, SEEK_CUR);
   const int flags = fcntl(descriptor, F_GETFL);
@@ -56,8 +56,8 @@ void EndCutLine(int descriptor) {
   }
 }
 
-// Writes it all. One `write` does unless a signal or a full disk cuts it short. False with errno
-// set and the number of bytes that arrived in `written`.
+// Writes the whole text, with one `write` unless a signal or a full disk cuts it short. On failure
+// returns false, with errno set and the number of bytes that arrived in `written`.
 bool WriteAll(int descriptor, const std::string& text, std::size_t& written) {
   const WriteSignals noSignals;
   written = 0;

@@ -6,12 +6,12 @@
 class LogEvent;
 class LogLayout;
 
-// Whoever takes the events of a LogHandler: a destination, or another handler.
+// Receives the events of a LogHandler: a destination, or another handler.
 class LogHandlerClient {
  public:
   virtual ~LogHandlerClient() = default;
 
-  // Takes one event. Failures stay inside: a log statement never disturbs its caller.
+  // Handles one event. Reports no failure: a log statement never disturbs its caller.
   virtual void HandleEvent(const LogEvent& event) = 0;
 };
 
@@ -36,15 +36,15 @@ class LogClientFile : public LogClient {
  public:
   // Opens the file at `path`, made with mode 0666 less the umask when it is missing; `append` keeps
   // what it holds, otherwise it is emptied. The descriptor is close-on-exec and never one of the
-  // standard three, even when those are closed, or a page written to standard output would land in
-  // the log.
+  // standard three, even when those are closed: otherwise a page written to standard output would
+  // land in the log.
   //
-  // A file that cannot be opened, or later not written, is reported on standard error once; after
-  // that the client is silent. The events it could not write are lost; of one that a full disk cut,
-  // the beginning stays, as a line of its own. Nothing of this ends the process: a refusal that the
-  // kernel makes a signal of (a limit on the size of files, a pipe without a reader) is a refusal
-  // like others. A named pipe that nobody has open for reading cannot be opened; where somebody
-  // has, a full pipe is waited for, and so is a lease that another process has on the file.
+  // When the file cannot be opened, or later not written, the client reports it on standard error
+  // once and then is silent. Events that it cannot write are lost; when a full disk cuts one, the
+  // beginning stays, as a line of its own. No failure ends the process: SIGXFSZ (a limit on the
+  // size of files) and SIGPIPE (a pipe without a reader) are blocked and count as failed writes. A
+  // named pipe without a reader cannot be opened; with one, the client waits while the pipe is
+  // full. It also waits for another process's lease on the file.
   LogClientFile(const std::string& path, bool append);
   ~LogClientFile() override;
   LogClientFile(const LogClientFile&) = delete;

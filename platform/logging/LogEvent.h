@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <string>
 
-// On 32-bit machines an event is as large as the library knows it only with
-// _FILE_OFFSET_BITS=64 and _TIME_BITS=64, which the library's CMake target brings.
+// On 32-bit machines an event has the library's size only with _FILE_OFFSET_BITS=64 and
+// _TIME_BITS=64, which the library's CMake target sets.
 static_assert(sizeof(time_t) == 8);
 
 class LogEvent {
@@ -18,8 +18,8 @@ class LogEvent {
   // Local time of the event, "YYYY-MM-DD HH:MM:SS.uuuuuu".
   std::string GetDateTimeUsec() const;
 
-  // The name registered for `level` with the process's LogLevelManager; the number in decimal when
-  // none is.
+  // The name registered for `level` with the process's LogLevelManager; without one, the number in
+  // decimal.
   std::string GetLogLevelName() const;
 
   // The source file as the log statement named it, directory included.

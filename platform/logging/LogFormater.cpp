@@ -8,7 +8,7 @@
 
 namespace {
 
-// The arguments are taken twice: to measure, then to write.
+// Reads the arguments twice: to measure, then to write.
 std::string FormatText(const char* format, va_list arguments) {
   va_list measured;
   va_copy(measured, arguments);

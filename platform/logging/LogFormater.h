@@ -1,4 +1,4 @@
-// The front of the logging library: one object, one log statement.
+// The entry point of the logging library: one object for each log statement.
 //
 //   LogFormater(10, "src/Example", 42).Log(handler, "%s %d", "answer", 42);
 #pragma once
@@ -13,9 +13,9 @@ class LogFormater {
   LogFormater(std::uint32_t level, const std::string& fileName, std::int32_t line);
   virtual ~LogFormater() = default;
 
-  // Formats as printf does, whatever the length, and hands the event to the handler, stamped with
-  // this statement's level, file name and line. A format that printf refuses is logged as it
-  // stands. May change errno: take it into a variable before logging it.
+  // Formats like printf, at any length, and passes the event to the handler, with this statement's
+  // level, file name and line. A format that printf rejects is logged unformatted. May change
+  // errno: save it in a variable before logging it.
   void Log(LogHandler* handler, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
  protected:

@@ -8,12 +8,12 @@
 
 class LogHandler : public LogHandlerClient {
  public:
-  // Handlers are made by Logger::GetLogHandler, one for each name.
+  // Logger::GetLogHandler makes handlers, one for each name.
   explicit LogHandler(const std::string& name);
 
-  // Appends a client; from now on it gets every event, after the clients added before it. The
-  // caller keeps ownership, and the client must outlive the handler. A handler that is its own
-  // client, directly or through others, would pass an event round for ever.
+  // Appends a client, which from now on gets every event, after the clients added before it. The
+  // caller keeps ownership, and the client must outlive the handler. A handler must not be its own
+  // client, directly or through others: an event would recurse without end.
   void AddLogClient(LogHandlerClient* client);
 
   // Passes the event on to each client, in the order in which they were added. A handler without

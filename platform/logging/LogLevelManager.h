@@ -9,7 +9,7 @@ class LogLevelManager {
   // Gives `number` the name; a later registration of the same number replaces the earlier one.
   void AddLogLevel(unsigned int number, const std::string& name);
 
-  // The name registered for `number`; the number in decimal when none is.
+  // The name registered for `number`; without one, the number in decimal.
   std::string GetLogLevelName(unsigned int number) const;
 
  private:

@@ -10,11 +10,11 @@ class LogLevelManager;
 
 class Logger {
  public:
-  // The process's handler of that name, made at the first request; never null.
+  // The process's handler of that name, created by the first call; never null.
   static LogHandler* GetLogHandler(const std::string& name);
 
-  // The handler named "default", for whoever wants a copy of everything. It has no client until
-  // somebody gives it one, so it is silent; never null.
+  // The handler named "default", for clients that want a copy of what other handlers pass to it. It
+  // has no client of its own, so it is silent until it is given one; never null.
   static LogHandler* GetDefaultLogHandler();
 
   // The process's level registry; empty at first; never null.

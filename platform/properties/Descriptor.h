@@ -23,7 +23,7 @@ class Descriptor {
   }
   int Release() { return std::exchange(number_, -1); }
 
-  // The last word on whether what was written arrived, on file systems that report late.
+  // Returns false when closing fails: some file systems report only then that a write failed.
   bool Close() {
     const int number = Release();
     return number < 0 || close(number) == 0;

@@ -12,7 +12,7 @@ namespace {
 
 using Attributes = std::map<std::string, std::string>;  // values by name
 
-// What a call gives that tells the size of its answer when it is given no room.
+// The result of a call that returns the size it needs when it gets no buffer; nullopt on failure.
 template <typename Call>
 std::optional<std::string> Answer(const Call& call) {
   const ssize_t size = call(nullptr, 0);
@@ -25,12 +25,12 @@ std::optional<std::string> Answer(const Call& call) {
   return answer;
 }
 
-// `list` and `get` are listxattr and getxattr for one file. Nothing when they cannot be read.
+// `list` and `get` are listxattr and getxattr for one file. Returns nullopt when one of them fails.
 template <typename List, typename Get>
 std::optional<Attributes> ReadAttributes(const List& list, const Get& get) {
   const auto names = Answer(list);
   if (!names) {
-    // A file system that knows no such thing.
+    // ENOTSUP: the file system has no extended attributes.
     return errno == ENOTSUP ? std::optional(Attributes()) : std::nullopt;
   }
   Attributes attributes;
@@ -72,12 +72,13 @@ bool CopyAttributes(int descriptor, const std::string& path) {
     }
   }
   for (const auto& [name, value] : *wanted) {
-    // One that every new file of the folder gets, a security label say, may be nobody's to set.
+    // The folder gives some attributes to every new file, a security label for example, and nobody
+    // may set them: those that already have the wanted value are left alone.
     const auto same = own->find(name);
     const bool isThere = same != own->end() && same->second == value;
     if (!isThere && fsetxattr(descriptor, name.c_str(), value.data(), value.size(), 0) != 0) {
-      // A file that is mounted on its own can have attributes that the folder's file system does
-      // not know: nobody may set them there.
+      // A file that is a mount of its own can have attributes that the folder's file system lacks.
+      // That counts as denied permission: the file can still be rewritten in place.
       errno = errno == ENOTSUP ? EPERM : errno;
       return false;
     }

@@ -26,17 +26,17 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Removes a file when it goes out of scope, unless it was kept.
-class RemovedFile {
+// Removes a file when it goes out of scope, unless Keep was called.
+class TemporaryFile {
  public:
-  explicit RemovedFile(const fs::path& path) : path_(path) {}
-  ~RemovedFile() {
+  explicit TemporaryFile(const fs::path& path) : path_(path) {}
+  ~TemporaryFile() {
     if (!kept_) {
       unlink(path_.c_str());
     }
   }
-  RemovedFile(const RemovedFile&) = delete;
-  RemovedFile& operator=(const RemovedFile&) = delete;
+  TemporaryFile(const TemporaryFile&) = delete;
+  TemporaryFile& operator=(const TemporaryFile&) = delete;
 
   void Keep() { kept_ = true; }
 
@@ -45,21 +45,21 @@ class RemovedFile {
   bool kept_ = false;
 };
 
-// Far more than a settings file. One that claims to be larger, a sparse one say, must not take the
-// memory.
-constexpr std::size_t MOST_BYTES = 32U << 20;
+// Far more than any settings file needs. A larger file, for example a sparse one, must not exhaust
+// the memory.
+constexpr std::size_t MAX_BYTES = 32U << 20;
 
-// The size that the file tells saves copying; it may grow while it is read.
+// The file's size as fstat reports it saves copying; the file may still grow while it is read.
 bool ReadAll(int descriptor, std::string& text) {
   text.clear();
   struct stat status {};
   fstat(descriptor, &status);
-  if (status.st_size > static_cast<off_t>(MOST_BYTES)) {
+  if (status.st_size > static_cast<off_t>(MAX_BYTES)) {
     return false;
   }
   text.resize(static_cast<std::size_t>(status.st_size) + 1);
   std::size_t length = 0;
-  while (length <= MOST_BYTES) {
+  while (length <= MAX_BYTES) {
     if (text.size() == length) {
       text.resize(2 * length);
     }
@@ -98,17 +98,17 @@ bool WriteAll(int descriptor, const std::string& text) {
   return true;
 }
 
-// Follows the links that `path` ends in, to a file that may be missing. False when they go in a
-// circle or cannot be read.
+// Follows the symbolic links at the end of `path`, to a file that may be missing. Returns false
+// when they form a loop or cannot be read.
 bool ResolveLinks(fs::path& path) {
-  constexpr int MOST_LINKS = 40;
-  for (int links = 0; links <= MOST_LINKS; ++links) {
-    // Not the standard library's: that of a 32-bit machine asks for the file's times as well, and
-    // fails where one is after 2038.
+  constexpr int MAX_LINKS = 40;
+  for (int links = 0; links <= MAX_LINKS; ++links) {
+    // Not std::filesystem's: on 32-bit machines it also asks for the file's times, and fails when
+    // one is after 2038.
     char target[PATH_MAX];
     const ssize_t length = readlink(path.c_str(), target, sizeof target);
     if (length < 0) {
-      // No link, or nothing there.
+      // EINVAL: not a link. ENOENT: no such file.
       return errno == EINVAL || errno == ENOENT;
     }
     path = path.parent_path() / std::string(target, static_cast<std::size_t>(length));
@@ -124,16 +124,16 @@ fs::path FolderOf(const fs::path& file) {
   return folder;
 }
 
-// Whether permission is denied, as against a disk that is full or broken, where rewriting in place
-// would put the old content at risk for nothing.
-bool IsRefusal(int error) {
+// Whether the error denies permission. On a full or broken disk, rewriting in place would only put
+// the old content at risk.
+bool IsPermissionDenied(int error) {
   return error == EACCES || error == EPERM || error == EROFS || error == EBUSY || error == EXDEV;
 }
 
 // --- Temporary files
 
-// Opens a new file in the folder; `path` becomes its path. -1, with errno set, when there is none.
-// Processes of two containers may have the same number, so the time is a part of the name.
+// Opens a new file in the folder and puts its path into `path`. Returns -1, with errno set, on
+// failure. Processes in two containers can have the same ID, so the name also holds the time.
 int OpenTemporaryFile(const fs::path& folder, mode_t mode, fs::path& path) {
   timespec now = {};
   clock_gettime(CLOCK_REALTIME, &now);
@@ -144,8 +144,8 @@ int OpenTemporaryFile(const fs::path& folder, mode_t mode, fs::path& path) {
   return open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
 }
 
-// Whether the file is one of ours whose process has ended. A process of another user lives, too,
-// when it may not be signalled.
+// Whether the file is a temporary file of ours and its process has ended. A process of another user
+// may not be signalled (EPERM), but lives.
 bool IsLeftover(const char* name) {
   char process[10] = "";
   int length = 0;
@@ -157,7 +157,7 @@ bool IsLeftover(const char* name) {
 void RemoveLeftovers(const fs::path& folder) {
   const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(folder.c_str()), closedir);
   while (const dirent* const entry = entries != nullptr ? readdir(entries.get()) : nullptr) {
-    // We make no links.
+    // A link is not ours.
     if (entry->d_type != DT_LNK && IsLeftover(entry->d_name)) {
       unlink((folder / entry->d_name).c_str());
     }
@@ -166,10 +166,10 @@ void RemoveLeftovers(const fs::path& folder) {
 
 // --- What the new file keeps of the old
 
-// Whether a file is its group's, whoever of it owns it: the folder's set-group-ID bit says so,
-// where the group is the folder's and may do what the owner may. An access control list may say
-// otherwise.
-bool IsOfItsGroup(const fs::path& file, const struct stat& status) {
+// Whether the file belongs to its group rather than to one user: the folder has the set-group-ID
+// bit, the group is the folder's and has the owner's rights. An access control list could narrow
+// these, so there must be none.
+bool BelongsToItsGroup(const fs::path& file, const struct stat& status) {
   struct stat folder {};
   return stat(FolderOf(file).c_str(), &folder) == 0 && (folder.st_mode & S_ISGID) != 0 &&
          folder.st_gid == status.st_gid &&
@@ -177,7 +177,7 @@ bool IsOfItsGroup(const fs::path& file, const struct stat& status) {
          getxattr(file.c_str(), "system.posix_acl_access", nullptr, 0) < 0;
 }
 
-// The owner first: changing it clears mode bits.
+// Must run before the mode is set: changing the owner clears mode bits.
 bool CopyOwner(int descriptor, const fs::path& file, const struct stat& original) {
   struct stat own;
   if (fstat(descriptor, &own) != 0) {
@@ -187,11 +187,12 @@ bool CopyOwner(int descriptor, const fs::path& file, const struct stat& original
       fchown(descriptor, original.st_uid, original.st_gid) == 0) {
     return true;
   }
-  if (errno == EPERM && IsOfItsGroup(file, original)) {
+  if (errno == EPERM && BelongsToItsGroup(file, original)) {
     constexpr auto SAME_USER = static_cast<uid_t>(-1);
     return fchown(descriptor, SAME_USER, original.st_gid) == 0;
   }
-  // A user namespace that has no number for the owner: nobody here may give the file to them.
+  // The user namespace has no ID for the owner, so nobody here may give the file away: permission
+  // is denied.
   if (errno == EINVAL) {
     errno = EPERM;
   }
@@ -200,42 +201,47 @@ bool CopyOwner(int descriptor, const fs::path& file, const struct stat& original
 
 bool SyncFolder(const fs::path& folder) {
   const Descriptor descriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  // EINVAL: a file system that knows no such thing.
+  // EINVAL: the file system cannot flush folders.
   return descriptor.IsOpen() && (fsync(descriptor.Get()) == 0 || errno == EINVAL);
 }
 
-enum class RenameResult { kDone, kFailed, kRefused, kLost };
+enum class RenameResult {
+  kDone,
+  kFailed,
+  kDenied,  // no permission for a step
+  kLost,    // another process took or removed the temporary file
+};
 
-RenameResult WithError(int error) {
-  return IsRefusal(error) ? RenameResult::kRefused : RenameResult::kFailed;
+RenameResult FailedWith(int error) {
+  return IsPermissionDenied(error) ? RenameResult::kDenied : RenameResult::kFailed;
 }
 
-// `original` is null when there is no file to be replaced.
+// `original` is null when there is no file to replace.
 RenameResult ReplaceByRename(const fs::path& target, const struct stat* original,
                              const std::string& text) {
-  // Nobody may read the new content who could not read the old.
+  // At first only for us: nobody may read the new content who could not read the old.
   const mode_t firstMode = original != nullptr ? 0600 : 0666;
   const fs::path folder = FolderOf(target);
   fs::path path;
   Descriptor descriptor(OpenTemporaryFile(folder, firstMode, path));
   if (!descriptor.IsOpen()) {
-    return errno == EEXIST ? RenameResult::kLost : WithError(errno);
+    return errno == EEXIST ? RenameResult::kLost : FailedWith(errno);
   }
-  RemovedFile temporary(path);
+  TemporaryFile temporary(path);
 
   if (original != nullptr) {
     if (!CopyOwner(descriptor.Get(), target, *original) ||
         !CopyAttributes(descriptor.Get(), target) ||
         fchmod(descriptor.Get(), original->st_mode & 07777) != 0) {
-      return WithError(errno);
+      return FailedWith(errno);
     }
   }
-  // On the disk before it gets the name: else a power cut could leave an empty file of that name.
+  // Flushed before the rename: otherwise a power cut could leave an empty file of the right name.
   if (!WriteAll(descriptor.Get(), text) || fsync(descriptor.Get()) != 0 || !descriptor.Close()) {
     return RenameResult::kFailed;
   }
   if (rename(path.c_str(), target.c_str()) != 0) {
-    return errno == ENOENT ? RenameResult::kLost : WithError(errno);
+    return errno == ENOENT ? RenameResult::kLost : FailedWith(errno);
   }
   temporary.Keep();
   RemoveLeftovers(folder);
@@ -244,9 +250,9 @@ RenameResult ReplaceByRename(const fs::path& target, const struct stat* original
 
 // --- In place
 
-// Extends the file, so that a full disk shows. True also on a file system that knows no such thing:
-// the writing then has to find out.
-bool TakeRoom(int descriptor, off_t from, off_t to) {
+// Extends the file, so that a full disk shows. Also returns true when the file system cannot
+// allocate ahead: the write then fails instead.
+bool AllocateSpace(int descriptor, off_t from, off_t to) {
   int error = EINTR;
   for (int attempt = 0; error == EINTR && attempt < 100; ++attempt) {
     error = posix_fallocate(descriptor, from, to - from);
@@ -257,10 +263,10 @@ bool TakeRoom(int descriptor, off_t from, off_t to) {
 bool WriteInPlace(int descriptor, const std::string& text) {
   struct stat status;
   const auto length = static_cast<off_t>(text.size());
-  // Room first: a full disk shows while the old content still stands. Length last: a reader never
-  // finds less than it needs.
+  // Allocates first: a full disk shows while the old content is untouched. Truncates last: a reader
+  // never finds less than one of the two texts.
   return fstat(descriptor, &status) == 0 &&
-         (length <= status.st_size || TakeRoom(descriptor, status.st_size, length)) &&
+         (length <= status.st_size || AllocateSpace(descriptor, status.st_size, length)) &&
          WriteAll(descriptor, text) && ftruncate(descriptor, length) == 0;
 }
 
@@ -270,12 +276,12 @@ bool RewriteInPlace(const fs::path& target, const std::string& text) {
   if (!descriptor.IsOpen() || !ReadAll(descriptor.Get(), original)) {
     return false;
   }
-  // Another process that rewrites the file at the same time may mix both texts. Each writes again
-  // until it has found its own whole, so the last one to write leaves its own whole.
-  constexpr int MOST_ATTEMPTS = 50;
+  // Two processes that rewrite the file at the same time can mix their texts. Each writes again
+  // until it reads its own text back, so the last one to write leaves its own text whole.
+  constexpr int MAX_ATTEMPTS = 50;
   bool isWhole = false;
-  for (int attempt = 0; attempt < MOST_ATTEMPTS && !isWhole; ++attempt) {
-    // Not in step with the other one.
+  for (int attempt = 0; attempt < MAX_ATTEMPTS && !isWhole; ++attempt) {
+    // A pause of random length, so that two processes do not stay in step.
     const auto chance = std::chrono::steady_clock::now().time_since_epoch().count() % 7;
     std::this_thread::sleep_for(std::chrono::microseconds(100) * attempt * (chance + 1));
     if (!WriteInPlace(descriptor.Get(), text)) {
@@ -305,7 +311,7 @@ bool IsRewritten(int descriptor, const struct stat& status, fs::path path) {
 
 // Whether another process may be rewriting the file in place at this moment.
 bool IsUnsettled(int descriptor, const std::string& path) {
-  constexpr long JUST_NOW = 30L * 1000 * 1000;  // some ticks of the clock that dates files
+  constexpr long JUST_NOW = 30L * 1000 * 1000;  // a few ticks of the clock that stamps files
   struct stat status;
   timespec now;
   if (fstat(descriptor, &status) != 0 || clock_gettime(CLOCK_REALTIME, &now) != 0) {
@@ -322,8 +328,8 @@ bool IsUnsettled(int descriptor, const std::string& path) {
 
 ReadResult ReadFile(const std::string& path, std::string& text) {
   text.clear();
-  // Non-blocking: opening a named pipe would wait for a writer. A file that another process holds a
-  // lease on is waited for, until the kernel has taken the lease back.
+  // O_NONBLOCK: opening a named pipe would wait for a writer. EWOULDBLOCK: another process holds a
+  // lease on the file; opened again, it waits until the kernel has broken the lease.
   Descriptor descriptor(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   if (!descriptor.IsOpen() && errno == EWOULDBLOCK) {
     descriptor.Reset(open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -335,9 +341,9 @@ ReadResult ReadFile(const std::string& path, std::string& text) {
   if (fstat(descriptor.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
     return ReadResult::kUnreadable;
   }
-  constexpr int MOST_PAUSES = 100;
+  constexpr int MAX_PAUSES = 100;
   for (int pause = 0; ReadAll(descriptor.Get(), text); ++pause) {
-    if (pause == MOST_PAUSES || !IsUnsettled(descriptor.Get(), path)) {
+    if (pause == MAX_PAUSES || !IsUnsettled(descriptor.Get(), path)) {
       return ReadResult::kRead;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -348,7 +354,7 @@ ReadResult ReadFile(const std::string& path, std::string& text) {
 bool ReplaceFile(const std::string& path, const std::string& text) {
   const WriteSignals noSignals;
   fs::path target(path);
-  if (text.size() > MOST_BYTES || !ResolveLinks(target)) {
+  if (text.size() > MAX_BYTES || !ResolveLinks(target)) {
     return false;
   }
   struct stat original {};
@@ -356,14 +362,14 @@ bool ReplaceFile(const std::string& path, const std::string& text) {
   if (exists ? !S_ISREG(original.st_mode) : errno != ENOENT) {
     return false;
   }
-  // A process of another container may take our temporary file for a leftover.
-  constexpr int MOST_ATTEMPTS = 10;
+  // A process in another container may remove our temporary file as a leftover.
+  constexpr int MAX_ATTEMPTS = 10;
   RenameResult result = RenameResult::kLost;
-  for (int attempt = 0; attempt < MOST_ATTEMPTS && result == RenameResult::kLost; ++attempt) {
+  for (int attempt = 0; attempt < MAX_ATTEMPTS && result == RenameResult::kLost; ++attempt) {
     result = ReplaceByRename(target, exists ? &original : nullptr, text);
   }
   return result == RenameResult::kDone ||
-         (result == RenameResult::kRefused && exists && RewriteInPlace(target, text));
+         (result == RenameResult::kDenied && exists && RewriteInPlace(target, text));
 }
 
 }  // namespace file_replacement

@@ -7,44 +7,45 @@ namespace file_replacement {
 
 enum class ReadResult {
   kRead,        // the text is the file's
-  kMissing,     // nothing is there
-  kUnreadable,  // something is there that cannot be read whole, or is no regular file
+  kMissing,     // there is no such file
+  kUnreadable,  // it exists, and cannot be read whole or is no regular file
 };
 
 // Reads the file at `path` into `text`; `text` is empty unless the result is kRead. A file of more
-// than 32 MiB is unreadable. Waits for no lock, only for the kernel to take back another process's
+// than 32 MiB is unreadable. Waits for no lock, only for the kernel to break another process's
 // lease. A file that can only be rewritten in place, and was written just now, is read again until
-// 30 ms have passed since, for some 200 ms at most: whoever writes it may be half done.
+// 30 ms have passed since, for about 200 ms at most: its writer may be in the middle.
 ReadResult ReadFile(const std::string& path, std::string& text);
 
-// Makes `text` the content of the file at `path`; a missing file is made with mode 0666 less the
-// umask. A symbolic link is followed and stays a link. Returns false when that did not work, and
-// for a text of more than 32 MiB. Takes no lock and waits for nobody's: of several processes that
-// replace the file at the same time, one has the last word.
+// Makes `text` the content of the file at `path`; a missing file is created with mode 0666 less the
+// umask. A symbolic link is followed and stays a link. Returns false on failure, and for a text of
+// more than 32 MiB. Takes no lock and waits for none: when several processes replace the file at
+// the same time, the last one wins.
 //
-// The new content is written to a temporary file beside the target, with the target's mode and
-// owner, brought to the disk and renamed over it: every reader, and a machine that loses power,
-// finds the old content or the new, whole. False then means that the old content still stands; or
-// that the new one does but may not survive a power cut, when only the last step failed: bringing
-// the folder to the disk, for which it must be readable.
+// By rename: the new content is written to a temporary file beside the target, with the target's
+// mode and owner, flushed to the disk and renamed over the target. Every reader, and a machine that
+// loses power, finds the old content or the new, whole. A full disk leaves the old content. False
+// means: the old content is there; or, when only the last step failed, the new content is there but
+// may not survive a power cut. That step flushes the folder, which must be readable.
 //
-// In a folder with the set-group-ID bit a file of the folder's group, where that may do what the
-// owner may and there is no access control list, becomes the file of whoever replaces it when the
-// owner cannot be kept: so several users replace one file safely. Group and mode are kept.
+// The owner may change in a folder with the set-group-ID bit: a file of the folder's group, with
+// the owner's rights for the group and no access control list, then belongs to the user who
+// replaces it. So several users replace one file safely. Group and mode are kept.
 //
-// Where permission for that is denied (a folder that is not writable, a file that is mounted on its
-// own, an owner or attributes that cannot be kept), the file is rewritten in place: the room is
-// taken first, the content read before put back when a write fails, and the length cut last. Each
-// process reads the file afterwards and writes again until it finds its own text, for about a
-// second at most; false then means that another process's text stands there, or a mix. In place
-// nothing can be promised to another reader than ReadFile, nor when a process is killed in the
-// middle, the power fails or a disk fails twice: they may see a mix, or zeros at the end; and false
-// may also mean that the new content stands but may not survive a power cut.
+// In place, where permission for a step is denied (a folder that is not writable, a file that is a
+// mount of its own, an owner or attributes that cannot be kept): the disk space is allocated first,
+// so a full disk fails before anything is overwritten; the old content is written back when a write
+// fails; the file is truncated last. Each process reads the file afterwards and writes again until
+// it finds its own text, for about a second at most. False means: another process's text is there,
+// or a mix; or the new content is there but may not survive a power cut. Readers other than
+// ReadFile may see a mix of both texts, or zeros at the end; so may everybody after a killed
+// process, a power cut or a disk that fails twice.
 //
-// Extended attributes and access control lists are kept. A write-protected file in a writable
-// folder is replaced, and stays write-protected. Not kept: hard links to the file. A killed process
-// may leave its temporary file, `.ini-PID-N.tmp`; the next replacement by rename in that folder
-// removes it once no process has that PID. A limit on the size of files is a failure, not a signal.
+// Extended attributes and access control lists are kept; hard links to the file are not. A
+// write-protected file in a writable folder is replaced, and stays write-protected. A killed
+// process may leave its temporary file, `.ini-PID-N.tmp`; the next replacement by rename in that
+// folder removes it once no process has that PID. A limit on the size of files is a failure, not a
+// signal.
 bool ReplaceFile(const std::string& path, const std::string& text);
 
 }  // namespace file_replacement

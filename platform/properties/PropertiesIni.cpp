@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
 constexpr std::string_view BLANKS = " \t";
-// With its length: the NUL counts.
+// With its length, since it contains a NUL.
 constexpr std::string_view LINE_BREAKERS("\r\n\0", 3);
 
 std::string_view Trim(std::string_view text) {
@@ -31,7 +31,7 @@ bool IsBlank(std::string_view line) {
   return line.find_first_not_of(BLANKS) == std::string_view::npos;
 }
 
-// The line's first character that is no blank; NUL when there is none.
+// The line's first non-blank character; NUL when there is none.
 char FirstCharacter(std::string_view line) {
   const std::size_t first = line.find_first_not_of(BLANKS);
   return first == std::string_view::npos ? '\0' : line[first];
@@ -42,7 +42,7 @@ bool IsComment(std::string_view line) {
   return first == ';' || first == '#';
 }
 
-// The name when the line begins a section.
+// The section's name when the line begins one.
 std::optional<std::string_view> ParseSection(std::string_view line) {
   if (FirstCharacter(line) != '[') {
     return std::nullopt;
@@ -57,7 +57,7 @@ std::optional<std::string_view> ParseSection(std::string_view line) {
 
 struct Entry {
   std::string_view key;
-  std::string_view value;  // as it stands in the file; empty, it is where a value would stand
+  std::string_view value;  // as written in the file; when empty, its position still counts
 };
 
 std::optional<Entry> ParseEntry(std::string_view line) {
@@ -68,13 +68,13 @@ std::optional<Entry> ParseEntry(std::string_view line) {
   return Entry{Trim(line.substr(0, separator)), Trim(line.substr(separator + 1))};
 }
 
-// Walks the lines of a text, knowing the section of each. The line that begins a section is in it.
+// Iterates over the lines of a text, with the section of each. A section's first line is in it.
 class LineReader {
  public:
   explicit LineReader(std::string_view text)
       : text_(text), next_(StartsWith(text, BYTE_ORDER_MARK) ? BYTE_ORDER_MARK.size() : 0) {}
 
-  // Goes to the next line; false when there is none.
+  // Goes to the next line; returns false when there is none.
   bool Next() {
     if (next_ == text_.size()) {
       return false;
@@ -95,7 +95,7 @@ class LineReader {
 
   std::string_view Line() const { return line_; }  // without its line end
   std::string_view Section() const { return section_; }
-  std::size_t NextOffset() const { return next_; }  // behind the line end
+  std::size_t NextOffset() const { return next_; }  // after the line end
 
  private:
   std::string_view text_;
@@ -114,7 +114,7 @@ bool IsTerminated(std::string_view text) {
   return text.empty() || text == BYTE_ORDER_MARK || text.back() == '\n';
 }
 
-// What ends the last line of a text that is not terminated.
+// The line end that a text without a final newline lacks.
 std::string_view MissingLineEnd(std::string_view text) {
   return text.back() == '\r' ? "\n" : LineEnd(text);
 }
@@ -158,14 +158,15 @@ std::string Quote(const std::string& value) {
   return quoted + '"';
 }
 
-// The value as it stands in the file.
+// The value as written in the file.
 std::string Encode(const std::string& value) {
   const bool isVerbatim = Trim(value).size() == value.size() && !StartsWith(value, "\"") &&
                           value.find_first_of(LINE_BREAKERS) == std::string::npos;
   return isVerbatim ? value : Quote(value);
 }
 
-// What a backslash and this character stand for; before another than ours it is a backslash.
+// Decodes a backslash and this character. Before a character that Quote does not escape, a
+// backslash stands for itself.
 std::string Unescape(char character) {
   switch (character) {
     case '"':
@@ -182,7 +183,7 @@ std::string Unescape(char character) {
   }
 }
 
-// The value that `stored` stands for. Where the quotes do not enclose it all, they are part of it.
+// Decodes a value as written in the file. Quotes that do not enclose all of it are part of it.
 std::string Decode(std::string_view stored) {
   if (!StartsWith(stored, "\"")) {
     return std::string(stored);
@@ -201,7 +202,7 @@ std::string Decode(std::string_view stored) {
   return std::string(stored);
 }
 
-// `text` with a new section of one line at its end.
+// Returns `text` with a new section of one line at its end.
 std::string AppendSection(std::string text, const std::string& header, const std::string& entry) {
   const bool wasTerminated = IsTerminated(text);
   if (!wasTerminated) {
@@ -219,7 +220,7 @@ std::string AppendSection(std::string text, const std::string& header, const std
   return text + header + lineEnd + entry + (wasTerminated ? lineEnd : "");
 }
 
-// `text` with a new line at `offset`: behind a line, or at the top.
+// Returns `text` with a new line at `offset`, which is the top or the end of a line.
 std::string InsertLine(std::string text, std::size_t offset, const std::string& line) {
   const std::string lineEnd(LineEnd(text));
   const bool isBehindOpenLine = offset == text.size() && !IsTerminated(text);
@@ -228,7 +229,7 @@ std::string InsertLine(std::string text, std::size_t offset, const std::string& 
   return text.insert(offset, inserted);
 }
 
-// The lines of `header` as comments. A CR breaks a line too: some readers take it for one.
+// The lines of `header` as comments. A CR alone ends a line, too: some readers treat it so.
 std::string Comment(const std::string& header, std::string_view lineEnd) {
   std::string comment;
   for (std::size_t begin = 0; begin < header.size();) {
@@ -239,7 +240,7 @@ std::string Comment(const std::string& header, std::string_view lineEnd) {
   return comment;
 }
 
-// The C++ library's own comparison fails on 32-bit machines for files dated after 2038.
+// std::filesystem::equivalent fails on 32-bit machines for files dated after 2038.
 bool IsSameFile(const std::string& path, const std::string& other) {
   struct stat one {};
   struct stat two {};

@@ -1,13 +1,13 @@
-// Refusals of a write that the kernel makes a signal of.
+// Turns the signals that a failed write raises into plain errors.
 #pragma once
 
 #include <cerrno>
 #include <csignal>
 #include <ctime>
 
-// While it lives, a write of this thread to a pipe without a reader, or beyond the limit on the
-// size of files, fails with EPIPE or EFBIG as any other write does, instead of ending the process.
-// What the caller had blocked, or pending, stays so; errno does too.
+// While it lives, a write of this thread to a pipe without a reader fails with EPIPE, and one over
+// the limit on the size of files with EFBIG, and neither SIGPIPE nor SIGXFSZ ends the process.
+// Signals that the caller had blocked, or that were pending, stay so; errno is kept.
 class WriteSignals {
  public:
   WriteSignals() {
@@ -32,7 +32,7 @@ class WriteSignals {
   WriteSignals& operator=(const WriteSignals&) = delete;
 
  private:
-  // One that the caller had blocked may have been there before.
+  // A signal that the caller had blocked may have been pending before: it is not consumed.
   void LeaveToCaller(int signal) {
     if (sigismember(&before_, signal) == 1) {
       sigdelset(&refusals_, signal);
