@@ -64,6 +64,8 @@ RULES = [
     Rule(r"(VEMO_SANDBOX_KIND=proot )?\./test( -R SetOptionPage| --long| --verbose)?", "checkout",
          says=PASSED, layer="test"),
     Rule(r"\./test --help", "checkout", says=r"\AUsage: \./test "),
+    Rule(r"\./test -R power_cut", "elsewhere", test="tests/machine/CMakeLists.txt",
+         says="add_test(NAME power_cut.${name}"),
     Rule(r"\./test --rerun-failed", "checkout", says=PASSED, layer="test",
          prepare="for tree in build build-clang; do mkdir -p $tree/Testing/Temporary; ctest --test-dir $tree -N |"
                  " sed -n 's/^ *Test *#\\([0-9]*\\): /\\1:/p' >$tree/Testing/Temporary/LastTestsFailed.log; done"),
