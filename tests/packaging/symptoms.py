@@ -439,7 +439,7 @@ class Symptoms(packages.InRoot):
             self.expect_status(500, page, *MALFORMED)
         yield
 
-    @symptom("503", "no place became free")
+    @symptom("503", "no slot became free")
     def test_programs_that_hang(self):
         with self.served((SITE, '"CGI_GATE_QUEUE_TIMEOUT" => "60"', '"CGI_GATE_QUEUE_TIMEOUT" => "1"')):
             with self.silent_nvm_service():

@@ -14,15 +14,15 @@
 namespace {
 
 constexpr char OPTIONS_VARIABLE[] = "JAVA_OPTIONS";
-// The programs find the VM through it, if it is set.
+// If set, it decides which Java VM the programs find.
 constexpr char LIBRARIES_VARIABLE[] = "LD_LIBRARY_PATH";
-// The last line: without it the record is torn.
+// The last line: without it the record is incomplete.
 constexpr char END[] = "end";
 
-constexpr size_t LARGEST_RECORD = 16384;
-constexpr size_t LONGEST_LINE = PATH_MAX + 128;
+constexpr size_t MAX_RECORD = 16384;
+constexpr size_t MAX_LINE = PATH_MAX + 128;
 
-// Whether it all went in.
+// True: snprintf cut nothing.
 bool Fits(int length, size_t size) {
   return length >= 0 && static_cast<size_t>(length) < size;
 }
@@ -35,9 +35,9 @@ bool Join(char (&path)[PATH_MAX], const char* folder, const char* name) {
   return false;
 }
 
-// The lines as they would be recorded now.
+// WriteVariable and WriteFile write the lines as they would be recorded now.
 
-bool WriteVariable(char (&line)[LONGEST_LINE], const char* name) {
+bool WriteVariable(char (&line)[MAX_LINE], const char* name) {
   const char* const value = std::getenv(name);
   errno = EINVAL;
   return Fits(std::snprintf(line, sizeof line, "%s=%s", name, value == nullptr ? "" : value),
@@ -45,7 +45,7 @@ bool WriteVariable(char (&line)[LONGEST_LINE], const char* name) {
          std::strchr(line, '\n') == nullptr;
 }
 
-bool WriteFile(char (&line)[LONGEST_LINE], const char* path) {
+bool WriteFile(char (&line)[MAX_LINE], const char* path) {
   struct stat file = {};
   if (stat(path, &file) != 0 || access(path, R_OK) != 0) {
     return false;
@@ -59,8 +59,9 @@ bool WriteFile(char (&line)[LONGEST_LINE], const char* path) {
          path[0] == '/' && std::strchr(line, '\n') == nullptr;
 }
 
-// The record's text with its end, which is 0; -1 when there is none, or one too large.
-ssize_t Read(const char* path, char (&text)[LARGEST_RECORD]) {
+// Reads the record, and ends it with a NUL. Returns its length, or -1 when it is missing, too large
+// or holds a NUL.
+ssize_t Read(const char* path, char (&text)[MAX_RECORD]) {
   const int file = open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
   if (file == -1) {
     return -1;
@@ -77,7 +78,7 @@ ssize_t Read(const char* path, char (&text)[LARGEST_RECORD]) {
   return isWhole ? static_cast<ssize_t>(length) : -1;
 }
 
-// Cuts the first line off the text; null when it has no end.
+// Cuts the first line off the text; null: no line is left that ends.
 char* NextLine(char** text) {
   char* const line = *text;
   char* const end = std::strchr(line, '\n');
@@ -89,9 +90,9 @@ char* NextLine(char** text) {
   return line;
 }
 
-bool Misfit(const char** misfit, const char* what) {
-  if (misfit != nullptr) {
-    *misfit = what;
+bool Mismatch(const char** mismatch, const char* what) {
+  if (mismatch != nullptr) {
+    *mismatch = what;
   }
   return false;
 }
@@ -118,12 +119,12 @@ bool SyncFolder(const char* folder) {
   return isSynced;
 }
 
-bool WriteLine(int record, char (&line)[LONGEST_LINE], size_t* size) {
+bool WriteLine(int record, char (&line)[MAX_LINE], size_t* size) {
   const size_t length = std::strlen(line);
   line[length] = '\n';
   *size += length + 1;
   errno = EFBIG;
-  return *size < LARGEST_RECORD && WriteWhole(record, line, length + 1);
+  return *size < MAX_RECORD && WriteWhole(record, line, length + 1);
 }
 
 bool WriteRecord(const char* path, const char* const* files, int count) {
@@ -132,7 +133,7 @@ bool WriteRecord(const char* path, const char* const* files, int count) {
   if (record == -1) {
     return false;
   }
-  char line[LONGEST_LINE];
+  char line[MAX_LINE];
   size_t size = 0;
   bool isWritten = true;
   for (const char* variable : {OPTIONS_VARIABLE, LIBRARIES_VARIABLE}) {
@@ -151,38 +152,38 @@ bool WriteRecord(const char* path, const char* const* files, int count) {
 
 }  // namespace
 
-bool ClassArchiveFits(const char* folder, const char** misfit) {
-  static char text[LARGEST_RECORD];
+bool ClassArchiveFits(const char* folder, const char** mismatch) {
+  static char text[MAX_RECORD];
   char path[PATH_MAX];
   if (!Join(path, folder, CLASS_ARCHIVE_RECORD) || Read(path, text) < 0) {
-    return Misfit(misfit, "there is no record");
+    return Mismatch(mismatch, "there is no record");
   }
   char* rest = text;
-  char now[LONGEST_LINE];
+  char now[MAX_LINE];
   for (const char* variable : {OPTIONS_VARIABLE, LIBRARIES_VARIABLE}) {
     const char* const line = NextLine(&rest);
     if (line == nullptr || !WriteVariable(now, variable) || std::strcmp(line, now) != 0) {
-      return Misfit(misfit, variable);
+      return Mismatch(mismatch, variable);
     }
   }
-  // Its own files first: the record of a folder that was copied is about the other one's.
+  // The folder's own files come first: the record of a copied folder names the original's files.
   for (const char* name : {CLASS_ARCHIVE, CLASS_ARCHIVE_OPTIONS}) {
     const char* const line = NextLine(&rest);
     if (line == nullptr || !Join(path, folder, name) || !WriteFile(now, path) ||
         std::strcmp(line, now) != 0) {
-      return Misfit(misfit, name);
+      return Mismatch(mismatch, name);
     }
   }
   while (const char* const line = NextLine(&rest)) {
     if (std::strcmp(line, END) == 0) {
-      return *rest == '\0' || Misfit(misfit, "the record goes on after its end");
+      return *rest == '\0' || Mismatch(mismatch, "the record goes on after its end");
     }
     const char* const file = std::strchr(line, '/');
     if (file == nullptr || !WriteFile(now, file) || std::strcmp(line, now) != 0) {
-      return Misfit(misfit, file == nullptr ? "the record is of another form" : file);
+      return Mismatch(mismatch, file == nullptr ? "the record is malformed" : file);
     }
   }
-  return Misfit(misfit, "the record is torn");
+  return Mismatch(mismatch, "the record is incomplete");
 }
 
 bool UseClassArchive(const char* folder) {
@@ -198,19 +199,19 @@ bool RecordClassArchive(const char* folder, const char* const* files, int count)
   char fresh[PATH_MAX];
   char archive[PATH_MAX];
   char options[PATH_MAX];
-  constexpr int MOST_FILES = 16;
-  const char* all[MOST_FILES] = {archive, options};
+  constexpr int MAX_FILES = 16;
+  const char* all[MAX_FILES] = {archive, options};
   if (!Join(record, folder, CLASS_ARCHIVE_RECORD) || !Join(fresh, folder, "record.new") ||
       !Join(archive, folder, CLASS_ARCHIVE) || !Join(options, folder, CLASS_ARCHIVE_OPTIONS)) {
     return false;
   }
   unlink(record);
-  if (count > MOST_FILES - 2) {
+  if (count > MAX_FILES - 2) {
     errno = E2BIG;
     return false;
   }
   std::memcpy(all + 2, files, sizeof *files * static_cast<size_t>(count));
-  // The archive's name is on disk before the record that vouches for it.
+  // The archive's name has to be on disk before the record of it.
   if (SyncFolder(folder) && WriteRecord(fresh, all, count + 2) && rename(fresh, record) == 0 &&
       SyncFolder(folder)) {
     return true;

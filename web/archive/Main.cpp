@@ -1,14 +1,14 @@
-// The class archive's record, from the command line:
+// The CDS archive's record, from the command line:
 //
 //   class-archive record FOLDER FILE...
 //   class-archive fits FOLDER
 //   class-archive run FOLDER PROGRAM
 //   class-archive lock SECONDS
 //
-// The first writes the record, of these files too. The second ends with status 0 if the archive
-// fits; else with 1, and says what does not. The third becomes the program, with the archive if it
-// fits. The fourth locks its standard input, for a shell that has it open and for as long; it waits
-// for others, at most so many seconds.
+// "record" writes the record of the archive and of these files. "fits" ends with status 0 if the
+// archive is valid; else with 1 and the first mismatch on standard error. "run" becomes the
+// program, with the archive if it is valid. "lock" locks its standard input, which a shell keeps
+// open; it waits at most so many seconds for others.
 
 #include <sys/file.h>
 #include <unistd.h>
@@ -42,11 +42,11 @@ int main(int argc, char** argv) {
     return EXIT_FAILURE;
   }
   if (argc == 3 && std::strcmp(argv[1], "fits") == 0) {
-    const char* misfit = nullptr;
-    if (ClassArchiveFits(argv[2], &misfit)) {
+    const char* mismatch = nullptr;
+    if (ClassArchiveFits(argv[2], &mismatch)) {
       return EXIT_SUCCESS;
     }
-    std::fprintf(stderr, "class-archive: does not fit: %s\n", misfit);
+    std::fprintf(stderr, "class-archive: does not fit: %s\n", mismatch);
     return EXIT_FAILURE;
   }
   if (argc == 4 && std::strcmp(argv[1], "run") == 0) {
