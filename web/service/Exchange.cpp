@@ -1,5 +1,5 @@
-// exchange ONE OTHER: two files swap their names, at one moment for whoever looks them up. A mount
-// on either goes along, where replacing a file by renaming would take the mount away first.
+// exchange ONE OTHER: swaps the names of two files atomically. A mount on either file moves with
+// it. Replacing a mounted file by a plain rename would remove the mount first.
 
 #include <fcntl.h>
 

@@ -1,18 +1,18 @@
-// Stands before lighttpd in its service: the sockets on which it listens outlive it, so whoever
-// connects while it is started anew waits in the kernel's queue and is not refused.
+// Starts lighttpd in its service and keeps its listening sockets open over a restart: a client that
+// connects meanwhile waits in the kernel's queue and is not refused.
 //
 //   keep-listening LIGHTTPD CONFIGURATION
 //
-// Asks lighttpd which addresses its configuration names, listens on each, gives systemd a copy of
-// the sockets (FileDescriptorStoreMax= of the unit), and becomes lighttpd, which takes them over as
-// those of socket activation. systemd hands the copies to the next start, and closes them when the
-// service is stopped. A socket whose address the configuration does not name any more is shut down:
-// that refuses clients at once, and makes systemd forget it.
+// It asks lighttpd for the addresses of its configuration and listens on each. systemd stores a
+// copy of the sockets (the unit's FileDescriptorStoreMax=). Then it becomes lighttpd, which takes
+// the sockets over as by socket activation. systemd passes the copies to the next start, and closes
+// them when the service is stopped. A socket whose address is no longer in the configuration is
+// shut down: that refuses clients at once, and makes systemd drop its copy.
 //
-// Addresses that are not numeric lighttpd opens itself, and all where there is no systemd. So it
-// does with what could not be opened here, and tells why.
+// lighttpd itself opens addresses that are not numeric, and all of them where there is no systemd.
+// It also opens those that failed here, and reports why.
 //
-// In C, but for the names, like the gate.
+// No C++ runtime, like the gate.
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -30,9 +30,9 @@
 
 namespace {
 
-constexpr int FIRST = 3;  // systemd's descriptors begin here
-constexpr int MOST = 16;  // the unit's FileDescriptorStoreMax=
-constexpr int QUEUE = 128;
+constexpr int FIRST_DESCRIPTOR = 3;  // systemd's descriptors begin here
+constexpr int MAX_SOCKETS = 16;      // the unit's FileDescriptorStoreMax=
+constexpr int BACKLOG = 128;
 
 struct Address {
   sockaddr_storage name;
@@ -40,13 +40,13 @@ struct Address {
   bool isTaken;
 };
 
-Address addresses[MOST];
+Address addresses[MAX_SOCKETS];
 int count = 0;
 
-// HOST:PORT, as lighttpd's configuration has it; the host of IPv6 in brackets or without.
+// HOST:PORT, as in lighttpd's configuration; an IPv6 host with brackets or without.
 void AddAddress(char* text) {
   char* const colon = std::strrchr(text, ':');
-  if (colon == nullptr || count == MOST) {
+  if (colon == nullptr || count == MAX_SOCKETS) {
     return;
   }
   *colon = '\0';
@@ -77,7 +77,7 @@ void AddAddress(char* text) {
   addresses[count++] = address;
 }
 
-// Of what `lighttpd -p` prints: the address of the server, and those of its own conditions.
+// Reads what `lighttpd -p` prints: the server's address, and those of its socket conditions.
 void ReadAddresses(std::FILE* configuration) {
   constexpr char INDENTATION[] = "    ";
   char line[4096];
@@ -107,7 +107,7 @@ void AskForAddresses(const char* lighttpd, const char* configuration) {
   }
   const pid_t child = fork();
   if (child == 0) {
-    // What is wrong it says once more when it is started.
+    // lighttpd reports an error in its configuration again when it starts.
     const int nowhere = open("/dev/null", O_RDWR);
     dup2(nowhere, STDERR_FILENO);
     dup2(ends[1], STDOUT_FILENO);
@@ -122,7 +122,7 @@ void AskForAddresses(const char* lighttpd, const char* configuration) {
   }
 }
 
-// The address on which the socket listens, or none.
+// The configured address on which the socket listens, or null.
 Address* AddressOf(int socket) {
   int isListening = 0;
   socklen_t size = sizeof isListening;
@@ -141,7 +141,7 @@ Address* AddressOf(int socket) {
   return nullptr;
 }
 
-// As lighttpd does it. -1 when it cannot be done.
+// With the same options as lighttpd. -1: failed.
 int Listen(const Address& address) {
   const int listener = socket(address.name.ss_family, SOCK_STREAM, 0);
   if (listener == -1) {
@@ -154,14 +154,14 @@ int Listen(const Address& address) {
     setsockopt(listener, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
   }
   if (bind(listener, reinterpret_cast<const sockaddr*>(&address.name), address.length) == -1 ||
-      listen(listener, QUEUE) == -1) {
+      listen(listener, BACKLOG) == -1) {
     close(listener);
     return -1;
   }
   return listener;
 }
 
-// systemd keeps a copy of the socket.
+// Gives systemd a copy of the socket.
 void Store(int listener, const char* systemd) {
   char text[] = "FDSTORE=1";
   iovec content = {text, sizeof text - 1};
@@ -193,8 +193,8 @@ void Store(int listener, const char* systemd) {
   close(sender);
 }
 
-// Moves the socket to where the next one of systemd's is looked for.
-void HandOn(int listener, int* next) {
+// Moves the socket to the next descriptor of socket activation.
+void MoveTo(int listener, int* next) {
   if (listener != *next) {
     dup2(listener, *next);
     close(listener);
@@ -202,8 +202,8 @@ void HandOn(int listener, int* next) {
   ++*next;
 }
 
-// The number of sockets that systemd gave us.
-int Given() {
+// The number of sockets that systemd passed to us.
+int PassedSockets() {
   const char* const process = std::getenv("LISTEN_PID");
   const char* const number = std::getenv("LISTEN_FDS");
   return process != nullptr && number != nullptr && std::atol(process) == getpid()
@@ -219,34 +219,34 @@ int main(int argc, char** argv) {
     return EXIT_FAILURE;
   }
   const char* const systemd = std::getenv("NOTIFY_SOCKET");
-  const int end = FIRST + Given();
-  int next = FIRST;
+  const int end = FIRST_DESCRIPTOR + PassedSockets();
+  int next = FIRST_DESCRIPTOR;
   if (systemd != nullptr) {
     AskForAddresses(argv[1], argv[2]);
   }
-  for (int given = FIRST; given < end; ++given) {
-    Address* const address = AddressOf(given);
+  for (int descriptor = FIRST_DESCRIPTOR; descriptor < end; ++descriptor) {
+    Address* const address = AddressOf(descriptor);
     if (address == nullptr || address->isTaken) {
-      shutdown(given, SHUT_RDWR);
-      close(given);
+      shutdown(descriptor, SHUT_RDWR);
+      close(descriptor);
     } else {
       address->isTaken = true;
-      HandOn(given, &next);
+      MoveTo(descriptor, &next);
     }
   }
   for (const Address& address : addresses) {
     const int listener = address.length == 0 || address.isTaken ? -1 : Listen(address);
     if (listener != -1) {
       Store(listener, systemd);
-      HandOn(listener, &next);
+      MoveTo(listener, &next);
     }
   }
   unsetenv("NOTIFY_SOCKET");
   unsetenv("LISTEN_FDNAMES");
   unsetenv("LISTEN_FDS");
-  if (next != FIRST) {
+  if (next != FIRST_DESCRIPTOR) {
     char text[24];
-    std::snprintf(text, sizeof text, "%d", next - FIRST);
+    std::snprintf(text, sizeof text, "%d", next - FIRST_DESCRIPTOR);
     setenv("LISTEN_FDS", text, 1);
     std::snprintf(text, sizeof text, "%ld", static_cast<long>(getpid()));
     setenv("LISTEN_PID", text, 1);
