@@ -1,5 +1,5 @@
-// The page "Device Information": the settings, who holds the diagnostic interface, the addresses of
-// the device. What cannot be had is said in words; the rest is shown all the same.
+// The page "Device Information": the settings, the owner of the diagnostic interface, the addresses
+// of the device. What is not available is reported on the page; the rest is shown.
 
 #include <cgicc/Cgicc.h>
 #include <cgicc/HTMLClasses.h>
@@ -52,8 +52,8 @@ void PrintTimeoutForm() {
                    .set("autocomplete", "off")
                    .set("required", "required")
                    .set("pattern", "[0-9]{1,6}")
-                   // One more than the pattern takes: a number that is too long is refused, and not
-                   // cut to a shorter one.
+                   // One more than the pattern allows: otherwise the browser would cut a number
+                   // that is too long, and send the shorter one.
                    .set("maxlength", "7")
                    .set("title", "a whole number of milliseconds, at most six digits")
                    .set("aria-describedby", "timeout-hint")
@@ -93,7 +93,7 @@ std::string StatusHtml(const std::string& code, const std::string& message) {
   return words + (code.empty() ? "" : " (code " + HtmlFromUtf8(code) + ")");
 }
 
-// Sends the order that was posted, if one was, and says so when it was refused.
+// Sends the posted order, if there is one. Prints a notice when it fails.
 void CarryOut(const cgicc::Cgicc& request, NvmManipulator& nvm) {
   if (request.getEnvironment().getRequestMethod() != "POST") {
     return;
@@ -149,8 +149,7 @@ void PrintAllocation(const cgicc::Cgicc& request) {
 
 // --- Network
 
-// An empty address tells that there is no network, unless the class could not be asked: the
-// exception of that is then pending.
+// An empty address means no network, unless the call failed: then an exception is pending.
 class JavaSide : public JavaVmWrapper {
  public:
   bool HasFailed() const { return env->ExceptionCheck() == JNI_TRUE; }
@@ -180,15 +179,15 @@ void PrintAddresses() {
 
 int main() {
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 1).Log(GetCgiLogHandler(), "%s", "main");
-  // Before any output: a request that cannot be read then ends as a clean error of the web
-  // server's.
+  // Before any output: it throws on a malformed request, and the web server then answers with a
+  // clean error.
   const cgicc::Cgicc request(nullptr);
 
   const VemoHtml frame(PAGE.text);
   OpenContent({PAGE});
   PrintTimeoutForm();
   PrintAllocation(request);
-  // Last: a Java VM that cannot live with its options ends the process.
+  // Last: a Java VM that rejects its options ends the process.
   PrintAddresses();
   CloseContent();
   return 0;

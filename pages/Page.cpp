@@ -23,11 +23,11 @@ std::string Utf8FromLatin1(char character) {
   return {utf8, utf8 + length};
 }
 
-// Appends the beginning of `text`, as far as it is UTF-8 and goes at once; returns the number of
-// bytes that it took, 0 when `text` does not begin with UTF-8.
+// Appends the beginning of `text`, as far as it is UTF-8 and fits the buffer. Returns the number of
+// bytes taken; 0: `text` does not begin with UTF-8.
 std::size_t AppendUtf8(std::string_view text, std::string& html) {
   text = text.substr(0, 64);
-  // The library takes the long forms of ASCII characters for UTF-8.
+  // The library accepts overlong encodings of ASCII characters.
   text = text.substr(0, text.find_first_of("\xC0\xC1"));
 
   unsigned char encoded[256];
@@ -36,7 +36,7 @@ std::size_t AppendUtf8(std::string_view text, std::string& html) {
   htmlEncodeEntities(encoded, &length, Bytes(text), &taken, '"');
   for (int i = 0; i < length; ++i) {
     if (encoded[i] == '\'') {
-      html += "&#39;";  // the library escapes one kind of quotes alone
+      html += "&#39;";  // the library escapes only one kind of quotes
     } else {
       html += static_cast<char>(encoded[i]);
     }

@@ -1,5 +1,4 @@
-// What sibling pages share, on top of the page frame: text as HTML, and the pieces that every page
-// has.
+// What sibling pages share, on top of the page frame: escaping, and the parts that every page has.
 //
 //   const cgicc::Cgicc request(nullptr);  // before any output, since it may throw
 //   const VemoHtml frame("Label");
@@ -7,43 +6,45 @@
 //   std::cout << cgicc::p(HtmlFromLatin1(request("Label"))) << std::endl;
 //   CloseContent();
 //
-// What writes, writes cgicc elements to standard output, as VemoHtml does, and under the same
-// rules: while a frame lives, from one thread, with no `div`, `p` or `form` left open but where it
-// is said. Texts are HTML: whoever was given a text escapes it first. Nothing here reads the
-// request, is logged or fails: a write that fails is lost.
+// The page escapes: parameters named `html` and texts of links are HTML, so a page passes every
+// text that it did not write itself through HtmlFromLatin1 or HtmlFromUtf8 first.
+//
+// The Print functions write cgicc elements to standard output, as VemoHtml does, under the same
+// rules: while a frame lives, from one thread, and with no `div`, `p` or `form` open unless the
+// function says so. Nothing here reads the request or logs. Write errors are ignored.
 #pragma once
 
 #include <string>
 #include <vector>
 
-// Text as HTML, for an element's content and for an attribute's value: markup escaped, what is not
-// ASCII as a character reference, so that the page's character set does not matter. Of any length;
-// zero bytes are kept. From ISO 8859-1: what a browser posted, or the settings file holds.
+// Escapes ISO 8859-1 text, such as form fields and values of the settings file, for an element's
+// content or an attribute's value. Characters beyond ASCII become character references, so that the
+// page's character set does not matter. Takes any length, keeps zero bytes.
 std::string HtmlFromLatin1(const std::string& text);
 
-// The same from UTF-8: what Java or the nVm service told. A byte that is no UTF-8 is taken for
-// ISO 8859-1.
+// The same for UTF-8 text, such as results of Java methods and of the nVm service. Takes a byte
+// that is not valid UTF-8 as ISO 8859-1.
 std::string HtmlFromUtf8(const std::string& text);
 
-// A page as links name it, both in HTML. The texts are the caller's and are not copied: constants,
-// as in VemoPages.h.
+// A page's name and address, both in HTML. The texts are not copied: use constants, as in
+// VemoPages.h.
 struct Link {
   const char* text;
   const char* address;
 };
 
-// Writes what a page has between the frame and its content: the viewport of a phone, which the
-// frame does not know, the navigation, and the heading. Opens the content block, which names the
-// page's language, English. `path` leads from the home page, which it does not name, over the
-// page's parents to the page itself, so it is never empty. Leaves a `div` open.
+// Writes the viewport for phones, which the frame lacks, the navigation and the heading. Then opens
+// the content block, a `div` whose language is English, and leaves it open. `path` is the way from
+// the home page, which it leaves out, through the page's parents to the page itself; it is never
+// empty.
 void OpenContent(const std::vector<Link>& path);
 
-// Closes the content block that OpenContent opened, with nothing but that `div` open.
+// Closes the content block of OpenContent; only its `div` may be open.
 void CloseContent();
 
-// Writes a paragraph that stands out: what is wrong, or was refused.
+// Writes a highlighted paragraph: an error or a refusal.
 void PrintNotice(const std::string& html);
 
-// Writes the button that submits the open form, with this text on it. It has no name, so the form
-// sends nothing of it.
+// Writes the submit button of the open form, with this text. It has no name, so the form does not
+// send it.
 void PrintSubmitButton(const std::string& html);

@@ -1,6 +1,6 @@
-// The page "Reboot": asks before it acts, by a posted form, and tells when the device is back. It
-// has no right to reboot: it writes a line into a named pipe, which systemd reads where the
-// maintainer has allowed it. Where nobody reads, nothing reboots, and the page says so.
+// The page "Reboot": asks for confirmation by a posted form, and shows when the device is back. It
+// has no right to reboot. It writes a line into a named pipe, which systemd reads if the maintainer
+// has allowed it. Without a reader nothing reboots, and the page says so.
 
 #include <cgicc/Cgicc.h>
 #include <cgicc/HTMLClasses.h>
@@ -25,19 +25,19 @@ constexpr char SOURCE[] = "pages/Reboot";
 constexpr Link PARENT = {"Device Information", DEVICE_INFORMATION_PAGE};
 constexpr Link PAGE = {"Reboot", REBOOT_PAGE};
 
-// Who reads it reboots the device.
+// Its reader reboots the device.
 constexpr char ORDERS[] = "/run/vemo-web-reboot";
 constexpr char ORDER[] = "reboot\n";
-// Holds a word that is another one after each start of the device.
+// Holds a word that differs after each boot of the device.
 constexpr char BOOT[] = "/run/vemo-web-boot";
 constexpr char UNKNOWN[] = "unknown";
-// The address's field that holds the word of before.
+// The query field that holds the word from before the reboot.
 constexpr char BEFORE[] = "before";
 
-// Follows the page's link once the web server was away and is there again, or when two minutes have
-// passed, to see whether the device reboots at all. A page that reloads itself would meet the
-// device while it is down, and end as the browser's own error. The web servers' policy lets this
-// script run by its hash.
+// Follows the page's link once the web server was down and is up again, or after two minutes, to
+// show that the device did not reboot. A page that reloads itself would not do: while the device is
+// down the browser would replace it by an error page. The web servers' policies allow this script
+// by its hash, so a change of it belongs there too.
 constexpr char SCRIPT[] = R"(
 const end = Date.now() + 120000;
 let wasDown = false;
@@ -61,7 +61,7 @@ async function look() {
 look();
 )";
 
-// The pipe, when somebody reads it; else -1, and errno tells why not.
+// The pipe, if it has a reader; else -1, and errno says why.
 int OpenOrders() {
   const int orders = open(ORDERS, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
   struct stat found {};
@@ -81,7 +81,7 @@ bool IsAllowed() {
   return orders >= 0;
 }
 
-bool Order() {
+bool WriteOrder() {
   const int orders = OpenOrders();
   const bool isWritten =
       orders >= 0 && write(orders, ORDER, sizeof ORDER - 1) == ssize_t{sizeof ORDER - 1};
@@ -114,7 +114,7 @@ void PrintOtherWays() {
       "The manual page setobdconf.cgi(8) tells the maintainer how to allow it.");
 }
 
-// The link by hand, and the script that follows it.
+// The link, and the script that follows it.
 void PrintReturn() {
   std::cout << cgicc::p()
             << cgicc::a("Is it back?")
@@ -139,7 +139,7 @@ void AskFirst() {
 }
 
 void Reboot() {
-  if (!Order()) {
+  if (!WriteOrder()) {
     PrintNotice("The device does not reboot: this web interface is not allowed to reboot it.");
     PrintOtherWays();
     return;
