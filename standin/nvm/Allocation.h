@@ -1,9 +1,9 @@
-// Who holds the diagnostic interface of the stand-in device.
+// The owner of the diagnostic interface of the stand-in device.
 #pragma once
 
 #include <string>
 
-// What a function of the service came to; code 0 is success.
+// The result of a function of the service; code 0 is success.
 struct Status {
   int code;
   std::string message;
@@ -15,10 +15,10 @@ class Allocation {
   const std::string& Owner() const { return owner_; }
   const std::string& ClientAddress() const { return clientAddress_; }
 
-  // Gives the device to `owner`; refused while another holds it.
+  // Gives the device to `owner`. Refused while another owner has it.
   Status Allocate(std::string owner, std::string clientAddress);
 
-  // Frees the device; refused to anybody but its owner.
+  // Frees the device. Refused to everybody but its owner.
   Status Release(const std::string& owner);
 
  private:

@@ -20,13 +20,13 @@
 
 namespace {
 
-// The greatest request of a client is a tenth of this.
-constexpr std::size_t MOST_BODY_BYTES = std::size_t{4} * 1024;
-// For the head of a request and that of its reply.
+// Ten times the largest request of a client.
+constexpr std::size_t MAX_BODY_BYTES = std::size_t{4} * 1024;
+// For the headers of a request and of its reply.
 constexpr std::size_t CONNECTION_MEMORY_BYTES = std::size_t{8} * 1024;
-constexpr unsigned MOST_CONNECTIONS = 256;
-// For a connection as a whole: the library's own time limit begins anew with every byte.
-constexpr std::chrono::seconds PATIENCE(5);
+constexpr unsigned MAX_CONNECTIONS = 256;
+// For a connection as a whole: the library's own timeout starts again with every byte.
+constexpr std::chrono::seconds CONNECTION_TIMEOUT(5);
 
 using Clock = std::chrono::steady_clock;
 
@@ -47,7 +47,7 @@ struct Request {
   std::string body = {};
 };
 
-// --- What is served
+// --- Which requests are served
 
 const char* Header(MHD_Connection* connection, const char* name) {
   return MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
@@ -57,7 +57,7 @@ int Count(MHD_Connection* connection, MHD_ValueKind kind) {
   return MHD_get_connection_values(connection, kind, nullptr, nullptr);
 }
 
-Refusal Judge(MHD_Connection* connection, const Server& server, const std::string& path,
+Refusal Check(MHD_Connection* connection, const Server& server, const std::string& path,
               const std::string& method) {
   if (method != MHD_HTTP_METHOD_GET) {
     return {MHD_HTTP_METHOD_NOT_ALLOWED, "the method is not GET"};
@@ -86,18 +86,18 @@ Refusal Judge(MHD_Connection* connection, const Server& server, const std::strin
   return {};
 }
 
-// Whether the body has an announced length, and is worth waiting for.
+// True: the body's length is announced and within the limit.
 bool IsShort(MHD_Connection* connection) {
   const char* const length = Header(connection, "Content-length");
   return Header(connection, "Transfer-Encoding") == nullptr &&
-         (length == nullptr || std::strtoull(length, nullptr, 10) <= MOST_BODY_BYTES);
+         (length == nullptr || std::strtoull(length, nullptr, 10) <= MAX_BODY_BYTES);
 }
 
 // --- Replies
 
-// The clients know the length in lower case only, and want the body's beginning in the first chunk.
-// So there are two length headers, ours and the library's: without its own one it would send the
-// head ahead of the body.
+// The clients find the length in lower case only, and want the beginning of the body in their first
+// receive buffer. So a reply has two length headers, ours and the library's: without its own one it
+// would send the headers before the body.
 MHD_Result Reply(MHD_Connection* connection, unsigned status, const std::string& body) {
   const std::unique_ptr<MHD_Response, decltype(&MHD_destroy_response)> response(
       MHD_create_response_from_buffer(body.size(), const_cast<char*>(body.data()),
@@ -123,9 +123,9 @@ MHD_Result Refuse(MHD_Connection* connection, const Server& server, const std::s
   return Reply(connection, refusal.status, "");
 }
 
-// --- What the library calls. Nothing may be thrown through it.
+// --- Callbacks of the library. They must not throw.
 
-// Called once with the head, then with each piece of the body, then with no more.
+// Called once with the headers, then with each piece of the body, then with an empty piece.
 MHD_Result HandleRequest(void* data, MHD_Connection* connection, const char* path,
                          const char* method, const char* /*version*/, const char* piece,
                          std::size_t* pieceSize, void** state) try {
@@ -133,7 +133,7 @@ MHD_Result HandleRequest(void* data, MHD_Connection* connection, const char* pat
   const std::string line = std::string(method) + ' ' + path;
   auto* const request = static_cast<Request*>(*state);
   if (request == nullptr) {
-    const Refusal refusal = Judge(connection, server, path, method);
+    const Refusal refusal = Check(connection, server, path, method);
     if (!IsShort(connection)) {
       return Refuse(connection, server, line,
                     refusal.status != 0
@@ -165,7 +165,7 @@ void EndRequest(void* /*data*/, MHD_Connection* /*connection*/, void** state,
   *state = nullptr;
 }
 
-// The connection ends as soon as the library looks at it again.
+// The library closes the connection the next time it checks it.
 void Disconnect(MHD_Connection* connection) {
   shutdown(MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd,
            SHUT_RDWR);
@@ -179,7 +179,7 @@ void HandleConnection(void* data, MHD_Connection* connection, void** /*context*/
     return;
   }
   try {
-    deadlines[connection] = Clock::now() + PATIENCE;
+    deadlines[connection] = Clock::now() + CONNECTION_TIMEOUT;
   } catch (const std::exception&) {
     Disconnect(connection);
   }
@@ -192,13 +192,13 @@ __attribute__((format(printf, 2, 0))) void HandleMessage(void* data, const char*
   const std::string message = text;
   static_cast<Server*>(data)->user.failed(message.substr(0, message.find('\n')));
 } catch (const std::exception&) {
-  // There is no memory to tell it with.
+  // Out of memory: it cannot be logged.
 }
 
 // --- The loop
 
-// Waits until there is something to do, but not for long: somebody's time may be up, and after a
-// want of connections or descriptors it is the library's next look that listens again.
+// Waits for events, but at most half a second: a connection may time out meanwhile, and after
+// connections or descriptors ran out the library has to run to listen again.
 void Wait(MHD_Daemon* daemon) {
   constexpr int MILLISECONDS = 500;
   int limit = MILLISECONDS;
@@ -237,7 +237,7 @@ bool ServeHttp(int listener, const std::string& address, std::uint16_t port, con
   MHD_Daemon* const daemon = MHD_start_daemon(
       MHD_USE_EPOLL | MHD_USE_ERROR_LOG, port, nullptr, nullptr, HandleRequest, &server,
       MHD_OPTION_EXTERNAL_LOGGER, HandleMessage, static_cast<void*>(&server),
-      MHD_OPTION_LISTEN_SOCKET, listener, MHD_OPTION_CONNECTION_LIMIT, MOST_CONNECTIONS,
+      MHD_OPTION_LISTEN_SOCKET, listener, MHD_OPTION_CONNECTION_LIMIT, MAX_CONNECTIONS,
       MHD_OPTION_CONNECTION_MEMORY_LIMIT, CONNECTION_MEMORY_BYTES, MHD_OPTION_NOTIFY_COMPLETED,
       EndRequest, nullptr, MHD_OPTION_NOTIFY_CONNECTION, HandleConnection,
       static_cast<void*>(&server), MHD_OPTION_END);

@@ -1,4 +1,4 @@
-// A log file that may be renamed away while it is written.
+// A log file that may be renamed while it is in use.
 #pragma once
 
 #include <sys/stat.h>
@@ -10,12 +10,11 @@
 
 class RotatedLog : public LogHandlerClient {
  public:
-  // Opens the file and appends to it, as LogClientFile does; the layout as in
-  // LogClient::SetLayout.
+  // Opens the file for appending, as LogClientFile does. The layout is as in LogClient::SetLayout.
   RotatedLog(const std::string& path, LogLayout* layout);
 
-  // Writes the event to the file that has the path now, made when it is missing. Where it cannot be
-  // made, standard error is told, and the file that was open takes the event.
+  // Writes the event to the file that has the path now, and creates it when it is missing. If that
+  // fails, reports it on standard error and writes the event to the file opened before.
   void HandleEvent(const LogEvent& event) override;
 
  private:

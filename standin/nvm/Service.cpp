@@ -1,9 +1,9 @@
-// A stand-in for the device's nVm service: keeps who holds the diagnostic interface, and answers on
-// TCP port 5302 of a loopback address.
+// A stand-in for the device's nVm service: tracks the owner of the diagnostic interface, and
+// answers on TCP port 5302 of a loopback address.
 //
-//   nvm-service [ADDRESS]       127.0.0.1 without one
+//   nvm-service [ADDRESS]       default: 127.0.0.1
 //
-// Logs what it did to /tmp/nvm.log, which may be renamed at any time. SIGTERM ends it.
+// Logs every request to /tmp/nvm.log, which may be renamed at any time. SIGTERM ends it.
 
 #include <signal.h>
 
@@ -39,12 +39,11 @@ void OpenLog() {
   GetServiceLogHandler()->AddLogClient(new RotatedLog(SERVICE_LOG_FILE, new JniLayout));
 }
 
-// The text as printable ASCII, cut where it is long: no client writes lines of its own into the
-// log.
+// The text as printable ASCII, cut when it is long: so no client can add lines to the log.
 std::string Printable(const std::string& text) {
-  constexpr std::size_t MOST_CHARACTERS = 100;
+  constexpr std::size_t MAX_CHARACTERS = 100;
   std::string printable;
-  for (const char character : text.substr(0, MOST_CHARACTERS)) {
+  for (const char character : text.substr(0, MAX_CHARACTERS)) {
     if (character >= ' ' && character <= '~') {
       printable += character;
     } else {
@@ -53,7 +52,7 @@ std::string Printable(const std::string& text) {
       printable += code;
     }
   }
-  return text.size() > MOST_CHARACTERS ? printable + "..." : printable;
+  return text.size() > MAX_CHARACTERS ? printable + "..." : printable;
 }
 
 Status Execute(const std::string& function, const std::string& body) {

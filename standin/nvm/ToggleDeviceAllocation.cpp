@@ -1,5 +1,5 @@
-// For the maintainer: toggles the allocation of the device once, so that the trace can be looked
-// at. Ends with the result as its status: 0, or 255 for -1.
+// For the maintainer: toggles the allocation of the device once, and prints the trace. The exit
+// status is the result: 0, or 255 for -1.
 
 #include "NvmManipulator.h"
 

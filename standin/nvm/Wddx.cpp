@@ -32,7 +32,7 @@ std::string WriteVariable(const std::string& name, const std::string& value) {
   return "<var name=\"" + name + "\"><string>" + Escape(value) + "</string></var>";
 }
 
-// A few declarations can stand for gigabytes of text; no client sends any.
+// A few entity declarations can expand to gigabytes; no client sends any.
 void StopAtDeclaration(void* context, const xmlChar*, int, const xmlChar*, const xmlChar*,
                        xmlChar*) {
   auto* const parser = static_cast<xmlParserCtxtPtr>(context);
@@ -48,7 +48,7 @@ xmlDocPtr Parse(const std::string& text) {
     return nullptr;
   }
   parser->sax->entityDecl = StopAtDeclaration;
-  // Whatever it says of its encoding: no converter is to be loaded.
+  // Ignores the declared encoding, so that libxml2 loads no converter.
   return xmlCtxtReadMemory(
       parser.get(), text.data(), static_cast<int>(text.size()), "request.xml", "UTF-8",
       XML_PARSE_IGNORE_ENC | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_NONET);
@@ -57,7 +57,7 @@ xmlDocPtr Parse(const std::string& text) {
 }  // namespace
 
 std::optional<std::map<std::string, std::string>> ReadPacket(const std::string& text) {
-  // libxml2 may crash where memory ends: throw before it does.
+  // libxml2 may crash when memory runs out: throws before that.
   constexpr std::size_t ENOUGH_BYTES = std::size_t{4} * 1024 * 1024;
   operator delete(operator new(ENOUGH_BYTES));
   const std::unique_ptr<xmlDoc, decltype(&xmlFreeDoc)> document(Parse(text), xmlFreeDoc);
@@ -76,8 +76,8 @@ std::optional<std::map<std::string, std::string>> ReadPacket(const std::string& 
   return variables;
 }
 
-// The declaration in single quotes and the names in double quotes, no white space between elements:
-// the clients search the text for it.
+// The clients search the text. So the declaration is in single quotes, names are in double quotes,
+// and there is no white space between elements.
 std::string WritePacket(const std::vector<std::pair<std::string, std::string>>& variables,
                         const Status& status) {
   std::string packet =

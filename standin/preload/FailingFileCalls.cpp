@@ -1,17 +1,16 @@
-// Stands in front of the C library's file calls and lets chosen ones fail. Preloaded into the
-// unmodified program. Watched are the calls on paths below one folder, and on the descriptors that
-// they open. What the test sets in the environment:
+// Interposes the C library's file calls and makes chosen ones fail. Preloaded into the unmodified
+// program. It watches the calls on paths below one folder, and on the descriptors that they open.
+// The test sets in the environment:
 //
-// FAILING_FILE_CALLS_FOLDER   the folder; without it nothing is watched
-// FAILING_FILE_CALLS_TRACE    a file to which every watched call is appended, a line each
-// FAILING_FILE_CALLS          "3": the third of the watched calls fails; "3-": and all that follow
-// it FAILING_FILE_CALLS_ERROR    the errno that it fails with; without it the process is killed
-// there FAILING_FILE_CALLS_PIECE    the most bytes that one read or write moves
-// FAILING_FILE_CALLS_OWNER    who stat says owns the files, user and group; the files may then be
-// given
-//                        to anybody
+// FAILING_FILE_CALLS_FOLDER  the folder; without it no call is watched
+// FAILING_FILE_CALLS_TRACE   the file to which every watched call is appended, one a line
+// FAILING_FILE_CALLS         "3": the third watched call fails; "3-": it and all later ones fail
+// FAILING_FILE_CALLS_ERROR   the errno of the failure; without it the process is killed there
+// FAILING_FILE_CALLS_PIECE   the most bytes that one read or write moves
+// FAILING_FILE_CALLS_OWNER   the user and group that stat reports for the files; then giving a file
+//                            to any owner succeeds
 //
-// unlink is not among them: nobody could tidy up without it.
+// unlink never fails: otherwise nothing could be cleaned up.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -31,7 +30,8 @@ namespace {
 
 int callCount = 0;
 
-// The watched descriptors' files. Never destroyed: descriptors are closed to the very end.
+// The files of the watched descriptors. Never destroyed: descriptors are closed until the process
+// ends.
 std::map<int, std::string>& Names() {
   static auto* const names = new std::map<int, std::string>;
   return *names;
@@ -54,7 +54,7 @@ bool IsChosen(int number) {
   return !choice.empty() && (choice.back() == '-' ? number >= first : number == first);
 }
 
-// Whether this watched call must fail; errno says why.
+// Records the call. True: it has to fail, and errno is set.
 bool Fails(const std::string& call) {
   Record("FAILING_FILE_CALLS_TRACE", call);
   if (!IsChosen(++callCount)) {
@@ -90,8 +90,8 @@ std::string Octal(mode_t mode) {
   return text;
 }
 
-// The next of the same name. That is not always the name in the source: with wide offsets and times
-// the calls have others on 32-bit machines.
+// The C library's function with the same symbol. That is not always the name in the source: on
+// 32-bit machines the calls with 64-bit offsets and times have other symbols.
 template <typename Function>
 Function* Real(Function* own) {
   Dl_info symbol = {};
@@ -121,7 +121,7 @@ int open(const char* path, int flags, ...) {
   return descriptor;
 }
 
-// One that fails has closed all the same.
+// A close that fails has closed the descriptor nevertheless.
 int close(int descriptor) {
   const bool fails = FailsOn(descriptor, "close");
   const int error = errno;

@@ -1,15 +1,14 @@
-// The fake VM: stands in front of the real Java VM library and answers JNI_CreateJavaVM itself,
-// step by step as the test wishes. Preloaded into the unmodified program. What the test sets in the
-// environment:
+// The fake VM: interposes JNI_CreateJavaVM of the real Java VM's library, and answers every JNI
+// call as the test wants. Preloaded into the unmodified program. The test sets in the environment:
 //
-// FAKE_VM_RESULT   what JNI_CreateJavaVM returns; 0 without it
-// FAKE_VM_LEAVES   what a negative result leaves behind: "vm", "env" or "vm env"; without it
-//                  nothing
-// FAKE_VM_FAILS    the calls that fail, a line each, as far as they are to be told apart, as in
-//                  "FindClass java/io"; they give null and leave an exception pending
-// FAKE_VM_CALLS    a file to which every call is appended, a line each
+// FAKE_VM_RESULT  what JNI_CreateJavaVM returns; default: 0
+// FAKE_VM_LEAVES  the pointers that it sets even if the result is negative: "vm", "env" or both,
+//                 "vm env"; default: none
+// FAKE_VM_FAILS   the calls that fail, one a line, by their beginning, as in "FindClass java/io";
+//                 they return null and leave an exception pending
+// FAKE_VM_CALLS   the file to which every call is appended, one a line
 //
-// Functions that the program has no business to call are null.
+// Functions that the program must not call are null.
 
 #include <jni.h>
 
@@ -23,8 +22,8 @@ namespace {
 
 bool isExceptionPending = false;
 
-// Every class, method and object is its own description, so that a recorded call tells what it was
-// given.
+// Every handle of a class, method or object points to its description, so that a recorded call
+// shows its arguments.
 std::deque<std::string> handles;
 
 template <typename Handle>
@@ -117,7 +116,7 @@ jint CallStaticIntMethodV(JNIEnv*, jclass, jmethodID method, va_list) {
   return Call<jobject>("CallStaticIntMethodV " + Describe(method), "a number") != nullptr ? 42 : 0;
 }
 
-// Of a null text it gives none, where the real one crashes.
+// Returns an empty text for null, where the real VM crashes.
 const char* GetStringUtfChars(JNIEnv*, jstring text, jboolean*) {
   Record("GetStringUTFChars " + Describe(text));
   return text != nullptr ? reinterpret_cast<std::string*>(text)->c_str() : "";
@@ -148,7 +147,7 @@ void RecordStart(const JavaVMInitArgs& arguments) {
   }
 }
 
-bool GivesOut(const char* what, jint result) {
+bool SetsPointer(const char* what, jint result) {
   return result >= 0 || Setting("FAKE_VM_LEAVES").find(what) != std::string::npos;
 }
 
@@ -182,10 +181,10 @@ extern "C" JNIEXPORT jint JNICALL JNI_CreateJavaVM(JavaVM** vm, void** environme
                                                    void* arguments) {
   RecordStart(*static_cast<JavaVMInitArgs*>(arguments));
   const jint result = std::atoi(Setting("FAKE_VM_RESULT").c_str());
-  if (GivesOut("vm", result)) {
+  if (SetsPointer("vm", result)) {
     *vm = Vm();
   }
-  if (GivesOut("env", result)) {
+  if (SetsPointer("env", result)) {
     *environment = Environment();
   }
   return result;

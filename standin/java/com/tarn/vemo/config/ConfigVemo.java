@@ -9,11 +9,11 @@ import java.nio.file.Path;
 import java.util.Enumeration;
 
 /**
- * The device's configuration, as the web interface's programs ask for it through JNI.
+ * The device's configuration, which the web interface's programs read through JNI.
  *
- * <p>Every web request loads this class into a Java VM of its own, and its callers check neither for
- * null nor for exceptions. So the class has no static initialiser and no lambdas, which would cost each
- * request start-up time, and its methods answer the empty text for everything that they cannot tell.
+ * <p>Every web request loads this class into a Java VM of its own. So it has no static initialiser and no
+ * lambdas, which would cost start-up time. Its callers check neither for null nor for exceptions. So its
+ * methods return the empty text when they do not know the answer.
  */
 public final class ConfigVemo {
 
@@ -30,7 +30,7 @@ public final class ConfigVemo {
         return addressOf(true);
     }
 
-    /** A network card's address wins over that of a bridge, a tunnel or another virtual interface. */
+    /** Prefers a network card's address to that of a bridge, a tunnel or another virtual interface. */
     private static String addressOf(boolean wireless) {
         try {
             String virtual = "";
@@ -65,7 +65,7 @@ public final class ConfigVemo {
         return "";
     }
 
-    /** Drivers of the older wireless interface of Linux have "wireless", those of the newer "phy80211". */
+    /** Linux drivers with the older wireless interface have "wireless", those with the newer one "phy80211". */
     private static boolean isWireless(NetworkInterface networkInterface) {
         return hasKernelEntry(networkInterface, "wireless") || hasKernelEntry(networkInterface, "phy80211");
     }
