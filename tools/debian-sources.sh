@@ -1,5 +1,5 @@
-# Where mmdebstrap finds Debian 12, as apt of this machine knows it. Sourced. Sets sources, the lines of a
-# sources.list, and source_options, mmdebstrap's options with it.
+# The sources from which mmdebstrap gets Debian 12, by the settings of this machine's apt. Sourced. Sets sources, the lines
+# of a sources.list, and source_options, the matching options of mmdebstrap.
 # shellcheck shell=bash disable=SC2034
 
 # shellcheck disable=SC2016
@@ -10,6 +10,6 @@ sources=$(apt-get indextargets --format \
   echo "${0##*/}: apt of this machine knows no Debian 12" >&2
   exit 1
 }
-# How it gets them: proxies, certificates, which dates it takes.
+# apt's settings of proxies, certificates and valid dates.
 mapfile -t source_options < <(apt-config dump Acquire |
   sed -n 's/^\(Acquire::\(https\?::\|Check-\|Retries\).*\);$/--aptopt=\1/p')

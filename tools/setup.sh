@@ -1,8 +1,8 @@
-# What ./run, ./test and ./package share: installing what is missing, building. Sourced with the repository's
-# top as the current folder.
+# Shared by ./run, ./test and ./package: installs missing packages, builds. Sourced with the repository's top as the
+# current folder.
 # shellcheck shell=bash disable=SC2034,SC2154
 
-# Nobody is asked, and nothing waits for an answer: what tests start, too. Whoever has no standard input gets one.
+# No program that we start can ask and wait for an answer; and a closed standard input is opened.
 exec </dev/null
 
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libcgicc-dev libxml2-dev
@@ -13,23 +13,23 @@ TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang libclang-rt-14-
   clang-tidy llvm shellcheck curl iproute2 chromium chromium-driver python3-pytest python3-pytest-xdist
   python3-selenium libxml2-utils proot
   systemd strace nftables valgrind qemu-system-x86 qemu-user busybox-static cpio e2fsprogs git)
-# For other processors: Debian's cross compilers here, and what is unpacked of those processors' packages, to
-# compile against and to run.
+# For other processors: Debian's cross compilers, and the packages of those processors that are unpacked to compile
+# against and to run.
 CROSS_PACKAGES=(g++-aarch64-linux-gnu g++-arm-linux-gnueabihf mmdebstrap)
 SYSROOT_PACKAGES=(libc6 libstdc++6 libcgicc-dev libxml2-dev libmicrohttpd-dev openjdk-17-jre-headless
   libgtest-dev libgmock-dev librapidcheck-dev lighttpd busybox-static)
 declare -A SYSROOT_KERNEL=([arm64]=linux-image-cloud-arm64 [armhf]=linux-image-armmp-lpae)
-# What ./test --long needs beside these, PACKAGING_PACKAGES and CROSS_PACKAGES.
+# What ./test --long needs in addition, with PACKAGING_PACKAGES and CROSS_PACKAGES.
 LONG_TEST_PACKAGES=(lintian blhc ccache diffoscope-minimal faketime firefox-esr locales
   gdb linux-perf python3-matplotlib wrk pngquant qemu-system-arm)
-# A Node.js from elsewhere brings its own.
+# A Node.js that is not Debian's brings its own npm.
 command -v npm >/dev/null || TEST_PACKAGES+=(npm)
-# Another JDK can take the place of Debian's.
+# JAVA_HOME names another JDK than Debian's.
 if [[ -z ${JAVA_HOME:-} ]]; then
   BUILD_PACKAGES+=(openjdk-17-jdk-headless)
 fi
 
-# Web servers, as far as they start no service; fetch_web_servers has the others.
+# The web servers whose packages start no service; fetch_web_servers unpacks the others.
 TEST_PACKAGES+=(apache2-bin libfcgi0ldbl lighttpd-mod-openssl openssl)
 
 fail() {
@@ -37,18 +37,19 @@ fail() {
   exit 1
 }
 
-# The comment that the script $self begins with; its first line is the usage.
+# Prints the comment at the top of the script $self; its first line is the usage.
 show_help() {
   sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$self"
 }
 
-# For a wrong command line.
+# refuse MESSAGE: for a wrong command line.
 refuse() {
   echo "${0##*/}: $*. $(show_help | head -n 1); --help tells more" >&2
   exit 2
 }
 
-# Nothing is installed for a checkout that cannot be built: check_writable FOLDER..., beside the top folder.
+# check_writable FOLDER...: these and the top folder. Called first, so that nothing is installed for a checkout that
+# cannot be built.
 check_writable() {
   local folder
   for folder in . "$@"; do
@@ -58,8 +59,8 @@ check_writable() {
   done
 }
 
-# Ctrl-C ends a script with one line. The terminal interrupts what runs, too; the last of that keeps the log
-# locked until it has ended.
+# Ctrl-C ends a script with one line. The terminal interrupts the running commands, too; they keep the log locked
+# until the last one has ended.
 log=
 stop() {
   trap '' INT
@@ -74,7 +75,7 @@ trap stop INT
 quietly() {
   log=$1
   shift
-  # In a shell of its own, so that the trap's line does not land in the file.
+  # In a subshell, so that the trap does not write its line into the file.
   (
     exec >"$log" 2>&1 </dev/null
     flock --nonblock 1 || true
@@ -97,7 +98,7 @@ is_installed() {
   [[ $(dpkg-query --show --showformat '${db:Status-Status}' "$1" 2>/dev/null) == installed ]]
 }
 
-# Installs those of the Debian packages that are missing.
+# install_packages PACKAGE...: installs the missing ones.
 install_packages() {
   command -v dpkg-query >/dev/null ||
     fail "this is not a Debian system, and it installs Debian's packages; build by hand, as README.md tells," \
@@ -120,7 +121,7 @@ install_packages() {
     fail "the packages cannot be installed, for the reason above: is there a network? Or $by_hand"
 }
 
-# Whether the build folder was configured in another checkout and came here with a copy of it.
+# is_copied FOLDER: whether the build folder was configured in another checkout, and copied together with it.
 is_copied() {
   local cache=$1/CMakeCache.txt source folder
   [[ -e $cache ]] || return 1
@@ -135,19 +136,19 @@ configure() {
   shift
   if is_copied "$folder"; then
     echo "The checkout is a copy: building $folder anew"
-    # All but the device's storage and what was fetched.
+    # Keeps the device's storage and what was fetched.
     find "$folder" -mindepth 1 -maxdepth 1 ! -name state ! -name npm ! -name roots -exec rm -rf {} +
   fi
   mkdir -p "$folder"
   local configure=(quietly "$folder/configure.log" cmake -S . -B "$folder" -G Ninja "$@")
   local failed="the build in $folder cannot be configured, for the reason above; all of it is in"
   "${configure[@]}" || fail "$failed $folder/configure.log"
-  # Told another compiler than the folder had, CMake begins anew and forgets what else it was told.
+  # With another compiler than before, CMake starts again and forgets its other options: so a second run.
   ! grep -q 'require your cache to be deleted' "$folder/configure.log" || "${configure[@]}" ||
     fail "$failed $folder/configure.log"
 }
 
-# Shows ninja's steps in one line of the terminal, and what else it says whole.
+# Shows ninja's steps in one line of the terminal, and its other output in full.
 show_steps() {
   local line
   while IFS= read -r line; do
@@ -160,8 +161,8 @@ show_steps() {
   printf '\r\e[K'
 }
 
-# build FOLDER [TARGET...]; a terminal shows how far it is. ninja waits for the compilers that it interrupts,
-# `cmake --build` does not wait for ninja.
+# build FOLDER [TARGET...]: shows the progress at a terminal. Calls ninja directly: it waits for the compilers that it
+# interrupts, while `cmake --build` does not wait for ninja.
 build() {
   local folder=$1
   shift
@@ -172,7 +173,7 @@ build() {
   fi || fail "the build in $folder failed, for the reason above"
 }
 
-# The accessibility checker that the browser tests put into the pages.
+# The accessibility checker that the browser tests load into the pages.
 install_accessibility_checker() {
   local version=4.10.3
   ! grep -qs "\"version\": \"$version\"" build/npm/node_modules/axe-core/package.json || return 0
@@ -183,7 +184,7 @@ install_accessibility_checker() {
     fail "axe-core cannot be fetched, for the reason above: is there a network?"
 }
 
-# unpack FOLDER PACKAGE...: what is in the packages, in the folder; nothing is installed.
+# unpack FOLDER PACKAGE...: unpacks the packages into the folder, without installing them.
 unpack() {
   ! tools/unpack-packages --is-there "$@" || return 0
   echo "Fetching ${*:2}"
@@ -199,7 +200,7 @@ fetch_kernel() {
   unpack build/machine/kernel linux-image-cloud-amd64
 }
 
-# The web servers that, installed, would start services of their own.
+# The web servers whose packages would start services when installed.
 fetch_web_servers() {
   unpack build/web-servers nginx fcgiwrap
 }
@@ -225,9 +226,9 @@ find_sandbox() {
   VEMO_SANDBOX_KIND=$(standin/sandbox --kind 2>build/sandbox.log)
 }
 
-# Finds out, once for all that follows, which kind of sandbox the machine allows.
+# Sets VEMO_SANDBOX_KIND to the kind of sandbox that the machine allows, so that no later command has to try.
 check_sandbox() {
-  # A tool that traces programs comes only to machines that need it.
+  # proot traces programs: it is installed only on machines that need it.
   if ! find_sandbox && ! is_installed proot; then
     (install_packages proot) || true
   fi
@@ -242,10 +243,10 @@ check_sandbox() {
 prepare_tests() {
   jobs=$(nproc)
   [[ $VEMO_SANDBOX_KIND == proot ]] || return 0
-  # The tests of several processes would meet on the machine's only loopback.
+  # All tests share the machine's loopback, so they cannot run at once.
   jobs=1
   local port
-  # The device's, and those of tests/web/device.py.
+  # The device's ports, and those of tests/web/device.py.
   for port in 5302 {8080..8103}; do
     ! is_listening "$port" ||
       fail "this machine refuses namespaces, so the tests use its own port $port, which is busy:" \
