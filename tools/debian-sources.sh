@@ -1,5 +1,5 @@
-# The sources from which mmdebstrap gets Debian 12, by the settings of this machine's apt. Sourced. Sets sources, the lines
-# of a sources.list, and source_options, the matching options of mmdebstrap.
+# The sources from which mmdebstrap gets Debian 12, by the settings of this machine's apt. Sourced. Sets sources, the
+# lines of a sources.list, and source_options, the matching options of mmdebstrap.
 # shellcheck shell=bash disable=SC2034
 
 # shellcheck disable=SC2016

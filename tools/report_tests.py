@@ -1,14 +1,14 @@
-"""Runs ctest in each of the build folders: shows how far it is, each failure whole, each skip with its
-reason, and the totals. The exit status is 0 when tests ran and none failed. Where the sandbox is whole
-(VEMO_SANDBOX_KIND is not "proot") nothing is to be skipped, and a skip is a failure.
+"""Runs ctest in each of the build folders. Shows the progress, each failure with its whole output, each skip with
+its reason, and the totals. The exit status is 0 when tests ran and none failed. Where namespaces are allowed
+(VEMO_SANDBOX_KIND is not "proot") a skip is a failure.
 
     report_tests.py [OPTION...] BUILD... -- [CTEST ARGUMENT...]
 
---verbose        shows all that ctest says
---list           ctest only lists something: shows that
---rerun-failed   only what failed last time, in each folder
+--verbose        shows ctest's whole output
+--list           only shows the list that ctest prints
+--rerun-failed   only the tests that failed last time, in each folder
 
-When it is interrupted, told to end, or nobody reads what it says any more, all that it started ends, too.
+It ends everything that it started when it is interrupted or terminated, and when its output is closed.
 """
 
 import signal
@@ -26,15 +26,15 @@ import time  # noqa: E402
 import xml.etree.ElementTree  # noqa: E402
 
 STEP = 15  # seconds between two lines of progress where there is no terminal
-# How tests are ended, and for how many seconds each is given a chance: to clear up; to end all the same, though a
-# shell's background process does not hear of an interrupt.
+# The signals that end tests, each with the seconds to wait. SIGINT lets them clean up. Background processes of a shell
+# ignore it, so SIGTERM follows.
 ENDINGS = ((signal.SIGINT, 5), (signal.SIGTERM, 3), (signal.SIGKILL, 3))
 FAILED = "Testing/Temporary/LastTestsFailed.log"  # ctest's own, a line for each: NUMBER:NAME
 PR_SET_CHILD_SUBREAPER = 36
 
 
 class Stopped(Exception):
-    """By a signal, the number of which it holds."""
+    """A signal has stopped us; the argument is its number."""
 
 
 def ctest_command(folder, arguments):
@@ -42,12 +42,12 @@ def ctest_command(folder, arguments):
 
 
 def run_ctest(folder, arguments, is_verbose, results):
-    """Shows ctest's output, or how far it is. Adds to results, by their names, the number of each test
-    and what is said of it when it failed, else "". Gives ctest's exit status and its output."""
+    """Shows ctest's output, or the progress. Adds each test to results, by its name: its number, and how it failed, or
+    "". Returns ctest's exit status and its output."""
     is_terminal = sys.stdout.isatty() and os.environ.get("TERM", "dumb") != "dumb"
     lines = []
     shown = time.monotonic()
-    # The terminal interrupts us alone; we interrupt them, once.
+    # In a session of its own: the terminal interrupts only us, and we interrupt the tests, once.
     ctest = subprocess.Popen(
         ctest_command(folder, arguments), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
         stderr=subprocess.STDOUT, text=True, errors="replace", start_new_session=True)
@@ -63,7 +63,7 @@ def run_ctest(folder, arguments, is_verbose, results):
             count = sum(1 for _, failure in results.values() if failure)
             text = f"{folder}: {result[1]}" + (f", {count} failed" if count else "")
             if is_terminal:
-                # Cut where the terminal ends.
+                # Cut at the terminal's width.
                 print(f"\r\033[K\033[?7l{text}  {result[3]}\033[?7h", end="", flush=True)
             elif time.monotonic() > shown + STEP:
                 print(text, flush=True)
@@ -78,8 +78,8 @@ def skip_reason(output):
     return reason[1] if reason else output.strip()
 
 
-def tell(junit, results):
-    """Prints failures and skips of a JUnit file. Gives the numbers of passed, failed and skipped."""
+def print_results(junit, results):
+    """Prints failures and skips of a JUnit file. Returns the numbers of passed, failed and skipped tests."""
     counts = {"passed": 0, "failed": 0, "skipped": 0}
     for test in xml.etree.ElementTree.parse(junit).iter("testcase"):
         name = test.get("name")
@@ -97,7 +97,7 @@ def tell(junit, results):
 
 
 def failed_before(folder):
-    """The tests that failed last time: their numbers of then, by their names."""
+    """The tests that failed last time: by their names, their numbers at that time."""
     try:
         lines = pathlib.Path(folder, FAILED).read_text(encoding="utf-8").splitlines()
     except FileNotFoundError:
@@ -105,17 +105,17 @@ def failed_before(folder):
     return {name: number for number, _, name in (line.partition(":") for line in lines)}
 
 
-def places_of(folder, names, arguments):
-    """Where those of the tests stand, counted from 1, that the arguments choose. ctest's -I counts like this."""
+def positions_of(folder, names, arguments):
+    """The positions of these tests, from 1, among those that the arguments choose. ctest's -I counts like this."""
     listed = subprocess.run(ctest_command(folder, ["-N", *arguments, "-I", "1,"]), stdout=subprocess.PIPE, text=True,
                             check=False).stdout
     chosen = re.findall(r"^ *Test +#\d+: (.*)$", listed, re.MULTILINE)
-    return [str(place) for place, name in enumerate(chosen, 1) if name in names]
+    return [str(position) for position, name in enumerate(chosen, 1) if name in names]
 
 
 def note_failures(folder, results, before):
-    """For the next --rerun-failed: what failed, and what failed before and did not run now. ctest notes nothing when
-    it is interrupted, and keeps what it noted when nothing fails."""
+    """For the next --rerun-failed, writes the tests that failed now, and those that failed before and did not run now.
+    ctest itself writes nothing when it is interrupted, and keeps its old list when nothing fails."""
     if results:
         failed = [f"{number}:{name}\n" for name, (number, failure) in results.items() if failure]
         failed += [f"{number}:{name}\n" for name, number in before.items() if name not in results]
@@ -126,14 +126,14 @@ def note_failures(folder, results, before):
 
 
 def run(folder, options, arguments):
-    """Gives the numbers of passed, failed and skipped, and whether ctest did what it was to do."""
+    """Returns the numbers of passed, failed and skipped tests, and whether ctest ran as it should."""
     before = {}
     if "--rerun-failed" in options:
         before = failed_before(folder)
-        places = places_of(folder, before, arguments)
-        if not places:
+        positions = positions_of(folder, before, arguments)
+        if not positions:
             return {}, True
-        arguments = [*arguments, "-I", "0,0,0," + ",".join(places)]
+        arguments = [*arguments, "-I", "0,0,0," + ",".join(positions)]
     if "--list" in options:
         listed = subprocess.run(ctest_command(folder, arguments), stdout=subprocess.PIPE, text=True, check=False)
         print(listed.stdout)
@@ -146,7 +146,7 @@ def run(folder, options, arguments):
         status, output = run_ctest(folder, ["--output-junit", str(junit), *arguments], is_verbose, results)
     finally:
         note_failures(folder, results, before)
-    counts = tell(junit, results) if junit.exists() else {}
+    counts = print_results(junit, results) if junit.exists() else {}
     if counts and (status == 0 or counts["failed"]):
         return counts, True
     print("" if is_verbose else output)
@@ -154,7 +154,7 @@ def run(folder, options, arguments):
 
 
 def report(options, folders, arguments):
-    """Gives the exit status."""
+    """Returns the exit status."""
     totals = {"passed": 0, "failed": 0, "skipped": 0}
     is_good = True
     for folder in folders:
@@ -175,7 +175,7 @@ def report(options, folders, arguments):
 
 
 def descendants():
-    """The processes that ctest and the tests have started, with theirs."""
+    """All processes that ctest and the tests have started, directly or not."""
     children = {}
     for path in pathlib.Path("/proc").glob("[0-9]*/stat"):
         try:
@@ -193,9 +193,9 @@ def descendants():
 
 
 def end_descendants():
-    """Interrupts them, as a terminal would, and ends what does not end of that."""
+    """Interrupts all descendants, as a terminal would, and then ends those that go on."""
     for number, seconds in ENDINGS:
-        told = set()
+        signalled = set()
         until = time.monotonic() + seconds
         while time.monotonic() < until:
             try:
@@ -203,11 +203,11 @@ def end_descendants():
                     pass
             except ChildProcessError:
                 return
-            # Who is interrupted may start others to clear up.
-            if not told or number != signal.SIGINT:
+            # SIGINT only once: an interrupted test may start processes that clean up.
+            if not signalled or number != signal.SIGINT:
                 for process in descendants():
-                    if process not in told:
-                        told.add(process)
+                    if process not in signalled:
+                        signalled.add(process)
                         try:
                             os.kill(process, number)
                         except OSError:
@@ -216,7 +216,7 @@ def end_descendants():
 
 
 def main():
-    # What loses its parent becomes our child.
+    # Orphaned descendants become our children, so that we can end them.
     ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
     words = sys.argv[1:]
     split = words.index("--")
