@@ -1,7 +1,7 @@
-# Checks that read the sources. Tests like the others, so that they are counted.
+# Static checks of the sources, as tests, so that they are counted.
 
-# clang-tidy reads what the compilation database of the sanitizers' tree says. A stamp for each file,
-# younger than the objects of its target: only what has changed is read again.
+# clang-tidy uses the compilation database of the sanitizers' build. Each file has a stamp that is newer than the
+# objects of its target: so only changed files are checked again.
 function(add_tidy_target name)
   set(settings ${PROJECT_SOURCE_DIR}/.clang-tidy ${PROJECT_SOURCE_DIR}/tests/.clang-tidy)
   foreach(folder ${ARGN})
@@ -53,7 +53,7 @@ else()
     ${PROJECT_SOURCE_DIR}/bench/*.h ${PROJECT_SOURCE_DIR}/bench/*.cpp
     ${PROJECT_SOURCE_DIR}/tests/*.h ${PROJECT_SOURCE_DIR}/tests/*.cpp)
   add_test(NAME format COMMAND clang-format --dry-run -Werror ${formatted})
-  # Every file that a shell runs, and what the scripts at the top share.
+  # Every shell script, and what the top-level scripts source.
   add_test(NAME shellcheck
     COMMAND sh -c "grep -rlE '^#!.*sh$' --exclude-dir='build*' --exclude-dir=.git . | xargs shellcheck -x tools/*.sh"
     WORKING_DIRECTORY ${PROJECT_SOURCE_DIR})

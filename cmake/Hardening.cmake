@@ -1,18 +1,18 @@
-# What makes a mistake in memory harder to abuse, for everything that is built here. Whoever takes the
-# repository into a build of his own has flags of his own. tests/packaging/hardening.py looks at the files.
+# Hardening for everything that is built here: it makes memory errors harder to exploit. A project that includes this
+# one sets its own flags. tests/packaging/hardening.py checks the built files.
 
-# Position independent, so that addresses differ from start to start.
+# Position independent, so that addresses differ at each start.
 include(CheckPIESupported)
 check_pie_supported()
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 
 add_compile_options(-fstack-protector-strong)
-# The library's checked calls need an optimising compiler; the sanitizers check more, and do not know them.
+# The C library's checked calls need optimisation. The sanitizers check more, and do not support them.
 if(NOT VEMO_SANITIZE)
   add_compile_options("$<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:SHELL:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>")
 endif()
 
-# Jumps and returns are checked where the processor can.
+# Checks jumps and returns on processors that can.
 include(CheckCXXCompilerFlag)
 check_cxx_compiler_flag(-fcf-protection HAS_CF_PROTECTION)
 check_cxx_compiler_flag(-mbranch-protection=standard HAS_BRANCH_PROTECTION)
@@ -22,5 +22,5 @@ elseif(HAS_BRANCH_PROTECTION)
   add_compile_options(-mbranch-protection=standard)
 endif()
 
-# What the loader fills in is read-only from then on, and no stack is executable.
+# The loader's tables are read-only once they are filled, and no stack is executable.
 add_link_options(LINKER:-z,relro,-z,now,-z,noexecstack)

@@ -1,6 +1,6 @@
-# add_java_classes(NAME SOURCES FOLDER): the target NAME compiles what is below the folder SOURCES
-# into FOLDER, a class path, for the oldest Java VM that a device may have. By itself the compiler knows only
-# paths that the locale's character set has, and its own VM leaves a file in /tmp.
+# add_java_classes(NAME SOURCES FOLDER): the target NAME compiles the classes below the folder SOURCES into the class
+# path FOLDER, for the oldest Java VM that a device may have. LC_ALL: else javac fails on paths that the locale cannot
+# encode. -UsePerfData: else its VM leaves a file in /tmp.
 function(add_java_classes name sources folder)
   file(GLOB_RECURSE files CONFIGURE_DEPENDS ${sources}/*.java)
   add_custom_command(

@@ -1,10 +1,10 @@
-# Finds the JDK: JAVA_HOME when it is set, else the one that Debian installs. Leaves where it
-# is to FindJNI, and Java_JAVAC_EXECUTABLE for the classes beside the programs.
+# Finds the JDK: JAVA_HOME when it is set, else Debian's. Sets the cache variables of FindJNI, and
+# Java_JAVAC_EXECUTABLE for the Java classes.
 
 file(GLOB debian_jdks "/usr/lib/jvm/java-*-openjdk-*")
 find_path(java_home include/jni.h
   NO_CACHE NO_CMAKE_FIND_ROOT_PATH HINTS /usr/lib/jvm/default-java ${debian_jdks})
-# For another processor its Java VM, and the compiler of this machine's JDK. The headers are the same.
+# For another processor: that processor's Java VM, and the compiler of this machine's JDK. The headers are the same.
 set(build_java_home "${java_home}")
 if(CMAKE_CROSSCOMPILING AND CMAKE_SYSROOT)
   file(GLOB java_vms "${CMAKE_SYSROOT}/usr/lib/jvm/java-*/lib/server/libjvm.so")
@@ -20,7 +20,7 @@ if(NOT "$ENV{JAVA_HOME}" STREQUAL "")
   endif()
 endif()
 
-# Another JDK than last time: what was found in the old one is void.
+# Another JDK than last time: forgets the paths in the old one.
 if(DEFINED JAVA_HOME_IN_USE AND NOT java_home STREQUAL JAVA_HOME_IN_USE)
   unset(JAVA_INCLUDE_PATH CACHE)
   unset(JAVA_INCLUDE_PATH2 CACHE)
@@ -29,7 +29,7 @@ if(DEFINED JAVA_HOME_IN_USE AND NOT java_home STREQUAL JAVA_HOME_IN_USE)
 endif()
 set(JAVA_HOME_IN_USE "${java_home}" CACHE INTERNAL "The JDK that the paths below were found in")
 
-# FindJNI does not find Debian's JDK unaided; it takes what is known already.
+# FindJNI does not find Debian's JDK by itself; it accepts cached paths.
 find_path(JAVA_INCLUDE_PATH jni.h PATHS "${java_home}/include" "${build_java_home}/include"
   NO_DEFAULT_PATH NO_CMAKE_FIND_ROOT_PATH)
 find_path(JAVA_INCLUDE_PATH2 jni_md.h PATHS "${java_home}/include/linux" "${build_java_home}/include/linux"
@@ -38,6 +38,6 @@ find_library(JAVA_JVM_LIBRARY jvm PATHS "${java_home}/lib/server" NO_DEFAULT_PAT
 find_program(Java_JAVAC_EXECUTABLE javac PATHS "${build_java_home}/bin"
   NO_DEFAULT_PATH NO_CMAKE_FIND_ROOT_PATH)
 if(CMAKE_CROSSCOMPILING)
-  # Not Debian's: the one in PATH.
+  # Without Debian's JDK: the compiler in PATH.
   find_program(Java_JAVAC_EXECUTABLE javac NO_CMAKE_FIND_ROOT_PATH)
 endif()

@@ -1,12 +1,12 @@
-# The same sources give the same bits, wherever they are built. Whoever takes the repository into a build of
-# his own has flags of his own. tests/packaging/same_bits.py builds twice.
+# Reproducible builds: the same sources give the same bits, wherever they are built. A project that includes this one
+# sets its own flags. tests/packaging/same_bits.py builds twice and compares.
 
-# No file names the folder that it was compiled in. A debugger finds the sources by that name, and llvm-cov.
+# No file names the folder that it was compiled in. Debug builds keep it for the debugger, sanitized ones for llvm-cov.
 if(NOT VEMO_SANITIZE)
   add_compile_options("$<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.>")
 endif()
 
-# Archives without times and users, however binutils was configured.
+# Static libraries without times and users, however binutils was configured.
 foreach(step CREATE APPEND)
   string(REGEX REPLACE "^(<CMAKE_AR> [a-z]+) " "\\1D " CMAKE_CXX_ARCHIVE_${step} "${CMAKE_CXX_ARCHIVE_${step}}")
 endforeach()
