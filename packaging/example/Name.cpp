@@ -18,7 +18,7 @@ constexpr char SOURCE[] = "example/Name";
 constexpr char ADDRESS[] = "name.cgi";
 constexpr char KEY[] = "VEMODInterfaceName";
 
-// Loads just before it stores: what others store in between is lost. Whether it worked.
+// Loads immediately before it stores: what other programs store in between is lost. True: stored.
 bool StoreName(const std::string& name) {
   PropertiesIni settings;
   if (settings.Load(SETTINGS_FILE)) {
@@ -31,7 +31,7 @@ bool StoreName(const std::string& name) {
   return false;
 }
 
-// What stands in the file, not what was sent.
+// Shows the value in the file, not the submitted one.
 void PrintForm() {
   PropertiesIni settings;
   if (!settings.Load(SETTINGS_FILE)) {
@@ -60,14 +60,14 @@ void PrintForm() {
 
 int main() {
   LogFormater(LOG_LEVEL_DEBUG, SOURCE, 1).Log(GetCgiLogHandler(), "%s", "main");
-  // Before any output: a request that cannot be read then ends as a clean error of the web server.
+  // Before any output: it throws on a malformed request, and the web server then sends an error.
   const cgicc::Cgicc request(nullptr);
 
   const VemoHtml frame("Interface Name");
   OpenContent({{"Interface Name", ADDRESS}});
-  // Only a POST changes something: the web server sees to it that it comes from our own pages.
+  // Only a POST changes something: the web server's CSRF protection lets in only our own pages'.
   if (request.getEnvironment().getRequestMethod() == "POST") {
-    // The form asks browsers for this much. Whoever sends something else is not asked.
+    // The form's limits hold in browsers only; other clients can send anything.
     const std::string name = request("Name");
     if (name.empty() || name.size() > 40) {
       PrintNotice("Nothing was stored: a name has 1 to 40 characters.");

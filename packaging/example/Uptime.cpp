@@ -14,7 +14,7 @@ int main() {
   LogFormater(LOG_LEVEL_DEBUG, "example/Uptime", 1).Log(GetCgiLogHandler(), "%s", "main");
   const VemoHtml frame("Uptime");
   OpenContent({{"Uptime", "uptime.cgi"}});
-  // From the kernel: the service does not see /proc/uptime.
+  // By a system call, since the service does not see /proc/uptime.
   timespec sinceBoot;
   if (clock_gettime(CLOCK_BOOTTIME, &sinceBoot) == 0) {
     std::cout << cgicc::p("The device has been running for " +
