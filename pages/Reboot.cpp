@@ -145,7 +145,7 @@ void Reboot() {
     return;
   }
   PrintText(
-      "The device reboots now. This page tells when it is back; without scripts, the link does.");
+      "The device reboots now. This page shows when it is back; without scripts, follow the link.");
   PrintReturn();
 }
 

@@ -44,7 +44,7 @@ show_help() {
 
 # refuse MESSAGE: for a wrong command line.
 refuse() {
-  echo "${0##*/}: $*. $(show_help | head -n 1); --help tells more" >&2
+  echo "${0##*/}: $*. $(show_help | head -n 1); see --help" >&2
   exit 2
 }
 
@@ -101,7 +101,7 @@ is_installed() {
 # install_packages PACKAGE...: installs the missing ones.
 install_packages() {
   command -v dpkg-query >/dev/null ||
-    fail "this is not a Debian system, and it installs Debian's packages; build by hand, as README.md tells," \
+    fail "this is not a Debian system, and it installs Debian's packages; build by hand, as README.md says," \
       "with what these packages of Debian 12 hold: $*"
   local package missing=()
   for package in "$@"; do
