@@ -38,7 +38,7 @@ class Units(unittest.TestCase):
 
     def test_a_stop_waits_longer_than_a_request_may_take(self):
         site = (SOURCE / "web/lighttpd/lighttpd-site.conf").read_text(encoding="utf-8")
-        request = sum(map(int, re.findall(r'"CGI_GATE_(?:PATIENCE|LIMIT)" *=> "(\d+)"', site)))
+        request = sum(map(int, re.findall(r'"CGI_GATE_(?:QUEUE|RUN)_TIMEOUT" *=> "(\d+)"', site)))
         self.assertEqual(request, 120)
         server = (SOURCE / "web/lighttpd/lighttpd.conf").read_text(encoding="utf-8")
         server = int(re.search(r'"server\.graceful-shutdown-timeout" => (\d+)', server)[1])
