@@ -109,11 +109,6 @@ RULES = [
          until=SAYS % r"^\[3/[0-9]+\]|no work to do"),
     Rule(r"tests/arm/build armhf", "checkout", after="test -x build-armhf/setobdconf.cgi"),
     Rule(r"tests/arm/run armhf -- .*", "checkout", says=r"\[  PASSED  \] [1-9]"),
-    Rule(r"tests/arm/build arm64 && cmake --build build-arm64 --target bench-spawn", "checkout",
-         after="test -x build-arm64/bench/bench-spawn"),
-    # All is there but the boot, which takes long.
-    Rule(r"bench/arm arm64", "checkout", prepare="rm -rf build-arm64/bench-machine",
-         until="test -s build-arm64/bench-machine/initramfs"),
     Rule(r"cmake --preset debug && cmake --build --preset debug", "checkout", until=SAYS % r"^\[3/[0-9]+\]"),
     # The debug build takes long: the other one stands in its place.
     Rule(r"\$sandbox gdb --args \S+", "checkout", prepare="rm -rf build-debug; ln -s build build-debug",
