@@ -4,14 +4,14 @@
 function(add_tests_under_vm name folder)
   cmake_parse_arguments(PARSE_ARGV 2 test "" "" PROPERTIES)
   add_browser_test(browser_journey.${name} ENV LD_LIBRARY_PATH=${folder} TESTS ${journey})
-  set_tests_properties(browser_journey.${name} PROPERTIES LABELS long ${test_PROPERTIES})
+  add_device_test(class_archive.${name} ENV LD_LIBRARY_PATH=${folder} COMMAND ${class_archive})
+  set_tests_properties(browser_journey.${name} class_archive.${name} PROPERTIES LABELS long ${test_PROPERTIES})
   set(under EXTRA_ARGS --java-vm=${folder} TEST_SUFFIX .${name}
     PROPERTIES TIMEOUT 300 LABELS long ${test_PROPERTIES})
   foreach(binary program_tests page_tests)
     gtest_discover_tests(${binary} TEST_FILTER
       *RealVm*:JavaCalls.*:StartUpOptions.*:*BadOption*:*Processor*:SetOptionPage.*:SiblingPages.* ${under})
   endforeach()
-  gtest_discover_tests(class_archive_tests ${under})
 endfunction()
 
 file(REAL_PATH "${JAVA_JVM_LIBRARY}" own_vm)

@@ -47,6 +47,15 @@ function(add_browser_test name)
   endif()
 endfunction()
 
+# What these tests run.
+add_custom_target(web_tests ALL)
+add_dependencies(web_tests device fake-vm test-java-holding test-java-mapping)
+
+# What stands between every web server and the programs.
+set(class_archive -m pytest /source/tests/web/test_class_archive.py)
+add_device_test(gate COMMAND -m pytest /source/tests/web/test_gate.py)
+add_device_test(class_archive COMMAND ${class_archive})
+
 # Each web server for which a configuration is installed, held against docs/web-servers.md. What waits most of its time
 # runs beside itself.
 foreach(part serving refusals headers limits parts table)

@@ -14,3 +14,8 @@ def statements(text):
     for level, process, source, line, message in zip(*(parts[i::5] for i in range(5))):
         found.append((process, f"{level} {source} {line} {message}"))
     return found
+
+
+def foreign_lines(text):
+    """Which no statement wrote: of the Java VM."""
+    return [line for line in text.splitlines() if not STATEMENT.match(line)]

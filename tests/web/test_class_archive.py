@@ -1,0 +1,376 @@
+"""The CDS archive: made by one command from a request, used while nothing has changed, and never in the way.
+`class-archive run` does with it what the gate in front of the programs does."""
+
+import contextlib
+import fcntl
+import os
+import pathlib
+import pty
+import shutil
+import subprocess
+from concurrent.futures import ThreadPoolExecutor
+
+import pytest
+
+import device
+import logfile
+from device import FIELD, LOG, SETTINGS, eventually
+
+TOOL = "/srv/vemo/bin/class-archive"
+PROGRAM = "/srv/vemo/htdocs/setobdconf.cgi"
+OPTIONS = pathlib.Path("/tmp/shipped.options")
+FOLDER = pathlib.Path("/app/class-archive")
+ARCHIVE, RECORD, OPTIONS_WITH_IT = (FOLDER / name for name in ("classes.jsa", "record", "java.options"))
+KEPT = pathlib.Path("/app/kept")
+# A Java VM that can be changed: the program's own, linked but for the library and the launcher.
+VM = pathlib.Path("/tmp/vm")
+LIBRARY = VM / "lib/server/libjvm.so"
+IN_FRONT = {name: value for name, value in os.environ.items() if name == "LD_LIBRARY_PATH"}
+MAKING = 150  # seconds: on a busy machine, where several wait for one another
+
+pytestmark = pytest.mark.skipif(
+    os.environ.get("VEMO_SANDBOX") == "proot",
+    reason="Where namespaces are refused, a shell does not see what is executable in the sandbox alone")
+
+
+# --- The Java VM, the archive, the request
+
+def copy_vm():
+    linked = subprocess.run([PROGRAM], env={**IN_FRONT, "LD_TRACE_LOADED_OBJECTS": "1"}, stdout=subprocess.PIPE,
+                            text=True, check=True).stdout
+    library = next(word for word in linked.split() if word.endswith("/lib/server/libjvm.so"))
+    own = pathlib.Path(library.removesuffix("/lib/server/libjvm.so")).resolve()
+    for folder in ("bin", "lib/server"):
+        (VM / folder).mkdir(parents=True)
+    # The launcher takes the folder of libjli.so for its home.
+    for name in ("bin/java", "lib/libjli.so", "lib/server/libjvm.so", "lib/server/classes.jsa"):
+        shutil.copy(own / name, VM / name)
+    for folder in (".", "lib"):
+        for file in (own / folder).iterdir():
+            with contextlib.suppress(FileExistsError):
+                (VM / folder / file.name).symlink_to(file)
+
+
+def run(words, environment, **how):
+    """Exit status, output and error."""
+    done = subprocess.run(words, env=environment, capture_output=True, timeout=MAKING, check=False, **how)
+    return done.returncode, done.stdout, done.stderr.decode()
+
+
+DONE = 0, b"", ""
+BY_OUR_VM = {"LD_LIBRARY_PATH": str(LIBRARY.parent)}
+
+
+def making(folder=FOLDER, program=PROGRAM):
+    return ["/srv/vemo/make-class-archive", program, OPTIONS, "/srv/vemo/java", folder], {
+        "PATH": "/usr/bin:/bin", **BY_OUR_VM}
+
+
+def make(*what, **how):
+    return run(*making(*what), **how)
+
+
+REQUEST = {"REQUEST_METHOD": "GET", "QUERY_STRING": FIELD + "500", "JAVA_CLASSPATH": "/build/tests/java/mapping",
+           "JAVA_OPTIONS": f"-XX:VMOptionsFile={OPTIONS}", **BY_OUR_VM}
+
+
+def serve(environment, words):
+    """The lines that the program got from its Java VM; JAVA_OPTIONS as it found them."""
+    LOG.unlink(missing_ok=True)
+    status, output, error = run(words, environment)
+    text = LOG.read_text()
+    assert (status, error) == (0, "")
+    assert output.partition(b"\n\n")[2] == device.run_program(FIELD + "500")
+    (options,) = [line for _, line in logfile.statements(text) if "JAVA_OPTIONS: " in line]
+    return logfile.foreign_lines(text), options.rstrip("\n").partition("JAVA_OPTIONS: ")[2]
+
+
+def expect_used(environment=REQUEST, words=(TOOL, "run", FOLDER, PROGRAM)):
+    assert serve(environment, words) == ([f"mapped {ARCHIVE}"], f"-XX:VMOptionsFile={OPTIONS_WITH_IT}")
+
+
+def expect_not_used(environment=REQUEST, folder=FOLDER):
+    """But the options that it came with, and the VM's own archive."""
+    lines, options = serve(environment, [TOOL, "run", folder, PROGRAM])
+    assert options == environment["JAVA_OPTIONS"]
+    assert not any(str(folder) in line or str(FOLDER) in line for line in lines)
+
+
+def mismatch():
+    """What `class-archive fits` says does not fit."""
+    status, output, error = run([TOOL, "fits", FOLDER], REQUEST)
+    assert (status, output) == (1, b"")
+    return error
+
+
+def expect_made_anew(prepare=None, stdin=subprocess.DEVNULL):
+    assert make(preexec_fn=prepare, stdin=stdin) == DONE
+    expect_used()
+
+
+class State:
+    """What the archive's record tells of files: their text, time and inode."""
+
+    def __init__(self):
+        KEPT.mkdir()
+        for file in FOLDER.iterdir():
+            os.link(file, KEPT / file.name)
+        self.texts = {file: file.read_bytes() for file in (*KEPT.iterdir(), OPTIONS)}
+        self.stats = {file: file.stat() for file in (*self.texts, LIBRARY)}
+
+    def restore(self):
+        device.reset()
+        for file, status in self.stats.items():
+            file.chmod(0o600)
+            if file in self.texts and file.read_bytes() != self.texts[file]:
+                file.write_bytes(self.texts[file])
+            file.chmod(status.st_mode)
+            os.utime(file, ns=(status.st_atime_ns, status.st_mtime_ns))
+        shutil.rmtree(FOLDER, ignore_errors=True)
+        FOLDER.mkdir(mode=0o700)
+        for file in KEPT.iterdir():
+            os.link(file, FOLDER / file.name)
+
+
+@pytest.fixture(scope="module")
+def made():
+    device.reset()
+    copy_vm()
+    shutil.copy("/srv/vemo/java.options", OPTIONS)
+    SETTINGS.unlink()
+    assert make() == DONE
+    assert not SETTINGS.exists(), "making it stored something"
+    return State()
+
+
+@pytest.fixture(autouse=True)
+def archive(made):
+    """There, and fitting."""
+    made.restore()
+
+
+# --- Used
+
+@pytest.mark.parametrize("class_path", ["/build/tests/java/mapping", "/nowhere:/build/tests/java/mapping"])
+def test_is_used_with_every_class_path(class_path):
+    expect_used({**REQUEST, "JAVA_CLASSPATH": class_path})
+
+
+def test_is_used_behind_the_gate():
+    expect_used({**REQUEST, "CGI_GATE_SLOT_FILE": "/tmp/gate", "CGI_GATE_SLOTS": "1", "CGI_GATE_QUEUE_TIMEOUT": "20",
+                 "CGI_GATE_RUN_TIMEOUT": "20", "CGI_GATE_CDS_ARCHIVE": FOLDER}, ["/srv/vemo/bin/cgi-gate", PROGRAM])
+
+
+# --- Not used
+
+def cut(file, size):
+    file.chmod(0o600)
+    os.truncate(file, size)
+
+
+def flip_the_middle():
+    """The bits of one byte."""
+    ARCHIVE.chmod(0o600)
+    with open(ARCHIVE, "r+b") as file:
+        middle = os.path.getsize(ARCHIVE) // 2
+        byte = os.pread(file.fileno(), 1, middle)[0]
+        os.pwrite(file.fileno(), bytes([byte ^ 0xff]), middle)
+
+
+def replace_archive():
+    ARCHIVE.unlink()
+    shutil.copy(VM / "lib/server/classes.jsa", ARCHIVE)
+
+
+def append_option():
+    OPTIONS.write_text(OPTIONS.read_text() + "-Dvemo.greeting=other\n")
+
+
+CHANGES = {  # what happens, and what is named
+    "no folder": (lambda: shutil.rmtree(FOLDER), "no record"),
+    "no archive": (ARCHIVE.unlink, "classes.jsa"),
+    "no options with it": (OPTIONS_WITH_IT.unlink, "java.options"),
+    "archive unreadable": (lambda: ARCHIVE.chmod(0), "classes.jsa"),
+    "archive cut short": (lambda: cut(ARCHIVE, ARCHIVE.stat().st_size // 2), "classes.jsa"),
+    "archive empty": (lambda: cut(ARCHIVE, 0), "classes.jsa"),
+    "archive written to": (flip_the_middle, "classes.jsa"),
+    "another archive in its place": (replace_archive, "classes.jsa"),
+    "the VM changed": (lambda: os.utime(LIBRARY), "libjvm.so"),
+    "options changed": (append_option, "shipped.options"),
+}
+
+
+@pytest.mark.parametrize("change", CHANGES)
+def test_is_not_used_after_a_change(change):
+    happen, named = CHANGES[change]
+    happen()
+    assert named in mismatch()
+    expect_not_used()
+
+
+def test_is_not_used_without_its_vm():
+    aside = LIBRARY.rename(LIBRARY.with_suffix(".aside"))
+    try:
+        assert "libjvm.so" in mismatch()
+        expect_not_used()
+    finally:
+        aside.rename(LIBRARY)
+
+
+def test_is_not_used_with_another_vm_in_front():
+    others = {name: value for name, value in REQUEST.items() if name not in BY_OUR_VM}
+    expect_not_used({**others, **IN_FRONT})
+
+
+def test_is_not_used_with_other_options():
+    expect_not_used({**REQUEST, "JAVA_OPTIONS": "-Xmx16m"})
+
+
+def test_is_not_used_in_a_copied_folder():
+    """Its record vouches for the files of the folder that it is a copy of."""
+    expect_not_used(folder=shutil.copytree(FOLDER, "/app/aside"))
+
+
+# --- The record
+
+def test_a_record_cut_anywhere_fits_nothing():
+    record = RECORD.read_bytes()
+    assert record.endswith(b"\nend\n")
+    for length in range(len(record)):
+        RECORD.write_bytes(record[:length])
+        mismatch()
+    expect_not_used()
+
+
+@pytest.mark.parametrize("other", [
+    lambda record: b"end\n", lambda record: record + record, lambda record: record + b"more",
+    lambda record: b"x" * 2 ** 20, lambda record: b"x" + record, lambda record: bytes(100),
+    lambda record: record + b"\0",
+], ids=["its end alone", "twice", "more behind it", "too large", "more before it", "zeros", "a zero behind it"])
+def test_a_record_of_another_form_fits_nothing(other):
+    RECORD.write_bytes(other(RECORD.read_bytes()))
+    mismatch()
+
+
+def test_a_record_that_is_no_file_fits_nothing():
+    """Nothing waits for a pipe."""
+    RECORD.unlink()
+    os.mkfifo(RECORD)
+    expect_not_used()
+
+
+# --- Made anew
+
+def test_is_not_made_again_while_it_fits():
+    before = ARCHIVE.stat()
+    assert make() == DONE
+    assert ARCHIVE.stat().st_mtime_ns == before.st_mtime_ns
+
+
+def test_damage_behind_the_systems_back_is_found_at_the_next_start():
+    """Which no time stamp tells."""
+    before = ARCHIVE.stat()
+    flip_the_middle()
+    os.utime(ARCHIVE, ns=(before.st_atime_ns, before.st_mtime_ns))
+    expect_made_anew()
+    assert ARCHIVE.stat().st_ino != before.st_ino
+
+
+def test_is_made_anew_for_a_changed_vm():
+    os.utime(LIBRARY)
+    expect_made_anew()
+
+
+def test_is_made_anew_at_a_terminal():
+    """What was there is read-only, and at a terminal mv asks. Nobody answers."""
+    master, terminal = pty.openpty()
+    os.utime(LIBRARY)
+
+    def become_its_session():
+        os.setsid()
+        os.close(os.open(os.ttyname(terminal), os.O_RDWR))  # the first that is opened
+
+    expect_made_anew(become_its_session, stdin=terminal)
+    os.close(master)
+    os.close(terminal)
+
+
+def test_is_made_anew_without_standard_input():
+    os.utime(LIBRARY)
+    expect_made_anew(lambda: os.close(0))
+
+
+def test_making_that_was_cut_short_leaves_the_request_without():
+    RECORD.unlink()
+    (FOLDER / "new").mkdir()
+    (FOLDER / "new/classes.jsa").write_text("torn")
+    expect_not_used()
+    expect_made_anew()
+    assert not (FOLDER / "new").exists()
+
+
+@pytest.mark.parametrize("begun", ["options", "list", "empty", "java.options"])
+def test_making_that_was_killed_is_made_up_for(begun):
+    """What it has started runs on, and is waited for."""
+    RECORD.unlink()
+    words, environment = making()
+    with subprocess.Popen(words, env=environment, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL) as killed:
+        assert eventually((FOLDER / "new" / begun).exists, MAKING)
+        killed.kill()
+    expect_made_anew()
+
+
+def test_is_made_once_by_several_at_once():
+    for _ in range(5):
+        shutil.rmtree(FOLDER)
+        LOG.write_bytes(b"")
+        with ThreadPoolExecutor(5) as makers:
+            assert [maker.result() for maker in [makers.submit(make) for _ in range(5)]] == 5 * [DONE]
+        assert LOG.read_text().count(" main\n") == 1
+        assert set(os.listdir(FOLDER)) == {"classes.jsa", "java.options", "record", "sum"}
+        expect_used()
+
+
+def test_the_lock_is_not_waited_for_for_ever():
+    def lock():
+        folder = os.open(FOLDER, os.O_RDONLY)
+        try:
+            return run([TOOL, "lock", "1"], {}, stdin=folder)
+        finally:
+            os.close(folder)
+
+    other = os.open(FOLDER, os.O_RDONLY)
+    fcntl.flock(other, fcntl.LOCK_EX)
+    status, _, error = lock()
+    assert status == 1
+    assert "another one" in error
+    os.close(other)
+    assert lock()[0] == 0
+
+
+def test_is_made_with_options_whose_last_line_has_no_end():
+    OPTIONS.write_text(OPTIONS.read_text() + "-Dvemo.greeting=other")
+    expect_made_anew()
+
+
+# --- Not to be made
+
+def test_making_with_options_that_the_vm_refuses_names_them_and_its_words():
+    OPTIONS.write_text(OPTIONS.read_text() + "-Xmx1k\n")
+    status, _, error = make()
+    assert status == 1
+    assert str(OPTIONS) in error
+    assert "heap size" in error
+
+
+def test_making_that_fails_says_why_and_leaves_no_record():
+    ARCHIVE.unlink()
+    status, _, error = make(FOLDER, "/bin/true")
+    assert status == 1
+    assert "finds no Java VM" in error
+    assert not RECORD.exists()
+    expect_not_used()
+
+
+def test_a_folder_that_cannot_be_written_is_no_archive():
+    assert make("/srv/vemo/class-archive")[0] == 1

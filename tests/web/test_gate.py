@@ -1,0 +1,329 @@
+"""The gate alone: what it does for web servers that leave more to it than lighttpd does, and for programs that do not
+end well."""
+
+import ctypes
+import itertools
+import os
+import pathlib
+import resource
+import signal
+import struct
+import subprocess
+import time
+
+import pytest
+
+from device import LIMIT, eventually
+
+ADDRESS = "192.168.7.2"
+
+
+class Gate:
+    """The gate in front of programs that are scripts. A folder is their own."""
+
+    def __init__(self, folder):
+        self.folder = folder
+        self.slots = folder / "slots"
+        self.started = []
+
+    def start(self, script, prepare=None, **variables):
+        """`prepare` is called in the process that becomes the gate."""
+        program = self.folder / f"program{len(self.started)}"
+        program.write_text(f"#!/bin/sh\n{script}\n")
+        program.chmod(0o755)
+        environment = {"CGI_GATE_SLOT_FILE": self.slots, "CGI_GATE_SLOTS": 4, "CGI_GATE_QUEUE_TIMEOUT": 20,
+                       "CGI_GATE_RUN_TIMEOUT": 20, **variables}
+        self.started.append(subprocess.Popen(
+            ["/srv/vemo/bin/cgi-gate", program], env={name: str(value) for name, value in environment.items()},
+            cwd=self.folder, preexec_fn=prepare, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE))
+        return self.started[-1]
+
+    def run(self, script, prepare=None, **variables):
+        """Exit status, or the signal as a negative number, output and error."""
+        process = self.start(script, prepare, **variables)
+        output, error = process.communicate(timeout=3 * LIMIT)
+        return process.returncode, output.decode(), error.decode()
+
+    # --- Programs that write down their name when they begin, and stay until they are let go
+
+    def stay(self, name, prepare=None, slots=1, **variables):
+        return self.start(f"echo {name} >>began; while [ ! -e go.{name} ]; do /bin/sleep 0.02; done", prepare,
+                          CGI_GATE_SLOTS=slots, **variables)
+
+    def run_in_a_slot(self, name, slots=1):
+        process = self.stay(name, slots=slots)
+        assert eventually(lambda: self.began()[-1:] == [name]), name
+        return process
+
+    def wait(self, name, prepare=None, slots=1, **variables):
+        """In the queue as soon as it is asleep."""
+        process = self.stay(name, prepare, slots, **variables)
+        assert eventually(lambda: "(cgi-gate) S" in pathlib.Path(f"/proc/{process.pid}/stat").read_text()), name
+        return process
+
+    def let_go(self, name):
+        (self.folder / f"go.{name}").touch()
+
+    def began(self):
+        file = self.folder / "began"
+        return file.read_text().split() if file.exists() else []
+
+    def expect_began(self, *names):
+        assert eventually(lambda: len(self.began()) >= len(names))
+        assert self.began() == list(names)
+
+
+def kill(process):
+    process.kill()
+    process.wait()
+
+
+@pytest.fixture
+def gate(tmp_path):
+    gate = Gate(tmp_path)
+    yield gate
+    for process in gate.started:
+        kill(process)
+
+
+# --- The body, which the gate reads first
+
+BODY = {"CGI_GATE_MAX_BODY": 65536}
+
+
+@pytest.mark.parametrize("sizes", [[65536], [1, 65535], [*range(1, 361), 556]], ids=len)
+def test_hands_a_body_on_however_it_comes_up_to_the_limit(gate, sizes):
+    pieces = [bytes([ord("a") + size % 26]) * size for size in sizes]
+    process = gate.start("cat", **BODY, CONTENT_LENGTH=65536)
+    for piece in pieces:
+        os.write(process.stdin.fileno(), piece)
+        time.sleep(0.001)  # else they come together
+    assert process.communicate(timeout=LIMIT)[0] == b"".join(pieces)
+
+
+@pytest.mark.parametrize("length, prepare", [("0", None), ("", None), ("0", lambda: os.close(0))],
+                         ids=["of no bytes", "without a length", "without standard input"])
+def test_a_body_may_be_empty(gate, length, prepare):
+    assert gate.run("wc -c", prepare, **BODY, CONTENT_LENGTH=length)[1] == "0\n"
+
+
+@pytest.mark.parametrize("length, status", [("-1", 400), ("x", 400), ("5x", 400), ("1e1", 400), ("65537", 413)])
+def test_refuses_a_body_for_its_length(gate, length, status):
+    page = gate.run("wc -c", **BODY, CONTENT_LENGTH=length)[1]
+    assert page.startswith(f"Status: {status} ")
+    assert "Retry-After" not in page
+
+
+# --- The end of a program that is forked
+
+FORK = {"CGI_GATE_FORK": 1}
+
+
+def test_ends_with_the_programs_status_though_nobody_was_to_wait(gate):
+    assert gate.run("exit 3", lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN), **FORK)[0] == 3
+
+
+@pytest.mark.parametrize("name", ["SEGV", "ABRT", "KILL", "ALRM", "INT"])
+def test_ends_by_the_signal_that_ended_the_program(gate, name):
+    number = signal.Signals[f"SIG{name}"]
+
+    def listen():
+        if number != signal.SIGKILL:
+            signal.signal(number, signal.SIG_DFL)
+
+    assert gate.run(f"ulimit -c 0; kill -{name} $$", listen, **FORK)[0] == -number
+
+
+def test_ends_by_a_signal_that_it_inherited_ignored_and_blocked(gate):
+    """The run timeout's, which the program does not inherit like that."""
+    def ignore():
+        signal.signal(signal.SIGALRM, signal.SIG_IGN)
+        signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGALRM])
+
+    assert gate.run("kill -ALRM $$", ignore, **FORK)[0] == -signal.SIGALRM
+
+
+def test_dumps_no_memory_of_its_own(gate):
+    most = resource.getrlimit(resource.RLIMIT_CORE)[1]
+    assert most != 0, "nobody could dump anything"
+    process = gate.start("ulimit -c 0; kill -SEGV $$", lambda: resource.setrlimit(resource.RLIMIT_CORE, (most, most)),
+                         **FORK)
+    end = os.waitid(os.P_PID, process.pid, os.WEXITED | os.WNOWAIT)
+    assert (end.si_code, end.si_status) == (os.CLD_KILLED, signal.SIGSEGV)
+
+
+# --- The standard descriptors
+
+CLOSED = [closed for count in (1, 2, 3) for closed in itertools.combinations(range(3), count)]
+
+
+@pytest.mark.parametrize("closed", CLOSED, ids=str)
+def test_a_closed_descriptor_does_not_become_the_slot_file(gate, closed):
+    status, output, error = gate.run("(cd /proc/$$/fd && readlink 0 1 2) >seen; echo page; echo words >&2",
+                                     lambda: [os.close(descriptor) for descriptor in closed])
+    assert status == 0
+    assert output == ("" if 1 in closed else "page\n")
+    assert error == ("" if 2 in closed else "words\n")
+    assert gate.slots.read_text() == ""
+    seen = [file.partition(":")[0] for file in (gate.folder / "seen").read_text().splitlines()]
+    assert seen == ["/dev/null" if descriptor in closed else "pipe" for descriptor in range(3)]
+
+
+# --- The queue
+
+def watched(process):
+    """The processes whose end it waits for."""
+    texts = [file.read_text() for file in pathlib.Path(f"/proc/{process.pid}/fdinfo").iterdir()]
+    return {int(line.split()[1]) for text in texts for line in text.splitlines() if line.startswith("Pid:")}
+
+
+def wakings(process):
+    """How often it slept by itself, and so was woken, in half a second."""
+    def count():
+        text = pathlib.Path(f"/proc/{process.pid}/status").read_text()
+        return int(text.partition("\nvoluntary_ctxt_switches:")[2].split()[0])
+
+    before = count()
+    time.sleep(0.5)
+    return count() - before
+
+
+@pytest.fixture
+def queue(gate):
+    if os.environ.get("VEMO_SANDBOX") == "proot":
+        pytest.skip("Where namespaces are refused, a process seems to sleep whenever it is stopped")
+    return gate
+
+
+def test_who_came_first_goes_first(queue):
+    queue.run_in_a_slot("first")
+    names = [str(number) for number in range(40)]
+    for name in names:
+        queue.let_go(name)
+        queue.wait(name)
+    queue.let_go("first")
+    queue.expect_began("first", *names)
+
+
+def test_the_queue_sleeps_until_a_slot_is_free(queue):
+    queue.run_in_a_slot("first")
+    head, following = queue.wait("head"), queue.wait("following")
+    assert wakings(head) <= 5
+    assert wakings(following) <= 5
+
+
+def test_the_queue_goes_on_whichever_program_is_killed(queue):
+    running = [queue.run_in_a_slot(name, slots=3) for name in "abc"]
+    head = queue.wait("head", slots=3)
+    assert watched(head) == {process.pid for process in running}
+    kill(running[1])
+    queue.expect_began("a", "b", "c", "head")
+
+
+def test_the_queue_closes_up_when_some_in_it_are_killed(queue):
+    queue.run_in_a_slot("first")
+    _, second, third, last = [queue.wait(name) for name in ("head", "second", "third", "last")]
+    kill(second)
+    kill(third)
+    queue.let_go("first")
+    queue.expect_began("first", "head")
+    # The head stays: nobody goes in its place.
+    assert wakings(last) <= 5
+    queue.expect_began("first", "head")
+    queue.let_go("head")
+    queue.expect_began("first", "head", "last")
+
+
+def test_the_queue_goes_on_when_its_head_is_killed(queue):
+    queue.run_in_a_slot("first")
+    head, following = queue.wait("head"), queue.wait("following")
+    kill(head)
+    assert wakings(following) <= 5
+    queue.let_go("first")
+    queue.expect_began("first", "following")
+
+
+def test_a_slot_is_free_when_its_program_closes_what_it_did_not_open(queue):
+    """Another maker's program may. It goes on, as its end would wake the queue."""
+    queue.start("echo closing >>began; while [ ! -e go.closing ]; do /bin/sleep 0.02; done\n"
+                "for file in /proc/$$/fd/*; do [ $(readlink $file) != $PWD/slots ] || eval \"exec ${file##*/}>&-\"; done"
+                "\nexec /bin/sleep 100", CGI_GATE_SLOTS=1, CGI_GATE_RUN_TIMEOUT=100)
+    queue.expect_began("closing")
+    queue.wait("head", CGI_GATE_QUEUE_TIMEOUT=100)  # its end would wake it
+    queue.let_go("closing")
+    queue.expect_began("closing", "head")
+
+
+def forbid_pidfd_open():
+    """For this process and what it becomes, by the kernel's filter of system calls."""
+    load, is_equal, answer = 0x20, 0x15, 0x06  # BPF's words
+    allow, refuse, number = 0x7fff0000, 0x00050001, 434  # refused with EPERM
+    words = [(load, 0, 0, 0), (is_equal, 0, 1, number), (answer, 0, 0, refuse), (answer, 0, 0, allow)]
+    text = ctypes.create_string_buffer(b"".join(struct.pack("HBBI", *word) for word in words))
+    prctl = ctypes.CDLL(None, use_errno=True).prctl
+    no_new_privileges, seccomp, by_filter = 38, 22, 2
+    if prctl(no_new_privileges, 1, 0, 0, 0) or prctl(
+            seccomp, by_filter, struct.pack("HP", len(words), ctypes.addressof(text))):
+        raise OSError(ctypes.get_errno(), "the kernel takes no filter")
+
+
+def test_the_queue_looks_now_and_then_where_the_kernel_watches_no_program(queue):
+    queue.run_in_a_slot("first")
+    head = queue.wait("blind", forbid_pidfd_open)
+    assert watched(head) == set()
+    assert wakings(head) <= 60
+    queue.let_go("first")
+    queue.expect_began("first", "blind")
+
+
+# --- The requests of one client
+
+def is_let_in_beside(gate, address, other, most=1):
+    """When as many requests of the first are here as may be."""
+    go, began = gate.folder / "go", gate.folder / "began"
+    first = [gate.start(f"echo >>{began}; while [ ! -e {go} ]; do /bin/sleep 0.02; done; echo in",
+                        CGI_GATE_CLIENT_SLOTS=most, REMOTE_ADDR=address) for _ in range(most)]
+    assert eventually(lambda: began.exists() and len(began.read_text()) == most)
+    status, page, _ = gate.run("echo in", CGI_GATE_CLIENT_SLOTS=1, REMOTE_ADDR=other)
+    go.touch()
+    assert [process.communicate(timeout=LIMIT)[0] for process in first] == most * [b"in\n"]
+    if page == "in\n":
+        return True
+    assert status == 1
+    assert page.startswith("Status: 503 ") and "Retry-After" in page
+    return False
+
+
+@pytest.mark.parametrize("address, same", [
+    (ADDRESS, ADDRESS), (ADDRESS, f"::ffff:{ADDRESS}"), ("255.255.255.255", "255.255.255.255"),
+    ("fd00::7:2", "fd00:0::7:2"), ("fe80::1%eth0", "fe80::1"),
+])
+def test_counts_the_requests_of_a_client(gate, address, same):
+    assert not is_let_in_beside(gate, address, same)
+
+
+@pytest.mark.parametrize("address, other", [
+    (ADDRESS, "192.168.7.3"), (ADDRESS, "192.168.8.2"), ("255.255.255.255", "0.0.0.0"), ("fd00::7:2", "fd00::7:3"),
+    ("fe80::1", "fe80::2"), ("fd00:1::1", "fd00:2::1"), (ADDRESS, "fd00::7:2"),
+])
+def test_takes_no_client_for_another(gate, address, other):
+    assert is_let_in_beside(gate, address, other)
+
+
+def test_counts_several_requests_of_a_client_apart_from_those_of_another(gate):
+    assert is_let_in_beside(gate, ADDRESS, "192.168.7.3", most=2)
+
+
+@pytest.mark.parametrize("address", ["127.0.0.1", "127.1.2.3", "::1", "::ffff:127.0.0.1", "", "unix:"])
+def test_does_not_count_requests_of_this_machine(gate, address):
+    assert is_let_in_beside(gate, address, address)
+
+
+def test_lets_a_client_in_again_when_its_request_is_over(gate):
+    for _ in range(2):
+        assert gate.run("echo in", CGI_GATE_CLIENT_SLOTS=1, REMOTE_ADDR=ADDRESS)[1] == "in\n"
+
+
+@pytest.mark.parametrize("variables", [{}, {"CGI_GATE_CLIENT_SLOTS": 0}], ids=["by no word", "by 0"])
+def test_counts_no_client_where_it_is_not_to(gate, variables):
+    assert gate.run("echo $CGI_GATE_CLIENT_SLOTS.", REMOTE_ADDR=ADDRESS, **variables)[1] == ".\n"
