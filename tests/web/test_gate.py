@@ -246,8 +246,9 @@ def test_the_queue_goes_on_when_its_head_is_killed(queue):
 def test_a_slot_is_free_when_its_program_closes_what_it_did_not_open(queue):
     """Another maker's program may. It goes on, as its end would wake the queue."""
     queue.start("echo closing >>began; while [ ! -e go.closing ]; do /bin/sleep 0.02; done\n"
-                "for file in /proc/$$/fd/*; do [ $(readlink $file) != $PWD/slots ] || eval \"exec ${file##*/}>&-\"; done"
-                "\nexec /bin/sleep 100", CGI_GATE_SLOTS=1, CGI_GATE_RUN_TIMEOUT=100)
+                "for file in /proc/$$/fd/*; do\n"
+                '  [ $(readlink $file) != $PWD/slots ] || eval "exec ${file##*/}>&-"\n'
+                "done\nexec /bin/sleep 100", CGI_GATE_SLOTS=1, CGI_GATE_RUN_TIMEOUT=100)
     queue.expect_began("closing")
     queue.wait("head", CGI_GATE_QUEUE_TIMEOUT=100)  # its end would wake it
     queue.let_go("closing")
