@@ -3,8 +3,8 @@
 # PROPERTIES: of all of these tests.
 function(add_tests_under_vm name folder)
   cmake_parse_arguments(PARSE_ARGV 2 test "" "" PROPERTIES)
-  add_browser_test(browser_journey.${name} ENV LD_LIBRARY_PATH=${folder} TESTS ${journey})
-  add_device_test(class_archive.${name} ENV LD_LIBRARY_PATH=${folder} COMMAND ${class_archive})
+  add_web_test(browser_journey.${name} ENV LD_LIBRARY_PATH=${folder} TESTS ${journey})
+  add_web_test(class_archive.${name} ENV LD_LIBRARY_PATH=${folder} TESTS class_archive)
   set_tests_properties(browser_journey.${name} class_archive.${name} PROPERTIES LABELS long ${test_PROPERTIES})
   set(under EXTRA_ARGS --java-vm=${folder} TEST_SUFFIX .${name}
     PROPERTIES TIMEOUT 300 LABELS long ${test_PROPERTIES})
