@@ -42,7 +42,8 @@ function(add_web_test name)
 endfunction()
 
 # What stands between every web server and the programs.
-add_web_test(gate TESTS gate)
+add_web_test(gate TESTS gate ARGUMENTS -k "not queue")
+add_web_test(gate.queue TESTS gate ARGUMENTS -k queue)
 add_web_test(class_archive TESTS class_archive)
 
 # Each web server for which a configuration is installed, held against docs/web-servers.md. What waits most of its time

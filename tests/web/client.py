@@ -3,6 +3,8 @@
 import collections
 import contextlib
 import http.client
+import socket
+import struct
 
 FORM = "application/x-www-form-urlencoded"
 MULTIPART = "multipart/form-data; boundary=frontier"
@@ -41,6 +43,12 @@ def read_answer(connection, method="GET"):
         name = name.lower()
         headers[name] = f"{headers[name]}, {value}" if name in headers else value
     return Answer(response.status, headers, body)
+
+
+def reset(connection):
+    """Closed so, it is no orderly end."""
+    connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    connection.close()
 
 
 def ask(connection, sent):

@@ -195,7 +195,7 @@ def queue(gate):
     return gate
 
 
-def test_who_came_first_goes_first(queue):
+def test_the_queue_keeps_its_order(queue):
     queue.run_in_a_slot("first")
     names = [str(number) for number in range(40)]
     for name in names:
@@ -243,7 +243,7 @@ def test_the_queue_goes_on_when_its_head_is_killed(queue):
     queue.expect_began("first", "following")
 
 
-def test_a_slot_is_free_when_its_program_closes_what_it_did_not_open(queue):
+def test_the_queue_takes_the_slot_of_a_program_that_closes_what_it_did_not_open(queue):
     """Another maker's program may. It goes on, as its end would wake the queue."""
     queue.start("echo closing >>began; while [ ! -e go.closing ]; do /bin/sleep 0.02; done\n"
                 "for file in /proc/$$/fd/*; do\n"

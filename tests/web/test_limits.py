@@ -4,13 +4,13 @@ import contextlib
 import os
 import signal
 import socket
-import struct
 import subprocess
 import time
 from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 
+import client
 import device
 from device import CHANGE, FIELD, SECOND, SET_OPTION, TEXT, eventually, gate, post, refusal_page, request, until
 from table import row
@@ -40,12 +40,6 @@ def is_closed(connection):
     except OSError:
         pass
     return True
-
-
-def reset_connection(connection):
-    """Closed so, it is no orderly end."""
-    connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-    connection.close()
 
 
 def has_tasks_left(server, tasks):
@@ -327,7 +321,7 @@ def test_lets_a_program_finish_when_its_client_goes(first):
             if first:
                 connection.recv(1)
             device.wait_until(began.exists, "the program does not begin")
-            reset_connection(connection)
+            client.reset(connection)
             assert server.get("/index.html").status == 200
             assert eventually(finished.exists)
 

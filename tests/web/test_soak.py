@@ -11,13 +11,13 @@ import random
 import re
 import shutil
 import socket
-import struct
 import threading
 import time
 from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 
+import client
 import device
 import logfile
 from client import MULTIPART, part
@@ -110,11 +110,10 @@ def leave_after_the_request(sent):
 
 
 def leave_within_the_page(sent):
-    with connect() as connection:
-        connection.sendall(sent)
-        connection.recv(1)
-        # Closed so, the connection is reset.
-        connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    connection = connect()
+    connection.sendall(sent)
+    connection.recv(1)
+    client.reset(connection)
 
 
 # --- Kinds of requests
