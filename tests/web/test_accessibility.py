@@ -147,7 +147,7 @@ def visitor(running_device):
         yield Visitor(driver, browser.root())
 
 
-# Those on a phone first, which some tests are for alone: pytest shows each once when it has the same number for all tests.
+# Those on a phone first, which some tests are for alone: pytest shows a view once when it has one number for all tests.
 VIEWS_ON_SCREENS = [(name, suffix) for suffix in ("-phone", "") for name in VIEWS]
 on_a_phone = pytest.mark.parametrize("shown", VIEWS_ON_SCREENS[:len(VIEWS)], ids="".join, indirect=True)
 

@@ -27,7 +27,7 @@ from selenium.webdriver.common.by import By
 
 import browser
 import device
-from attempts import ANSWERS, DOCUMENTS, HARM, MARKUP, PAGES, PARTS, UNSENT, UNSENT_BY_HTTP, WDDX
+from attempts import ANSWERS, DOCUMENTS, HARM, MARKUP, PAGES, PARTS, UNSENT, UNSENT_BY_HTTP, filled
 from browser import HOME, PORT, TITLES, success
 from device import SETTINGS, SHIPPED_SETTINGS, eventually, is_on_loopback
 from prepared import PASSWORD, TLS
@@ -196,10 +196,9 @@ def expect_unchanged():
 
 # --- Foreign pages
 
-def filled(template, url, number):
+def leading_to(url, template, number=0):
     attempt = re.search(ATTEMPT, url)
-    return template.format(u=url, a=attempt[1] if attempt else "", c=CANARY + "/permit", n=number,
-                           w=WDDX.replace("'", "\\'"))
+    return filled(template, u=url, a=attempt[1] if attempt else "", c=CANARY + "/permit", n=number)
 
 
 class Attempts:
@@ -222,16 +221,16 @@ class Attempts:
     def answer(self, path, name, use):
         """Puts an answer of the foreign server there."""
         status, header, value = ANSWERS[name]
-        document_of[path] = (status, {header: value.format(u=self.url(f"{use}-{name}"))}, "<img src=/x.gif>")
+        document_of[path] = (status, {header: filled(value, u=self.url(f"{use}-{name}"))}, "<img src=/x.gif>")
         return path
 
     def all_in_one(self):
         """The path and the text of a page with all parts, and the documents in frames."""
-        parts = [filled(text, self.url(name), number) for number, (name, text) in enumerate(PARTS.items())]
+        parts = [leading_to(self.url(name), text, number) for number, (name, text) in enumerate(PARTS.items())]
         for name, text in DOCUMENTS.items():
-            inner = filled(text, self.url(f"frame-{name}"), 0).replace("&", "&amp;")
+            inner = leading_to(self.url(f"frame-{name}"), text).replace("&", "&amp;")
             parts.append(f'<iframe srcdoc="{inner.replace(chr(34), "&quot;")}"></iframe>')
-        data = base64.b64encode(filled(DOCUMENTS["form-text"], self.url("data-form-text"), 0).encode()).decode()
+        data = base64.b64encode(leading_to(self.url("data-form-text"), DOCUMENTS["form-text"]).encode()).decode()
         parts.append(f"<iframe src='data:text/html;base64,{data}'></iframe>")
         if self.place.startswith("http"):
             for name in ANSWERS:
@@ -245,13 +244,13 @@ class Attempts:
     def one_by_one(self):
         """The path and the text of each page that leads away."""
         for name, text in {**DOCUMENTS, **PAGES}.items():
-            yield f"/{self.tag}/{name}", filled(text, self.url(f"page-{name}"), 0)
+            yield f"/{self.tag}/{name}", leading_to(self.url(f"page-{name}"), text)
         if self.place.startswith("http"):
             # A redirect of an address that was typed would be taken for the typed address itself: nothing in the
             # request tells. So a page leads there.
             for name in ANSWERS:
                 path = self.answer(f"/{self.tag}/answer-{name}", name, "page")
-                yield f"/{self.tag}/{name}", filled(DOCUMENTS["location"], path, 0)
+                yield f"/{self.tag}/{name}", leading_to(path, DOCUMENTS["location"])
 
 
 def attack(victim, place, target, tag, has_all=False, is_hidden=False):
@@ -361,8 +360,8 @@ def markup(name, own, foreign):
     text = MARKUP[name]
     own, foreign = own + f"echo.{name}", f"{foreign}?attempt=echo.{name}"
     if "{f}" in text:
-        return text.format(u=own, f=foreign, n=0)
-    return text.format(u=own, n=0) + text.format(u=foreign, n=1)
+        return filled(text, u=own, f=foreign, n=0)
+    return filled(text, u=own, n=0) + filled(text, u=foreign, n=1)
 
 
 def values():
