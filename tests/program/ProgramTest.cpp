@@ -1,27 +1,26 @@
 #include "ProgramTest.h"
 
-#include "ExpectedPage.h"
-#include "Files.h"
-#include "PropertiesIni.h"
-#include "Request.h"
-
-namespace {
-
-Result Submit(const Command& request) {
-  ResetDevice();
-  return Execute(WithFakeVm(request));
+Texts Joined(const std::vector<Texts>& parts) {
+  Texts joined;
+  for (const Texts& part : parts) {
+    joined.insert(joined.end(), part.begin(), part.end());
+  }
+  return joined;
 }
 
-std::string StoredValue() {
-  PropertiesIni settings;
-  settings.Load(SETTINGS_FILE);
-  return settings.GetProperty("SETTINGS", "VEMODCanDetectTimeout");
+Texts StartingWith(const std::string& beginning, const Texts& texts) {
+  Texts found;
+  for (const std::string& text : texts) {
+    if (text.rfind(beginning, 0) == 0) {
+      found.push_back(text);
+    }
+  }
+  return found;
 }
-
-}  // namespace
 
 void NoSettings::SetUp() {
   ResetDevice();
+  std::filesystem::remove(CALLS_FILE);
 }
 
 void OldSettings::SetUp() {
@@ -42,32 +41,22 @@ std::string PageUpTo(const std::string& end, const std::string& value) {
   return page.substr(0, page.find(end) + end.size());
 }
 
+void ExpectSuccess(const Result& result, const std::string& value, const std::string& error) {
+  EXPECT_EQ(result.output, SuccessPage(value));
+  EXPECT_EQ(result.error, error);
+  EXPECT_EQ(result.signal, 0);
+  EXPECT_EQ(result.exitStatus, 0);
+}
+
+void ExpectOnlyTheFrame(const Result& result) {
+  EXPECT_EQ(result.output, FrameOnly());
+  EXPECT_EQ(result.exitStatus, 1);
+  EXPECT_FALSE(std::filesystem::exists(SETTINGS_FILE));
+}
+
 void ExpectSettings(const std::string& text) {
   EXPECT_EQ(ReadText(SETTINGS_FILE), text);
   const auto folder = std::filesystem::path(SETTINGS_FILE).parent_path();
   const std::filesystem::directory_iterator files(folder);
   EXPECT_EQ(std::distance(begin(files), end(files)), 1) << "something lies beside the file";
-}
-
-void ExpectTaken(const Command& request, const std::string& value, const std::string& inFile) {
-  const Result result = Submit(request);
-  // Not EXPECT_EQ: a value may be long.
-  EXPECT_TRUE(result.output == SuccessPage(value)) << result.output.substr(0, 2000);
-  EXPECT_EQ(result.error, "");
-  EXPECT_EQ(result.exitStatus, 0);
-  EXPECT_TRUE(StoredValue() == value) << StoredValue().substr(0, 1000);
-  EXPECT_TRUE(ReadText(SETTINGS_FILE) == "[SETTINGS]\nVEMODCanDetectTimeout=" + inFile + "\n")
-      << ReadText(SETTINGS_FILE).substr(0, 1000);
-}
-
-void ExpectTaken(const Command& request, const std::string& value) {
-  ExpectTaken(request, value, value);
-}
-
-void ExpectAbsent(const Command& request) {
-  const Result result = Submit(request);
-  EXPECT_EQ(result.output, WarningPage());
-  EXPECT_EQ(result.error, "");
-  EXPECT_EQ(result.exitStatus, 1);
-  EXPECT_FALSE(std::filesystem::exists(SETTINGS_FILE));
 }

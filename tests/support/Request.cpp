@@ -23,6 +23,16 @@ Command PostForm(const std::string& body) {
   return Post("application/x-www-form-urlencoded", body);
 }
 
+Command WithVariable(Command request, const std::string& name, const std::string& value) {
+  request.environment[name] = value;
+  return request;
+}
+
+Command WithoutVariable(Command request, const std::string& name) {
+  request.environment.erase(name);
+  return request;
+}
+
 Command PostMultipart(const Fields& fields) {
   std::string body;
   for (const auto& [name, value] : fields) {

@@ -16,6 +16,10 @@ Command Get(const std::string& query);
 Command Post(const std::string& contentType, const std::string& body);
 Command PostForm(const std::string& body);  // application/x-www-form-urlencoded
 
+// The request with this variable in its environment, and without it.
+Command WithVariable(Command request, const std::string& name, const std::string& value);
+Command WithoutVariable(Command request, const std::string& name);
+
 // Names and values of a form, in the order in which they are sent.
 using Fields = std::vector<std::pair<std::string, std::string>>;
 
