@@ -11,12 +11,9 @@ TEST(HtmlFromLatin1, EscapesMarkupAndWhatIsNotAscii) {
   EXPECT_EQ(HtmlFromLatin1(""), "");
 }
 
-TEST(HtmlFromUtf8, DecodesSequencesOfEveryLength) {
-  EXPECT_EQ(HtmlFromUtf8("a<\xC3\xBC\xE2\x82\xAC\xF0\x9F\x9A\x97z"), "a&lt;&uuml;&euro;&#128663;z");
-}
-
-TEST(HtmlFromUtf8, EscapesMarkup) {
+TEST(HtmlFromUtf8, EscapesMarkupAndDecodesSequencesOfEveryLength) {
   EXPECT_EQ(HtmlFromUtf8("<a href=\"x\">'&"), "&lt;a href=&quot;x&quot;&gt;&#39;&amp;");
+  EXPECT_EQ(HtmlFromUtf8("a<\xC3\xBC\xE2\x82\xAC\xF0\x9F\x9A\x97z"), "a&lt;&uuml;&euro;&#128663;z");
 }
 
 TEST(HtmlFromUtf8, TakesWhatIsNoUtf8ForLatin1) {
@@ -28,7 +25,7 @@ TEST(HtmlFromUtf8, TakesWhatIsNoUtf8ForLatin1) {
   EXPECT_EQ(HtmlFromUtf8("\xF8\x88"), "&oslash;&#136;");    // longer than UTF-8 has
 }
 
-TEST(HtmlFromUtf8, LeavesNoMarkupWhateverItIsGiven) {
+TEST(HtmlFromUtf8, LeavesNoMarkupInAnyPairOfBytes) {
   for (int first = 0; first < 256; ++first) {
     for (int second = 0; second < 256; ++second) {
       const std::string text = {static_cast<char>(first), static_cast<char>(second), '<'};
@@ -45,7 +42,7 @@ TEST(HtmlFromUtf8, KeepsNulBytes) {
   EXPECT_EQ(HtmlFromLatin1(text), text);
 }
 
-// Whatever stands before it: no character is lost where the text is taken in pieces.
+// At every offset: the text is taken in pieces, and no character at their ends may be lost.
 TEST(HtmlFromUtf8, LosesNothingOfALongText) {
   for (const std::string character :
        {"\xC3\xBC", "\xE2\x82\xAC", "\xF0\x9F\x9A\x97", "\xFC", "\xC1"}) {

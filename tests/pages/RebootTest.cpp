@@ -1,5 +1,5 @@
-// The page "Reboot", alone: what it asks, orders and tells, where somebody reads its orders and
-// where nobody does.
+// The page "Reboot", alone: what it asks, orders and shows, where something reads its orders and
+// where nothing does.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -11,7 +11,7 @@
 #include <string>
 
 #include "Files.h"
-#include "Process.h"
+#include "PageTest.h"
 #include "Request.h"
 
 namespace {
@@ -19,7 +19,6 @@ namespace {
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
-using testing::StartsWith;
 
 constexpr char ORDERS[] = "/run/vemo-web-reboot";
 constexpr char BOOT[] = "/run/vemo-web-boot";
@@ -37,7 +36,7 @@ class Reboot : public testing::Test {
   }
 
   void TearDown() override {
-    StopReading();
+    close(reader_);
     std::filesystem::remove(ORDERS);
     std::filesystem::remove(BOOT);
   }
@@ -49,30 +48,16 @@ class Reboot : public testing::Test {
     ASSERT_GE(reader_, 0);
   }
 
-  void StopReading() {
-    if (reader_ >= 0) {
-      close(reader_);
-      reader_ = -1;
-    }
-  }
-
-  // Those that came since the last look.
+  // Those that came since the last call.
   std::string Orders() const {
     char text[100];
     const ssize_t length = read(reader_, text, sizeof text);
     return {text, length > 0 ? static_cast<std::size_t>(length) : 0};
   }
 
-  static std::string Show(Command request) {
-    request.words = {"/srv/vemo/htdocs/reboot.cgi"};
-    const Result result = Execute(request);
-    EXPECT_EQ(result.exitStatus, 0) << result.error;
-    EXPECT_THAT(result.output, StartsWith("Content-Type: text/html\n\n"));
-    EXPECT_THAT(result.output, EndsWith("</div>\n</body>\n</html>\n"));
-    return result.output;
-  }
+  static std::string Show(const Command& request) { return ShowPage(REBOOT, request); }
 
-  // That the page refuses, and tells how the device is restarted otherwise.
+  // That the page refuses, and how else the device is restarted.
   static void ExpectRefusal(const std::string& page) {
     EXPECT_THAT(page, HasSubstr("<p class=\"warn\" >"));
     EXPECT_THAT(page, HasSubstr("not allowed to reboot"));
@@ -82,15 +67,24 @@ class Reboot : public testing::Test {
     EXPECT_THAT(page, Not(HasSubstr(SCRIPT)));
   }
 
- private:
+  // That the page offers nothing, and that an order is refused and logged with this reason.
+  static void ExpectNoReboot(const std::string& reason) {
+    ExpectRefusal(Show(Get("")));
+    EXPECT_THAT(ReadText(LOG_FILE), Not(HasSubstr("ERROR")));
+    ExpectRefusal(Show(PostForm("")));
+    EXPECT_THAT(ReadText(LOG_FILE), HasSubstr("ERROR"));
+    EXPECT_THAT(ReadText(LOG_FILE), EndsWith("pages/Reboot             3     "
+                                             "Can't order the reboot: " +
+                                             reason + "\n"));
+  }
+
   int reader_ = -1;
 };
 
 TEST_F(Reboot, AsksFirstAndOrdersNothingByThat) {
   Read();
   for (const std::string query : {"", "reboot", "before=", "before=first", "before=other"}) {
-    const std::string page = Show(Get(query));
-    EXPECT_THAT(page, Not(HasSubstr("reboots now"))) << query;
+    EXPECT_THAT(Show(Get(query)), Not(HasSubstr("reboots now"))) << query;
     EXPECT_EQ(Orders(), "") << query;
   }
   const std::string page = Show(Get(""));
@@ -111,37 +105,31 @@ TEST_F(Reboot, OrdersWhenItIsPosted) {
   EXPECT_THAT(ReadText(LOG_FILE), EndsWith("pages/Reboot             2     Reboot ordered\n"));
 }
 
-TEST_F(Reboot, OffersNothingWhereNobodyReads) {
-  ExpectRefusal(Show(Get("")));
-  EXPECT_THAT(ReadText(LOG_FILE), Not(HasSubstr("ERROR")));
-}
-
-TEST_F(Reboot, SaysThatItOrderedNothingWhereThereIsNoPipe) {
-  ExpectRefusal(Show(PostForm("")));
+TEST_F(Reboot, RefusesWhereThereIsNoPipe) {
+  ExpectNoReboot("No such file or directory");
   EXPECT_FALSE(std::filesystem::exists(ORDERS));
-  EXPECT_THAT(ReadText(LOG_FILE), EndsWith("pages/Reboot             3     "
-                                           "Can't order the reboot: No such file or directory\n"));
-  EXPECT_THAT(ReadText(LOG_FILE), HasSubstr("ERROR"));
 }
 
-TEST_F(Reboot, SaysThatItOrderedNothingWhereTheReaderHasGone) {
-  Read();
-  StopReading();
-  ExpectRefusal(Show(Get("")));
-  ExpectRefusal(Show(PostForm("")));
-  EXPECT_THAT(ReadText(LOG_FILE), EndsWith("Can't order the reboot: No such device or address\n"));
+TEST_F(Reboot, RefusesWhereTheReaderHasGone) {
+  ASSERT_EQ(mkfifo(ORDERS, 0600), 0);
+  ExpectNoReboot("No such device or address");
 }
 
-TEST_F(Reboot, SaysThatItOrderedNothingWhereItMayNotWrite) {
+TEST_F(Reboot, RefusesWhereItMayNotWrite) {
   Read();
   std::filesystem::permissions(ORDERS, std::filesystem::perms(0));
-  ExpectRefusal(Show(Get("")));
-  ExpectRefusal(Show(PostForm("")));
+  ExpectNoReboot("Permission denied");
   EXPECT_EQ(Orders(), "");
-  EXPECT_THAT(ReadText(LOG_FILE), EndsWith("Can't order the reboot: Permission denied\n"));
 }
 
-TEST_F(Reboot, SaysThatItOrderedNothingWhereThePipeIsFull) {
+// A file would take every order, and nothing would follow it.
+TEST_F(Reboot, RefusesWhereAFileIsInThePipesPlace) {
+  WriteText(ORDERS, "");
+  ExpectNoReboot("No such device or address");
+  EXPECT_EQ(ReadText(ORDERS), "");
+}
+
+TEST_F(Reboot, ReportsThatItOrderedNothingWhereThePipeIsFull) {
   Read();
   const int writer = open(ORDERS, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
   ASSERT_GE(writer, 0);
@@ -154,22 +142,14 @@ TEST_F(Reboot, SaysThatItOrderedNothingWhereThePipeIsFull) {
               EndsWith("Can't order the reboot: Resource temporarily unavailable\n"));
 }
 
-// A file would take every order, and nobody would follow it.
-TEST_F(Reboot, TakesNoFileForThePipe) {
-  WriteText(ORDERS, "");
-  ExpectRefusal(Show(Get("")));
-  ExpectRefusal(Show(PostForm("")));
-  EXPECT_EQ(ReadText(ORDERS), "");
-}
-
-TEST_F(Reboot, TellsThatTheDeviceHasNotRebootedYet) {
+TEST_F(Reboot, ShowsThatTheDeviceHasNotRebootedYet) {
   const std::string page = Show(Get("before=first"));
   EXPECT_THAT(page, HasSubstr("<p class=\"warn\" >The device has not rebooted yet.</p>"));
   EXPECT_THAT(page, HasSubstr(LINK));
   EXPECT_THAT(page, HasSubstr(SCRIPT));
 }
 
-TEST_F(Reboot, TellsThatTheDeviceIsBack) {
+TEST_F(Reboot, ShowsThatTheDeviceIsBack) {
   WriteText(BOOT, "second\n");
   const std::string page = Show(Get("before=first"));
   EXPECT_THAT(page, HasSubstr("<p>The device is back: it has rebooted.</p>"));
@@ -177,15 +157,11 @@ TEST_F(Reboot, TellsThatTheDeviceIsBack) {
   EXPECT_THAT(page, Not(HasSubstr("first")));
 }
 
-TEST_F(Reboot, TellsWhenItDoesNotKnowOneStartFromAnother) {
-  for (const bool isKnownNow : {false, true}) {
-    std::filesystem::remove(BOOT);
-    if (isKnownNow) {
-      WriteText(BOOT, "second\n");
-    }
-    EXPECT_THAT(Show(Get(isKnownNow ? "before=unknown" : "before=first")),
-                HasSubstr("Whether it has rebooted is not known."));
-  }
+TEST_F(Reboot, ReportsWhenItCannotTellOneStartFromAnother) {
+  constexpr char UNKNOWN[] = "Whether it has rebooted is not known.";
+  EXPECT_THAT(Show(Get("before=unknown")), HasSubstr(UNKNOWN));
+  std::filesystem::remove(BOOT);
+  EXPECT_THAT(Show(Get("before=first")), HasSubstr(UNKNOWN));
 }
 
 TEST_F(Reboot, EchoesNothing) {

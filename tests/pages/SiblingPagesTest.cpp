@@ -8,21 +8,18 @@
 
 #include "Files.h"
 #include "NvmService.h"
-#include "Process.h"
+#include "PageTest.h"
 #include "Request.h"
 #include "Sandbox.h"
 #include "ScriptedService.h"
 
 namespace {
 
-using testing::Contains;
-using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
-using testing::StartsWith;
 
-constexpr char INFORMATION[] = "/srv/vemo/htdocs/channeldeviceconfig.cgi";
-constexpr char REBOOT[] = "/srv/vemo/htdocs/reboot.cgi";
+constexpr char TIMEOUT_300[] = "name=\"CanDetectTimeout\" value=\"300\" inputmode=\"numeric\"";
+constexpr char FREE[] = "<dt>Allocation</dt><dd>Free</dd>";
 
 class SiblingPages : public testing::Test {
  protected:
@@ -33,13 +30,10 @@ class SiblingPages : public testing::Test {
 
   void StartService() { service_.emplace(); }
 
-  static std::string Show(Command request, const std::string& page = INFORMATION) {
-    request.words = {page};
-    const Result result = Execute(request);
-    EXPECT_EQ(result.exitStatus, 0) << result.error;
-    EXPECT_THAT(result.output, StartsWith("Content-Type: text/html\n\n"));
-    EXPECT_THAT(result.output, EndsWith("</div>\n</body>\n</html>\n"));
-    return result.output;
+  static std::string Show(const Command& request) { return ShowPage(INFORMATION, request); }
+
+  static std::string ShowWith(const std::string& classPath) {
+    return Show(WithVariable(Get(""), "JAVA_CLASSPATH", classPath));
   }
 
  private:
@@ -48,96 +42,61 @@ class SiblingPages : public testing::Test {
 
 TEST_F(SiblingPages, InformationShowsSettingAllocationAndAddresses) {
   StartService();
-  Command request = Get("");
-  request.environment["JAVA_CLASSPATH"] = "/build/tests/java/calling";
-  const std::string page = Show(request);
-  EXPECT_THAT(page, HasSubstr("<title>VEMO Web Server - Device Information</title>"));
-  EXPECT_THAT(page, HasSubstr("name=\"CanDetectTimeout\" value=\"300\" inputmode=\"numeric\""));
-  EXPECT_THAT(page, HasSubstr("<dt>Allocation</dt><dd>Free</dd>"));
-  EXPECT_THAT(page, HasSubstr("<dt>Owner</dt><dd>None</dd>"));
-  EXPECT_THAT(page, HasSubstr("<dt>Status</dt><dd>No error (code 0)</dd>"));
-  EXPECT_THAT(page, HasSubstr("<dt>LAN address</dt><dd>192.0.2.7</dd>"));
-  EXPECT_THAT(page, HasSubstr("<dt>WLAN address</dt><dd>198.51.100.9</dd>"));
+  const std::string page = ShowWith("/build/tests/java/calling");
+  for (const std::string text :
+       {"<title>VEMO Web Server - Device Information</title>", TIMEOUT_300, FREE,
+        "<dt>Owner</dt><dd>None</dd>", "<dt>Status</dt><dd>No error (code 0)</dd>",
+        "<dt>LAN address</dt><dd>192.0.2.7</dd>", "<dt>WLAN address</dt><dd>198.51.100.9</dd>"}) {
+    EXPECT_THAT(page, HasSubstr(text));
+  }
 }
 
-TEST_F(SiblingPages, InformationSaysThatTheServiceIsNotThereAndShowsTheRest) {
+TEST_F(SiblingPages, InformationReportsThatTheServiceIsNotThereAndShowsTheRest) {
   const std::string page = Show(Get(""));
   EXPECT_THAT(page, HasSubstr("The nVm service does not answer"));
-  EXPECT_THAT(page, HasSubstr("value=\"300\""));
+  EXPECT_THAT(page, HasSubstr(TIMEOUT_300));
   // A network that is not our own may have an address.
   EXPECT_THAT(page, HasSubstr(IsTraced() ? "<dt>LAN address</dt><dd>"
                                          : "<dt>LAN address</dt><dd>Not connected</dd>"));
   EXPECT_THAT(page, Not(HasSubstr("<dt>Allocation</dt>")));
 }
 
-TEST_F(SiblingPages, InformationSaysThatTheJavaSideIsNotThereAndShowsTheRest) {
+TEST_F(SiblingPages, InformationReportsThatTheJavaSideIsNotThereAndShowsTheRest) {
   StartService();
-  Command request = Get("");
-  request.environment["JAVA_CLASSPATH"] = "/nowhere";
-  const std::string page = Show(request);
+  const std::string page = ShowWith("/nowhere");
   EXPECT_THAT(page, HasSubstr("The Java side does not answer"));
-  EXPECT_THAT(page, HasSubstr("value=\"300\""));
-  EXPECT_THAT(page, HasSubstr("<dt>Allocation</dt><dd>Free</dd>"));
+  EXPECT_THAT(page, HasSubstr(TIMEOUT_300));
+  EXPECT_THAT(page, HasSubstr(FREE));
   EXPECT_THAT(page, Not(HasSubstr("<dt>LAN address</dt>")));
-}
-
-// Nothing is told of a network that nobody could ask about.
-TEST_F(SiblingPages, InformationSaysThatAnAddressIsNotKnownWhenItsMethodIsMissing) {
-  Command request = Get("");
-  request.environment["JAVA_CLASSPATH"] = "/build/tests/java/without";
-  const std::string page = Show(request);
-  EXPECT_THAT(page, HasSubstr("<dt>LAN address</dt><dd>Not known</dd>"));
-  EXPECT_THAT(page, HasSubstr("<dt>WLAN address</dt><dd>Not known</dd>"));
-}
-
-TEST_F(SiblingPages, InformationTellsTheTimeoutsUnitAndUseBesideItsField) {
-  const std::string page = Show(Get(""));
-  EXPECT_THAT(page, HasSubstr("required=\"required\" pattern=\"[0-9]{1,6}\" maxlength=\"7\""));
-  EXPECT_THAT(page, HasSubstr("aria-describedby=\"timeout-hint\""));
-  for (const std::string text :
-       {"<p class=\"hint\" id=\"timeout-hint\" >", "number of milliseconds",
-        "listens on a CAN line", "after a reboot", "some seconds"}) {
-    EXPECT_THAT(page, HasSubstr(text));
-  }
-}
-
-// An nVm service that answers an order and the question behind it with the same packet.
-class ScriptedAnswer : public SiblingPages {
- protected:
-  static std::string Show(const std::string& body, Command request = Get("")) {
-    const ScriptedReply reply = {{HttpReply(body)}, ScriptedReply::End::kClose};
-    ScriptedService service({reply, reply});
-    return SiblingPages::Show(std::move(request));
-  }
-};
-
-TEST_F(ScriptedAnswer, CodeAndMessageAreSaidInWords) {
-  EXPECT_THAT(Show(NvmReply("0", "", "", "0", "Done")), HasSubstr("<dd>Done (code 0)</dd>"));
-  EXPECT_THAT(Show(NvmReply("0", "", "", "7", "")),
-              HasSubstr("<dd>Error without a message (code 7)</dd>"));
-}
-
-TEST_F(ScriptedAnswer, WhatTheAnswerDoesNotTellIsNotKnown) {
-  const std::string page = Show("<?xml version='1.0'?><html/>", PostForm("allocation=allocate"));
-  EXPECT_THAT(page,
-              HasSubstr("Allocate may have failed: the nVm service's answer cannot be read."));
-  for (const std::string name : {"Allocation", "Owner", "Status"}) {
-    EXPECT_THAT(page, HasSubstr("<dt>" + name + "</dt><dd>Not known</dd>"));
-  }
-  EXPECT_THAT(page, Not(HasSubstr("name=\"allocation\"")));
 }
 
 TEST_F(SiblingPages, InformationShowsAllButTheAddressesWhenTheVmEndsTheProcess) {
   StartService();
-  Command request = Get("");
+  Command request = WithVariable(Get(""), "JAVA_OPTIONS", "-Xmx1k");
   request.words = {INFORMATION};
-  request.environment["JAVA_OPTIONS"] = "-Xmx1k";
   const std::string page = Execute(request).output;
-  EXPECT_THAT(page, HasSubstr("<dt>Allocation</dt><dd>Free</dd>"));
-  EXPECT_THAT(page, HasSubstr("value=\"300\""));
+  EXPECT_THAT(page, HasSubstr(FREE));
+  EXPECT_THAT(page, HasSubstr(TIMEOUT_300));
 }
 
-TEST_F(SiblingPages, InformationSaysThatTheSettingsCannotBeRead) {
+// Nothing is claimed about a network that could not be asked for.
+TEST_F(SiblingPages, InformationReportsThatAnAddressIsNotKnownWhenItsMethodIsMissing) {
+  const std::string page = ShowWith("/build/tests/java/without");
+  EXPECT_THAT(page, HasSubstr("<dt>LAN address</dt><dd>Not known</dd>"));
+  EXPECT_THAT(page, HasSubstr("<dt>WLAN address</dt><dd>Not known</dd>"));
+}
+
+TEST_F(SiblingPages, InformationExplainsTheTimeoutBesideItsField) {
+  const std::string page = Show(Get(""));
+  for (const std::string text :
+       {"required=\"required\" pattern=\"[0-9]{1,6}\" maxlength=\"7\"",
+        "aria-describedby=\"timeout-hint\"", "<p class=\"hint\" id=\"timeout-hint\" >",
+        "number of milliseconds", "listens on a CAN line", "after a reboot", "some seconds"}) {
+    EXPECT_THAT(page, HasSubstr(text));
+  }
+}
+
+TEST_F(SiblingPages, InformationReportsThatTheSettingsCannotBeRead) {
   std::filesystem::permissions(SETTINGS_FILE, std::filesystem::perms(0));
   const std::string page = Show(Get(""));
   EXPECT_THAT(page, HasSubstr("The settings file cannot be read"));
@@ -149,6 +108,33 @@ TEST_F(SiblingPages, InformationEscapesTheStoredValue) {
   EXPECT_THAT(Show(Get("")), HasSubstr("value=\"&quot;&gt;&lt;script&gt;&amp;&uuml;\" inputmode"));
 }
 
+// ---- The allocation.
+
+// An nVm service that answers an order and the question behind it with the same packet.
+std::string ShowAnswered(const std::string& body, const Command& request = Get("")) {
+  const ScriptedReply reply = {{HttpReply(body)}, ScriptedReply::End::kClose};
+  ScriptedService service({reply, reply});
+  return ShowPage(INFORMATION, request);
+}
+
+TEST_F(SiblingPages, InformationShowsTheServicesCodeAndMessage) {
+  EXPECT_THAT(ShowAnswered(NvmReply("0", "", "", "0", "Done")),
+              HasSubstr("<dd>Done (code 0)</dd>"));
+  EXPECT_THAT(ShowAnswered(NvmReply("0", "", "", "7", "")),
+              HasSubstr("<dd>Error without a message (code 7)</dd>"));
+}
+
+TEST_F(SiblingPages, InformationReportsWhatTheServicesAnswerDoesNotContainAsNotKnown) {
+  const std::string page =
+      ShowAnswered("<?xml version='1.0'?><html/>", PostForm("allocation=allocate"));
+  EXPECT_THAT(page,
+              HasSubstr("Allocate may have failed: the nVm service's answer cannot be read."));
+  for (const std::string name : {"Allocation", "Owner", "Status"}) {
+    EXPECT_THAT(page, HasSubstr("<dt>" + name + "</dt><dd>Not known</dd>"));
+  }
+  EXPECT_THAT(page, Not(HasSubstr("name=\"allocation\"")));
+}
+
 TEST_F(SiblingPages, InformationAllocatesAndReleases) {
   StartService();
   std::string page = Show(PostForm("allocation=allocate"));
@@ -158,19 +144,20 @@ TEST_F(SiblingPages, InformationAllocatesAndReleases) {
   EXPECT_THAT(page, Not(HasSubstr("value=\"Allocate\"")));
 
   page = Show(PostForm("allocation=release"));
-  EXPECT_THAT(page, HasSubstr("<dt>Allocation</dt><dd>Free</dd>"));
+  EXPECT_THAT(page, HasSubstr(FREE));
   EXPECT_THAT(page, HasSubstr("value=\"Allocate\""));
   EXPECT_THAT(page, Not(HasSubstr("value=\"Release\"")));
 }
 
 TEST_F(SiblingPages, InformationChangesNothingOnAGetOrAnUnknownOrder) {
   StartService();
-  EXPECT_THAT(Show(Get("allocation=allocate")), HasSubstr("<dd>Free</dd>"));
-  EXPECT_THAT(Show(PostForm("allocation=other")), HasSubstr("<dd>Free</dd>"));
-  EXPECT_THAT(Show(PostForm("")), HasSubstr("<dd>Free</dd>"));
+  for (const Command& request :
+       {Get("allocation=allocate"), PostForm("allocation=other"), PostForm("")}) {
+    EXPECT_THAT(Show(request), HasSubstr(FREE));
+  }
 }
 
-TEST_F(SiblingPages, InformationTellsOfARefusalAndOffersNothingToOthers) {
+TEST_F(SiblingPages, InformationReportsARefusalAndOffersNothingToOthers) {
   StartService();
   AllocateAs("Werkstatt &lt;M\xC3\xBCller&gt;");
   const std::string page = Show(PostForm("allocation=allocate"));
@@ -180,17 +167,18 @@ TEST_F(SiblingPages, InformationTellsOfARefusalAndOffersNothingToOthers) {
   EXPECT_THAT(page, Not(HasSubstr("name=\"allocation\"")));
 }
 
-TEST_F(SiblingPages, InformationTellsOfAnOrderThatDidNotReachTheService) {
+TEST_F(SiblingPages, InformationReportsAnOrderThatDidNotReachTheService) {
   EXPECT_THAT(Show(PostForm("allocation=allocate")),
               HasSubstr("<p class=\"warn\" >Allocate did not reach the nVm service.</p>"));
   EXPECT_THAT(Show(PostForm("allocation=other")), Not(HasSubstr("did not reach")));
 }
 
+// ---- Both pages.
+
 TEST_F(SiblingPages, AMalformedRequestEndsBeforeAnyOutput) {
   for (const std::string page : {INFORMATION, REBOOT}) {
-    Command request = PostForm("x=1");
+    Command request = WithVariable(PostForm("x=1"), "CONTENT_LENGTH", "100");
     request.words = {page};
-    request.environment["CONTENT_LENGTH"] = "100";
     const Result result = Execute(request);
     EXPECT_EQ(result.output, "");
     EXPECT_EQ(result.signal, SIGABRT);
@@ -199,18 +187,17 @@ TEST_F(SiblingPages, AMalformedRequestEndsBeforeAnyOutput) {
 
 TEST_F(SiblingPages, TheNavigationLeadsOverThePagesParents) {
   const std::string information =
-      "<div class=\"navi\" ><a class=\"small\" href=\"/index.html\" >Home</a> / "
+      "\n<div class=\"navi\" ><a class=\"small\" href=\"/index.html\" >Home</a> / "
       "<a class=\"small\" href=\"channeldeviceconfig.cgi\" >Device Information</a>";
-  EXPECT_THAT(Show(Get("")),
-              HasSubstr("\n" + information + "</div>\n<h2>Device Information</h2>\n"));
-  EXPECT_THAT(Show(Get(""), REBOOT),
-              HasSubstr("\n" + information +
-                        " / <a class=\"small\" href=\"reboot.cgi\" >Reboot</a></div>\n"
-                        "<h2>Reboot</h2>\n"));
+  EXPECT_THAT(Show(Get("")), HasSubstr(information + "</div>\n<h2>Device Information</h2>\n"));
+  EXPECT_THAT(
+      ShowPage(REBOOT, Get("")),
+      HasSubstr(information + " / <a class=\"small\" href=\"reboot.cgi\" >Reboot</a></div>\n"
+                              "<h2>Reboot</h2>\n"));
 }
 
 TEST_F(SiblingPages, TheyLogUnderTheirOwnNames) {
-  Show(Get(""), REBOOT);
+  ShowPage(REBOOT, Get(""));
   EXPECT_THAT(ReadText(LOG_FILE), HasSubstr("pages/Reboot             1     main\n"));
 }
 
