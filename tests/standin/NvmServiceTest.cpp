@@ -1,4 +1,4 @@
-// The stand-in device's nVm service: its rules, its replies, its patience.
+// The stand-in device's nVm service: its rules, its replies, its timeouts.
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -22,8 +22,10 @@
 namespace {
 
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::StartsWith;
 
 std::string Packet(const std::string& variables) {
   return "<wddxPacket version='1.0'><header/><data><struct>" + variables +
@@ -68,173 +70,159 @@ class NvmServiceTest : public testing::Test {
   NvmService service_;
 };
 
-// --- Who holds the device
+// --- Requests and replies
 
-TEST_F(NvmServiceTest, InTheBeginningTheDeviceIsFree) {
-  EXPECT_EQ(Ask("nvmGetDeviceStatus", Packet("")), NvmReply("0", "", "", "0", ""));
+constexpr char ALLOCATE[] = "nvmAllocateDevice";
+constexpr char RELEASE[] = "nvmReleaseDevice";
+constexpr char STATUS[] = "nvmGetDeviceStatus";
+
+const std::string NOTHING = Packet("");
+const std::string GARAGE = NvmOwnerPacket("GARAGE", "10.0.0.7");
+const std::string VEMO_WEB = NvmOwnerPacket("VEMO_WEB");
+
+const std::string HELD_BY_GARAGE = NvmReply("1", "GARAGE", "10.0.0.7", "0", "");
+const std::string REFUSED_FOR_GARAGE =
+    NvmReply("1", "GARAGE", "10.0.0.7", "1", "Device is allocated by GARAGE");
+
+std::string ErrorReply(const std::string& code, const std::string& message) {
+  return NvmReply("0", "", "", code, message);
 }
 
-TEST_F(NvmServiceTest, AFreeDeviceIsGivenToWhoeverAsks) {
-  EXPECT_EQ(Ask("nvmAllocateDevice", NvmOwnerPacket("GARAGE", "10.0.0.7")),
-            NvmReply("1", "GARAGE", "10.0.0.7", "0", ""));
-  EXPECT_EQ(Ask("nvmGetDeviceStatus", Packet("")), NvmReply("1", "GARAGE", "10.0.0.7", "0", ""));
+const std::string NO_PACKET = ErrorReply("4", "Request is no WDDX packet");
+
+// Declarations before a packet.
+constexpr char CHINESE[] = "<?xml version='1.0' encoding='ISO-2022-CN-EXT'?>";
+constexpr char ENTITY[] = "<!DOCTYPE wddxPacket [<!ENTITY e 'GARAGE'>]>";
+constexpr char FILE_ENTITY[] = "<!DOCTYPE wddxPacket [<!ENTITY e SYSTEM '/tmp/secret.txt'>]>";
+constexpr char FILE_TYPE[] = "<!DOCTYPE wddxPacket SYSTEM '/tmp/packet.dtd'>";
+
+enum class Device { kFree, kHeldByGarage };
+
+struct Exchange {
+  const char* name;
+  Device device;
+  std::string function;
+  std::string packet;
+  std::string reply;
+};
+
+std::ostream& operator<<(std::ostream& out, const Exchange& exchange) {
+  return out << exchange.name;
 }
 
-TEST_F(NvmServiceTest, AnAllocatedDeviceIsRefusedToAnotherOwner) {
-  Ask("nvmAllocateDevice", NvmOwnerPacket("GARAGE"));
-  EXPECT_EQ(Ask("nvmAllocateDevice", NvmOwnerPacket("VEMO_WEB")),
-            NvmReply("1", "GARAGE", "0", "1", "Device is allocated by GARAGE"));
+class NvmServiceReply : public NvmServiceTest, public testing::WithParamInterface<Exchange> {};
+
+TEST_P(NvmServiceReply, IsByteForByte) {
+  const auto& [name, device, function, packet, reply] = GetParam();
+  WriteText("/tmp/secret.txt", "secret");
+  WriteText("/tmp/packet.dtd", "<!ENTITY e 'secret'>");
+  if (device == Device::kHeldByGarage) {
+    Ask(ALLOCATE, GARAGE);
+  }
+  EXPECT_EQ(Ask(function, packet), reply);
 }
 
-TEST_F(NvmServiceTest, AnOwnerMayAllocateAgain) {
-  Ask("nvmAllocateDevice", NvmOwnerPacket("GARAGE", "10.0.0.7"));
-  EXPECT_EQ(Ask("nvmAllocateDevice", NvmOwnerPacket("GARAGE", "10.0.0.8")),
-            NvmReply("1", "GARAGE", "10.0.0.8", "0", ""));
-}
+const std::vector<Exchange> EXCHANGES = {
+    {"InTheBeginningTheDeviceIsFree", Device::kFree, STATUS, NOTHING, FreeReply()},
+    {"AFreeDeviceIsGivenToTheFirst", Device::kFree, ALLOCATE, GARAGE, HELD_BY_GARAGE},
+    {"AFreeDeviceCannotBeReleased", Device::kFree, RELEASE, GARAGE,
+     ErrorReply("2", "Device is not allocated")},
+    {"TheOwnerIsShown", Device::kHeldByGarage, STATUS, NOTHING, HELD_BY_GARAGE},
+    {"AnotherOwnerIsRefused", Device::kHeldByGarage, ALLOCATE, VEMO_WEB, REFUSED_FOR_GARAGE},
+    {"AnotherMayNotRelease", Device::kHeldByGarage, RELEASE, VEMO_WEB, REFUSED_FOR_GARAGE},
+    {"AnOwnerMayRelease", Device::kHeldByGarage, RELEASE, NvmOwnerPacket("GARAGE"), FreeReply()},
+    {"AnOwnerMayAllocateAgain", Device::kHeldByGarage, ALLOCATE,
+     NvmOwnerPacket("GARAGE", "10.0.0.8"), NvmReply("1", "GARAGE", "10.0.0.8", "0", "")},
+    {"AnOwnerMustHaveAName", Device::kFree, ALLOCATE, NOTHING,
+     ErrorReply("3", "No device owner given")},
+    {"TextsAreEscaped", Device::kFree, ALLOCATE, NvmOwnerPacket("&lt;A&amp;B&gt;"),
+     NvmReply("1", "&lt;A&amp;B&gt;", "0", "0", "")},
+    {"AnUnknownFunctionIsRefused", Device::kFree, "nvmSellDevice", NOTHING,
+     ErrorReply("5", "Unknown function nvmSellDevice")},
+    {"NoFunctionIsRefused", Device::kFree, "", NOTHING, ErrorReply("5", "Unknown function ")},
+    {"ALongNameIsShortened", Device::kFree, std::string(3000, 'f'), NOTHING,
+     ErrorReply("5", "Unknown function " + std::string(100, 'f') + "...")},
+    {"NoBodyIsRefused", Device::kFree, STATUS, "", NO_PACKET},
+    {"WhatIsNoXmlIsRefused", Device::kFree, STATUS, "no XML", NO_PACKET},
+    {"APacketWithoutDataIsRefused", Device::kFree, STATUS, "<wddxPacket/>", NO_PACKET},
+    {"APacketIsUtf8WhateverItDeclares", Device::kFree, ALLOCATE,
+     CHINESE + NvmOwnerPacket("M\xC3\xBCLLER"), NvmReply("1", "M\xC3\xBCLLER", "0", "0", "")},
+    {"AnEntityIsRefused", Device::kFree, ALLOCATE, ENTITY + NvmOwnerPacket("&e;"), NO_PACKET},
+    {"AnExternalEntityIsRefused", Device::kFree, ALLOCATE,
+     FILE_ENTITY + NvmOwnerPacket("GARAGE", "&e;"), NO_PACKET},
+    {"TheDocumentTypeIsNotLoaded", Device::kFree, ALLOCATE,
+     FILE_TYPE + NvmOwnerPacket("GARAGE", "&e;"), NvmReply("1", "GARAGE", "", "0", "")}};
 
-TEST_F(NvmServiceTest, ADeviceIsReleasedByItsOwner) {
-  Ask("nvmAllocateDevice", NvmOwnerPacket("GARAGE"));
-  EXPECT_EQ(Ask("nvmReleaseDevice", NvmOwnerPacket("GARAGE")), NvmReply("0", "", "", "0", ""));
-}
-
-TEST_F(NvmServiceTest, ADeviceIsNotReleasedBySomebodyElse) {
-  Ask("nvmAllocateDevice", NvmOwnerPacket("GARAGE"));
-  EXPECT_EQ(Ask("nvmReleaseDevice", NvmOwnerPacket("VEMO_WEB")),
-            NvmReply("1", "GARAGE", "0", "1", "Device is allocated by GARAGE"));
-}
-
-TEST_F(NvmServiceTest, AFreeDeviceCannotBeReleased) {
-  EXPECT_EQ(Ask("nvmReleaseDevice", NvmOwnerPacket("VEMO_WEB")),
-            NvmReply("0", "", "", "2", "Device is not allocated"));
-}
-
-TEST_F(NvmServiceTest, AnOwnerMustHaveAName) {
-  EXPECT_EQ(Ask("nvmAllocateDevice", Packet("")),
-            NvmReply("0", "", "", "3", "No device owner given"));
-}
-
-TEST_F(NvmServiceTest, TextsAreEscapedInTheReply) {
-  EXPECT_EQ(Ask("nvmAllocateDevice", NvmOwnerPacket("&lt;A&amp;B&gt;")),
-            NvmReply("1", "&lt;A&amp;B&gt;", "0", "0", ""));
-}
-
-// --- Requests of another shape
-
-TEST_F(NvmServiceTest, AnUnknownFunctionIsRefused) {
-  EXPECT_EQ(Ask("nvmSellDevice", Packet("")),
-            NvmReply("0", "", "", "5", "Unknown function nvmSellDevice"));
-  EXPECT_EQ(Ask("", Packet("")), NvmReply("0", "", "", "5", "Unknown function "));
-}
-
-TEST_F(NvmServiceTest, ARequestWithoutAPacketIsRefused) {
-  const std::string refusal = NvmReply("0", "", "", "4", "Request is no WDDX packet");
-  EXPECT_EQ(Ask("nvmGetDeviceStatus", ""), refusal);
-  EXPECT_EQ(Ask("nvmGetDeviceStatus", "no XML"), refusal);
-  EXPECT_EQ(Ask("nvmGetDeviceStatus", "<wddxPacket/>"), refusal);
-}
+INSTANTIATE_TEST_SUITE_P(Nvm, NvmServiceReply, testing::ValuesIn(EXCHANGES),
+                         [](const auto& info) { return info.param.name; });
 
 TEST_F(NvmServiceTest, ACommonHttpClientIsServed) {
-  const Result result = Execute(
-      {{"/usr/bin/curl", "--silent", "--show-error", "--compressed", "-X", "GET", "-d",
-        NvmOwnerPacket("GARAGE"), "http://127.0.0.1:5302/nVm?FunctionName=nvmAllocateDevice"}});
+  const Result result =
+      Execute({{"/usr/bin/curl", "--silent", "--show-error", "--compressed", "-X", "GET", "-d",
+                GARAGE, "http://127.0.0.1:5302/nVm?FunctionName=nvmAllocateDevice"}});
   EXPECT_EQ(result.error, "");
-  EXPECT_EQ(result.output, NvmReply("1", "GARAGE", "0", "0", ""));
+  EXPECT_EQ(result.output, HELD_BY_GARAGE);
 }
 
 TEST_F(NvmServiceTest, BytesBehindTheBodyAreIgnored) {
-  EXPECT_THAT(Send(NvmRequest("nvmAllocateDevice", NvmOwnerPacket("GARAGE")) + "<more/>"),
-              HasSubstr("<string>GARAGE</string>"));
-}
-
-TEST_F(NvmServiceTest, AnExternalEntityIsRefused) {
-  WriteText("/tmp/secret.txt", "secret");
-  EXPECT_EQ(
-      Ask("nvmAllocateDevice", "<!DOCTYPE wddxPacket [<!ENTITY e SYSTEM '/tmp/secret.txt'>]>" +
-                                   NvmOwnerPacket("GARAGE", "&e;")),
-      NvmReply("0", "", "", "4", "Request is no WDDX packet"));
-}
-
-TEST_F(NvmServiceTest, APacketIsReadAsUtf8WhateverItSays) {
-  EXPECT_EQ(Ask("nvmAllocateDevice", "<?xml version='1.0' encoding='ISO-2022-CN-EXT'?>" +
-                                         NvmOwnerPacket("M\xC3\xBCLLER")),
-            NvmReply("1", "M\xC3\xBCLLER", "0", "0", ""));
-}
-
-TEST_F(NvmServiceTest, TheDocumentTypeIsNotLoaded) {
-  WriteText("/tmp/packet.dtd", "<!ENTITY e 'secret'>");
-  EXPECT_EQ(Ask("nvmAllocateDevice",
-                "<!DOCTYPE wddxPacket SYSTEM '/tmp/packet.dtd'>" + NvmOwnerPacket("GARAGE", "&e;")),
-            NvmReply("1", "GARAGE", "", "0", ""));
-}
-
-TEST_F(NvmServiceTest, AnEntityIsRefused) {
-  EXPECT_EQ(Ask("nvmAllocateDevice",
-                "<!DOCTYPE wddxPacket [<!ENTITY e 'GARAGE'>]>" + NvmOwnerPacket("&e;")),
-            NvmReply("0", "", "", "4", "Request is no WDDX packet"));
+  EXPECT_THAT(Send(NvmRequest(ALLOCATE, GARAGE) + "<more/>"), EndsWith(HELD_BY_GARAGE));
 }
 
 // --- Requests that no client of the service sends, but a web page could
 
 class NvmServiceRefuses : public NvmServiceTest {
  protected:
-  // The request to release the device is refused with the status, and nothing else.
-  static void ExpectRefused(HttpRequest request, const std::string& status,
-                            const std::string& more = "") {
-    Ask("nvmAllocateDevice", NvmOwnerPacket("GARAGE"));
-    if (request.path == HttpRequest().path) {
-      request.path = "/nVm?FunctionName=nvmReleaseDevice";
+  // Each of the values, in this part of a request to release the device, makes the service refuse
+  // the request with the status, and nothing else.
+  static void ExpectRefused(std::string HttpRequest::*part, const std::vector<std::string>& values,
+                            const std::string& status, HttpRequest request = ReleaseRequest()) {
+    Ask(ALLOCATE, GARAGE);
+    for (const std::string& value : values) {
+      SCOPED_TRACE(value);
+      request.*part = value;
+      EXPECT_EQ(Undated(Send(Text(request))),
+                "HTTP/1.1 " + status +
+                    "\r\nConnection: close\r\ncontent-type: text/xml\r\ncontent-length: 0\r\n" +
+                    (status == NOT_ALLOWED ? "allow: GET\r\n" : "") + "Content-Length: 0\r\n\r\n");
+      EXPECT_THAT(NvmServiceStatements().back(),
+                  HasSubstr(": refused with " + status.substr(0, 3)));
+      EXPECT_EQ(Ask(STATUS, NOTHING), HELD_BY_GARAGE);
     }
-    if (request.body == HttpRequest().body) {
-      request.body = NvmOwnerPacket("GARAGE");
-    }
-    EXPECT_EQ(Undated(Send(Text(request))),
-              "HTTP/1.1 " + status +
-                  "\r\nConnection: close\r\ncontent-type: text/xml\r\ncontent-length: 0\r\n" +
-                  more + "Content-Length: 0\r\n\r\n");
-    EXPECT_THAT(NvmServiceStatements().back(), HasSubstr(": refused with " + status.substr(0, 3)));
-    EXPECT_EQ(Ask("nvmGetDeviceStatus", Packet("")), NvmReply("1", "GARAGE", "0", "0", ""));
   }
+
+  static HttpRequest ReleaseRequest() {
+    HttpRequest request;
+    request.path = "/nVm?FunctionName=nvmReleaseDevice";
+    request.body = GARAGE;
+    return request;
+  }
+
+  static constexpr char NOT_ALLOWED[] = "405 Method Not Allowed";
 };
 
+// The second is a request of its own.
 TEST_F(NvmServiceRefuses, AForeignForm) {
-  HttpRequest form;
+  HttpRequest form = ReleaseRequest();
   form.method = "POST";
   form.type = "text/plain";
-  ExpectRefused(form, "405 Method Not Allowed", "allow: GET\r\n");
-}
-
-TEST_F(NvmServiceRefuses, AFormThatCarriesARequestOfItsOwn) {
-  HttpRequest form;
-  form.method = "POST";
-  form.type = "text/plain";
-  form.body = NvmRequest("nvmReleaseDevice", NvmOwnerPacket("GARAGE"));
-  ExpectRefused(form, "405 Method Not Allowed", "allow: GET\r\n");
+  ExpectRefused(&HttpRequest::body, {GARAGE, NvmRequest(RELEASE, GARAGE)}, NOT_ALLOWED, form);
 }
 
 TEST_F(NvmServiceRefuses, EveryOtherMethod) {
-  for (const std::string method : {"PUT", "DELETE", "OPTIONS", "PATCH", "get"}) {
-    HttpRequest request;
-    request.method = method;
-    ExpectRefused(request, "405 Method Not Allowed", "allow: GET\r\n");
-  }
+  ExpectRefused(&HttpRequest::method, {"PUT", "DELETE", "OPTIONS", "PATCH", "get"}, NOT_ALLOWED);
 }
 
 TEST_F(NvmServiceRefuses, EveryOtherPath) {
-  for (const std::string path :
-       {"/", "/nvm?FunctionName=nvmReleaseDevice", "/nVm/?FunctionName=nvmReleaseDevice"}) {
-    HttpRequest request;
-    request.path = path;
-    ExpectRefused(request, "404 Not Found");
-  }
+  ExpectRefused(&HttpRequest::path,
+                {"/", "/nvm?FunctionName=nvmReleaseDevice", "/nVm/?FunctionName=nvmReleaseDevice"},
+                "404 Not Found");
 }
 
 TEST_F(NvmServiceRefuses, EveryOtherParameter) {
-  for (const std::string path : {"/nVm", "/nVm?", "/nVm?FunctionName", "/nVm?Function=x",
-                                 "/nVm?FunctionName=nvmReleaseDevice&FunctionName=x"}) {
-    HttpRequest request;
-    request.path = path;
-    ExpectRefused(request, "400 Bad Request");
-  }
+  ExpectRefused(&HttpRequest::path,
+                {"/nVm", "/nVm?", "/nVm?FunctionName", "/nVm?Function=x",
+                 "/nVm?FunctionName=nvmReleaseDevice&FunctionName=x"},
+                "400 Bad Request");
 }
 
 TEST_F(NvmServiceRefuses, WhatABrowserAdds) {
@@ -243,23 +231,19 @@ TEST_F(NvmServiceRefuses, WhatABrowserAdds) {
         "Sec-Fetch-Site: none", "Sec-Purpose: prefetch", "Purpose: prefetch", "Upgrade: websocket",
         "Accept-Language: de", "Upgrade-Insecure-Requests: 1", "Cookie: a=b", "X-Any: 1",
         "Content-type: text/xml"}) {
-    HttpRequest request;
-    request.more = header + "\r\n";
-    ExpectRefused(request, "403 Forbidden");
+    ExpectRefused(&HttpRequest::more, {header + "\r\n"}, "403 Forbidden");
   }
 }
 
 TEST_F(NvmServiceRefuses, EveryOtherHost) {
-  for (const std::string host :
-       {"localhost", "127.0.0.2", "vemo.example", "127.0.0.1:80", "[::1]", "127.0.0.1.example"}) {
-    HttpRequest request;
-    request.host = host;
-    ExpectRefused(request, "403 Forbidden");
-  }
+  ExpectRefused(
+      &HttpRequest::host,
+      {"localhost", "127.0.0.2", "vemo.example", "127.0.0.1:80", "[::1]", "127.0.0.1.example"},
+      "403 Forbidden");
 }
 
-// What a browser does send without a page's help: a link, an image.
-TEST_F(NvmServiceTest, AGetWithoutABodyIsNoOrder) {
+// What a browser sends without a page's help: for a link, an image.
+TEST_F(NvmServiceTest, AGetWithoutABodyChangesNothing) {
   EXPECT_THAT(Send("GET /nVm?FunctionName=nvmAllocateDevice HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"),
               HasSubstr("Request is no WDDX packet"));
 }
@@ -267,76 +251,84 @@ TEST_F(NvmServiceTest, AGetWithoutABodyIsNoOrder) {
 TEST_F(NvmServiceTest, ABodyInChunksIsRefused) {
   HttpRequest request;
   request.more = "Transfer-Encoding: chunked\r\n";
-  EXPECT_THAT(Send(Text(request)), testing::StartsWith("HTTP/1.1 4"));
+  EXPECT_THAT(Send(Text(request)), StartsWith("HTTP/1.1 4"));
 }
 
-TEST_F(NvmServiceTest, ARequestThatWaitsForLeaveIsRefused) {
+TEST_F(NvmServiceTest, ARequestThatWaitsForAContinueIsRefused) {
   HttpRequest request;
   request.more = "Expect: 100-continue\r\n";
   EXPECT_THAT(Send(Text(request)), HasSubstr("HTTP/1.1 403 "));
 }
 
 TEST_F(NvmServiceTest, ABodyBeyondTheLimitIsRefused) {
-  const std::string request = NvmRequest("nvmGetDeviceStatus", std::string(4097, ' '));
-  EXPECT_THAT(Send(request.substr(0, request.find("\r\n\r\n") + 4)),
-              testing::StartsWith("HTTP/1.1 413 "));
-  EXPECT_THAT(Send(NvmRequest("nvmGetDeviceStatus", Packet("") + std::string(3000, ' '))),
-              testing::EndsWith(FreeReply()));
+  const std::string request = NvmRequest(STATUS, std::string(4097, ' '));
+  EXPECT_THAT(Send(request.substr(0, request.find("\r\n\r\n") + 4)), StartsWith("HTTP/1.1 413 "));
+  EXPECT_THAT(Send(NvmRequest(STATUS, NOTHING + std::string(3000, ' '))), EndsWith(FreeReply()));
 }
 
 // --- Clients that misbehave: the next one is served all the same
 
-class NvmServiceBeside : public NvmServiceTest {
- protected:
-  static void ExpectOthersAreServed() {
-    EXPECT_EQ(Ask("nvmGetDeviceStatus", Packet("")), FreeReply());
-  }
-};
+using Clients = std::vector<std::unique_ptr<Connection>>;
 
-TEST_F(NvmServiceBeside, SilentClients) {
-  const Connection first(NVM_ADDRESS, NVM_PORT);
-  const Connection second(NVM_ADDRESS, NVM_PORT);
-  const Connection third(NVM_ADDRESS, NVM_PORT);
-  ExpectOthersAreServed();
+Clients Connect(int count) {
+  Clients clients;
+  for (int i = 0; i < count; ++i) {
+    clients.push_back(std::make_unique<Connection>(NVM_ADDRESS, NVM_PORT));
+  }
+  return clients;
 }
 
-TEST_F(NvmServiceBeside, ASlowClientWhoIsServedInTheEnd) {
+class NvmServiceBeside : public NvmServiceTest {
+ protected:
+  static void ExpectOthersAreServed() { EXPECT_EQ(Ask(STATUS, NOTHING), FreeReply()); }
+};
+
+// The last are more than are served at once.
+TEST_F(NvmServiceBeside, SilentClients) {
+  for (const int count : {3, 300}) {
+    const Clients clients = Connect(count);
+    ExpectOthersAreServed();
+  }
+}
+
+TEST_F(NvmServiceBeside, ASlowClientThatIsServedInTheEnd) {
   Connection slow(NVM_ADDRESS, NVM_PORT);
-  const std::string request = NvmRequest("nvmGetDeviceStatus", Packet(""));
+  const std::string request = NvmRequest(STATUS, NOTHING);
   for (std::size_t i = 0; i < request.size(); ++i) {
     slow.Send(request.substr(i, 1));
     if (i % 50 == 0) {
       ExpectOthersAreServed();
     }
   }
-  EXPECT_THAT(slow.ReceiveAll(), testing::EndsWith(FreeReply()));
+  EXPECT_THAT(slow.ReceiveAll(), EndsWith(FreeReply()));
 }
 
-TEST_F(NvmServiceBeside, ClientsThatGoAwayEarly) {
-  { const Connection silent(NVM_ADDRESS, NVM_PORT); }
-  {
-    Connection hasty(NVM_ADDRESS, NVM_PORT);
-    hasty.Send("GET /nVm?FunctionName=nvmGetDev");
+// The last four are no HTTP.
+TEST_F(NvmServiceBeside, ClientsThatStopAnywhereAndGoAway) {
+  for (const std::string& sent :
+       {std::string(), std::string("GET /nVm?FunctionName=nvmGetDev"), NvmRequest(STATUS, NOTHING),
+        std::string("\0\xFF\r\n\r\n", 6), std::string("\r\n\r\n\r\n"), std::string("GET\r\n\r\n"),
+        std::string("GET  HTTP/1.1\r\n:\r\n\r\n")}) {
+    {
+      Connection client(NVM_ADDRESS, NVM_PORT);
+      client.Send(sent);
+      ExpectOthersAreServed();
+    }
+    ExpectOthersAreServed();
   }
-  {
-    Connection deaf(NVM_ADDRESS, NVM_PORT);
-    deaf.Send(NvmRequest("nvmGetDeviceStatus", Packet("")));
-  }
-  ExpectOthersAreServed();
 }
 
-TEST_F(NvmServiceBeside, AClientWhoIsGoneWhenItIsAnswered) {
-  SKIP_WHERE_TRACED("a traced service does not stop when told to");
-  // The service sleeps until the client has gone.
+TEST_F(NvmServiceBeside, ClientsThatAreGoneWhenTheyAreAnswered) {
+  SKIP_WHERE_TRACED("a traced service does not stop at the signal");
+  // The service sleeps until the clients have gone.
   const std::string state = "/proc/" + std::to_string(service_.Id()) + "/status";
   kill(service_.Id(), SIGSTOP);
   ASSERT_TRUE(Eventually([&] { return ReadText(state).find("\nState:\tT") != std::string::npos; }));
   {
-    Connection reset(NVM_ADDRESS, NVM_PORT);
-    reset.Send(NvmRequest("nvmGetDeviceStatus", Packet("")));
-    reset.Reset();
-    Connection closed(NVM_ADDRESS, NVM_PORT);
-    closed.Send(NvmRequest("nvmGetDeviceStatus", Packet("")));
+    const Clients clients = Connect(2);
+    clients[0]->Send(NvmRequest(STATUS, NOTHING));
+    clients[0]->Reset();
+    clients[1]->Send(NvmRequest(STATUS, NOTHING));
   }
   kill(service_.Id(), SIGCONT);
   ExpectOthersAreServed();
@@ -344,24 +336,14 @@ TEST_F(NvmServiceBeside, AClientWhoIsGoneWhenItIsAnswered) {
   ExpectOthersAreServed();
 }
 
-TEST_F(NvmServiceBeside, AClientWhoseRequestIsNone) {
-  for (const std::string& request :
-       {std::string("\0\xFF\r\n\r\n", 6), std::string("\r\n\r\n\r\n"), std::string("GET\r\n\r\n"),
-        std::string("GET  HTTP/1.1\r\n:\r\n\r\n")}) {
-    Connection client(NVM_ADDRESS, NVM_PORT);
-    client.Send(request);
-    ExpectOthersAreServed();
-  }
-}
-
-TEST_F(NvmServiceBeside, AClientWhoseHeadHasNoEnd) {
+TEST_F(NvmServiceBeside, AClientThatSendsAHeadWithoutAnEnd) {
   Connection client(NVM_ADDRESS, NVM_PORT);
   client.Send(std::string(65536, 'x'));
   ExpectOthersAreServed();
   EXPECT_TRUE(client.HasEnded());
 }
 
-TEST_F(NvmServiceBeside, ClientsWhoseTimeIsUp) {
+TEST_F(NvmServiceBeside, ClientsThatTakeLongerThanTheTimeout) {
   Connection silent(NVM_ADDRESS, NVM_PORT);
   Connection slow(NVM_ADDRESS, NVM_PORT);
   slow.Send("GET /nVm?FunctionName=");
@@ -374,44 +356,34 @@ TEST_F(NvmServiceBeside, ClientsWhoseTimeIsUp) {
   ExpectOthersAreServed();
 }
 
-TEST_F(NvmServiceBeside, MoreSilentClientsThanAreServedAtOnce) {
-  std::vector<std::unique_ptr<Connection>> clients;
-  for (int i = 0; i < 300; ++i) {
-    clients.push_back(std::make_unique<Connection>(NVM_ADDRESS, NVM_PORT));
-  }
-  ExpectOthersAreServed();
-}
-
-TEST_F(NvmServiceBeside, AClientWhoAnnouncesTheImpossible) {
-  for (const std::string length : {"-1", "99999999999999999999999", "x"}) {
-    Connection client(NVM_ADDRESS, NVM_PORT);
-    client.Send(
-        "GET /nVm?FunctionName=nvmGetDeviceStatus HTTP/1.1\r\nHost: 127.0.0.1\r\nAccept: */*\r\n"
-        "User-Agent: USER_AGENT\r\nContent-type: text/xml\r\nContent-length: " +
-        length + "\r\n\r\n" + Packet(""));
-    EXPECT_THAT(client.ReceiveAll(), testing::StartsWith("HTTP/1.1 4"));
+TEST_F(NvmServiceBeside, AClientThatAnnouncesAnImpossibleLength) {
+  const std::string request = Text(HttpRequest());
+  const std::string length = "Content-length: " + std::to_string(NOTHING.size());
+  for (const std::string impossible : {"-1", "99999999999999999999999", "x"}) {
+    std::string changed = request;
+    changed.replace(request.find(length), length.size(), "Content-length: " + impossible);
+    EXPECT_THAT(Send(changed), StartsWith("HTTP/1.1 4"));
     ExpectOthersAreServed();
   }
 }
 
 TEST_F(NvmServiceBeside, ADozenClientsAtOnce) {
-  std::vector<std::unique_ptr<Connection>> clients;
-  for (int i = 0; i < 12; ++i) {
-    clients.push_back(std::make_unique<Connection>(NVM_ADDRESS, NVM_PORT));
-    clients.back()->Send(NvmRequest("nvmGetDeviceStatus", Packet("")));
+  const Clients clients = Connect(12);
+  for (const auto& client : clients) {
+    client->Send(NvmRequest(STATUS, NOTHING));
   }
   for (const auto& client : clients) {
-    EXPECT_THAT(client->ReceiveAll(), testing::EndsWith(FreeReply()));
+    EXPECT_THAT(client->ReceiveAll(), EndsWith(FreeReply()));
   }
 }
 
 // --- The log
 
 TEST_F(NvmServiceTest, LogsEachRequestAndRefusalsAsErrors) {
-  Ask("nvmAllocateDevice", NvmOwnerPacket("GARAGE"));
-  Ask("nvmAllocateDevice", NvmOwnerPacket("VEMO_WEB"));
-  Ask("nvmGetDeviceStatus", Packet(""));
-  Ask("nvmReleaseDevice", NvmOwnerPacket("GARAGE"));
+  Ask(ALLOCATE, NvmOwnerPacket("GARAGE"));
+  Ask(ALLOCATE, NvmOwnerPacket("VEMO_WEB"));
+  Ask(STATUS, NOTHING);
+  Ask(RELEASE, NvmOwnerPacket("GARAGE"));
   Ask("nvmSellDevice", "");
   EXPECT_THAT(NvmServiceStatements(),
               ElementsAre("INFO nvmAllocateDevice: 0 ; owner now: GARAGE",
@@ -423,34 +395,31 @@ TEST_F(NvmServiceTest, LogsEachRequestAndRefusalsAsErrors) {
 }
 
 TEST_F(NvmServiceTest, ANameForgesNoLogLine) {
-  Ask("nvm%0D%0AForged", Packet(""));
-  Ask("nvmAllocateDevice", NvmOwnerPacket("A&#10;B&#13;\xC2\x85\\"));
+  Ask("nvm%0D%0AForged", NOTHING);
+  Ask(ALLOCATE, NvmOwnerPacket("A&#10;B&#13;\xC2\x85\\"));
   EXPECT_THAT(NvmServiceStatements(),
               ElementsAre("ERROR nvm\\x0D\\x0AForged: 5 Unknown function nvm\\x0D\\x0AForged; "
                           "owner now: nobody",
                           "INFO nvmAllocateDevice: 0 ; owner now: A\\x0AB\\x0D\\xC2\\x85\\"));
 }
 
-TEST_F(NvmServiceTest, ALongNameIsShortened) {
-  const std::string shortened = std::string(100, 'f') + "...";
-  EXPECT_EQ(Ask(std::string(3000, 'f'), Packet("")),
-            NvmReply("0", "", "", "5", "Unknown function " + shortened));
-  Ask("nvmAllocateDevice", NvmOwnerPacket(std::string(3000, 'o')));
+TEST_F(NvmServiceTest, ALongNameIsShortenedInTheLog) {
+  Ask(ALLOCATE, NvmOwnerPacket(std::string(3000, 'o')));
   EXPECT_THAT(NvmServiceStatements().back(),
-              testing::EndsWith("owner now: " + std::string(100, 'o') + "..."));
+              EndsWith("owner now: " + std::string(100, 'o') + "..."));
 }
 
 TEST_F(NvmServiceTest, LogsToANewFileAfterARename) {
-  Ask("nvmGetDeviceStatus", Packet(""));
+  Ask(STATUS, NOTHING);
   std::filesystem::rename(NVM_SERVICE_LOG_FILE, "/tmp/nvm.log.1");
-  Ask("nvmReleaseDevice", Packet(""));
+  Ask(RELEASE, NOTHING);
   EXPECT_THAT(NvmServiceStatements(),
               ElementsAre("ERROR nvmReleaseDevice: 2 Device is not allocated; owner now: nobody"));
   EXPECT_EQ(Lines(ReadText("/tmp/nvm.log.1")).size(), 1);
   // The file that a log rotation has made itself.
   std::filesystem::rename(NVM_SERVICE_LOG_FILE, "/tmp/nvm.log.1");
   WriteText(NVM_SERVICE_LOG_FILE, "");
-  Ask("nvmGetDeviceStatus", Packet(""));
+  Ask(STATUS, NOTHING);
   EXPECT_EQ(NvmServiceStatements().size(), 1);
 }
 
@@ -464,9 +433,9 @@ class NvmServiceLog : public testing::Test {
 
 // Nothing is opened anew: it could not be.
 TEST_F(NvmServiceLog, StaysOpenWhileItIsTheFileAtItsPath) {
-  Ask("nvmGetDeviceStatus", Packet(""));
+  Ask(STATUS, NOTHING);
   std::filesystem::permissions(NVM_SERVICE_LOG_FILE, std::filesystem::perms(0400));
-  Ask("nvmGetDeviceStatus", Packet(""));
+  Ask(STATUS, NOTHING);
   EXPECT_EQ(NvmServiceStatements().size(), 2);
   EXPECT_EQ(ReadText(SAID), "");
 }
@@ -474,7 +443,7 @@ TEST_F(NvmServiceLog, StaysOpenWhileItIsTheFileAtItsPath) {
 TEST_F(NvmServiceLog, GoesOnInTheOldFileWhereNoNewOneCanBeMade) {
   std::filesystem::rename(NVM_SERVICE_LOG_FILE, "/tmp/nvm.log.1");
   std::filesystem::create_directory(NVM_SERVICE_LOG_FILE);
-  Ask("nvmGetDeviceStatus", Packet(""));
+  Ask(STATUS, NOTHING);
   std::filesystem::remove(NVM_SERVICE_LOG_FILE);
   EXPECT_EQ(Lines(ReadText("/tmp/nvm.log.1")).size(), 1);
   EXPECT_EQ(ReadText(SAID), "Can't open log file /tmp/nvm.log: Is a directory\n");
@@ -491,18 +460,13 @@ std::function<void()> Limit(int resource, rlim_t value) {
 
 TEST(NvmServiceWant, OfThreads) {
   const NvmService service(NVM_ADDRESS, Limit(RLIMIT_NPROC, 0));
-  EXPECT_EQ(Ask("nvmGetDeviceStatus", Packet("")), FreeReply());
+  EXPECT_EQ(Ask(STATUS, NOTHING), FreeReply());
 }
 
 TEST(NvmServiceWant, OfDescriptors) {
   const NvmService service(NVM_ADDRESS, Limit(RLIMIT_NOFILE, 16));
-  {
-    std::vector<std::unique_ptr<Connection>> clients;
-    for (int i = 0; i < 32; ++i) {
-      clients.push_back(std::make_unique<Connection>(NVM_ADDRESS, NVM_PORT));
-    }
-  }
-  EXPECT_EQ(Ask("nvmGetDeviceStatus", Packet("")), FreeReply());
+  Connect(32);
+  EXPECT_EQ(Ask(STATUS, NOTHING), FreeReply());
 }
 
 // A figure of the process's memory, in KiB.
@@ -521,12 +485,10 @@ TEST(NvmServiceWant, OfMemory) {
   for (int more = 1; more <= 10; ++more) {
     const NvmService service(NVM_ADDRESS,
                              Limit(RLIMIT_AS, (kibibytes + more * 1024) * rlim_t{1024}));
-    std::vector<std::unique_ptr<Connection>> clients;
-    const std::string request =
-        NvmRequest("nvmReleaseDevice", NvmOwnerPacket(std::string(3500, 'x')));
-    for (int i = 0; i < 250; ++i) {
-      clients.push_back(std::make_unique<Connection>(NVM_ADDRESS, NVM_PORT));
-      clients.back()->Send(request.substr(0, 100));
+    const std::string request = NvmRequest(RELEASE, NvmOwnerPacket(std::string(3500, 'x')));
+    const Clients clients = Connect(250);
+    for (const auto& client : clients) {
+      client->Send(request.substr(0, 100));
     }
     for (const auto& client : clients) {
       client->Send(request.substr(100));
@@ -553,21 +515,21 @@ TEST_F(NvmServiceTest, ASecondServiceDoesNotStart) {
 
 TEST_F(NvmServiceTest, AServiceOnAnotherAddressMayRunBeside) {
   const NvmService other("127.0.0.2");
-  Ask("nvmAllocateDevice", NvmOwnerPacket("GARAGE"));
+  Ask(ALLOCATE, NvmOwnerPacket("GARAGE"));
   Connection client("127.0.0.2", NVM_PORT);
   HttpRequest request;
   request.host = "127.0.0.2";
   client.Send(Text(request));
-  EXPECT_THAT(client.ReceiveAll(), testing::EndsWith(FreeReply()));
+  EXPECT_THAT(client.ReceiveAll(), EndsWith(FreeReply()));
 }
 
 TEST(NvmServiceStart, ARestartedServiceListensAtOnce) {
   {
     NvmService first;
-    Ask("nvmGetDeviceStatus", Packet(""));
+    Ask(STATUS, NOTHING);
   }
   const NvmService second;
-  EXPECT_EQ(Ask("nvmGetDeviceStatus", Packet("")), FreeReply());
+  EXPECT_EQ(Ask(STATUS, NOTHING), FreeReply());
 }
 
 TEST(NvmServiceStart, AMalformedAddressIsRefused) {
