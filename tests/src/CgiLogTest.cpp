@@ -1,7 +1,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <rapidcheck.h>
+#include <rapidcheck/gtest.h>
 
-#include <iomanip>
+#include <algorithm>
 #include <sstream>
 
 #include "CgiLog.h"
@@ -15,7 +17,11 @@ namespace {
 
 using testing::ElementsAre;
 
+// To be formatted in UTC.
 LogEvent ExampleEvent() {
+  setenv("TZ", "UTC", 1);
+  tzset();
+  GetCgiLogHandler();  // registers the levels
   LogEvent event;
   event.time = {1700000000, 42};
   event.level = LOG_LEVEL_INFO;
@@ -30,16 +36,8 @@ LogEvent ExampleEvent() {
 class CgiLogTest : public testing::Test {
  protected:
   void SetUp() override {
-    setenv("TZ", "UTC", 1);
-    tzset();
     GetCgiLogHandler();
     std::filesystem::resize_file(LOG_FILE, 0);
-  }
-
-  static std::string Format(const LogEvent& event) {
-    std::ostringstream out;
-    JniLayout().FormatAndAppend(out, event);
-    return out.str();
   }
 };
 
@@ -50,20 +48,17 @@ TEST_F(CgiLogTest, TwoCallsGiveTheSameHandlerAndEachStatementOneLine) {
   EXPECT_THAT(LoggedStatements(), ElementsAre("DEBUG src/X 1 once"));
 }
 
-TEST_F(CgiLogTest, ASecondCallRegistersNoLevelAgain) {
-  Logger::GetLogLevelManager()->AddLogLevel(LOG_LEVEL_WARN, "CHANGED");
-  GetCgiLogHandler();
-  EXPECT_EQ(Logger::GetLogLevelManager()->GetLogLevelName(LOG_LEVEL_WARN), "CHANGED");
-  Logger::GetLogLevelManager()->AddLogLevel(LOG_LEVEL_WARN, "WARN");
-}
-
-TEST_F(CgiLogTest, RegistersFiveLevels) {
-  const LogLevelManager& levels = *Logger::GetLogLevelManager();
+TEST_F(CgiLogTest, RegistersFiveLevelsOnce) {
+  LogLevelManager& levels = *Logger::GetLogLevelManager();
   EXPECT_EQ(levels.GetLogLevelName(10), "DEBUG");
   EXPECT_EQ(levels.GetLogLevelName(20), "INFO");
   EXPECT_EQ(levels.GetLogLevelName(30), "WARN");
   EXPECT_EQ(levels.GetLogLevelName(40), "ERROR");
   EXPECT_EQ(levels.GetLogLevelName(50), "FATAL");
+  levels.AddLogLevel(LOG_LEVEL_WARN, "CHANGED");
+  GetCgiLogHandler();
+  EXPECT_EQ(levels.GetLogLevelName(LOG_LEVEL_WARN), "CHANGED");
+  levels.AddLogLevel(LOG_LEVEL_WARN, "WARN");
 }
 
 TEST_F(CgiLogTest, TheJvemoHandlerReachesTheLogFileInTheSameLayout) {
@@ -105,24 +100,24 @@ TEST_F(CgiLogTest, AMessageWithNewlinesIsWrittenAsItIs) {
   EXPECT_THAT(ReadText(LOG_FILE), testing::EndsWith("1     Receive:\na\r\nb\n"));
 }
 
-TEST_F(CgiLogTest, LayoutWritesPaddedColumnsOfOneLine) {
+// --- The layout
+
+std::string Format(const LogEvent& event) {
+  std::ostringstream out;
+  JniLayout().FormatAndAppend(out, event);
+  return out.str();
+}
+
+TEST(CgiLogLayout, IsPaddedColumnsOfOneLine) {
   EXPECT_EQ(Format(ExampleEvent()),
             "2023-11-14 22:13:20.000042  INFO      cgi            4711  "
             "src/SetObdConf           30    a message\n");
 }
 
-TEST_F(CgiLogTest, LayoutPadsALevelNameToTen) {
-  EXPECT_EQ(Format(ExampleEvent()).substr(28, 13), "INFO      cgi");
-}
-
-TEST_F(CgiLogTest, LayoutLeavesNoBlankBehindAValueThatFillsItsColumn) {
+TEST(CgiLogLayout, LeavesNoBlankBehindAValueThatFillsItsColumnAndCutsNone) {
   LogEvent event = ExampleEvent();
   event.processId = 123456;
   EXPECT_EQ(Format(event).substr(53, 20), "123456src/SetObdConf");
-}
-
-TEST_F(CgiLogTest, LayoutCutsNoValueThatIsLongerThanItsColumn) {
-  LogEvent event = ExampleEvent();
   event.level = 1234567890;
   event.handlerName = "a-handler-of-more-than-15";
   event.processId = 12345678;
@@ -133,30 +128,63 @@ TEST_F(CgiLogTest, LayoutCutsNoValueThatIsLongerThanItsColumn) {
             "src/AFileNameOfMoreThanTwentyFive-1234567a message\n");
 }
 
-TEST_F(CgiLogTest, LayoutIgnoresTheStateOfTheStreamExceptTheBase) {
+// A number as the stream writes it, its width and its adjustment aside.
+std::string Number(std::int32_t number, const std::ostream& like) {
   std::ostringstream out;
-  out << std::hex << std::right << std::setfill('*') << std::setw(60);
+  out.flags(like.flags());
+  out << number;
+  return out.str();
+}
+
+std::string Padded(std::string text, std::size_t width) {
+  text.resize(std::max(text.size(), width), ' ');
+  return text;
+}
+
+RC_GTEST_PROP(CgiLogLayout, HoldsAnyEventOnAStreamInAnyStateButForTheBase, ()) {
+  using Flags = std::ios::fmtflags;
+  LogEvent event = ExampleEvent();
+  event.processId = *rc::gen::arbitrary<std::int32_t>();
+  event.line = *rc::gen::arbitrary<std::int32_t>();
+  event.handlerName = *rc::gen::arbitrary<std::string>();
+  event.fileName = *rc::gen::arbitrary<std::string>();
+  event.message = *rc::gen::arbitrary<std::string>();
+  std::ostringstream out;
+  out.setf(*rc::gen::element(Flags(), std::ios::oct, std::ios::dec, std::ios::hex),
+           std::ios::basefield);
+  out.setf(*rc::gen::element(Flags(), std::ios::left, std::ios::right, std::ios::internal),
+           std::ios::adjustfield);
+  for (const Flags flag :
+       {std::ios::showbase, std::ios::showpos, std::ios::uppercase, std::ios::boolalpha}) {
+    out.setf(*rc::gen::element(Flags(), flag), flag);
+  }
+  out.fill(*rc::gen::arbitrary<char>());
+  out.width(*rc::gen::inRange(0, 200));
+  const Flags before = out.flags();
+  const auto precision = *rc::gen::inRange(0, 50);
+  out.precision(precision);
+
+  JniLayout().FormatAndAppend(out, event);
+
+  RC_ASSERT(out.str() == "2023-11-14 22:13:20.000042  INFO      " + Padded(event.handlerName, 15) +
+                             Padded(Number(event.processId, out), 6) + Padded(event.fileName, 25) +
+                             Padded(Number(event.line, out), 6) + event.message + "\n");
+  RC_ASSERT(out.flags() == ((before & ~std::ios::adjustfield) | std::ios::left));
+  RC_ASSERT(out.fill() == ' ');
+  RC_ASSERT(out.width() == 0);
+  RC_ASSERT(out.precision() == precision);
+}
+
+TEST(CgiLogLayout, WritesNumbersInTheBaseOfTheStream) {
+  std::ostringstream out;
   LogEvent event = ExampleEvent();
   event.line = -1;
+  out << std::hex;
   JniLayout().FormatAndAppend(out, event);
-  EXPECT_EQ(out.str(),
-            "2023-11-14 22:13:20.000042  INFO      cgi            1267  "
-            "src/SetObdConf           ffffffffa message\n");
+  EXPECT_EQ(out.str().substr(53), "1267  src/SetObdConf           ffffffffa message\n");
 }
 
-TEST_F(CgiLogTest, LayoutLeavesLeftAdjustAndTheBlankFillAndNothingElseChanged) {
-  std::ostringstream out;
-  out << std::oct << std::showbase << std::uppercase << std::internal << std::setfill('*')
-      << std::setprecision(3) << std::setw(9);
-  const auto before = out.flags();
-  JniLayout().FormatAndAppend(out, ExampleEvent());
-  EXPECT_EQ(out.flags(), (before & ~std::ios::adjustfield) | std::ios::left);
-  EXPECT_EQ(out.fill(), ' ');
-  EXPECT_EQ(out.width(), 0);
-  EXPECT_EQ(out.precision(), 3);
-}
-
-TEST_F(CgiLogTest, LayoutDoesNotFlush) {
+TEST(CgiLogLayout, DoesNotFlush) {
   struct FlushCounter : std::stringbuf {
     int sync() override { return ++flushes, 0; }
     int flushes = 0;

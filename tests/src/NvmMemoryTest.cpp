@@ -44,7 +44,7 @@ TEST_F(MemoryCheck, OfTheToggleWithoutAService) {
 }
 
 TEST_F(MemoryCheck, OfTheReader) {
-  const Result result = Check({"/build/tests/nvm_tests", "--gtest_filter=NvmReader.*"});
+  const Result result = Check({"/build/tests/nvm_tests", "--gtest_filter=*NvmReader*"});
   EXPECT_EQ(result.exitStatus, 0);
   EXPECT_THAT(result.output, HasSubstr("[  PASSED  ]"));
 }

@@ -31,6 +31,24 @@ std::string StatusOf(const std::string& variables) {
   return Packet(Var("Status", "<struct>" + variables + "</struct>"));
 }
 
+// What the operations log: their names, and the names of the variables that they see.
+std::string SingleVarLog(const std::string& name, const std::vector<std::string>& seen) {
+  std::string log = Debug(313, "GetSingleVar " + name) + Debug(281, "GetVarNode " + name);
+  for (const std::string& variable : seen) {
+    log += Debug(292, variable);
+  }
+  return log;
+}
+
+std::string StatusLog(const std::vector<std::string>& seen) {
+  std::string log = Debug(248, "GetStatusMessages") + Debug(236, "GetStatusNodeTree") +
+                    Debug(281, "GetVarNode Status");
+  for (std::size_t i = 0; i < seen.size(); ++i) {
+    log += Debug(i == 0 ? 292 : 255, seen[i]);
+  }
+  return log;
+}
+
 class NvmReader : public testing::Test {
  protected:
   void SetUp() override {
@@ -52,41 +70,22 @@ class NvmReader : public testing::Test {
     return code + "/" + msg;
   }
 
-  // The name attribute of the node, "none" without a node.
-  static std::string NameOf(xmlNodePtr node) {
-    if (node == nullptr) {
-      return "none";
-    }
-    xmlChar* const name = xmlGetProp(node, reinterpret_cast<const xmlChar*>("name"));
-    const std::string copy = reinterpret_cast<const char*>(name);
-    xmlFree(name);
-    return copy;
-  }
-
   NvmClient client_;
 };
 
+constexpr char NO_STATUS[] = "old code/old msg";
+
 // --- Without a reply
 
-TEST_F(NvmReader, WithoutAReplyThereIsNoVariable) {
+TEST_F(NvmReader, WithoutAReplyThereIsNothing) {
   EXPECT_EQ(client_.GetVarNode("A"), nullptr);
-  EXPECT_EQ(LogText(), Debug(281, "GetVarNode A"));
-}
-
-TEST_F(NvmReader, WithoutAReplyThereIsNoStatus) {
   EXPECT_EQ(client_.GetStatusNodeTree(), nullptr);
-  EXPECT_EQ(LogText(), Debug(236, "GetStatusNodeTree") + Debug(281, "GetVarNode Status"));
-}
-
-TEST_F(NvmReader, WithoutAReplyASingleVariableIsEmpty) {
-  EXPECT_EQ(SingleVar(""), "");
-  EXPECT_EQ(LogText(), Debug(313, "GetSingleVar A") + Debug(281, "GetVarNode A"));
-}
-
-TEST_F(NvmReader, WithoutAReplyTheStatusMessagesStay) {
-  EXPECT_EQ(StatusMessages(""), "old code/old msg");
-  EXPECT_EQ(LogText(), Debug(248, "GetStatusMessages") + Debug(236, "GetStatusNodeTree") +
+  EXPECT_EQ(LogText(), Debug(281, "GetVarNode A") + Debug(236, "GetStatusNodeTree") +
                            Debug(281, "GetVarNode Status"));
+  EmptyLog();
+  EXPECT_EQ(SingleVar(""), "");
+  EXPECT_EQ(StatusMessages(""), NO_STATUS);
+  EXPECT_EQ(LogText(), SingleVarLog("A", {}) + StatusLog({}));
 }
 
 TEST_F(NvmReader, AnEmptyReplyLeavesTheDocumentAlone) {
@@ -100,25 +99,14 @@ TEST_F(NvmReader, AnEmptyReplyLeavesTheDocumentAlone) {
 
 // --- Finding a variable
 
-TEST_F(NvmReader, FindsAVariableAndLogsTheNamesOnTheWay) {
-  client_.reply =
-      Packet(Var("IsAllocated", Text("1")) + Var("Status", "<struct/>") + Var("Behind", Text("x")));
-  EXPECT_EQ(NameOf(client_.GetVarNode("Status")), "Status");
-  EXPECT_EQ(LogText(), Debug(281, "GetVarNode Status") + Debug(292, "IsAllocated") +  //
-                           Debug(292, "Status"));
-}
-
-TEST_F(NvmReader, TheFoundNodeBelongsToTheDocument) {
-  client_.reply = Packet(Var("A", Text("a")));
-  const xmlNodePtr variable = client_.GetVarNode("A");
-  ASSERT_NE(variable, nullptr);
-  EXPECT_EQ(variable->doc, client_.doc);
-}
-
-TEST_F(NvmReader, AMissingVariableIsNotFoundThoughAllAreSeen) {
-  client_.reply = Packet(Var("A", Text("a")) + Var("B", Text("b")));
-  EXPECT_EQ(client_.GetVarNode("C"), nullptr);
-  EXPECT_EQ(LogText(), Debug(281, "GetVarNode C") + Debug(292, "A") + Debug(292, "B"));
+TEST_F(NvmReader, FindsANodeOfTheDocument) {
+  client_.reply = Packet(Var("B", Text("b")) + Var("Status", "<struct/>") + Var("A", Text("a")));
+  const xmlNodePtr status = client_.GetStatusNodeTree();
+  ASSERT_NE(status, nullptr);
+  EXPECT_EQ(status->doc, client_.doc);
+  EXPECT_EQ(status, client_.doc->children->last->children->children->next) << "the second variable";
+  EXPECT_EQ(LogText(), Debug(236, "GetStatusNodeTree") + Debug(281, "GetVarNode Status") +
+                           Debug(292, "B") + Debug(292, "Status"));
 }
 
 TEST_F(NvmReader, ANameMustBeExact) {
@@ -128,54 +116,75 @@ TEST_F(NvmReader, ANameMustBeExact) {
     EXPECT_EQ(SingleVar(reply, name), "") << name;
   }
   EXPECT_EQ(SingleVar(reply, "Name"), "x");
+  EXPECT_EQ(SingleVar(Packet(Var("", Text("x"))), ""), "x") << "an empty name is one, too";
 }
 
-TEST_F(NvmReader, AnEmptyNameIsANameToo) {
-  EXPECT_EQ(SingleVar(Packet(Var("", Text("x"))), ""), "x");
+// --- The value of the variable A
+
+struct Value {
+  const char* name;
+  std::string reply;
+  std::string value;
+  std::vector<std::string> seen;  // the names of the variables up to A; "(null)" of other nodes
+};
+
+class NvmReaderValue : public NvmReader, public testing::WithParamInterface<Value> {};
+
+TEST_P(NvmReaderValue, IsReadAndTheNamesOnTheWayLogged) {
+  EXPECT_EQ(SingleVar(GetParam().reply), GetParam().value);
+  EXPECT_EQ(LogText(), SingleVarLog("A", GetParam().seen));
 }
 
-TEST_F(NvmReader, OfTwoVariablesOfOneNameTheFirstIsFound) {
-  EXPECT_EQ(SingleVar(Packet(Var("A", Text("first")) + Var("A", Text("second")))), "first");
-}
+const std::string A = Var("A", Text("a"));
 
-TEST_F(NvmReader, EverythingInTheStructThatHasTheNameIsAVariable) {
-  EXPECT_EQ(SingleVar(Packet("<other name='A'>text</other>")), "text");
-}
+INSTANTIATE_TEST_SUITE_P(
+    OfVariables, NvmReaderValue,
+    testing::Values(
+        Value{"FirstOfItsName",
+              Packet(Var("A", Text("first")) + Var("A", Text("2"))),
+              "first",
+              {"A"}},
+        Value{"Missing", Packet(Var("B", Text("b")) + Var("C", Text("c"))), "", {"B", "C"}},
+        Value{"OfAnotherElement", Packet("<other name='A'>text</other>"), "text", {"A"}},
+        Value{"BehindBlanks", Packet("\n" + A + "\n"), "a", {"(null)", "A"}},
+        Value{"BeforeBlanks", Packet(Var("B", "") + "\n"), "", {"B", "(null)"}},
+        Value{"BehindAComment", Packet("<!-- A -->" + A), "a", {"(null)", "A"}},
+        Value{"Nested", StatusOf(A), "", {"Status"}},
+        Value{"OnlyOfTheFirstChild", Packet(Var("A", Text("1") + Text("2"))), "1", {"A"}},
+        Value{"BlanksBeforeTheValue", Packet(Var("A", "\n " + Text("a"))), "\n ", {"A"}},
+        Value{"BareText", Packet(Var("A", "bare")), "bare", {"A"}},
+        Value{"EmptyVariable", Packet("<var name='A'/>"), "", {"A"}},
+        Value{"EmptyString", Packet(Var("A", "<string/>")), "", {"A"}},
+        Value{"Null", Packet(Var("A", "<null/>")), "", {"A"}},
+        Value{"CharacterData", Packet(Var("A", Text("1 <![CDATA[<2> & ]]>3"))), "1 <2> & 3", {"A"}},
+        Value{"Entities", Packet(Var("A", Text("&lt;&amp;&#65;&quot;"))), "<&A\"", {"A"}},
+        Value{"OwnEntity",
+              "<!DOCTYPE p [<!ENTITY e 'own'>]><p><data><struct>" + Var("A", Text("&e;!")) +
+                  "</struct></data></p>",
+              "own!",
+              {"A"}},
+        Value{"EntityInTheName", Packet(Var("&#65;", Text("a"))), "a", {"A"}},
+        Value{"JoinedTexts",
+              Packet(Var("A", "<struct>" + Var("x", Text("1")) + " " +
+                                  Var("y", "<array><number>2</number></array>") + "</struct>")),
+              "1 2",
+              {"A"}}),
+    [](const auto& value) { return value.param.name; });
 
-TEST_F(NvmReader, BlankTextBetweenVariablesShowsAsNull) {
-  EXPECT_EQ(SingleVar(Packet("\n" + Var("A", Text("a")) + "\n"), "B"), "");
-  EXPECT_EQ(LogText(), Debug(313, "GetSingleVar B") + Debug(281, "GetVarNode B") +
-                           Debug(292, "(null)") + Debug(292, "A") + Debug(292, "(null)"));
-}
-
-TEST_F(NvmReader, CommentsBetweenVariablesShowAsNull) {
-  EXPECT_EQ(SingleVar(Packet("<!-- A -->" + Var("A", Text("a")))), "a");
-  EXPECT_EQ(LogText(), Debug(313, "GetSingleVar A") + Debug(281, "GetVarNode A") +
-                           Debug(292, "(null)") + Debug(292, "A"));
-}
-
-TEST_F(NvmReader, VariablesInsideAVariableAreNotAtTheTop) {
-  EXPECT_EQ(SingleVar(StatusOf(Var("A", Text("nested")))), "");
-}
-
-TEST_F(NvmReader, TheNamesOfTheElementsAboveMustBeExact) {
-  const std::string variable = Var("A", Text("a"));
-  EXPECT_EQ(SingleVar("<any><data><struct>" + variable + "</struct></data></any>"), "a");
-  EXPECT_EQ(SingleVar("<any><Data><struct>" + variable + "</struct></Data></any>"), "");
-  EXPECT_EQ(SingleVar("<any><data><structs>" + variable + "</structs></data></any>"), "");
-}
-
-TEST_F(NvmReader, OnlyTheFirstDataAndTheFirstStructAreSearched) {
-  const std::string full = "<struct>" + Var("A", Text("a")) + "</struct>";
-  EXPECT_EQ(SingleVar("<any><data/><data>" + full + "</data></any>"), "");
-  EXPECT_EQ(SingleVar("<any><data><struct/>" + full + "</data></any>"), "");
-}
-
-TEST_F(NvmReader, WhiteSpaceAndOtherElementsAboveDoNoHarm) {
-  EXPECT_EQ(SingleVar("<any>\n<x/>\n<data>\n<null/>\n<struct>" + Var("A", Text("a")) +
-                      "</struct>\n</data>\n</any>\n"),
-            "a");
-}
+INSTANTIATE_TEST_SUITE_P(
+    OfPackets, NvmReaderValue,
+    testing::Values(
+        Value{"AnyRoot", "<any><data><struct>" + A + "</struct></data></any>", "a", {"A"}},
+        Value{"OtherData", "<any><Data><struct>" + A + "</struct></Data></any>", "", {}},
+        Value{"OtherStruct", "<any><data><structs>" + A + "</structs></data></any>", "", {}},
+        Value{"SecondData", "<any><data/><data><struct>" + A + "</struct></data></any>", "", {}},
+        Value{
+            "SecondStruct", "<any><data><struct/><struct>" + A + "</struct></data></any>", "", {}},
+        Value{"BlanksAndOthersAbove",
+              "<any>\n<x/>\n<data>\n<null/>\n<struct>" + A + "</struct>\n</data>\n</any>\n",
+              "a",
+              {"A"}}),
+    [](const auto& value) { return value.param.name; });
 
 // --- FindChildNode
 
@@ -192,140 +201,79 @@ class NvmChildNode : public NvmReader {
   xmlNodePtr top_ = nullptr;
 };
 
-TEST_F(NvmChildNode, IsTheFirstOfThatName) {
+TEST_F(NvmChildNode, IsTheFirstOfThatNameWhateverItsKind) {
   EXPECT_EQ(client_.FindChildNode(top_, "a"), top_->children->next);
-}
-
-TEST_F(NvmChildNode, IsComparedByNameWhateverItsKind) {
   const xmlNodePtr found = client_.FindChildNode(top_, "b");
   ASSERT_NE(found, nullptr);
   EXPECT_EQ(found->type, XML_PI_NODE);
   EXPECT_EQ(client_.FindChildNode(top_, "text"), top_->children);
   EXPECT_EQ(client_.FindChildNode(top_, "comment"), top_->last);
+  EXPECT_EQ(LogText(), "");
 }
 
-TEST_F(NvmChildNode, IsNullForAnotherName) {
+TEST_F(NvmChildNode, IsNullForAnotherNameAndWithoutChildrenOrANode) {
   EXPECT_EQ(client_.FindChildNode(top_, "A"), nullptr);
   EXPECT_EQ(client_.FindChildNode(top_, "top"), nullptr);
   EXPECT_EQ(client_.FindChildNode(top_, ""), nullptr);
-}
-
-TEST_F(NvmChildNode, IsNullWithoutChildrenOrWithoutANode) {
   EXPECT_EQ(client_.FindChildNode(top_->children->next, "a"), nullptr);
   EXPECT_EQ(client_.FindChildNode(nullptr, "a"), nullptr);
 }
 
-TEST_F(NvmChildNode, IsNotLogged) {
-  client_.FindChildNode(top_, "a");
-  EXPECT_EQ(LogText(), "");
-}
-
-// --- The value of a variable
-
-TEST_F(NvmReader, ASingleVariableIsTheTextOfItsValue) {
-  EXPECT_EQ(SingleVar(Packet(Var("A", Text("a text")))), "a text");
-  EXPECT_EQ(LogText(), Debug(313, "GetSingleVar A") + Debug(281, "GetVarNode A") + Debug(292, "A"));
-}
-
-TEST_F(NvmReader, OnlyTheFirstChildIsTheValue) {
-  EXPECT_EQ(SingleVar(Packet(Var("A", Text("first") + Text("second")))), "first");
-}
-
-TEST_F(NvmReader, BlankTextBeforeAValueIsTheValue) {
-  EXPECT_EQ(SingleVar(Packet(Var("A", "\n " + Text("a")))), "\n ");
-}
-
-TEST_F(NvmReader, BareTextIsAValue) {
-  EXPECT_EQ(SingleVar(Packet(Var("A", "bare"))), "bare");
-}
-
-TEST_F(NvmReader, AVariableWithoutAValueIsEmpty) {
-  EXPECT_EQ(SingleVar(Packet("<var name='A'/>")), "");
-  EXPECT_EQ(SingleVar(Packet(Var("A", "<string/>"))), "");
-  EXPECT_EQ(SingleVar(Packet(Var("A", "<null/>"))), "");
-}
-
-TEST_F(NvmReader, CharacterDataSectionsAreText) {
-  EXPECT_EQ(SingleVar(Packet(Var("A", Text("1 <![CDATA[<2> & ]]>3")))), "1 <2> & 3");
-}
-
-TEST_F(NvmReader, EntitiesAreTheirText) {
-  EXPECT_EQ(SingleVar(Packet(Var("A", Text("&lt;&amp;&#65;&quot;")))), "<&A\"");
-  EXPECT_EQ(SingleVar("<!DOCTYPE p [<!ENTITY e 'own'>]><p><data><struct>" + Var("A", Text("&e;!")) +
-                      "</struct></data></p>"),
-            "own!");
-}
-
-TEST_F(NvmReader, EntitiesInNamesAreTheirText) {
-  EXPECT_EQ(SingleVar(Packet(Var("&#65;", Text("a")))), "a");
-}
-
-TEST_F(NvmReader, TheTextsOfANestedStructAreJoined) {
-  EXPECT_EQ(
-      SingleVar(Packet(Var("A", "<struct>" + Var("x", Text("1")) + " " +
-                                    Var("y", "<array><number>2</number></array>") + "</struct>"))),
-      "1 2");
-}
-
 // --- The status
 
-TEST_F(NvmReader, TheStatusIsTheVariableOfThatName) {
-  client_.reply = StatusOf("");
-  EXPECT_EQ(NameOf(client_.GetStatusNodeTree()), "Status");
-  EXPECT_EQ(LogText(), Debug(236, "GetStatusNodeTree") + Debug(281, "GetVarNode Status") +
-                           Debug(292, "Status"));
+struct Status {
+  const char* name;
+  std::string reply;
+  std::string messages;
+  std::vector<std::string> seen;  // "Status", then what stands in it
+};
+
+class NvmReaderStatus : public NvmReader, public testing::WithParamInterface<Status> {};
+
+TEST_P(NvmReaderStatus, GivesCodeAndMessageAndLeavesWhatIsMissing) {
+  EXPECT_EQ(StatusMessages(GetParam().reply), GetParam().messages);
+  EXPECT_EQ(LogText(), StatusLog(GetParam().seen));
+  EXPECT_EQ(client_.reply, GetParam().reply);
 }
 
-TEST_F(NvmReader, CodeAndMessageAreRead) {
-  EXPECT_EQ(StatusMessages(StatusOf(Var("code", Text("0")) + Var("msg", Text("")))), "0/");
-  EXPECT_EQ(LogText(), Debug(248, "GetStatusMessages") + Debug(236, "GetStatusNodeTree") +
-                           Debug(281, "GetVarNode Status") + Debug(292, "Status") +
-                           Debug(255, "code") + Debug(255, "msg"));
-}
+const std::string CODE = Var("code", Text("1"));
+const std::string MSG = Var("msg", Text("held"));
 
-TEST_F(NvmReader, TheOrderOfCodeAndMessageDoesNotMatter) {
-  EXPECT_EQ(StatusMessages(StatusOf(Var("msg", Text("held")) + Var("code", Text("1")))), "1/held");
-}
-
-TEST_F(NvmReader, AMissingCodeOrMessageStays) {
-  EXPECT_EQ(StatusMessages(StatusOf(Var("code", Text("1")))), "1/old msg");
-  EXPECT_EQ(StatusMessages(StatusOf(Var("msg", Text("held")))), "old code/held");
-  EXPECT_EQ(StatusMessages(StatusOf(Var("Code", Text("1")) + Var("msg ", Text("x")) +
-                                    Var("codes", Text("2")) + Var("ms", Text("y")))),
-            "old code/old msg");
-}
-
-TEST_F(NvmReader, OfSeveralCodesTheLastOneWins) {
-  EXPECT_EQ(StatusMessages(StatusOf(Var("code", Text("1")) + Var("msg", Text("a")) +
-                                    Var("code", Text("2")) + Var("msg", Text("b")))),
-            "2/b");
-}
-
-TEST_F(NvmReader, TheMessageIsAllTextOfItsVariable) {
-  EXPECT_EQ(StatusMessages(StatusOf(Var("code", " " + Text("1") + Text("2")) +
-                                    Var("msg", "bare" + Text(" <![CDATA[&]]>")))),
-            " 12/bare &");
-}
-
-TEST_F(NvmReader, BlankTextInTheStatusShowsAsNull) {
-  EXPECT_EQ(StatusMessages(StatusOf("\n" + Var("code", Text("7")) + "\n")), "7/old msg");
-  EXPECT_EQ(LogText(), Debug(248, "GetStatusMessages") + Debug(236, "GetStatusNodeTree") +
-                           Debug(281, "GetVarNode Status") + Debug(292, "Status") +
-                           Debug(255, "(null)") + Debug(255, "code") + Debug(255, "(null)"));
-}
-
-TEST_F(NvmReader, BlankTextBeforeTheStatusStructHidesIt) {
-  EXPECT_EQ(
-      StatusMessages(Packet(Var("Status", "\n<struct>" + Var("code", Text("1")) + "</struct>"))),
-      "old code/old msg");
-}
-
-TEST_F(NvmReader, AStatusWithoutAStructLeavesTheMessages) {
-  EXPECT_EQ(StatusMessages(Packet("<var name='Status'/>")), "old code/old msg");
-  EXPECT_EQ(StatusMessages(StatusOf("")), "old code/old msg");
-  EXPECT_EQ(StatusMessages(Packet(Var("Status", "text"))), "old code/old msg");
-  EXPECT_EQ(StatusMessages(Packet(Var("A", Text("a")))), "old code/old msg");
-}
+INSTANTIATE_TEST_SUITE_P(
+    , NvmReaderStatus,
+    testing::Values(
+        Status{"CodeAndMessage", StatusOf(CODE + MSG), "1/held", {"Status", "code", "msg"}},
+        Status{"MessageAndCode", StatusOf(MSG + CODE), "1/held", {"Status", "msg", "code"}},
+        Status{
+            "EmptyMessage", StatusOf(CODE + Var("msg", Text(""))), "1/", {"Status", "code", "msg"}},
+        Status{"CodeAlone", StatusOf(CODE), "1/old msg", {"Status", "code"}},
+        Status{"MessageAlone", StatusOf(MSG), "old code/held", {"Status", "msg"}},
+        Status{"NamesThatAreAlike",
+               StatusOf(Var("Code", "1") + Var("msg ", "2") + Var("codes", "3") + Var("ms", "4")),
+               NO_STATUS,
+               {"Status", "Code", "msg ", "codes", "ms"}},
+        Status{"LastOfSeveral",
+               StatusOf(CODE + MSG + Var("code", Text("2")) + Var("msg", Text("b"))),
+               "2/b",
+               {"Status", "code", "msg", "code", "msg"}},
+        Status{"AllTextOfTheVariable",
+               StatusOf(Var("code", " " + Text("1") + Text("2")) +
+                        Var("msg", "bare" + Text(" <![CDATA[&]]>"))),
+               " 12/bare &",
+               {"Status", "code", "msg"}},
+        Status{"BetweenBlanks",
+               StatusOf("\n" + Var("code", Text("7")) + "\n"),
+               "7/old msg",
+               {"Status", "(null)", "code", "(null)"}},
+        Status{"BlanksBeforeTheStruct",
+               Packet(Var("Status", "\n<struct>" + CODE + "</struct>")),
+               NO_STATUS,
+               {"Status"}},
+        Status{"WithoutAStruct", Packet("<var name='Status'/>"), NO_STATUS, {"Status"}},
+        Status{"EmptyStruct", StatusOf(""), NO_STATUS, {"Status"}},
+        Status{"BareText", Packet(Var("Status", "text")), NO_STATUS, {"Status"}},
+        Status{"Missing", Packet(A), NO_STATUS, {"A"}}),
+    [](const auto& status) { return status.param.name; });
 
 // --- Replies of another shape
 
@@ -334,51 +282,35 @@ TEST_F(NvmReader, AReplyWithoutDataOrStructHasNoVariable) {
        {HEAD + "</wddxPacket>", HEAD + "<data/></wddxPacket>",
         HEAD + "<data><string>text</string></data></wddxPacket>",
         HEAD + "<data>struct</data></wddxPacket>", Packet(""), std::string("<struct/>")}) {
+    SCOPED_TRACE(reply);
     EmptyLog();
-    EXPECT_EQ(SingleVar(reply), "") << reply;
-    EXPECT_NE(client_.doc, nullptr) << reply;
-    EXPECT_EQ(LogText(), Debug(313, "GetSingleVar A") + Debug(281, "GetVarNode A")) << reply;
-    EXPECT_EQ(StatusMessages(reply), "old code/old msg") << reply;
+    EXPECT_EQ(SingleVar(reply), "");
+    EXPECT_NE(client_.doc, nullptr);
+    EXPECT_EQ(StatusMessages(reply), NO_STATUS);
+    EXPECT_EQ(LogText(), SingleVarLog("A", {}) + StatusLog({}));
   }
 }
 
 TEST_F(NvmReader, AReplyThatIsNotXmlLeavesNoDocument) {
-  SingleVar(Packet(Var("A", Text("a"))));
+  SingleVar(Packet(A));
   testing::internal::CaptureStderr();
   EmptyLog();
   EXPECT_EQ(SingleVar("no XML"), "");
   EXPECT_EQ(client_.doc, nullptr);
-  EXPECT_EQ(LogText(), Debug(313, "GetSingleVar A") + Debug(281, "GetVarNode A"));
-  EXPECT_EQ(StatusMessages("<a><b></a>"), "old code/old msg");
+  EXPECT_EQ(LogText(), SingleVarLog("A", {}));
+  EXPECT_EQ(StatusMessages("<a><b></a>"), NO_STATUS);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << "libxml2 is to be silent";
 }
 
 // --- The document
 
 TEST_F(NvmReader, EachCallReadsTheReplyAnewAndFreesTheDocumentBefore) {
+  constexpr char READ[] = "xmlReadMemory noname.xml (null) 96";
   EXPECT_EQ(SingleVar(Packet(Var("A", Text("first")))), "first");
   EXPECT_EQ(SingleVar(Packet(Var("A", Text("second")))), "second");
-  StatusMessages(client_.reply);
-  EXPECT_THAT(XmlCalls(),
-              ElementsAre("xmlReadMemory noname.xml (null) 96",                //
-                          "xmlFreeDoc", "xmlReadMemory noname.xml (null) 96",  //
-                          "xmlFreeDoc", "xmlReadMemory noname.xml (null) 96"));
-}
-
-TEST_F(NvmReader, AFailedReadIsFollowedByAnother) {
-  SingleVar(Packet(Var("A", Text("a"))));
-  SingleVar("no XML");
+  StatusMessages("no XML");
   EXPECT_EQ(SingleVar(Packet(Var("A", Text("again")))), "again");
-  EXPECT_THAT(XmlCalls(),
-              ElementsAre("xmlReadMemory noname.xml (null) 96",                //
-                          "xmlFreeDoc", "xmlReadMemory noname.xml (null) 96",  //
-                          "xmlReadMemory noname.xml (null) 96"));
-}
-
-TEST_F(NvmReader, ReadingLeavesTheReplyAsItIs) {
-  const std::string reply = StatusOf(Var("code", Text("1")));
-  StatusMessages(reply);
-  EXPECT_EQ(client_.reply, reply);
+  EXPECT_THAT(XmlCalls(), ElementsAre(READ, "xmlFreeDoc", READ, "xmlFreeDoc", READ, READ));
 }
 
 }  // namespace

@@ -13,12 +13,59 @@
 
 namespace {
 
+using std::string_literals::operator""s;
 using testing::ElementsAre;
-using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-constexpr char EMPTY_PACKET[] =
+std::string RequestFor(const std::string& functionName,
+                       const std::string& address = "192.168.0.5") {
+  NvmClient client;
+  client.functionName = functionName;
+  client.address = address;
+  return client.BuildRequest();
+}
+
+// --- The object
+
+TEST(NvmClient, HoldsNothingAtFirst) {
+  EmptyLog();
+  const NvmClient client;
+  EXPECT_EQ(client.doc, nullptr);
+  EXPECT_EQ(client.address, "");
+  EXPECT_EQ(client.functionName, "");
+  EXPECT_EQ(client.reply, "");
+  EXPECT_EQ(LogText(), "");
+}
+
+TEST(NvmClient, IsAVirtualDestructorAndFourFieldsInOrder) {
+  struct Like {
+    virtual ~Like() = default;
+    xmlDocPtr doc;
+    std::string address, functionName, reply;
+  };
+  EXPECT_TRUE(std::has_virtual_destructor_v<NvmManipulator>);
+  EXPECT_EQ(sizeof(NvmManipulator), sizeof(Like));
+  const NvmClient client;
+  EXPECT_LT(static_cast<const void*>(&client.doc), static_cast<const void*>(&client.address));
+  EXPECT_LT(&client.address, &client.functionName);
+  EXPECT_LT(&client.functionName, &client.reply);
+}
+
+TEST(NvmClient, FreesItsDocumentAndCleansUpLibxml2EvenWithoutOne) {
+  for (const xmlDocPtr document : {xmlDocPtr(nullptr), xmlNewDoc(nullptr)}) {
+    const std::string freed = document == nullptr ? "xmlFreeDoc (null)" : "xmlFreeDoc";
+    auto client = std::make_unique<NvmClient>();
+    client->doc = document;
+    ForgetXmlCalls();
+    client.reset();
+    EXPECT_THAT(XmlCalls(), ElementsAre(freed, "xmlCleanupParser", "xmlMemoryDump"));
+  }
+}
+
+// --- The packets, and the requests that carry them
+
+constexpr char STATUS_PACKET[] =
     "<?xml version='1.0'?>\n"
     "<!DOCTYPE wddxPacket SYSTEM 'http://www.openwddx.org/downloads/dtd/wddx_dtd_10.txt'>\n"
     "<wddxPacket version='1.0'>\n"
@@ -52,169 +99,71 @@ constexpr char RELEASE_PACKET[] =
     "</data>\n"
     "</wddxPacket>";
 
-class NvmRequest : public testing::Test {
- protected:
-  void SetUp() override { EmptyLog(); }
-
-  static std::string RequestFor(const std::string& functionName,
-                                const std::string& address = "192.168.0.5") {
-    NvmClient client;
-    client.functionName = functionName;
-    client.address = address;
-    return client.BuildRequest();
-  }
+struct NvmFunction {
+  const char* name;
+  std::string (NvmManipulator::*makePacket)();
+  const char* packet;
+  const char* length;
 };
 
-// --- The object
+const NvmFunction FUNCTIONS[] = {
+    {"nvmGetDeviceStatus", &NvmManipulator::GetEmptyPacket, STATUS_PACKET, "165"},
+    {"nvmAllocateDevice", &NvmManipulator::GetAllocatePacket, ALLOCATE_PACKET, "365"},
+    {"nvmReleaseDevice", &NvmManipulator::GetReleasePacket, RELEASE_PACKET, "247"}};
 
-TEST_F(NvmRequest, ANewClientHoldsNothing) {
-  const NvmClient client;
-  EXPECT_EQ(client.doc, nullptr);
-  EXPECT_EQ(client.address, "");
-  EXPECT_EQ(client.functionName, "");
-  EXPECT_EQ(client.reply, "");
-  EXPECT_EQ(LogText(), "");
-}
+class NvmRequest : public testing::TestWithParam<NvmFunction> {};
 
-TEST_F(NvmRequest, TheClientIsAVirtualDestructorAndFourFieldsInOrder) {
-  struct Like {
-    virtual ~Like() = default;
-    xmlDocPtr doc;
-    std::string address, functionName, reply;
-  };
-  EXPECT_TRUE(std::has_virtual_destructor_v<NvmManipulator>);
-  EXPECT_EQ(sizeof(NvmManipulator), sizeof(Like));
-  const NvmClient client;
-  EXPECT_LT(static_cast<const void*>(&client.doc), static_cast<const void*>(&client.address));
-  EXPECT_LT(&client.address, &client.functionName);
-  EXPECT_LT(&client.functionName, &client.reply);
-}
-
-TEST_F(NvmRequest, DestructionCleansUpLibxml2EvenWithoutADocument) {
-  auto client = std::make_unique<NvmClient>();
-  ForgetXmlCalls();
-  client.reset();
-  EXPECT_THAT(XmlCalls(), ElementsAre("xmlFreeDoc (null)", "xmlCleanupParser", "xmlMemoryDump"));
-}
-
-TEST_F(NvmRequest, DestructionFreesTheDocumentFirst) {
-  auto client = std::make_unique<NvmClient>();
-  client->doc = xmlNewDoc(nullptr);
-  ForgetXmlCalls();
-  client.reset();
-  EXPECT_THAT(XmlCalls(), ElementsAre("xmlFreeDoc", "xmlCleanupParser", "xmlMemoryDump"));
-}
-
-// --- The packets
-
-TEST_F(NvmRequest, TheEmptyPacketIsByteForByte) {
-  EXPECT_EQ(NvmClient().GetEmptyPacket(), EMPTY_PACKET);
-  EXPECT_EQ(NvmClient().GetEmptyPacket().size(), 165u);
-}
-
-TEST_F(NvmRequest, TheAllocatePacketIsByteForByte) {
-  EXPECT_EQ(NvmClient().GetAllocatePacket(), ALLOCATE_PACKET);
-  EXPECT_EQ(NvmClient().GetAllocatePacket().size(), 365u);
-}
-
-TEST_F(NvmRequest, TheReleasePacketIsByteForByte) {
-  EXPECT_EQ(NvmClient().GetReleasePacket(), RELEASE_PACKET);
-  EXPECT_EQ(NvmClient().GetReleasePacket().size(), 247u);
-}
-
-TEST_F(NvmRequest, ThePacketsDependOnNoField) {
+TEST_P(NvmRequest, PacketIsByteForByteWhateverTheFieldsHold) {
   NvmClient client;
+  EXPECT_EQ((client.*GetParam().makePacket)(), GetParam().packet);
   client.address = "1.2.3.4";
   client.functionName = "nvmReleaseDevice";
   client.reply = "a reply";
-  EXPECT_EQ(client.GetEmptyPacket(), EMPTY_PACKET);
-  EXPECT_EQ(client.GetAllocatePacket(), ALLOCATE_PACKET);
-  EXPECT_EQ(client.GetReleasePacket(), RELEASE_PACKET);
+  EXPECT_EQ((client.*GetParam().makePacket)(), GetParam().packet);
   EXPECT_EQ(client.reply, "a reply");
 }
 
-TEST_F(NvmRequest, AllocateAndReleasePacketsAreValidWddx) {
-  EXPECT_THAT(WddxErrors(NvmClient().GetAllocatePacket()), IsEmpty());
-  EXPECT_THAT(WddxErrors(NvmClient().GetReleasePacket()), IsEmpty());
+TEST_P(NvmRequest, RequestIsByteForByteAndLogsNothing) {
+  EmptyLog();
+  EXPECT_EQ(RequestFor(GetParam().name), std::string("GET /nVm?FunctionName=") + GetParam().name +
+                                             " HTTP/1.1\r\n"
+                                             "Host: 192.168.0.5\r\n"
+                                             "Accept: */*\r\n"
+                                             "User-Agent: USER_AGENT\r\n"
+                                             "Content-type: text/xml\r\n"
+                                             "Content-length: " +
+                                             GetParam().length + "\r\n\r\n" + GetParam().packet);
+  EXPECT_EQ(LogText(), "");
 }
 
-// The service wants it like that.
-TEST_F(NvmRequest, TheEmptyPacketIsValidWddxButForItsEmptyData) {
-  EXPECT_THAT(WddxErrors(NvmClient().GetEmptyPacket()),
+INSTANTIATE_TEST_SUITE_P(, NvmRequest, testing::ValuesIn(FUNCTIONS),
+                         [](const auto& function) { return function.param.name; });
+
+// The service wants the status packet like that.
+TEST(NvmPacket, IsValidWddxButForTheStatusPacketsEmptyData) {
+  EXPECT_THAT(WddxErrors(ALLOCATE_PACKET), IsEmpty());
+  EXPECT_THAT(WddxErrors(RELEASE_PACKET), IsEmpty());
+  EXPECT_THAT(WddxErrors(STATUS_PACKET),
               ElementsAre(HasSubstr("Element data content does not follow the DTD")));
 }
 
-// --- The request
-
-TEST_F(NvmRequest, TheStatusRequestIsByteForByte) {
-  EXPECT_EQ(RequestFor("nvmGetDeviceStatus"), std::string("GET /nVm?FunctionName=nvmGetDeviceStatus"
-                                                          " HTTP/1.1\r\n"
-                                                          "Host: 192.168.0.5\r\n"
-                                                          "Accept: */*\r\n"
-                                                          "User-Agent: USER_AGENT\r\n"
-                                                          "Content-type: text/xml\r\n"
-                                                          "Content-length: 165\r\n"
-                                                          "\r\n") +
-                                                  EMPTY_PACKET);
-}
-
-TEST_F(NvmRequest, TheAllocateRequestIsByteForByte) {
-  EXPECT_EQ(RequestFor("nvmAllocateDevice"), std::string("GET /nVm?FunctionName=nvmAllocateDevice"
-                                                         " HTTP/1.1\r\n"
-                                                         "Host: 192.168.0.5\r\n"
-                                                         "Accept: */*\r\n"
-                                                         "User-Agent: USER_AGENT\r\n"
-                                                         "Content-type: text/xml\r\n"
-                                                         "Content-length: 365\r\n"
-                                                         "\r\n") +
-                                                 ALLOCATE_PACKET);
-}
-
-TEST_F(NvmRequest, TheReleaseRequestIsByteForByte) {
-  EXPECT_EQ(RequestFor("nvmReleaseDevice"), std::string("GET /nVm?FunctionName=nvmReleaseDevice"
-                                                        " HTTP/1.1\r\n"
-                                                        "Host: 192.168.0.5\r\n"
-                                                        "Accept: */*\r\n"
-                                                        "User-Agent: USER_AGENT\r\n"
-                                                        "Content-type: text/xml\r\n"
-                                                        "Content-length: 247\r\n"
-                                                        "\r\n") +
-                                                RELEASE_PACKET);
-}
-
-TEST_F(NvmRequest, TheHostIsTheAddressAsItIs) {
+TEST(NvmHost, IsTheAddressAsItIs) {
   for (const std::string address : {"", "127.0.0.1:80", " not an address %41\t"}) {
     EXPECT_THAT(RequestFor("nvmGetDeviceStatus", address),
                 HasSubstr("\r\nHost: " + address + "\r\nAccept: "));
   }
 }
 
-TEST_F(NvmRequest, NoLineFeedFollowsTheLastTag) {
-  for (const std::string function :
-       {"nvmGetDeviceStatus", "nvmAllocateDevice", "nvmReleaseDevice"}) {
-    EXPECT_THAT(RequestFor(function), EndsWith("</wddxPacket>"));
+TEST(UnknownNvmFunction, GivesNoRequestAndOneErrorLine) {
+  for (const std::string& function :
+       {""s, "nvmgetDeviceStatus"s, "NvmAllocateDevice"s, "nvmReleasedevice"s,
+        "nvmGetDeviceStatus "s, "nvmReleaseDevice "s, "nvmAllocateDevices"s, " nvmGetDeviceStatus"s,
+        "nvmGetDeviceStatu"s, "nvmGetDeviceStatus\0"s}) {
+    SCOPED_TRACE(function);
+    EmptyLog();
+    EXPECT_EQ(RequestFor(function), "");
+    EXPECT_EQ(LogText(), Error(116, "Wrong command"));
   }
 }
-
-TEST_F(NvmRequest, ComposingARequestLogsNothing) {
-  RequestFor("nvmReleaseDevice");
-  EXPECT_EQ(LogText(), "");
-}
-
-// --- Unknown functions
-
-class UnknownNvmFunction : public NvmRequest, public testing::WithParamInterface<std::string> {};
-
-TEST_P(UnknownNvmFunction, GivesNoRequestAndOneErrorLine) {
-  EXPECT_EQ(RequestFor(GetParam()), "");
-  EXPECT_EQ(LogText(), Error(116, "Wrong command"));
-}
-
-INSTANTIATE_TEST_SUITE_P(, UnknownNvmFunction,
-                         testing::Values("", "nvmgetDeviceStatus", "NvmAllocateDevice",
-                                         "nvmReleasedevice", "nvmGetDeviceStatus ",
-                                         "nvmReleaseDevice ", "nvmAllocateDevices",
-                                         " nvmGetDeviceStatus", "nvmGetDeviceStatu",
-                                         std::string("nvmGetDeviceStatus\0", 19)));
 
 }  // namespace
