@@ -80,16 +80,12 @@ class FileReplacement : public testing::Test {
   const fs::path path = folder / "file";
 };
 
-TEST_F(FileReplacement, MakesAMissingFile) {
-  EXPECT_TRUE(ReplaceFile(path, NEW));
-  EXPECT_EQ(ReadText(path), NEW);
-}
-
 TEST_F(FileReplacement, MakesAMissingFileWithTheModeOfTheUmask) {
   for (const int mask : {022, 027, 0}) {
     const mode_t before = umask(static_cast<mode_t>(mask));
     EXPECT_TRUE(ReplaceFile(path, NEW));
     umask(before);
+    EXPECT_EQ(ReadText(path), NEW);
     EXPECT_EQ(ModeOf(path), 0666 & ~mask);
     fs::remove(path);
   }
@@ -156,23 +152,7 @@ TEST_F(FileReplacement, LeavesTheOldContentToWhoeverIsReadingIt) {
   EXPECT_EQ(read.str(), OLD);
 }
 
-TEST_F(FileReplacement, FollowsAnAbsoluteLink) {
-  WriteText(elsewhere / "target", OLD);
-  fs::create_symlink(elsewhere / "target", path);
-  EXPECT_TRUE(ReplaceFile(path, NEW));
-  EXPECT_EQ(fs::read_symlink(path), elsewhere / "target");
-  EXPECT_EQ(ReadText(elsewhere / "target"), NEW);
-}
-
-TEST_F(FileReplacement, FollowsARelativeLink) {
-  WriteText(elsewhere / "target", OLD);
-  fs::create_symlink("../elsewhere/target", path);
-  EXPECT_TRUE(ReplaceFile(path, NEW));
-  EXPECT_EQ(fs::read_symlink(path), "../elsewhere/target");
-  EXPECT_EQ(ReadText(elsewhere / "target"), NEW);
-}
-
-TEST_F(FileReplacement, FollowsAChainOfLinks) {
+TEST_F(FileReplacement, FollowsAChainOfAbsoluteAndRelativeLinks) {
   WriteText(folder / "target", OLD);
   fs::create_symlink(elsewhere / "link", path);
   fs::create_symlink("../replaced/other", elsewhere / "link");
@@ -212,40 +192,33 @@ TEST_F(FileReplacement, MakesTheMissingTargetOfALink) {
   EXPECT_EQ(ReadText(elsewhere / "target"), NEW);
 }
 
-TEST_F(FileReplacement, LeavesALinkIntoAMissingFolderAlone) {
+TEST_F(FileReplacement, RefusesLinksThatLeadNowhere) {
   fs::create_symlink("missing/target", path);
   EXPECT_FALSE(ReplaceFile(path, NEW));
   EXPECT_TRUE(fs::is_symlink(path));
+  fs::create_symlink("other", folder / "circle");
+  fs::create_symlink("circle", folder / "other");
+  EXPECT_FALSE(ReplaceFile(folder / "circle", NEW));
+  EXPECT_TRUE(fs::is_symlink(folder / "circle"));
+  EXPECT_TRUE(fs::is_symlink(folder / "other"));
 }
 
-TEST_F(FileReplacement, RefusesLinksThatGoInACircle) {
-  fs::create_symlink(elsewhere / "link", path);
-  fs::create_symlink(path, elsewhere / "link");
-  EXPECT_FALSE(ReplaceFile(path, NEW));
-  EXPECT_TRUE(fs::is_symlink(path));
-  EXPECT_TRUE(fs::is_symlink(elsewhere / "link"));
-}
-
-TEST_F(FileReplacement, RefusesAFolder) {
+TEST_F(FileReplacement, RefusesAFolderANamedPipeAndASocket) {
   fs::create_directories(path);
   EXPECT_FALSE(ReplaceFile(path, NEW));
   EXPECT_TRUE(fs::is_directory(path));
-}
 
-TEST_F(FileReplacement, RefusesANamedPipe) {
-  ASSERT_EQ(mkfifo(path.c_str(), 0666), 0);
-  EXPECT_FALSE(ReplaceFile(path, NEW));
-  EXPECT_TRUE(fs::is_fifo(path));
-}
+  ASSERT_EQ(mkfifo((folder / "pipe").c_str(), 0666), 0);
+  EXPECT_FALSE(ReplaceFile(folder / "pipe", NEW));
+  EXPECT_TRUE(fs::is_fifo(folder / "pipe"));
 
-TEST_F(FileReplacement, RefusesASocket) {
-  const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_un address{AF_UNIX, {}};
-  path.native().copy(address.sun_path, sizeof address.sun_path);
+  (folder / "socket").native().copy(address.sun_path, sizeof address.sun_path);
+  const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   ASSERT_EQ(bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
   close(descriptor);
-  EXPECT_FALSE(ReplaceFile(path, NEW));
-  EXPECT_TRUE(fs::is_socket(path));
+  EXPECT_FALSE(ReplaceFile(folder / "socket", NEW));
+  EXPECT_TRUE(fs::is_socket(folder / "socket"));
 }
 
 TEST_F(FileReplacement, RefusesWhatLiesBelowAFile) {
@@ -262,31 +235,16 @@ TEST_F(FileReplacement, RefusesAFolderThatMayNotBeSearched) {
   EXPECT_EQ(ReadText(path), OLD);
 }
 
-TEST_F(FileReplacement, LeavesTheOldContentOnAFullDisk) {
+TEST_F(FileReplacement, LeavesTheOldContentOrNothingOnAFullDisk) {
   SKIP_WHERE_TRACED(SmallDisk::NEED);
   SmallDisk disk;
   WriteText(disk.Path() / "file", OLD);
+  EXPECT_FALSE(ReplaceFile(disk.Path() / "file", OfLength(SmallDisk::SIZE))) << "half of it fits";
   disk.Fill();
   EXPECT_FALSE(ReplaceFile(disk.Path() / "file", NEW));
+  EXPECT_FALSE(ReplaceFile(disk.Path() / "new", NEW));
   EXPECT_EQ(ReadText(disk.Path() / "file"), OLD);
-  EXPECT_THAT(TemporaryFiles(disk.Path()), IsEmpty());
-}
-
-TEST_F(FileReplacement, MakesNoPartOfAFileOnAFullDisk) {
-  SKIP_WHERE_TRACED(SmallDisk::NEED);
-  SmallDisk disk;
-  disk.Fill();
-  EXPECT_FALSE(ReplaceFile(disk.Path() / "file", NEW));
-  EXPECT_FALSE(fs::exists(disk.Path() / "file"));
-  EXPECT_THAT(TemporaryFiles(disk.Path()), IsEmpty());
-}
-
-TEST_F(FileReplacement, LeavesTheOldContentWhereHalfTheNewWouldFit) {
-  SKIP_WHERE_TRACED(SmallDisk::NEED);
-  SmallDisk disk;
-  WriteText(disk.Path() / "file", OLD);
-  EXPECT_FALSE(ReplaceFile(disk.Path() / "file", OfLength(SmallDisk::SIZE)));
-  EXPECT_EQ(ReadText(disk.Path() / "file"), OLD);
+  EXPECT_FALSE(fs::exists(disk.Path() / "new"));
   EXPECT_THAT(TemporaryFiles(disk.Path()), IsEmpty());
 }
 
@@ -305,33 +263,22 @@ class RewritingInPlace : public FileReplacement {
   }
 };
 
-TEST_F(RewritingInPlace, ReplacesTheContentByALonger) {
+TEST_F(RewritingInPlace, ReplacesTheContentByALongerAShorterAndOneOfTheSameLength) {
   Rewrite(OLD, NEW);
   Rewrite("", NEW);
   Rewrite(OLD, OfLength(300000));
-}
-
-TEST_F(RewritingInPlace, ReplacesTheContentByAShorter) {
   Rewrite(NEW, OLD);
   Rewrite(NEW, "");
   Rewrite(OfLength(300000), NEW);
-}
-
-TEST_F(RewritingInPlace, ReplacesTheContentByOneOfTheSameLength) {
   Rewrite("content 1\n", "content 2\n");
 }
 
-TEST_F(RewritingInPlace, KeepsTheMode) {
+TEST_F(RewritingInPlace, KeepsTheModeAndOtherNamesOfTheFile) {
   WriteText(path, OLD);
   fs::permissions(path, fs::perms(0640));
-  Rewrite(OLD, NEW);
-  EXPECT_EQ(ModeOf(path), 0640);
-}
-
-TEST_F(RewritingInPlace, KeepsOtherNamesOfTheFile) {
-  WriteText(path, OLD);
   fs::create_hard_link(path, elsewhere / "other name");
   Rewrite(OLD, NEW);
+  EXPECT_EQ(ModeOf(path), 0640);
   EXPECT_EQ(ReadText(elsewhere / "other name"), NEW);
 }
 
@@ -345,15 +292,11 @@ TEST_F(RewritingInPlace, FollowsALink) {
   EXPECT_EQ(ReadText(elsewhere / "target"), NEW);
 }
 
-TEST_F(RewritingInPlace, NeedsAFileThatIsThere) {
-  fs::permissions(folder, fs::perms(0555));
-  EXPECT_FALSE(ReplaceFile(path, NEW));
-  EXPECT_FALSE(fs::exists(path));
-}
-
-TEST_F(RewritingInPlace, NeedsAFileThatMayBeReadAndWritten) {
+TEST_F(RewritingInPlace, NeedsAFileThatIsThereAndMayBeReadAndWritten) {
   WriteText(path, OLD);
   fs::permissions(folder, fs::perms(0555));
+  EXPECT_FALSE(ReplaceFile(folder / "missing", NEW));
+  EXPECT_FALSE(fs::exists(folder / "missing"));
   for (const int mode : {0, 0200, 0400}) {
     fs::permissions(path, fs::perms(mode));
     EXPECT_FALSE(ReplaceFile(path, NEW));
@@ -362,24 +305,17 @@ TEST_F(RewritingInPlace, NeedsAFileThatMayBeReadAndWritten) {
   EXPECT_EQ(ReadText(path), OLD);
 }
 
-TEST_F(RewritingInPlace, LeavesTheOldContentOnAFullDisk) {
+TEST_F(RewritingInPlace, OnAFullDiskLeavesTheOldContentOrShortensIt) {
   SKIP_WHERE_TRACED(SmallDisk::NEED);
   SmallDisk disk;
-  WriteText(disk.Path() / "file", OLD);
+  const fs::path file = disk.Path() / "file";
+  WriteText(file, NEW);
   disk.Fill();
   fs::permissions(disk.Path(), fs::perms(0555));
-  EXPECT_FALSE(ReplaceFile(disk.Path() / "file", OfLength(20000)));
-  EXPECT_EQ(ReadText(disk.Path() / "file"), OLD);
-}
-
-TEST_F(RewritingInPlace, ShortensAFileOnAFullDisk) {
-  SKIP_WHERE_TRACED(SmallDisk::NEED);
-  SmallDisk disk;
-  WriteText(disk.Path() / "file", NEW);
-  disk.Fill();
-  fs::permissions(disk.Path(), fs::perms(0555));
-  EXPECT_TRUE(ReplaceFile(disk.Path() / "file", OLD));
-  EXPECT_EQ(ReadText(disk.Path() / "file"), OLD);
+  EXPECT_FALSE(ReplaceFile(file, OfLength(20000)));
+  EXPECT_EQ(ReadText(file), NEW);
+  EXPECT_TRUE(ReplaceFile(file, OLD));
+  EXPECT_EQ(ReadText(file), OLD);
 }
 
 class FileReading : public FileReplacement {
@@ -419,28 +355,17 @@ TEST_F(FileReading, TellsAMissingFile) {
   EXPECT_EQ(Read(), ReadResult::kMissing);
 }
 
-TEST_F(FileReading, TellsAFileThatMayNotBeRead) {
+TEST_F(FileReading, TakesNothingButARegularFileThatMayBeRead) {
   WriteText(path, OLD);
   fs::permissions(path, fs::perms(0200));
-  EXPECT_EQ(Read(), ReadResult::kUnreadable);
-  EXPECT_EQ(text, "");
-}
-
-TEST_F(FileReading, TakesNothingButARegularFile) {
-  fs::create_directories(path);
-  EXPECT_EQ(Read(), ReadResult::kUnreadable);
-  EXPECT_EQ(ReadFile("/dev/zero", text), ReadResult::kUnreadable);
-  EXPECT_EQ(text, "");
-}
-
-TEST_F(FileReading, DoesNotWaitForTheWriterOfANamedPipe) {
-  ASSERT_EQ(mkfifo(path.c_str(), 0666), 0);
-  EXPECT_EQ(Read(), ReadResult::kUnreadable);
-}
-
-TEST_F(FileReading, RefusesLinksThatGoInACircle) {
-  fs::create_symlink(path, path);
-  EXPECT_EQ(Read(), ReadResult::kUnreadable);
+  fs::create_symlink("circle", folder / "circle");
+  ASSERT_EQ(mkfifo((folder / "pipe").c_str(), 0666), 0);  // its writer is not waited for
+  for (const fs::path& other :
+       {path, folder, folder / "circle", folder / "pipe", fs::path("/dev/zero"), path / "below"}) {
+    text = "what was there before";
+    EXPECT_EQ(ReadFile(other, text), ReadResult::kUnreadable) << other;
+    EXPECT_EQ(text, "");
+  }
 }
 
 }  // namespace

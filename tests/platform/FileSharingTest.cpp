@@ -103,22 +103,18 @@ class FileSharing : public testing::Test {
 
 // ---- Locks of others
 
-// The locks are held to the end of the test.
-TEST_F(FileSharing, AnothersLockKeepsNobodyFromReadingOrRewriting) {
-  AllowNewFiles(false);
-  const OpenFile stranger(path);
-  stranger.Lock();
-  EXPECT_TRUE(ReplaceFile(path, NEW));
-  std::string text;
-  EXPECT_EQ(ReadFile(path, text), ReadResult::kRead);
-  EXPECT_EQ(text, NEW);
-}
-
-TEST_F(FileSharing, AnothersLockKeepsNobodyFromRenaming) {
-  const OpenFile stranger(path);
-  stranger.Lock();
-  EXPECT_TRUE(ReplaceFile(path, NEW));
-  EXPECT_EQ(ReadText(path), NEW);
+// The lock is held to the end of the test.
+TEST_F(FileSharing, AnothersLockKeepsNobodyFromReadingRenamingOrRewriting) {
+  for (const bool isNewFileAllowed : {true, false}) {
+    WriteText(path, OLD);
+    AllowNewFiles(isNewFileAllowed);
+    const OpenFile stranger(path);
+    stranger.Lock();
+    EXPECT_TRUE(ReplaceFile(path, NEW));
+    std::string text;
+    EXPECT_EQ(ReadFile(path, text), ReadResult::kRead);
+    EXPECT_EQ(text, NEW);
+  }
 }
 
 // ---- Rewriting in place
@@ -349,16 +345,13 @@ void ReplaceBeyondTheLimit(const fs::path& path) {
   _exit(isReplaced ? 1 : isLeftClean ? 0 : 2);
 }
 
-TEST_F(FileSharing, ALimitOnTheSizeOfFilesIsAFailureAndNoSignal) {
-  EXPECT_EXIT(ReplaceBeyondTheLimit(path), testing::ExitedWithCode(0), "");
-  EXPECT_EQ(ReadText(path), OLD);
-  EXPECT_THAT(Names(), ElementsAre("file"));
-}
-
-TEST_F(FileSharing, ALimitOnTheSizeOfFilesIsAFailureAndNoSignalInPlaceToo) {
-  AllowNewFiles(false);
-  EXPECT_EXIT(ReplaceBeyondTheLimit(path), testing::ExitedWithCode(0), "");
-  EXPECT_EQ(ReadText(path), OLD);
+TEST_F(FileSharing, ALimitOnTheSizeOfFilesIsAFailureAndNoSignalByRenamingAndInPlace) {
+  for (const bool isNewFileAllowed : {true, false}) {
+    AllowNewFiles(isNewFileAllowed);
+    EXPECT_EXIT(ReplaceBeyondTheLimit(path), testing::ExitedWithCode(0), "");
+    EXPECT_EQ(ReadText(path), OLD);
+    EXPECT_THAT(Names(), ElementsAre("file"));
+  }
 }
 
 }  // namespace

@@ -97,10 +97,16 @@ TEST(LogHandler, AsAClientKeepsTheNameOfTheHandlerLoggedTo) {
   EXPECT_EQ(client.events[0].handlerName, "outer");
 }
 
-TEST(LogFormater, StampsTheEvent) {
-  LogHandler handler("h");
+// A handler, and what it gets.
+class LogFormaterTest : public testing::Test {
+ protected:
+  LogFormaterTest() { handler.AddLogClient(&client); }
+
+  LogHandler handler{"h"};
   RememberingClient client;
-  handler.AddLogClient(&client);
+};
+
+TEST_F(LogFormaterTest, StampsTheEvent) {
   LogFormater(40, "src/Somewhere", -7).Log(&handler, "%s %d%%", "text", 42);
   ASSERT_EQ(client.events.size(), 1u);
   const LogEvent& event = client.events[0];
@@ -109,23 +115,21 @@ TEST(LogFormater, StampsTheEvent) {
   EXPECT_EQ(event.line, -7);
   EXPECT_EQ(event.handlerName, "h");
   EXPECT_EQ(event.processId, getpid());
+  EXPECT_LE(std::abs(event.time.tv_sec - std::time(nullptr)), 5);
   EXPECT_EQ(event.message, "text 42%");
 }
 
-TEST(LogFormater, LogsANullTextAsPrintfPrintsIt) {
-  LogHandler handler("h");
-  RememberingClient client;
-  handler.AddLogClient(&client);
+TEST_F(LogFormaterTest, LogsANullTextAsPrintfPrintsItAndAFormatThatItRefusesAsItStands) {
   const char* volatile nothing = nullptr;
   LogFormater(10, "src/X", 1).Log(&handler, "text: %s", nothing);
-  ASSERT_EQ(client.events.size(), 1u);
+  // No such character in the "C" locale.
+  LogFormater(10, "src/X", 1).Log(&handler, "wide %ls", L"\x20ac");
+  ASSERT_EQ(client.events.size(), 2u);
   EXPECT_EQ(client.events[0].message, "text: (null)");
+  EXPECT_EQ(client.events[1].message, "wide %ls");
 }
 
-TEST(LogFormater, LogsAMessageOfAnyLengthWhole) {
-  LogHandler handler("h");
-  RememberingClient client;
-  handler.AddLogClient(&client);
+TEST_F(LogFormaterTest, LogsAMessageOfAnyLengthWhole) {
   for (const std::size_t length : {0u, 1u, 255u, 256u, 4095u, 4096u, 1u << 20}) {
     const std::string text(length, 'x');
     LogFormater(10, "src/X", 1).Log(&handler, "<%s>", text.c_str());
@@ -134,36 +138,16 @@ TEST(LogFormater, LogsAMessageOfAnyLengthWhole) {
   }
 }
 
-TEST(LogFormater, LogsAFormatThatPrintfRefusesAsItStands) {
-  LogHandler handler("h");
-  RememberingClient client;
-  handler.AddLogClient(&client);
-  // No such character in the "C" locale.
-  LogFormater(10, "src/X", 1).Log(&handler, "wide %ls", L"\x20ac");
-  ASSERT_EQ(client.events.size(), 1u);
-  EXPECT_EQ(client.events[0].message, "wide %ls");
-}
-
-TEST(LogEvent, TellsItsLocalTimeWithMicroseconds) {
+TEST(LogEvent, GivesItsLocalTimeWithMicrosecondsAfter2038Too) {
   setenv("TZ", "UTC-2", 1);  // two hours east
   tzset();
   LogEvent event;
   event.time = {1700000000, 42};
   EXPECT_EQ(event.GetDateTimeUsec(), "2023-11-15 00:13:20.000042");
+  event.time = {2209032000, 7};
+  EXPECT_EQ(event.GetDateTimeUsec(), "2040-01-01 14:00:00.000007");
   unsetenv("TZ");
   tzset();
-}
-
-TEST(LogEvent, TellsATimeAfter2038) {
-  LogEvent event;
-  event.time = {2209032000, 7};
-  EXPECT_EQ(event.GetDateTimeUsec().substr(0, 5), "2040-");
-}
-
-TEST(LogEvent, IsOfThisMomentAndThisProcess) {
-  const LogEvent event;
-  EXPECT_LE(std::abs(event.time.tv_sec - std::time(nullptr)), 5);
-  EXPECT_EQ(event.processId, getpid());
 }
 
 TEST(LogLevelManager, GivesTheNameOrElseTheNumber) {
@@ -194,19 +178,14 @@ class LogClientFileTest : public testing::Test {
   const std::string path = "/tmp/client.log";
 };
 
-TEST_F(LogClientFileTest, WritesTheMessageAloneWithoutALayout) {
+TEST_F(LogClientFileTest, WritesTheMessageAloneUntilItHasALayout) {
+  MessageInBrackets layout;
   LogClientFile client(path, true);
   client.HandleEvent(EventWithMessage("one"));
   client.HandleEvent(EventWithMessage("two"));
-  EXPECT_EQ(ReadText(path), "one\ntwo\n");
-}
-
-TEST_F(LogClientFileTest, FormatsWithItsLayout) {
-  MessageInBrackets layout;
-  LogClientFile client(path, true);
   client.SetLayout(&layout);
-  client.HandleEvent(EventWithMessage("one"));
-  EXPECT_EQ(ReadText(path), "[one]\n");
+  client.HandleEvent(EventWithMessage("three"));
+  EXPECT_EQ(ReadText(path), "one\ntwo\n[three]\n");
 }
 
 TEST_F(LogClientFileTest, AppendsOrBeginsAnew) {
@@ -226,15 +205,23 @@ TEST_F(LogClientFileTest, AppendsBehindWhatOthersWroteMeanwhile) {
   EXPECT_EQ(ReadText(path), "theirs\nmine again\n");
 }
 
-TEST_F(LogClientFileTest, SaysOnceThatItCannotOpen) {
-  testing::internal::CaptureStderr();
-  testing::internal::CaptureStdout();
-  LogClientFile client("/nowhere/client.log", true);
-  client.HandleEvent(EventWithMessage("one"));
-  client.HandleEvent(EventWithMessage("two"));
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "Can't open log file /nowhere/client.log: No such file or directory\n");
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+// A named pipe without a reader is not waited for.
+TEST_F(LogClientFileTest, SaysOnceThatItCannotOpenOrWrite) {
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  const std::vector<std::pair<std::string, std::string>> complaints = {
+      {"/nowhere/client.log",
+       "Can't open log file /nowhere/client.log: No such file or directory\n"},
+      {path, "Can't open log file /tmp/client.log: No such device or address\n"},
+      {"/dev/full", "Can't write log file /dev/full: No space left on device\n"}};
+  for (const auto& [file, complaint] : complaints) {
+    testing::internal::CaptureStderr();
+    testing::internal::CaptureStdout();
+    LogClientFile client(file, true);
+    client.HandleEvent(EventWithMessage("one"));
+    client.HandleEvent(EventWithMessage("two"));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), complaint);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  }
 }
 
 // Nothing but its end takes room on the disk.
@@ -248,15 +235,6 @@ TEST_F(LogClientFileTest, AppendsBeyondTheOffsetsOf32Bits) {
     file.seekg(static_cast<std::streamoff>(size));
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), "the end\n");
   }
-}
-
-TEST_F(LogClientFileTest, SaysOnceThatItCannotWrite) {
-  testing::internal::CaptureStderr();
-  LogClientFile client("/dev/full", true);
-  client.HandleEvent(EventWithMessage("one"));
-  client.HandleEvent(EventWithMessage("two"));
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "Can't write log file /dev/full: No space left on device\n");
 }
 
 // The disk has room for the rest of this one block.
@@ -315,15 +293,6 @@ TEST_F(LogClientFileTest, LeavesTheCallersSignalsAsTheyWere) {
   const timespec now = {0, 0};
   EXPECT_EQ(sigtimedwait(&pipe, nullptr, &now), SIGPIPE);
   pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
-}
-
-TEST_F(LogClientFileTest, DoesNotWaitForTheReaderOfANamedPipe) {
-  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-  testing::internal::CaptureStderr();
-  LogClientFile client(path, true);
-  client.HandleEvent(EventWithMessage("one"));
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "Can't open log file /tmp/client.log: No such device or address\n");
 }
 
 TEST_F(LogClientFileTest, LosesNoLineToAFullPipeThatIsReadSlowly) {

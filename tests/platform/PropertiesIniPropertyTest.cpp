@@ -287,4 +287,24 @@ RC_GTEST_PROP(PropertiesIniOfAnyBytes, GivesBackTheValueOrTakesNoNotice, ()) {
   RC_ASSERT(!isTaken || Loaded().GetProperty(section, key) == value);
 }
 
+// A header adds a comment for each of its lines, and nothing else.
+RC_GTEST_PROP(PropertiesIniOfAnyBytes, StandsWholeBelowAHeader, ()) {
+  const std::string text = *Bytes();
+  const std::string header = *Bytes();
+  const std::string top = *rc::gen::element(""s, BYTE_ORDER_MARK);
+  WriteText(PATH, top + text);
+  RC_ASSERT(Loaded().Store(PATH, header));
+  const std::string after = ReadText(PATH);
+  RC_ASSERT(after.substr(0, top.size()) == top);
+  RC_ASSERT(after.size() >= top.size() + text.size());
+  RC_ASSERT(after.substr(after.size() - text.size()) == text);
+  const std::string comments = after.substr(top.size(), after.size() - top.size() - text.size());
+  RC_ASSERT(header.empty() == comments.empty());
+  RC_ASSERT(comments.empty() || comments.back() == '\n');
+  for (const std::string& line : Lines(comments)) {
+    RC_ASSERT(line.substr(0, 2) == "# ");
+    RC_ASSERT(line.find('\r') >= line.size() - 1);
+  }
+}
+
 }  // namespace

@@ -23,31 +23,12 @@ std::string After(const std::string& before, const std::string& section, const s
   return ReadText(PATH);
 }
 
-// The same of the property that these tests are about: key k in section S becomes 500.
-std::string After(const std::string& before) {
-  return After(before, "S", "k", "500");
-}
-
-// How a value stands in the file.
-std::string Stored(const std::string& value) {
-  const std::string text = After("", "S", "k", value);
-  const std::string start = "[S]\nk=";
-  EXPECT_EQ(text.substr(0, start.size()), start);
-  EXPECT_THAT(text, testing::EndsWith("\n"));
-  return text.substr(start.size(), text.find_last_of('\n') - start.size());
-}
-
 // What a fresh object reads in a file with this text.
 std::string Read(const std::string& text, const std::string& section, const std::string& key) {
   WriteText(PATH, text);
   PropertiesIni settings;
   EXPECT_TRUE(settings.Load(PATH));
   return settings.GetProperty(section, key);
-}
-
-// What a file with this text says of the value `stored`.
-std::string ReadValue(const std::string& stored) {
-  return Read("[S]\nk=" + stored + "\n", "S", "k");
 }
 
 std::string AfterHeader(const std::string& before, const std::string& header) {
@@ -58,86 +39,75 @@ std::string AfterHeader(const std::string& before, const std::string& header) {
   return ReadText(PATH);
 }
 
-TEST(PropertiesIniValue, IsReplacedAlone) {
-  EXPECT_EQ(After("[S]\na=1\nk=300\nb=2\n[T]\nc=3\n"), "[S]\na=1\nk=500\nb=2\n[T]\nc=3\n");
+// ---- Setting a value. Examples to be read; what holds for files of every shape is in
+// PropertiesIniPropertyTest.cpp.
+
+struct Edit {
+  std::string before;
+  std::string after;
+  std::string section = "S";
+  std::string key = "k";
+  std::string value = "500";
+};
+
+void ExpectEdits(const std::vector<Edit>& edits) {
+  for (const Edit& edit : edits) {
+    EXPECT_EQ(After(edit.before, edit.section, edit.key, edit.value), edit.after)
+        << testing::PrintToString(edit.before);
+  }
 }
 
-TEST(PropertiesIniValue, IsReplacedWhateverItsLength) {
-  EXPECT_EQ(After("[S]\nk=a much longer one\nb=2\n"), "[S]\nk=500\nb=2\n");
-  EXPECT_EQ(After("[S]\nk=1\nb=2\n"), "[S]\nk=500\nb=2\n");
-  EXPECT_EQ(After("[S]\nk=\nb=2\n"), "[S]\nk=500\nb=2\n");
-  EXPECT_EQ(After("[S]\nk=1\nb=2\n", "S", "k", ""), "[S]\nk=\nb=2\n");
+TEST(PropertiesIniValue, IsReplacedAloneWhateverItsLength) {
+  ExpectEdits({{"[S]\na=1\nk=300\nb=2\n[T]\nc=3\n", "[S]\na=1\nk=500\nb=2\n[T]\nc=3\n"},
+               {"[S]\nk=a much longer one\nb=2\n", "[S]\nk=500\nb=2\n"},
+               {"[S]\nk=\nb=2\n", "[S]\nk=500\nb=2\n"},
+               {"[S]\nk=1\nb=2\n", "[S]\nk=\nb=2\n", "S", "k", ""}});
 }
 
-TEST(PropertiesIniValue, IsReplacedInEveryOccurrence) {
-  EXPECT_EQ(After("[S]\nk=1\nk=2\na=0\nk = 3\n"), "[S]\nk=500\nk=500\na=0\nk = 500\n");
+TEST(PropertiesIniValue, IsReplacedInEveryOccurrenceInEveryPieceOfTheSection) {
+  ExpectEdits({{"[S]\nk=1\nk=2\na=0\nk = 3\n", "[S]\nk=500\nk=500\na=0\nk = 500\n"},
+               {"[S]\nk=1\n[T]\nk=2\n[S]\nk=4\n", "[S]\nk=500\n[T]\nk=2\n[S]\nk=500\n"}});
 }
 
-TEST(PropertiesIniValue, IsReplacedInEveryPieceOfTheSection) {
-  EXPECT_EQ(After("[S]\nk=1\n[T]\nk=2\n[S]\na=3\n[S]\nk=4\n"),
-            "[S]\nk=500\n[T]\nk=2\n[S]\na=3\n[S]\nk=500\n");
-}
-
-TEST(PropertiesIniValue, StaysInOtherSections) {
-  EXPECT_EQ(After("k=0\n[T]\nk=1\n[S]\nk=2\n[U]\nk=3\n"), "k=0\n[T]\nk=1\n[S]\nk=500\n[U]\nk=3\n");
-}
-
-TEST(PropertiesIniValue, StaysInASectionWhoseNameOnlyBeginsAlike) {
-  EXPECT_EQ(After("[SS]\nk=1\n[S]\nk=2\n[S S]\nk=3\n"), "[SS]\nk=1\n[S]\nk=500\n[S S]\nk=3\n");
-  EXPECT_EQ(After("[SS]\nk=1\n", "S", "k", "500"), "[SS]\nk=1\n\n[S]\nk=500\n");
-}
-
-TEST(PropertiesIniValue, StaysAtAKeyThatOnlyBeginsAlike) {
-  EXPECT_EQ(After("[S]\nkk=1\nk=2\nk k=3\n"), "[S]\nkk=1\nk=500\nk k=3\n");
-}
-
-TEST(PropertiesIniValue, StaysWhereTheLetterCaseDiffers) {
-  EXPECT_EQ(After("[s]\nk=1\n[S]\nK=2\nk=3\n"), "[s]\nk=1\n[S]\nK=2\nk=500\n");
+TEST(PropertiesIniValue, StaysWhereSectionOrKeyOnlyBeginsAlikeOrHasOtherLetters) {
+  ExpectEdits({{"[SS]\nk=1\n[S]\nk=2\n[S S]\nk=3\n", "[SS]\nk=1\n[S]\nk=500\n[S S]\nk=3\n"},
+               {"[S]\nkk=1\nk=2\nk k=3\n", "[S]\nkk=1\nk=500\nk k=3\n"},
+               {"[s]\nk=1\n[S]\nK=2\nk=3\n", "[s]\nk=1\n[S]\nK=2\nk=500\n"}});
 }
 
 TEST(PropertiesIniValue, OfAKeyBeforeEverySectionIsInTheSectionWithoutAName) {
-  EXPECT_EQ(After("k=1\n[S]\nk=2\n", "", "k", "500"), "k=500\n[S]\nk=2\n");
-  EXPECT_EQ(After("k=1\n[S]\nk=2\n[]\nk=3\n", "", "k", "500"), "k=500\n[S]\nk=2\n[]\nk=500\n");
+  ExpectEdits({{"k=1\n[S]\nk=2\n[]\nk=3\n", "k=500\n[S]\nk=2\n[]\nk=500\n", ""},
+               {"k=0\n[T]\nk=1\n[S]\nk=2\n[U]\nk=3\n", "k=0\n[T]\nk=1\n[S]\nk=500\n[U]\nk=3\n"}});
 }
 
 TEST(PropertiesIniValue, IsTheRestOfItsLine) {
-  EXPECT_EQ(After("[S]\nk=1 ; no comment # either\n"), "[S]\nk=500\n");
-  EXPECT_EQ(After("[S]\nk=1=2\n"), "[S]\nk=500\n");
-  EXPECT_EQ(After("[S]\nk=\"1\" and more\n"), "[S]\nk=500\n");
-  EXPECT_EQ(After("[S]\nk=[T]\na=1\n"), "[S]\nk=500\na=1\n");
+  ExpectEdits({{"[S]\nk=1 ; no comment # either\n", "[S]\nk=500\n"},
+               {"[S]\nk=1=2\n", "[S]\nk=500\n"},
+               {"[S]\nk=\"1\" and more\n", "[S]\nk=500\n"},
+               {"[S]\nk=[T]\na=1\n", "[S]\nk=500\na=1\n"}});
 }
 
 TEST(PropertiesIniText, KeepsBlanksAroundNamesAndValues) {
-  EXPECT_EQ(After("\t[ S ]\n  k \t= \t300 \t\nb=2\n"), "\t[ S ]\n  k \t= \t500 \t\nb=2\n");
+  ExpectEdits({{"\t[ S ]\n  k \t= \t300 \t\nb=2\n", "\t[ S ]\n  k \t= \t500 \t\nb=2\n"},
+               // A first value goes behind the blanks.
+               {"[S]\nk = \n", "[S]\nk = 500\n"},
+               {"[S]\r\nk =\t\r\n", "[S]\r\nk =\t500\r\n"}});
 }
 
-TEST(PropertiesIniText, PutsAFirstValueBehindTheBlanks) {
-  EXPECT_EQ(After("[S]\nk = \n"), "[S]\nk = 500\n");
-  EXPECT_EQ(After("[S]\r\nk =\t\r\n"), "[S]\r\nk =\t500\r\n");
-}
-
-TEST(PropertiesIniText, KeepsEveryLineEnd) {
-  EXPECT_EQ(After("[S]\r\na=1\r\nk=300\r\n"), "[S]\r\na=1\r\nk=500\r\n");
-  EXPECT_EQ(After("[S]\r\nk=1\nk=2\r\n\n\r\n"), "[S]\r\nk=500\nk=500\r\n\n\r\n");
-}
-
-TEST(PropertiesIniText, KeepsACarriageReturnWithinALine) {
-  EXPECT_EQ(After("[S]\na=1\rk=2\nk=3\n"), "[S]\na=1\rk=2\nk=500\n");
+TEST(PropertiesIniText, KeepsEveryLineEndAndCarriageReturnsWithinALine) {
+  ExpectEdits({{"[S]\r\nk=1\nk=2\r\n\n\r\n", "[S]\r\nk=500\nk=500\r\n\n\r\n"},
+               {"[S]\na=1\rk=2\nk=3\n", "[S]\na=1\rk=2\nk=500\n"}});
 }
 
 TEST(PropertiesIniText, KeepsAMissingFinalNewline) {
-  EXPECT_EQ(After("[S]\nk=300\na=1"), "[S]\nk=500\na=1");
-  EXPECT_EQ(After("[S]\na=1\nk=300"), "[S]\na=1\nk=500");
-  EXPECT_EQ(After("[S]\r\nk=300\r"), "[S]\r\nk=500\r");
-}
-
-TEST(PropertiesIniText, KeepsNulBytes) {
-  EXPECT_EQ(After("\0\n[S]\na\0b=\0c\nk=1\0x\nd=\0\n"s), "\0\n[S]\na\0b=\0c\nk=500\nd=\0\n"s);
+  ExpectEdits({{"[S]\nk=300\na=1", "[S]\nk=500\na=1"},
+               {"[S]\na=1\nk=300", "[S]\na=1\nk=500"},
+               {"[S]\r\nk=300\r", "[S]\r\nk=500\r"}});
 }
 
 TEST(PropertiesIniText, KeepsAByteOrderMark) {
-  EXPECT_EQ(After(BYTE_ORDER_MARK + "[S]\nk=300\n"), BYTE_ORDER_MARK + "[S]\nk=500\n");
-  EXPECT_EQ(After(BYTE_ORDER_MARK + "k=300\n", "", "k", "500"), BYTE_ORDER_MARK + "k=500\n");
+  ExpectEdits({{BYTE_ORDER_MARK + "[S]\nk=300\n", BYTE_ORDER_MARK + "[S]\nk=500\n"},
+               {BYTE_ORDER_MARK + "k=300\n", BYTE_ORDER_MARK + "k=500\n", ""}});
 }
 
 TEST(PropertiesIniText, KeepsBytesOfEveryKind) {
@@ -145,216 +115,169 @@ TEST(PropertiesIniText, KeepsBytesOfEveryKind) {
   for (int byte = 0; byte < 256; ++byte) {
     bytes += static_cast<char>(byte);
   }
-  EXPECT_EQ(After("[S]\nk=300\n[T]\n" + bytes), "[S]\nk=500\n[T]\n" + bytes);
+  ExpectEdits({{"[S]\nk=300\n[T]\n" + bytes, "[S]\nk=500\n[T]\n" + bytes},
+               {"\0\n[S]\na\0b=\0c\nk=1\0x\nd=\0\n"s, "\0\n[S]\na\0b=\0c\nk=500\nd=\0\n"s}});
 }
 
-TEST(PropertiesIniText, KeepsComments) {
-  EXPECT_EQ(After("; k=1\n[S]\n;k=2\n # k=3\n\t;[T]\nk=4\n#[S]\n"),
-            "; k=1\n[S]\n;k=2\n # k=3\n\t;[T]\nk=500\n#[S]\n");
-}
-
-TEST(PropertiesIniText, KeepsLinesOfUnknownMeaning) {
-  EXPECT_EQ(After("hello\n[S]\nk\n!include k\nk: 1\n[S\nk=300\n]\n"),
-            "hello\n[S]\nk\n!include k\nk: 1\n[S\nk=500\n]\n");
-}
-
-TEST(PropertiesIniText, KeepsBlankLines) {
-  EXPECT_EQ(After("\n\n[S]\n\n \t\nk=300\n\n\n"), "\n\n[S]\n\n \t\nk=500\n\n\n");
+TEST(PropertiesIniText, KeepsCommentsBlankLinesAndLinesOfUnknownMeaning) {
+  ExpectEdits({{"; k=1\n[S]\n;k=2\n # k=3\n\t;[T]\nk=4\n#[S]\n",
+                "; k=1\n[S]\n;k=2\n # k=3\n\t;[T]\nk=500\n#[S]\n"},
+               {"hello\n[S]\nk\n!include k\nk: 1\n[S\nk=300\n]\n",
+                "hello\n[S]\nk\n!include k\nk: 1\n[S\nk=500\n]\n"},
+               {"\n\n[S]\n\n \t\nk=300\n\n\n", "\n\n[S]\n\n \t\nk=500\n\n\n"}});
 }
 
 TEST(PropertiesIniText, MayHaveMoreBehindTheNameOfASection) {
-  EXPECT_EQ(After("[S] ; of the runtime\nk=300\n"), "[S] ; of the runtime\nk=500\n");
-  EXPECT_EQ(After("[S]]\nk=300\n[T]=[S]\nk=1\n"), "[S]]\nk=500\n[T]=[S]\nk=1\n");
+  ExpectEdits({{"[S] ; of the runtime\nk=300\n", "[S] ; of the runtime\nk=500\n"},
+               {"[S]]\nk=300\n[T]=[S]\nk=1\n", "[S]]\nk=500\n[T]=[S]\nk=1\n"}});
 }
 
-TEST(PropertiesIniText, IsTheSameWhenTheSameIsSetAgain) {
-  const std::string once = After("[S]\nk = 300 \n");
-  EXPECT_EQ(After(once), once);
+// ---- A new key, a new section
+
+TEST(PropertiesIniNewKey, GoesBehindTheLastLineOfTheLastSectionOfThatNameButBlankLines) {
+  ExpectEdits({{"[S]\na=1\n[T]\nb=2\n", "[S]\na=1\nk=500\n[T]\nb=2\n"},
+               {"[S]\n[T]\n", "[S]\nk=500\n[T]\n"},
+               {"[S]\na=1\n[T]\n[S]\nb=2\n[U]\n", "[S]\na=1\n[T]\n[S]\nb=2\nk=500\n[U]\n"},
+               {"[S]\na=1\n\nb=2\n\n \t\n[T]\n", "[S]\na=1\n\nb=2\nk=500\n\n \t\n[T]\n"},
+               {"[S]\na=1\n\n\n", "[S]\na=1\nk=500\n\n\n"},
+               {"[S]\na=1\n;k=1\n[T]\n", "[S]\na=1\n;k=1\nk=500\n[T]\n"},
+               {"[S]\nk\n\n[T]\n", "[S]\nk\nk=500\n\n[T]\n"}});
 }
 
-TEST(PropertiesIniNewKey, GoesBehindTheLastLineOfItsSection) {
-  EXPECT_EQ(After("[S]\na=1\n[T]\nb=2\n"), "[S]\na=1\nk=500\n[T]\nb=2\n");
-  EXPECT_EQ(After("[S]\n[T]\n"), "[S]\nk=500\n[T]\n");
-  EXPECT_EQ(After("[T]\n[S]\na=1\n"), "[T]\n[S]\na=1\nk=500\n");
-}
-
-TEST(PropertiesIniNewKey, GoesBeforeTheBlankLinesThatEndItsSection) {
-  EXPECT_EQ(After("[S]\na=1\n\nb=2\n\n \t\n[T]\n"), "[S]\na=1\n\nb=2\nk=500\n\n \t\n[T]\n");
-  EXPECT_EQ(After("[S]\na=1\n\n\n"), "[S]\na=1\nk=500\n\n\n");
-}
-
-TEST(PropertiesIniNewKey, GoesBehindCommentsAndUnknownLines) {
-  EXPECT_EQ(After("[S]\na=1\n;k=1\n[T]\n"), "[S]\na=1\n;k=1\nk=500\n[T]\n");
-  EXPECT_EQ(After("[S]\nk\n\n[T]\n"), "[S]\nk\nk=500\n\n[T]\n");
-}
-
-TEST(PropertiesIniNewKey, GoesToTheLastSectionOfThatName) {
-  EXPECT_EQ(After("[S]\na=1\n[T]\n[S]\nb=2\n[U]\n"), "[S]\na=1\n[T]\n[S]\nb=2\nk=500\n[U]\n");
-}
-
-TEST(PropertiesIniNewKey, HasTheLineEndOfTheFile) {
-  EXPECT_EQ(After("[S]\r\na=1\r\n[T]\r\n"), "[S]\r\na=1\r\nk=500\r\n[T]\r\n");
-  EXPECT_EQ(After("\r\n[S]\r\na=1"), "\r\n[S]\r\na=1\r\nk=500");
-}
-
-TEST(PropertiesIniNewKey, IsTheLastLineWithoutANewlineInPlaceOfTheOldOne) {
-  EXPECT_EQ(After("[S]\na=1"), "[S]\na=1\nk=500");
-  EXPECT_EQ(After("[S]"), "[S]\nk=500");
-  EXPECT_EQ(After("[S]\r\na=1\r"), "[S]\r\na=1\r\nk=500");
-  EXPECT_EQ(After("[S]\na=1\n\n "), "[S]\na=1\nk=500\n\n ");
+TEST(PropertiesIniNewKey, HasTheLineEndOfTheFileAndLeavesTheFinalOneMissing) {
+  ExpectEdits({{"[S]\r\na=1\r\n[T]\r\n", "[S]\r\na=1\r\nk=500\r\n[T]\r\n"},
+               {"\r\n[S]\r\na=1", "\r\n[S]\r\na=1\r\nk=500"},
+               {"[S]\na=1", "[S]\na=1\nk=500"},
+               {"[S]", "[S]\nk=500"},
+               {"[S]\r\na=1\r", "[S]\r\na=1\r\nk=500"},
+               {"[S]\na=1\n\n ", "[S]\na=1\nk=500\n\n "}});
 }
 
 TEST(PropertiesIniNewKey, OfTheSectionWithoutANameGoesBeforeTheFirstSection) {
-  EXPECT_EQ(After("", "", "k", "500"), "k=500\n");
-  EXPECT_EQ(After("[S]\n", "", "k", "500"), "k=500\n[S]\n");
-  EXPECT_EQ(After("; top\n\n[S]\n", "", "k", "500"), "; top\nk=500\n\n[S]\n");
-  EXPECT_EQ(After(BYTE_ORDER_MARK, "", "k", "500"), BYTE_ORDER_MARK + "k=500\n");
-  EXPECT_EQ(After(BYTE_ORDER_MARK + "[S]\n", "", "k", "500"), BYTE_ORDER_MARK + "k=500\n[S]\n");
+  ExpectEdits({{"", "k=500\n", ""},
+               {"[S]\n", "k=500\n[S]\n", ""},
+               {"; top\n\n[S]\n", "; top\nk=500\n\n[S]\n", ""},
+               {BYTE_ORDER_MARK, BYTE_ORDER_MARK + "k=500\n", ""},
+               {BYTE_ORDER_MARK + "[S]\n", BYTE_ORDER_MARK + "k=500\n[S]\n", ""}});
 }
 
-TEST(PropertiesIniNewSection, GoesToTheEndBehindABlankLine) {
-  EXPECT_EQ(After("[T]\nk=1\n"), "[T]\nk=1\n\n[S]\nk=500\n");
-  EXPECT_EQ(After("; only a comment\n"), "; only a comment\n\n[S]\nk=500\n");
+TEST(PropertiesIniNewSection, GoesToTheEndBehindOneBlankLine) {
+  ExpectEdits({{"", "[S]\nk=500\n"},
+               {BYTE_ORDER_MARK, BYTE_ORDER_MARK + "[S]\nk=500\n"},
+               {"[T]\nk=1\n", "[T]\nk=1\n\n[S]\nk=500\n"},
+               {"; only a comment\n", "; only a comment\n\n[S]\nk=500\n"},
+               {"[T]\nk=1\n\n", "[T]\nk=1\n\n[S]\nk=500\n"},
+               {"[T]\nk=1\n \t\n", "[T]\nk=1\n \t\n[S]\nk=500\n"},
+               {"\n", "\n[S]\nk=500\n"}});
 }
 
-TEST(PropertiesIniNewSection, NeedsNoSecondBlankLine) {
-  EXPECT_EQ(After("[T]\nk=1\n\n"), "[T]\nk=1\n\n[S]\nk=500\n");
-  EXPECT_EQ(After("[T]\nk=1\n \t\n"), "[T]\nk=1\n \t\n[S]\nk=500\n");
-  EXPECT_EQ(After("\n"), "\n[S]\nk=500\n");
+TEST(PropertiesIniNewSection, HasTheLineEndOfTheFirstLineAndLeavesTheFinalOneMissing) {
+  ExpectEdits({{"[T]\r\nk=1\n", "[T]\r\nk=1\n\r\n[S]\r\nk=500\r\n"},
+               {"[T]\nk=1", "[T]\nk=1\n\n[S]\nk=500"},
+               {"[T]\r\nk=1", "[T]\r\nk=1\r\n\r\n[S]\r\nk=500"},
+               {"[T]\r\nk=1\r", "[T]\r\nk=1\r\n\r\n[S]\r\nk=500"},
+               {"[T]\n ", "[T]\n \n[S]\nk=500"}});
 }
 
-TEST(PropertiesIniNewSection, BeginsAnEmptyFile) {
-  EXPECT_EQ(After(""), "[S]\nk=500\n");
-  EXPECT_EQ(After(BYTE_ORDER_MARK), BYTE_ORDER_MARK + "[S]\nk=500\n");
-}
+// ---- Names
 
-TEST(PropertiesIniNewSection, HasTheLineEndOfTheFile) {
-  EXPECT_EQ(After("[T]\r\nk=1\r\n"), "[T]\r\nk=1\r\n\r\n[S]\r\nk=500\r\n");
-  EXPECT_EQ(After("[T]\r\nk=1\n"), "[T]\r\nk=1\n\r\n[S]\r\nk=500\r\n") << "that of the first line";
-}
-
-TEST(PropertiesIniNewSection, LeavesTheFinalNewlineMissing) {
-  EXPECT_EQ(After("[T]\nk=1"), "[T]\nk=1\n\n[S]\nk=500");
-  EXPECT_EQ(After("[T]\r\nk=1"), "[T]\r\nk=1\r\n\r\n[S]\r\nk=500");
-  EXPECT_EQ(After("[T]\r\nk=1\r"), "[T]\r\nk=1\r\n\r\n[S]\r\nk=500");
-  EXPECT_EQ(After("[T]\n "), "[T]\n \n[S]\nk=500");
-}
-
-TEST(PropertiesIniName, IsTakenWithoutItsOuterBlanks) {
-  EXPECT_EQ(After("[S]\nk=1\n", " S\t", "\tk ", "500"), "[S]\nk=500\n");
-  EXPECT_EQ(After("", " S\t", "\tk ", "500"), "[S]\nk=500\n");
+TEST(PropertiesIniName, IsTakenWithoutItsOuterBlanksAndMayHoldBlanksAndMarksInside) {
+  ExpectEdits({{"[S]\nk=1\n", "[S]\nk=500\n", " S\t", "\tk "},
+               {"", "[S]\nk=500\n", " S\t", "\tk "},
+               {"", "[S = #1 [a]\nk ;[]\"=500\n", "S = #1 [a", "k ;[]\""}});
   EXPECT_EQ(Read("[ S\t]\n k\t=1\n", "S ", " k"), "1");
-}
-
-TEST(PropertiesIniName, MayHoldBlanksAndMarksInside) {
-  EXPECT_EQ(After("", "S = #1 [a", "k ;[]\"", "500"), "[S = #1 [a]\nk ;[]\"=500\n");
   EXPECT_EQ(Read("[S = #1 [a]\nk ;[]\"=500\n", "S = #1 [a", "k ;[]\""), "500");
 }
 
-TEST(PropertiesIniName, ThatNoSectionLineCouldHoldChangesNothing) {
-  const std::string text = "[S]\nk=300\n";
-  for (const std::string& section : {"S\n"s, "\rS"s, "S\0"s, "S]"s, "]"s, "S]\n[T"s}) {
-    EXPECT_EQ(After(text, section, "k", "500"), text) << testing::PrintToString(section);
-    EXPECT_EQ(After(text, section, "new", "500"), text) << testing::PrintToString(section);
-  }
-}
-
-TEST(PropertiesIniName, ThatNoKeyLineCouldHoldChangesNothing) {
+TEST(PropertiesIniName, ThatNoLineCouldHoldChangesNothing) {
   const std::string text = "[S]\nk=300\n=1\n";
+  for (const std::string& section : {"S\n"s, "\rS"s, "S\0"s, "S]"s, "]"s, "S]\n[T"s}) {
+    ExpectEdits({{text, text, section, "k"}, {text, text, section, "new"}});
+  }
   for (const std::string& key :
        {"k\n"s, "k\r"s, "\0k"s, ""s, " \t"s, "k=1"s, "=k"s, "[k"s, ";k"s, "#k"s, " ;k"s, "k\na"s}) {
-    EXPECT_EQ(After(text, "S", key, "500"), text) << testing::PrintToString(key);
+    ExpectEdits({{text, text, "S", key}});
   }
+  // At the top of a file it would be the file's.
+  ExpectEdits({{"", "", "", BYTE_ORDER_MARK + "k"}});
 }
 
-// At the top of a file it would be the file's.
-TEST(PropertiesIniName, ThatBeginsWithAByteOrderMarkChangesNothing) {
-  EXPECT_EQ(After("", "", BYTE_ORDER_MARK + "k", "500"), "");
-}
+// ---- Values in quotes, and not
 
-TEST(PropertiesIniQuotes, AreLeftOutWhereTheyAreNotNeeded) {
+TEST(PropertiesIniQuotes, StandOnlyWhereTheyAreNeeded) {
+  const std::vector<std::pair<std::string, std::string>> quoted = {
+      {" a", R"(" a")"},
+      {"a\t", "\"a\t\""},
+      {" ", R"(" ")"},
+      {"\"", R"("\"")"},
+      {"\"a\"", R"("\"a\"")"},
+      {"a\nb", R"("a\nb")"},
+      {"a\rb", R"("a\rb")"},
+      {"a\0b"s, R"("a\0b")"},
+      {"\n[T]\r\nk=1\n", R"("\n[T]\r\nk=1\n")"},
+      {"C:\\new\\\n", R"("C:\\new\\\n")"},
+      {" a\\\"", R"(" a\\\"")"}};
+  for (const auto& [value, stored] : quoted) {
+    ExpectEdits({{"", "[S]\nk=" + stored + "\n", "S", "k", value}});
+  }
   for (const std::string& value :
        {""s, "500"s, "-1"s, "a b"s, "a\tb"s, "a\"b\""s, "'a'"s, "C:\\new"s, "a=b"s, "[T]"s, ";a"s,
         "#a"s, "a\\"s, "\x01\x7f\xff"s}) {
-    EXPECT_EQ(Stored(value), value);
+    ExpectEdits({{"", "[S]\nk=" + value + "\n", "S", "k", value}});
   }
+  // In place of those that were there.
+  ExpectEdits({{"[S]\nk = \"a b\" \n", "[S]\nk = \" c\" \n", "S", "k", " c"},
+               {"[S]\nk = \"a b\" \n", "[S]\nk = 500 \n"}});
 }
 
-TEST(PropertiesIniQuotes, EncloseOuterBlanks) {
-  EXPECT_EQ(Stored(" a"), "\" a\"");
-  EXPECT_EQ(Stored("a\t"), "\"a\t\"");
-  EXPECT_EQ(Stored(" "), "\" \"");
-}
+// ---- Reading
 
-TEST(PropertiesIniQuotes, EncloseAFirstQuote) {
-  EXPECT_EQ(Stored("\""), R"("\"")");
-  EXPECT_EQ(Stored("\"a\""), R"("\"a\"")");
-}
+struct Reading {
+  std::string text;
+  std::string value;
+  std::string section = "S";
+  std::string key = "k";
+};
 
-TEST(PropertiesIniQuotes, EncloseLineBreakers) {
-  EXPECT_EQ(Stored("a\nb"), R"("a\nb")");
-  EXPECT_EQ(Stored("a\rb"), R"("a\rb")");
-  EXPECT_EQ(Stored("a\0b"s), R"("a\0b")");
-  EXPECT_EQ(Stored("\n[T]\r\nk=1\n"), R"("\n[T]\r\nk=1\n")");
-}
-
-TEST(PropertiesIniQuotes, ComeWithBackslashesThatAreDoubled) {
-  EXPECT_EQ(Stored("C:\\new\\\n"), R"("C:\\new\\\n")");
-  EXPECT_EQ(Stored(" a\\\""), R"(" a\\\"")");
-}
-
-TEST(PropertiesIniQuotes, ReplaceThoseThatWereThere) {
-  EXPECT_EQ(After("[S]\nk = \"a b\" \n", "S", "k", " c"), "[S]\nk = \" c\" \n");
-  EXPECT_EQ(After("[S]\nk = \"a b\" \n"), "[S]\nk = 500 \n");
-}
-
-TEST(PropertiesIniGetProperty, GivesTheValueWithoutItsOuterBlanks) {
-  EXPECT_EQ(ReadValue(" \t300 4\t "), "300 4");
-  EXPECT_EQ(ReadValue(" 300 \r"), "300");
-  EXPECT_EQ(ReadValue(""), "");
-}
-
-TEST(PropertiesIniGetProperty, GivesNothingForWhatIsAbsent) {
-  EXPECT_EQ(Read("[S]\nk=1\n", "S", "a"), "");
-  EXPECT_EQ(Read("[S]\nk=1\n", "T", "k"), "");
-  EXPECT_EQ(Read("[S]\nk=1\n", "", "k"), "");
-  EXPECT_EQ(Read("[S]\n;k=1\nk\n", "S", "k"), "");
-  EXPECT_EQ(Read("[S]\n;k=1\n#k=1\n", "S", ";k"), "");
-  EXPECT_EQ(Read("[S]\n[T]=1\n", "T", "[T]"), "");
+TEST(PropertiesIniGetProperty, GivesTheFirstOfSeveralAndNothingForWhatIsAbsent) {
+  const std::vector<Reading> readings = {{"[T]\nk=0\n[S]\nk=1\nk=2\n[S]\nk=3\n", "1"},
+                                         {BYTE_ORDER_MARK + "[S]\nk=1\n", "1"},
+                                         {BYTE_ORDER_MARK + "k=1\n", "1", ""},
+                                         {"[S]\nk=1\n", "", "S", "a"},
+                                         {"[S]\nk=1\n", "", "T", "k"},
+                                         {"[S]\nk=1\n", "", "", "k"},
+                                         {"[S]\n;k=1\nk\n", ""},
+                                         {"[S]\n;k=1\n#k=1\n", "", "S", ";k"},
+                                         {"[S]\n[T]=1\n", "", "T", "[T]"},
+                                         // Names that no line could hold.
+                                         {"=5\n[x=6\n", "", "", ""},
+                                         {"=5\n[x=6\n", "", "", "[x"}};
+  for (const Reading& reading : readings) {
+    EXPECT_EQ(Read(reading.text, reading.section, reading.key), reading.value) << reading.text;
+  }
   EXPECT_EQ(PropertiesIni().GetProperty("S", "k"), "");
 }
 
-TEST(PropertiesIniGetProperty, GivesNothingForANameThatNoLineCouldHold) {
-  EXPECT_EQ(Read("=5\n[x=6\n", "", ""), "");
-  EXPECT_EQ(Read("=5\n[x=6\n", "", "[x"), "");
-}
-
-TEST(PropertiesIniGetProperty, GivesTheFirstOfSeveral) {
-  EXPECT_EQ(Read("[T]\nk=0\n[S]\nk=1\nk=2\n[S]\nk=3\n", "S", "k"), "1");
-}
-
-TEST(PropertiesIniGetProperty, LooksBehindAByteOrderMark) {
-  EXPECT_EQ(Read(BYTE_ORDER_MARK + "[S]\nk=1\n", "S", "k"), "1");
-  EXPECT_EQ(Read(BYTE_ORDER_MARK + "k=1\n", "", "k"), "1");
-}
-
-TEST(PropertiesIniGetProperty, GivesWhatStandsInQuotes) {
-  EXPECT_EQ(ReadValue(R"("300")"), "300");
-  EXPECT_EQ(ReadValue(R"( " 300 " )"), " 300 ");
-  EXPECT_EQ(ReadValue(R"("")"), "");
-  EXPECT_EQ(ReadValue(R"("\"\\\n\r\0")"), "\"\\\n\r\0"s);
-  EXPECT_EQ(ReadValue("\"a\rb\""), "a\rb");
-}
-
-TEST(PropertiesIniGetProperty, LeavesABackslashThatIsNotOurs) {
-  EXPECT_EQ(ReadValue(R"("C:\temp\x")"), R"(C:\temp\x)");
-  EXPECT_EQ(ReadValue(R"(C:\\new\n)"), R"(C:\\new\n)") << "outside quotes it means nothing";
-}
-
-TEST(PropertiesIniGetProperty, TakesQuotesThatDoNotEncloseTheValueAsPartOfIt) {
+TEST(PropertiesIniGetProperty, GivesTheValueWithoutBlanksOrWhatStandsInQuotes) {
+  const std::vector<std::pair<std::string, std::string>> values = {
+      {" \t300 4\t ", "300 4"},
+      {" 300 \r", "300"},
+      {"", ""},
+      {R"("300")", "300"},
+      {R"( " 300 " )", " 300 "},
+      {R"("")", ""},
+      {R"("\"\\\n\r\0")", "\"\\\n\r\0"s},
+      {"\"a\rb\"", "a\rb"},
+      // A backslash that is not ours; outside quotes it means nothing.
+      {R"("C:\temp\x")", R"(C:\temp\x)"},
+      {R"(C:\\new\n)", R"(C:\\new\n)"}};
+  for (const auto& [stored, value] : values) {
+    EXPECT_EQ(Read("[S]\nk=" + stored + "\n", "S", "k"), value) << stored;
+  }
+  // Quotes that do not enclose the value are part of it.
   for (const std::string stored : {R"(")", R"("300)", R"("300\")", R"("a" and "b")", R"("a"b)",
                                    R"("a" ; b)", R"(a")", R"("\)"}) {
-    EXPECT_EQ(ReadValue(stored), stored);
+    EXPECT_EQ(Read("[S]\nk=" + stored + "\n", "S", "k"), stored);
   }
 }
 
@@ -367,32 +290,19 @@ TEST(PropertiesIniGetProperty, GivesWhatWasSetBeforeItIsStored) {
   EXPECT_EQ(settings.GetProperty("T", "k"), "2");
 }
 
+// ---- The header
+
 TEST(PropertiesIniHeader, StandsInCommentsAtTheTop) {
   EXPECT_EQ(AfterHeader("[S]\nk=1\n", "one\ntwo"), "# one\n# two\n[S]\nk=1\n");
   EXPECT_EQ(AfterHeader("", "one"), "# one\n");
-}
-
-TEST(PropertiesIniHeader, WritesNothingWhenItIsEmpty) {
   EXPECT_EQ(AfterHeader("[S]\nk=1", ""), "[S]\nk=1");
-}
-
-TEST(PropertiesIniHeader, HasTheLineEndOfTheFile) {
-  EXPECT_EQ(AfterHeader("[S]\r\n", "one\ntwo\r\n"), "# one\r\n# two\r\n[S]\r\n");
-}
-
-TEST(PropertiesIniHeader, KeepsItsBlankLines) {
-  EXPECT_EQ(AfterHeader("[S]\n", "one\n\ntwo\n"), "# one\n# \n# two\n[S]\n");
-}
-
-TEST(PropertiesIniHeader, AddsNoKeyAndNoSection) {
-  EXPECT_EQ(AfterHeader("k=1\n", "[S]\nk=2"), "# [S]\n# k=2\nk=1\n");
-}
-
-TEST(PropertiesIniHeader, StandsBehindAByteOrderMark) {
   EXPECT_EQ(AfterHeader(BYTE_ORDER_MARK + "[S]\n", "one"), BYTE_ORDER_MARK + "# one\n[S]\n");
 }
 
-TEST(PropertiesIniHeader, BreaksItsLinesAtEveryLineEnd) {
+TEST(PropertiesIniHeader, AddsNothingButCommentsWhateverItsLineEnds) {
+  EXPECT_EQ(AfterHeader("[S]\r\n", "one\ntwo\r\n"), "# one\r\n# two\r\n[S]\r\n");
+  EXPECT_EQ(AfterHeader("[S]\n", "one\n\ntwo\n"), "# one\n# \n# two\n[S]\n");
+  EXPECT_EQ(AfterHeader("k=1\n", "[S]\nk=2"), "# [S]\n# k=2\nk=1\n");
   EXPECT_EQ(AfterHeader("a=1\n", "one\ntwo\rb=2\r\nfour\n"), "# one\n# two\n# b=2\n# four\na=1\n");
 }
 
@@ -438,31 +348,30 @@ TEST_F(PropertiesIniFile, ReplacesWhatTheObjectHeld) {
 TEST_F(PropertiesIniFile, OfAnyLengthIsReadWhole) {
   for (const std::size_t length : {65535u, 65536u, 65537u, 1000000u}) {
     const std::string comment = ";" + std::string(length, 'x') + "\n";
-    EXPECT_EQ(After(comment + "[S]\nk=300\n" + comment), comment + "[S]\nk=500\n" + comment);
+    ExpectEdits({{comment + "[S]\nk=300\n" + comment, comment + "[S]\nk=500\n" + comment}});
   }
 }
 
-TEST_F(PropertiesIniFile, ThatMayNotBeReadIsLeftAlone) {
+TEST_F(PropertiesIniFile, ThatMayNotBeReadIsLeftAloneHoweverItIsCalled) {
   WriteText(PATH, "[S]\nk=300\n");
+  std::filesystem::create_symlink(PATH, folder / "link");
   std::filesystem::permissions(PATH, std::filesystem::perms(0));
   EXPECT_FALSE(settings.Load(PATH));
   settings.SetProperty("S", "k", "500");
   EXPECT_FALSE(settings.Store(PATH, ""));
   EXPECT_FALSE(settings.Store(PATH, "header"));
-  std::filesystem::permissions(PATH, std::filesystem::perms(0600));
-  EXPECT_EQ(ReadText(PATH), "[S]\nk=300\n");
-}
+  EXPECT_FALSE(settings.Store(folder / "." / "settings.ini", ""));
+  EXPECT_FALSE(settings.Store(folder / "link", ""));
+  EXPECT_FALSE(settings.Load(folder));
+  EXPECT_TRUE(settings.Load(folder / "missing"));
+  EXPECT_FALSE(settings.Store(PATH, "")) << "though others were loaded since";
 
-TEST_F(PropertiesIniFile, ThatMayNotBeReadIsLeftAloneHoweverItIsCalled) {
-  WriteText(PATH, "[S]\nk=300\n");
-  std::filesystem::create_symlink(PATH, "/tmp/settings/link");
-  std::filesystem::permissions(PATH, std::filesystem::perms(0));
-  PropertiesIni settings;
-  EXPECT_FALSE(settings.Load(PATH));
-  EXPECT_FALSE(settings.Store("/tmp/settings/./settings.ini", ""));
-  EXPECT_FALSE(settings.Store("/tmp/settings/link", ""));
   std::filesystem::permissions(PATH, std::filesystem::perms(0600));
   EXPECT_EQ(ReadText(PATH), "[S]\nk=300\n");
+  EXPECT_TRUE(settings.Load(PATH));
+  settings.SetProperty("S", "k", "500");
+  EXPECT_TRUE(settings.Store(PATH, "")) << "once it could be read";
+  EXPECT_EQ(ReadText(PATH), "[S]\nk=500\n");
 }
 
 TEST_F(PropertiesIniFile, InAFolderThatMayNotBeSearchedIsUnreadable) {
@@ -472,60 +381,26 @@ TEST_F(PropertiesIniFile, InAFolderThatMayNotBeSearchedIsUnreadable) {
   std::filesystem::permissions(folder, std::filesystem::perms(0755));
   EXPECT_FALSE(settings.Store(PATH, ""));
   EXPECT_EQ(ReadText(PATH), "[S]\nk=300\n");
+  EXPECT_FALSE(settings.Load(PATH + "/below")) << "nor is anything below a file readable";
 }
 
-TEST_F(PropertiesIniFile, BelowAnotherFileIsUnreadable) {
-  WriteText(PATH, "[S]\n");
-  EXPECT_FALSE(settings.Load(PATH + "/below"));
-}
-
-TEST_F(PropertiesIniFile, ThatIsAFolderIsUnreadable) {
+TEST_F(PropertiesIniFile, ThatIsAFolderOrANamedPipeIsUnreadableAndNotWaitedFor) {
+  ASSERT_EQ(mkfifo((folder / "pipe").c_str(), 0666), 0);
   std::filesystem::create_directories(PATH);
-  EXPECT_FALSE(settings.Load(PATH));
-  EXPECT_FALSE(settings.Store(PATH, ""));
+  for (const std::string& path : {PATH, std::string(folder / "pipe")}) {
+    EXPECT_FALSE(settings.Load(path));
+    EXPECT_FALSE(settings.Store(path, ""));
+  }
   EXPECT_TRUE(std::filesystem::is_directory(PATH));
+  EXPECT_TRUE(std::filesystem::is_fifo(folder / "pipe"));
 }
 
-TEST_F(PropertiesIniFile, ThatIsANamedPipeIsUnreadableAndNotWaitedFor) {
-  ASSERT_EQ(mkfifo(PATH.c_str(), 0666), 0);
-  EXPECT_FALSE(settings.Load(PATH));
-  EXPECT_FALSE(settings.Store(PATH, ""));
-  EXPECT_TRUE(std::filesystem::is_fifo(PATH));
-}
-
-TEST_F(PropertiesIniFile, ThatCannotBeReadLeavesTheObjectEmpty) {
-  settings.SetProperty("S", "k", "1");
-  EXPECT_FALSE(settings.Load(folder));
-  EXPECT_EQ(settings.GetProperty("S", "k"), "");
-}
-
-TEST_F(PropertiesIniFile, CanBeStoredElsewhereWhenItCouldNotBeRead) {
+TEST_F(PropertiesIniFile, ThatCannotBeReadLeavesTheObjectEmptyAndToBeStoredElsewhere) {
+  settings.SetProperty("S", "a", "1");
   EXPECT_FALSE(settings.Load(folder));
   settings.SetProperty("S", "k", "500");
   EXPECT_TRUE(settings.Store(PATH, ""));
   EXPECT_EQ(ReadText(PATH), "[S]\nk=500\n");
-}
-
-TEST_F(PropertiesIniFile, IsStoredAgainOnceItCouldBeRead) {
-  WriteText(PATH, "[S]\nk=300\n");
-  std::filesystem::permissions(PATH, std::filesystem::perms(0));
-  EXPECT_FALSE(settings.Load(PATH));
-  std::filesystem::permissions(PATH, std::filesystem::perms(0600));
-  EXPECT_TRUE(settings.Load(PATH));
-  settings.SetProperty("S", "k", "500");
-  EXPECT_TRUE(settings.Store(PATH, ""));
-  EXPECT_EQ(ReadText(PATH), "[S]\nk=500\n");
-}
-
-TEST_F(PropertiesIniFile, StaysRefusedWhenOthersAreLoadedAfterIt) {
-  WriteText(PATH, "[S]\nk=300\n");
-  std::filesystem::permissions(PATH, std::filesystem::perms(0));
-  EXPECT_FALSE(settings.Load(PATH));
-  EXPECT_FALSE(settings.Load(folder));
-  EXPECT_TRUE(settings.Load(folder / "missing"));
-  EXPECT_FALSE(settings.Store(PATH, ""));
-  std::filesystem::permissions(PATH, std::filesystem::perms(0600));
-  EXPECT_EQ(ReadText(PATH), "[S]\nk=300\n");
 }
 
 TEST_F(PropertiesIniFile, ThatCannotBeWrittenIsReported) {
