@@ -375,10 +375,9 @@ Command Changed(Dice& dice, Command request) {
   return request;
 }
 
-Command AnyRequest(Dice& dice, const std::vector<Command>& corpus) {
-  Command request = dice.OneIn(5) && !corpus.empty()
-                        ? Changed(dice, corpus[dice.Below(corpus.size())])
-                        : New(dice);
+Command AnyRequest(Dice& dice, const std::vector<Command>& known) {
+  Command request =
+      dice.OneIn(5) && !known.empty() ? Changed(dice, known[dice.Below(known.size())]) : New(dice);
   if (dice.OneIn(10)) {
     request = Changed(dice, request);
   }
@@ -393,9 +392,9 @@ Command AnyRequest(Dice& dice, const std::vector<Command>& corpus) {
 
 }  // namespace
 
-Command Generate(std::uint32_t seed, std::uint32_t number, const std::vector<Command>& corpus) {
+Command Generate(std::uint32_t seed, std::uint32_t number, const std::vector<Command>& known) {
   Dice dice(seed, number);
-  Command request = AnyRequest(dice, corpus);
+  Command request = AnyRequest(dice, known);
   for (const char* const name : {"JAVA_OPTIONS", "JAVA_CLASSPATH"}) {
     if (dice.OneIn(4)) {
       request.environment[name] = AnyGarbage(dice);
@@ -412,9 +411,9 @@ Command Generate(std::uint32_t seed, std::uint32_t number, const std::vector<Com
 }
 
 Command GenerateForRealVm(std::uint32_t seed, std::uint32_t number,
-                          const std::vector<Command>& corpus) {
+                          const std::vector<Command>& known) {
   Dice dice(seed, number);
-  Command request = AnyRequest(dice, corpus);
+  Command request = AnyRequest(dice, known);
   request.environment["JAVA_OPTIONS"] = "-XX:VMOptionsFile=/srv/vemo/java.options";
   request.environment["JAVA_CLASSPATH"] = "/srv/vemo/java";
   if (dice.OneIn(8)) {

@@ -6,11 +6,11 @@
 
 #include "Process.h"
 
-// The request of this number among those of the seed: the same every time. Some are those of the
-// corpus with a few bytes changed.
-Command Generate(std::uint32_t seed, std::uint32_t number, const std::vector<Command>& corpus);
+// The request of this number among those of the seed: the same every time. Some are known
+// ones with a few bytes changed.
+Command Generate(std::uint32_t seed, std::uint32_t number, const std::vector<Command>& known);
 
 // The same for the real Java VM: of its options and class path only such as it survives, or
 // refuses.
 Command GenerateForRealVm(std::uint32_t seed, std::uint32_t number,
-                          const std::vector<Command>& corpus);
+                          const std::vector<Command>& known);
