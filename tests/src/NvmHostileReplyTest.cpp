@@ -164,32 +164,34 @@ TEST_P(NvmUnusualReply, IsReadOrRefusedWhole) {
 
 const std::string UTF_16 = Utf16(Packet("x", "", "<?xml version='1.0' encoding='UTF-16'?>"));
 
-INSTANTIATE_TEST_SUITE_P(
-    , NvmUnusualReply,
-    testing::Values(
-        Reading{"GoodPacket", Packet("x"), "x|x"},
-        Reading{"TenThousandLevels", Packet(Repeated("<a>", 10000) + Repeated("</a>", 10000))},
-        Reading{"UnknownEncoding", Packet("x", "", "<?xml version='1.0' encoding='nonsense'?>")},
-        Reading{"NoUtf8", Packet("\xFF")}, Reading{"CutUtf8", Packet("\xC3")},
-        Reading{"OverlongUtf8", Packet("\xC0\x80")},
-        Reading{"SurrogateInUtf8", Packet("\xED\xA0\x80")},
-        Reading{"BeyondUnicode", Packet("\xF5\x80\x80\x80")},
-        Reading{"NoUtf8BehindThePacket", InUtf8("x") + "\xFF"},
-        Reading{"CutUtf8BehindThePacket", InUtf8("x") + "\xC3"},
-        Reading{"Latin1", Packet("\xE4", "", "<?xml version='1.0' encoding='ISO-8859-1'?>"),
-                "\xC3\xA4|\xC3\xA4"},
-        Reading{"ZeroByte", Packet(std::string("a\0b", 3))},
-        Reading{"ZeroReference", Packet("&#0;")}, Reading{"Utf16", UTF_16, "x|x"},
-        Reading{"CutUtf16", UTF_16.substr(0, UTF_16.size() - 1)},
-        Reading{"NoOtherNodes", WithNodes("", ""), "x|none"},
-        Reading{"InstructionForData", WithNodes("<?data?>", "")},
-        Reading{"InstructionForStruct", WithNodes("", "<?struct?>")},
-        Reading{"EntityForData", WithNodes("&data;", "")},
-        Reading{"EntityForStruct", WithNodes("", "&struct;")},
-        Reading{"EntityForTheStatus",
-                "<!DOCTYPE a [<!ENTITY data '<struct/>'>]><a><data><struct><var name='Status'>"
-                "&data;</var></struct></data></a>"}),
-    [](const auto& reading) { return reading.param.name; });
+const Reading UNUSUAL[] = {
+    {"GoodPacket", Packet("x"), "x|x"},
+    {"TenThousandLevels", Packet(Repeated("<a>", 10000) + Repeated("</a>", 10000))},
+    {"UnknownEncoding", Packet("x", "", "<?xml version='1.0' encoding='nonsense'?>")},
+    {"NoUtf8", Packet("\xFF")},
+    {"CutUtf8", Packet("\xC3")},
+    {"OverlongUtf8", Packet("\xC0\x80")},
+    {"SurrogateInUtf8", Packet("\xED\xA0\x80")},
+    {"BeyondUnicode", Packet("\xF5\x80\x80\x80")},
+    {"NoUtf8BehindThePacket", InUtf8("x") + "\xFF"},
+    {"CutUtf8BehindThePacket", InUtf8("x") + "\xC3"},
+    {"Latin1", Packet("\xE4", "", "<?xml version='1.0' encoding='ISO-8859-1'?>"),
+     "\xC3\xA4|\xC3\xA4"},
+    {"ZeroByte", Packet(std::string("a\0b", 3))},
+    {"ZeroReference", Packet("&#0;")},
+    {"Utf16", UTF_16, "x|x"},
+    {"CutUtf16", UTF_16.substr(0, UTF_16.size() - 1)},
+    {"NoOtherNodes", WithNodes("", ""), "x|none"},
+    {"InstructionForData", WithNodes("<?data?>", "")},
+    {"InstructionForStruct", WithNodes("", "<?struct?>")},
+    {"EntityForData", WithNodes("&data;", "")},
+    {"EntityForStruct", WithNodes("", "&struct;")},
+    {"EntityForTheStatus",
+     "<!DOCTYPE a [<!ENTITY data '<struct/>'>]><a><data><struct><var name='Status'>"
+     "&data;</var></struct></data></a>"}};
+
+INSTANTIATE_TEST_SUITE_P(, NvmUnusualReply, testing::ValuesIn(UNUSUAL),
+                         [](const auto& reading) { return reading.param.name; });
 
 // --- What a reply may refer to
 

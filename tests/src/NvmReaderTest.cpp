@@ -137,54 +137,46 @@ TEST_P(NvmReaderValue, IsReadAndTheNamesOnTheWayLogged) {
 
 const std::string A = Var("A", Text("a"));
 
-INSTANTIATE_TEST_SUITE_P(
-    OfVariables, NvmReaderValue,
-    testing::Values(
-        Value{"FirstOfItsName",
-              Packet(Var("A", Text("first")) + Var("A", Text("2"))),
-              "first",
-              {"A"}},
-        Value{"Missing", Packet(Var("B", Text("b")) + Var("C", Text("c"))), "", {"B", "C"}},
-        Value{"OfAnotherElement", Packet("<other name='A'>text</other>"), "text", {"A"}},
-        Value{"BehindBlanks", Packet("\n" + A + "\n"), "a", {"(null)", "A"}},
-        Value{"BeforeBlanks", Packet(Var("B", "") + "\n"), "", {"B", "(null)"}},
-        Value{"BehindAComment", Packet("<!-- A -->" + A), "a", {"(null)", "A"}},
-        Value{"Nested", StatusOf(A), "", {"Status"}},
-        Value{"OnlyOfTheFirstChild", Packet(Var("A", Text("1") + Text("2"))), "1", {"A"}},
-        Value{"BlanksBeforeTheValue", Packet(Var("A", "\n " + Text("a"))), "\n ", {"A"}},
-        Value{"BareText", Packet(Var("A", "bare")), "bare", {"A"}},
-        Value{"EmptyVariable", Packet("<var name='A'/>"), "", {"A"}},
-        Value{"EmptyString", Packet(Var("A", "<string/>")), "", {"A"}},
-        Value{"Null", Packet(Var("A", "<null/>")), "", {"A"}},
-        Value{"CharacterData", Packet(Var("A", Text("1 <![CDATA[<2> & ]]>3"))), "1 <2> & 3", {"A"}},
-        Value{"Entities", Packet(Var("A", Text("&lt;&amp;&#65;&quot;"))), "<&A\"", {"A"}},
-        Value{"OwnEntity",
-              "<!DOCTYPE p [<!ENTITY e 'own'>]><p><data><struct>" + Var("A", Text("&e;!")) +
-                  "</struct></data></p>",
-              "own!",
-              {"A"}},
-        Value{"EntityInTheName", Packet(Var("&#65;", Text("a"))), "a", {"A"}},
-        Value{"JoinedTexts",
-              Packet(Var("A", "<struct>" + Var("x", Text("1")) + " " +
-                                  Var("y", "<array><number>2</number></array>") + "</struct>")),
-              "1 2",
-              {"A"}}),
-    [](const auto& value) { return value.param.name; });
+const Value VALUES[] = {
+    {"FirstOfItsName", Packet(Var("A", Text("first")) + Var("A", Text("2"))), "first", {"A"}},
+    {"Missing", Packet(Var("B", Text("b")) + Var("C", Text("c"))), "", {"B", "C"}},
+    {"OfAnotherElement", Packet("<other name='A'>text</other>"), "text", {"A"}},
+    {"BehindBlanks", Packet("\n" + A + "\n"), "a", {"(null)", "A"}},
+    {"BeforeBlanks", Packet(Var("B", "") + "\n"), "", {"B", "(null)"}},
+    {"BehindAComment", Packet("<!-- A -->" + A), "a", {"(null)", "A"}},
+    {"Nested", StatusOf(A), "", {"Status"}},
+    {"OnlyOfTheFirstChild", Packet(Var("A", Text("1") + Text("2"))), "1", {"A"}},
+    {"BlanksBeforeTheValue", Packet(Var("A", "\n " + Text("a"))), "\n ", {"A"}},
+    {"BareText", Packet(Var("A", "bare")), "bare", {"A"}},
+    {"EmptyVariable", Packet("<var name='A'/>"), "", {"A"}},
+    {"EmptyString", Packet(Var("A", "<string/>")), "", {"A"}},
+    {"Null", Packet(Var("A", "<null/>")), "", {"A"}},
+    {"CharacterData", Packet(Var("A", Text("1 <![CDATA[<2> & ]]>3"))), "1 <2> & 3", {"A"}},
+    {"Entities", Packet(Var("A", Text("&lt;&amp;&#65;&quot;"))), "<&A\"", {"A"}},
+    {"OwnEntity",
+     "<!DOCTYPE p [<!ENTITY e 'own'>]><p><data><struct>" + Var("A", Text("&e;!")) +
+         "</struct></data></p>",
+     "own!",
+     {"A"}},
+    {"EntityInTheName", Packet(Var("&#65;", Text("a"))), "a", {"A"}},
+    {"JoinedTexts",
+     Packet(Var("A", "<struct>" + Var("x", Text("1")) + " " +
+                         Var("y", "<array><number>2</number></array>") + "</struct>")),
+     "1 2",
+     {"A"}},
+    // Other packets.
+    {"AnyRoot", "<any><data><struct>" + A + "</struct></data></any>", "a", {"A"}},
+    {"OtherData", "<any><Data><struct>" + A + "</struct></Data></any>", "", {}},
+    {"OtherStruct", "<any><data><structs>" + A + "</structs></data></any>", "", {}},
+    {"SecondData", "<any><data/><data><struct>" + A + "</struct></data></any>", "", {}},
+    {"SecondStruct", "<any><data><struct/><struct>" + A + "</struct></data></any>", "", {}},
+    {"BlanksAndOthersAbove",
+     "<any>\n<x/>\n<data>\n<null/>\n<struct>" + A + "</struct>\n</data>\n</any>\n",
+     "a",
+     {"A"}}};
 
-INSTANTIATE_TEST_SUITE_P(
-    OfPackets, NvmReaderValue,
-    testing::Values(
-        Value{"AnyRoot", "<any><data><struct>" + A + "</struct></data></any>", "a", {"A"}},
-        Value{"OtherData", "<any><Data><struct>" + A + "</struct></Data></any>", "", {}},
-        Value{"OtherStruct", "<any><data><structs>" + A + "</structs></data></any>", "", {}},
-        Value{"SecondData", "<any><data/><data><struct>" + A + "</struct></data></any>", "", {}},
-        Value{
-            "SecondStruct", "<any><data><struct/><struct>" + A + "</struct></data></any>", "", {}},
-        Value{"BlanksAndOthersAbove",
-              "<any>\n<x/>\n<data>\n<null/>\n<struct>" + A + "</struct>\n</data>\n</any>\n",
-              "a",
-              {"A"}}),
-    [](const auto& value) { return value.param.name; });
+INSTANTIATE_TEST_SUITE_P(, NvmReaderValue, testing::ValuesIn(VALUES),
+                         [](const auto& value) { return value.param.name; });
 
 // --- FindChildNode
 
@@ -239,41 +231,40 @@ TEST_P(NvmReaderStatus, GivesCodeAndMessageAndLeavesWhatIsMissing) {
 const std::string CODE = Var("code", Text("1"));
 const std::string MSG = Var("msg", Text("held"));
 
-INSTANTIATE_TEST_SUITE_P(
-    , NvmReaderStatus,
-    testing::Values(
-        Status{"CodeAndMessage", StatusOf(CODE + MSG), "1/held", {"Status", "code", "msg"}},
-        Status{"MessageAndCode", StatusOf(MSG + CODE), "1/held", {"Status", "msg", "code"}},
-        Status{
-            "EmptyMessage", StatusOf(CODE + Var("msg", Text(""))), "1/", {"Status", "code", "msg"}},
-        Status{"CodeAlone", StatusOf(CODE), "1/old msg", {"Status", "code"}},
-        Status{"MessageAlone", StatusOf(MSG), "old code/held", {"Status", "msg"}},
-        Status{"NamesThatAreAlike",
-               StatusOf(Var("Code", "1") + Var("msg ", "2") + Var("codes", "3") + Var("ms", "4")),
-               NO_STATUS,
-               {"Status", "Code", "msg ", "codes", "ms"}},
-        Status{"LastOfSeveral",
-               StatusOf(CODE + MSG + Var("code", Text("2")) + Var("msg", Text("b"))),
-               "2/b",
-               {"Status", "code", "msg", "code", "msg"}},
-        Status{"AllTextOfTheVariable",
-               StatusOf(Var("code", " " + Text("1") + Text("2")) +
-                        Var("msg", "bare" + Text(" <![CDATA[&]]>"))),
-               " 12/bare &",
-               {"Status", "code", "msg"}},
-        Status{"BetweenBlanks",
-               StatusOf("\n" + Var("code", Text("7")) + "\n"),
-               "7/old msg",
-               {"Status", "(null)", "code", "(null)"}},
-        Status{"BlanksBeforeTheStruct",
-               Packet(Var("Status", "\n<struct>" + CODE + "</struct>")),
-               NO_STATUS,
-               {"Status"}},
-        Status{"WithoutAStruct", Packet("<var name='Status'/>"), NO_STATUS, {"Status"}},
-        Status{"EmptyStruct", StatusOf(""), NO_STATUS, {"Status"}},
-        Status{"BareText", Packet(Var("Status", "text")), NO_STATUS, {"Status"}},
-        Status{"Missing", Packet(A), NO_STATUS, {"A"}}),
-    [](const auto& status) { return status.param.name; });
+const Status STATUSES[] = {
+    {"CodeAndMessage", StatusOf(CODE + MSG), "1/held", {"Status", "code", "msg"}},
+    {"MessageAndCode", StatusOf(MSG + CODE), "1/held", {"Status", "msg", "code"}},
+    {"EmptyMessage", StatusOf(CODE + Var("msg", Text(""))), "1/", {"Status", "code", "msg"}},
+    {"CodeAlone", StatusOf(CODE), "1/old msg", {"Status", "code"}},
+    {"MessageAlone", StatusOf(MSG), "old code/held", {"Status", "msg"}},
+    {"NamesThatAreAlike",
+     StatusOf(Var("Code", "1") + Var("msg ", "2") + Var("codes", "3") + Var("ms", "4")),
+     NO_STATUS,
+     {"Status", "Code", "msg ", "codes", "ms"}},
+    {"LastOfSeveral",
+     StatusOf(CODE + MSG + Var("code", Text("2")) + Var("msg", Text("b"))),
+     "2/b",
+     {"Status", "code", "msg", "code", "msg"}},
+    {"AllTextOfTheVariable",
+     StatusOf(Var("code", " " + Text("1") + Text("2")) +
+              Var("msg", "bare" + Text(" <![CDATA[&]]>"))),
+     " 12/bare &",
+     {"Status", "code", "msg"}},
+    {"BetweenBlanks",
+     StatusOf("\n" + Var("code", Text("7")) + "\n"),
+     "7/old msg",
+     {"Status", "(null)", "code", "(null)"}},
+    {"BlanksBeforeTheStruct",
+     Packet(Var("Status", "\n<struct>" + CODE + "</struct>")),
+     NO_STATUS,
+     {"Status"}},
+    {"WithoutAStruct", Packet("<var name='Status'/>"), NO_STATUS, {"Status"}},
+    {"EmptyStruct", StatusOf(""), NO_STATUS, {"Status"}},
+    {"BareText", Packet(Var("Status", "text")), NO_STATUS, {"Status"}},
+    {"Missing", Packet(A), NO_STATUS, {"A"}}};
+
+INSTANTIATE_TEST_SUITE_P(, NvmReaderStatus, testing::ValuesIn(STATUSES),
+                         [](const auto& status) { return status.param.name; });
 
 // --- Replies of another shape
 

@@ -159,66 +159,48 @@ TEST_P(NvmReply, IsReadAsFarAsItsLengthSays) {
 const std::string LONG_BODY = DECLARATION + std::string(5000 - DECLARATION.size(), 'x');
 const std::string LONG_REPLY = HeaderWith("content-length: 5000") + LONG_BODY;
 
-INSTANTIATE_TEST_SUITE_P(
-    OfChunks, NvmReply,
-    testing::Values(
-        Reply{"ThreeChunks", {BEGUN + "<", "a/", ">"}, BODY},
-        // A shorter chunk must not show the end of a longer one before it.
-        Reply{"ShorterAndLonger", {BEGUN, "<", "a/>"}, BODY},
-        Reply{"NoMoreThanAnnounced", {BEGUN, "<a", "/>", "more"}, BODY, "25", BEGUN, 3},
-        Reply{"HeaderAlone", {HEADER, BODY}, BODY},
-        Reply{"ErrorStatus", {"HTTP/1.1 500 Broken\r\ncontent-length: 25\r\n\r\n" + BODY}, BODY},
-        Reply{"NoStatusLine", {"content-length: 25" + BODY}, BODY},
-        Reply{"MoreInTheFirst", {HEADER + BODY + "and more"}, BODY + "and more"},
-        Reply{"MoreInTheLast", {BEGUN, "<a/>and more"}, BODY + "and more"},
-        Reply{"TextBeforeTheDeclaration", {HEADER + "  \r\n" + BODY}, BODY},
-        Reply{"DoubleQuotes",
-              {HEADER + "<?xml version=\"1.0\"?><a/>", "1234567890123456789012345"},
-              "1234567890123456789012345"},
-        Reply{"NoDeclarationLater",
-              {HEADER, "12345678901234567890", "12345"},
-              "1234567890123456789012345"},
-        Reply{"FirstChunkOf4096Bytes",
-              {LONG_REPLY},
-              LONG_BODY,
-              "5000",
-              LONG_REPLY.substr(0, 4096),
-              2}),
-    [](const auto& reply) { return reply.param.name; });
+const Reply REPLIES[] = {
+    {"ThreeChunks", {BEGUN + "<", "a/", ">"}, BODY},
+    // A shorter chunk must not show the end of a longer one before it.
+    {"ShorterAndLonger", {BEGUN, "<", "a/>"}, BODY},
+    {"NoMoreThanAnnounced", {BEGUN, "<a", "/>", "more"}, BODY, "25", BEGUN, 3},
+    {"HeaderAlone", {HEADER, BODY}, BODY},
+    {"ErrorStatus", {"HTTP/1.1 500 Broken\r\ncontent-length: 25\r\n\r\n" + BODY}, BODY},
+    {"NoStatusLine", {"content-length: 25" + BODY}, BODY},
+    {"MoreInTheFirst", {HEADER + BODY + "and more"}, BODY + "and more"},
+    {"MoreInTheLast", {BEGUN, "<a/>and more"}, BODY + "and more"},
+    {"TextBeforeTheDeclaration", {HEADER + "  \r\n" + BODY}, BODY},
+    {"DoubleQuotes",
+     {HEADER + "<?xml version=\"1.0\"?><a/>", "1234567890123456789012345"},
+     "1234567890123456789012345"},
+    {"NoDeclarationLater", {HEADER, "12345678901234567890", "12345"}, "1234567890123456789012345"},
+    {"FirstChunkOf4096Bytes", {LONG_REPLY}, LONG_BODY, "5000", LONG_REPLY.substr(0, 4096), 2},
+    // The announced length.
+    {"Zero", {HeaderWith("content-length: 0")}, "", "0"},
+    {"ZeroWithABody", {HeaderWith("content-length: 0") + BODY}, BODY, "0"},
+    {"Unreadable", {HeaderWith("content-length: x")}, "", "0"},
+    {"UnreadableWithABody", {HeaderWith("content-length: x") + BODY}, BODY, "0"},
+    {"Negative", {HeaderWith("content-length: -5") + BODY}, BODY, "-5"},
+    {"NoBlank", {HeaderWith("content-length:25") + DECLARATION, "<a/>"}, BODY},
+    {"TabAndBlanks", {HeaderWith("content-length:\t  25") + DECLARATION, "<a/>"}, BODY},
+    {"LineEnd", {HeaderWith("content-length:\r\n 25") + DECLARATION, "<a/>"}, BODY},
+    {"BlankBeforeTheColon", {HeaderWith("content-length : 25") + DECLARATION}, DECLARATION, "0"},
+    {"FirstOfTwo",
+     {HeaderWith("x-content-length: 22\r\ncontent-length: 25") + DECLARATION, "<", "a/>"},
+     DECLARATION + "<",
+     "22",
+     HeaderWith("x-content-length: 22\r\ncontent-length: 25") + DECLARATION,
+     2},
+    {"InTheBody",
+     {"HTTP/1.1 200 OK\r\n\r\n" + DECLARATION + "content-length: 5"},
+     DECLARATION + "content-length: 5",
+     "5"},
+    // A zero byte cuts the text of its chunk, but not its count.
+    {"ZeroByteInTheFirst", {BEGUN + "\0<a/>"s, "<b/>"}, DECLARATION + "<b/>", "25", BEGUN},
+    {"ZeroByteInALater", {BEGUN, "<\0/>"s, "more"}, DECLARATION + "<", "25", BEGUN, 2}};
 
-INSTANTIATE_TEST_SUITE_P(
-    OfLength, NvmReply,
-    testing::Values(
-        Reply{"Zero", {HeaderWith("content-length: 0")}, "", "0"},
-        Reply{"ZeroWithABody", {HeaderWith("content-length: 0") + BODY}, BODY, "0"},
-        Reply{"Unreadable", {HeaderWith("content-length: x")}, "", "0"},
-        Reply{"UnreadableWithABody", {HeaderWith("content-length: x") + BODY}, BODY, "0"},
-        Reply{"Negative", {HeaderWith("content-length: -5") + BODY}, BODY, "-5"},
-        Reply{"NoBlank", {HeaderWith("content-length:25") + DECLARATION, "<a/>"}, BODY},
-        Reply{"TabAndBlanks", {HeaderWith("content-length:\t  25") + DECLARATION, "<a/>"}, BODY},
-        Reply{"LineEnd", {HeaderWith("content-length:\r\n 25") + DECLARATION, "<a/>"}, BODY},
-        Reply{"BlankBeforeTheColon",
-              {HeaderWith("content-length : 25") + DECLARATION},
-              DECLARATION,
-              "0"},
-        Reply{"FirstOfTwo",
-              {HeaderWith("x-content-length: 22\r\ncontent-length: 25") + DECLARATION, "<", "a/>"},
-              DECLARATION + "<",
-              "22",
-              HeaderWith("x-content-length: 22\r\ncontent-length: 25") + DECLARATION,
-              2},
-        Reply{"InTheBody",
-              {"HTTP/1.1 200 OK\r\n\r\n" + DECLARATION + "content-length: 5"},
-              DECLARATION + "content-length: 5",
-              "5"}),
-    [](const auto& reply) { return reply.param.name; });
-
-// A zero byte cuts the text of its chunk, but not its count.
-INSTANTIATE_TEST_SUITE_P(
-    OfZeroBytes, NvmReply,
-    testing::Values(Reply{"First", {BEGUN + "\0<a/>"s, "<b/>"}, DECLARATION + "<b/>", "25", BEGUN},
-                    Reply{"Later", {BEGUN, "<\0/>"s, "more"}, DECLARATION + "<", "25", BEGUN, 2}),
-    [](const auto& reply) { return reply.param.name; });
+INSTANTIATE_TEST_SUITE_P(, NvmReply, testing::ValuesIn(REPLIES),
+                         [](const auto& reply) { return reply.param.name; });
 
 TEST_F(NvmTransport, AReplyOfTenMebibytesArrivesWhole) {
   const std::string body = DECLARATION + std::string(10 << 20, 'x');
@@ -244,15 +226,14 @@ TEST_P(NvmReplyWithoutALength, FailsAndLeavesTheConnectionOpen) {
 
 const std::string LONG_HEADER = HeaderWith("x: " + std::string(4096, 'x')).substr(0, 4096);
 
-INSTANTIATE_TEST_SUITE_P(
-    , NvmReplyWithoutALength,
-    testing::Values(NoLength{"Capitals", HeaderWith("Content-Length: 25") + BODY},
-                    NoLength{"OtherHeader", HeaderWith("content-type: text/xml") + BODY},
-                    NoLength{"BehindTheFirstChunk",
-                             LONG_HEADER + "\r\ncontent-length: 25\r\n\r\n" + BODY, LONG_HEADER},
-                    NoLength{"BehindAZeroByte", "HTTP/1.1 200 OK\r\n\0"s + HEADER + BODY,
-                             "HTTP/1.1 200 OK\r\n"}),
-    [](const auto& reply) { return reply.param.name; });
+const NoLength WITHOUT_A_LENGTH[] = {
+    {"Capitals", HeaderWith("Content-Length: 25") + BODY},
+    {"OtherHeader", HeaderWith("content-type: text/xml") + BODY},
+    {"BehindTheFirstChunk", LONG_HEADER + "\r\ncontent-length: 25\r\n\r\n" + BODY, LONG_HEADER},
+    {"BehindAZeroByte", "HTTP/1.1 200 OK\r\n\0"s + HEADER + BODY, "HTTP/1.1 200 OK\r\n"}};
+
+INSTANTIATE_TEST_SUITE_P(, NvmReplyWithoutALength, testing::ValuesIn(WITHOUT_A_LENGTH),
+                         [](const auto& reply) { return reply.param.name; });
 
 // --- A reply of two chunks, cut anywhere
 
