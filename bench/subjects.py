@@ -1,0 +1,135 @@
+"""What is compared: command, environment and processor core of each, by its name."""
+
+import pathlib
+import re
+import subprocess
+
+PROGRAM = "/build/setobdconf.cgi"
+EMBEDDER = "/build/bench/bench-embedder"
+FAKE_VM = "/build/standin/libfake-vm.so"
+DEVICE_OPTIONS = pathlib.Path("/srv/vemo/java.options")
+ARCHIVE = pathlib.Path("/app/class-archive")
+
+REQUEST = {"REQUEST_METHOD": "GET", "QUERY_STRING": "CanDetectTimeout=500"}
+DIRECTORY = {"JAVA_CLASSPATH": "/srv/vemo/java"}
+JAR = {"JAVA_CLASSPATH": "/build/bench/vemo.jar"}
+
+
+def options(file):
+    return {"JAVA_OPTIONS": f"-XX:VMOptionsFile={file}"}
+
+
+PLAIN = {**REQUEST, **JAR}
+# Without a class archive, and with what the gate hands over while the archive fits.
+OPTIONS_ALONE = {**REQUEST, **DIRECTORY, **options(DEVICE_OPTIONS)}
+SHIPPED = {**REQUEST, **DIRECTORY, **options(f"{ARCHIVE}/java.options")}
+WITH_FAKE_VM = {**REQUEST, **DIRECTORY, "LD_PRELOAD": FAKE_VM}
+
+# Options whose share speed.md tells. The first step of the VM's start is without them.
+ON_TRIAL = ("UseAVX", "UseSSE", "UseSVE", "UseAES", "UseSHA", "UseMD5", "DisableAttachMechanism")
+FIRST_STEP = "options, but for those of the next lines"
+
+# Numerator, denominator, and the most that CPU, wall and peak may be of it.
+COMPARISONS = [
+    ("program as shipped", "program, no options, jar", 0.52, None, 0.69),
+    ("program as shipped, one core", "program, no options, jar, one core", 0.38, None, None),
+    ("program as shipped", "bare embedder as shipped", 1.08, None, None),
+    ("program with fake VM", "bare C++ program", 1.15, None, None),
+    ("program with fake VM, settings on disk", "bare C++ program", None, None, None),
+    ("realistic class, interpreter", "realistic class, compiler C1", None, None, None),
+]
+
+
+def shipped_options(name, *more, without=()):
+    """A file of the shipped options, without the lines that hold one of these words, and with some more."""
+    lines = [line for line in DEVICE_OPTIONS.read_text().splitlines() if not any(word in line for word in without)]
+    file = pathlib.Path(f"/tmp/{name}.options")
+    file.write_text("".join(f"{line}\n" for line in (*lines, *more)))
+    return options(file)
+
+
+def realistic_class_path():
+    """The class that reads some hundred properties, with its properties; in a folder."""
+    folder = pathlib.Path("/tmp/realistic")
+    subprocess.run(["cp", "-r", "/build/bench/realistic", folder], check=True)
+    lines = ["lan.address=192.0.2.1", "wlan.address=198.51.100.1"]
+    for number in range(600):
+        kind, value = ("limit", number * 37) if number % 2 else ("name", f"Value of parameter {number}")
+        lines.append(f"vemo.bus{number % 7}.parameter{number}.{kind}={value}")
+    (folder / "vemo.properties").write_text("\n".join(lines) + "\n")
+    return {"JAVA_CLASSPATH": str(folder)}
+
+
+def libraries(vm):
+    return {"LD_LIBRARY_PATH": f"{vm}/lib/server"} if vm else {}
+
+
+def make_archive(folder, vm=None):
+    """A class archive for the program's own VM, or for the one in that folder; its options."""
+    subprocess.run(["/srv/vemo/make-class-archive", PROGRAM, DEVICE_OPTIONS, "/srv/vemo/java", folder],
+                   env={"PATH": "/usr/bin:/bin", **libraries(vm)}, check=True)
+    return options(f"{folder}/java.options")
+
+
+def own_vm():
+    """The folder of the very VM that the program is linked to."""
+    linked = subprocess.run(["ldd", PROGRAM], stdout=subprocess.PIPE, text=True, check=True).stdout
+    return pathlib.Path(re.search(r"libjvm\.so => (\S+)/lib/server/", linked)[1]).resolve()
+
+
+def other_vms():
+    """Name and folder of each other VM of the machine."""
+    found = {library.resolve().parents[2] for library in pathlib.Path("/usr/lib/jvm").glob("*/lib/server/libjvm.so")}
+    # One that tools/make-java-runtime made.
+    found |= {library.parents[2] for library in pathlib.Path("/build").glob("java-runtime/lib/server/libjvm.so")}
+    return {folder.name: folder for folder in sorted(found - {own_vm()})}
+
+
+def requests():
+    realistic = {**REQUEST, **realistic_class_path()}
+    compiler = shipped_options("compiler", "-Xmixed", "-XX:TieredStopAtLevel=1", "-XX:CompileThresholdScaling=10")
+    return {
+        "program as shipped": ([PROGRAM], SHIPPED, None),
+        "program, no options, jar": ([PROGRAM], PLAIN, None),
+        "program as shipped, one core": ([PROGRAM], SHIPPED, 0),
+        "program, no options, jar, one core": ([PROGRAM], PLAIN, 0),
+        "bare embedder as shipped": ([EMBEDDER], SHIPPED, None),
+        "program with fake VM": ([PROGRAM], WITH_FAKE_VM, None),
+        "program with fake VM, settings on disk": ([PROGRAM], WITH_FAKE_VM, None),
+        "bare C++ program": (["/build/bench/bench-bare"], WITH_FAKE_VM, None),
+        "realistic class, interpreter": ([PROGRAM], {**realistic, **options(DEVICE_OPTIONS)}, None),
+        "realistic class, compiler C1": ([PROGRAM], {**realistic, **compiler}, None),
+    }
+
+
+def steps():
+    """What each step brings to the VM's start; then what an archive that does not fit costs."""
+    missing = pathlib.Path("/app/missing-archive")
+    make_archive(missing)
+    (missing / "classes.jsa").unlink()
+
+    def embedder(environment, *through):
+        return [*through, EMBEDDER], environment, None
+
+    def through(archive):
+        return embedder(OPTIONS_ALONE, "/srv/vemo/bin/class-archive", "run", str(archive))
+
+    return {
+        FIRST_STEP: embedder({**OPTIONS_ALONE, **shipped_options("first", without=ON_TRIAL)}),
+        "code for a plain processor": embedder(
+            {**OPTIONS_ALONE, **shipped_options("attach", without=["DisableAttachMechanism"])}),
+        "no attach listener": embedder(OPTIONS_ALONE),
+        "our own class archive": embedder(SHIPPED),
+        "  through the check whether it fits": through(ARCHIVE),
+        "an archive that is gone, held back by the check": through(missing),
+        "  handed over": embedder({**OPTIONS_ALONE, **options(f"{missing}/java.options")}),
+    }
+
+
+def of_each_vm():
+    """The request as shipped, by each VM of the machine; the program's own first."""
+    found = {}
+    for name, vm in {own_vm().name: None, **other_vms()}.items():
+        archive = make_archive(pathlib.Path(f"/tmp/class-archive-{name}"), vm)
+        found[name] = ([PROGRAM], {**SHIPPED, **archive, **libraries(vm)}, None)
+    return found
