@@ -3,7 +3,7 @@
 //   store-values DISK OFFSET LIE USERS [PROGRAM]
 //
 // The number of each store that is done, 0 before the first, goes to DISK at OFFSET, which is past
-// the file system, and then to standard output. So the disk's log of writes tells, between the
+// the file system, and then to standard output. So the disk's log of writes shows, between the
 // writes of the stores, what was known to be stored at that moment.
 //
 // USERS, their numbers with commas between, store in turn; but for root they are of the group 1002.
@@ -12,7 +12,6 @@
 
 #include <fcntl.h>
 #include <grp.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -40,7 +39,7 @@ std::string Value(long number) {
   return std::to_string(number) + std::string(static_cast<std::size_t>(number * 7919 % 3000), 'x');
 }
 
-bool Tell(int disk, off_t offset, long number) {
+bool Report(int disk, off_t offset, long number) {
   alignas(4096) static char sector[512];
   std::memset(sector, 0, sizeof sector);
   std::snprintf(sector, sizeof sector, "%ld\n", number);
@@ -60,30 +59,26 @@ bool StoreByLibrary(const std::string& value) {
   return settings.Store(PATH, "");
 }
 
-bool StoreByRequest(char* program, const std::string& value) {
+// Becomes the program.
+[[noreturn]] void Request(char* program, const std::string& value) {
   setenv("REQUEST_METHOD", "GET", 1);
   setenv("QUERY_STRING", ("CanDetectTimeout=" + value).c_str(), 1);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-  char* const arguments[] = {program, nullptr};
-  pid_t child = -1;
-  int status = -1;
-  const bool isRun = posix_spawn(&child, program, &actions, nullptr, arguments, environ) == 0 &&
-                     waitpid(child, &status, 0) == child;
-  posix_spawn_file_actions_destroy(&actions);
-  return isRun && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDOUT_FILENO);
+  execl(program, program, nullptr);
+  _exit(127);
 }
 
 // In a process of its own, as that user.
 bool StoreAs(uid_t user, char* program, const std::string& value) {
   const pid_t child = fork();
   if (child == 0) {
-    const bool isUser =
-        user == 0 || (setgroups(1, &SHARED_GROUP) == 0 && setgid(user) == 0 && setuid(user) == 0);
-    const bool isDone =
-        isUser && (program != nullptr ? StoreByRequest(program, value) : StoreByLibrary(value));
-    _exit(isDone ? 0 : 1);
+    if (user != 0 && (setgroups(1, &SHARED_GROUP) != 0 || setgid(user) != 0 || setuid(user) != 0)) {
+      _exit(1);
+    }
+    if (program != nullptr) {
+      Request(program, value);
+    }
+    _exit(StoreByLibrary(value) ? 0 : 1);
   }
   int status = -1;
   return child > 0 && waitpid(child, &status, 0) == child && status == 0;
@@ -113,13 +108,13 @@ int main(int argc, char** argv) {
     users.push_back(static_cast<uid_t>(std::stoul(user)));
   }
   char* const program = argc > 5 ? argv[5] : nullptr;
-  if (disk < 0 || users.empty() || !Tell(disk, offset, 0)) {
+  if (disk < 0 || users.empty() || !Report(disk, offset, 0)) {
     std::perror("store-values");
     return 1;
   }
   for (long number = 1; number <= MOST_STORES; ++number) {
     const uid_t user = users[static_cast<std::size_t>(number) % users.size()];
-    if (!StoreAs(user, program, Value(number)) || !Tell(disk, offset, number)) {
+    if (!StoreAs(user, program, Value(number)) || !Report(disk, offset, number)) {
       std::printf("store %ld failed\n", number);
       return 1;
     }

@@ -1,23 +1,27 @@
-"""The power fails while the settings file is stored; the machine starts again; what is in the file?
+"""The power fails while the settings file is stored. The machine starts again: what is in the file?
 
-A whole emulated machine stores one value after the other on an ext4 disk. It is killed at a random
-moment. The disk is then what a power cut leaves of it (write_log.py), at that moment and at more
-random moments before it. Another machine mounts all these disks, so that its kernel replays their
-journals, and reads the files.
+    python3 -B tests/machine/power_cut.py BUILD PLAN [--kills N] [--seed N]
 
-Stored by rename, the file must be whole, and hold the last value that was known to be stored or the
-one after it. So it must where two users store in turn: the file's owner and root, or two of the group
-that the folder is shared by; then it must stay readable and writable for both. Rewritten in place,
-each sector of it must be of one of the two; how often they are mixed is counted. A value is known to
-be stored once the machine told so on its disk and its console.
+PLAN is a row of PLANS below: by_rename takes a minute or two, long about ten. BUILD holds the targets setobdconf.cgi,
+fake-vm and store-values, and in machine/kernel what `tools/unpack-packages` unpacks of linux-image-cloud-amd64.
 
-Exit status 0 when all was as it must be. With --lie it is 0 when something was not: fsync then does
-nothing to files, or to folders, and a judge that sees no difference would be blind.
+An emulated machine stores one value after the other on an ext4 disk. It is killed at a random moment. The disk is then
+what a power cut leaves of it (write_log.py), at that moment and at more random moments before it. Another machine
+mounts all these disks, so that its kernel replays their journals, and hands their files over.
+
+Stored by rename, the file must be whole, and hold the last value that was known to be stored or the one after it. So
+it must where two users store in turn: the file's owner and root, or two of the group that the folder is shared by; then
+it must stay readable and writable for both. Rewritten in place, each sector of it must be of one of the two; how often
+they are mixed is counted. A value is known to be stored once the machine reported so on its disk and its console.
+
+Exit status 0 when all was as it must be. Of a plan with a lie it is 0 when something was not: fsync then does nothing
+to files, or to folders, and a judge that sees no difference would be blind.
 """
 
 import argparse
 import collections
 import dataclasses
+import itertools
 import pathlib
 import random
 import re
@@ -27,12 +31,12 @@ import tarfile
 import tempfile
 import time
 
-from machine import (Kernel, Machine, MachineError, disk, libraries, logged_disk, make_initramfs)
+from machine import Kernel, Machine, MachineError, disk, libraries, logged_disk, make_initramfs
 from write_log import SECTOR, TornLog, WriteLog
 
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 FILE_SYSTEM_MIB = 24
-MARK = FILE_SYSTEM_MIB << 20  # where on the disk the machine tells which store is done
+MARK = FILE_SYSTEM_MIB << 20  # where on the disk the machine reports which store is done
 RESULT_MIB = 32
 DISKS_PER_MACHINE = 24
 PROGRAM = "/setobdconf.cgi"
@@ -67,7 +71,6 @@ while [ $# -gt 1 ]; do
   mount -t ext4 $1 $folder || echo "not mounted: $1"
   shift
 done
-dmesg | grep 'recovery complete'
 tar -cf $1 -C /disks .
 umount /disks/*
 sync
@@ -101,8 +104,29 @@ class Case:
 
 # Without auto_da_alloc ext4 does not guess that a rename wants the file's data on the disk first.
 WRITEBACK = "data=writeback,noauto_da_alloc"
-CASES = [Case(way, options, program) for way in WAYS
-         for options in ("data=ordered", WRITEBACK) for program in ("", PROGRAM)]
+CASES = [Case(*parts) for parts in itertools.product(WAYS, ("data=ordered", WRITEBACK), ("", PROGRAM))]
+
+
+@dataclasses.dataclass(frozen=True)
+class Plan:
+    """Each of `kills` machines gives one cut at its kill, and `cuts` more."""
+
+    kills: int
+    cuts: int
+    cases: str = ""  # those of CASES that have this in their name
+    lie: str = ""  # what fsync does nothing to: "file", "folder"
+
+
+PLANS = {
+    "by_rename": Plan(2, 11, "by rename"),
+    "shared": Plan(2, 11, "shared"),
+    "in_place": Plan(2, 11, "in place"),
+    # Were the first fsync missing, or the second, the test would see it.
+    "sees_that_the_file_is_not_synced": Plan(1, 23, lie="file"),
+    "sees_that_the_folder_is_not_synced": Plan(1, 23, lie="folder"),
+    # Each case twice: 384 cuts.
+    "long": Plan(32, 11),
+}
 
 
 def value(number):
@@ -119,7 +143,6 @@ class Cut:
         self.path = path
         self.contents = contents  # number -> content
         self.known = known  # the number of the last store that was known to be done
-        self.is_replayed = False
 
     def judge(self, found, member):
         """What the file is: (a word for it, whether that is as it must be)."""
@@ -170,16 +193,17 @@ def settings_of(seed):
 
 
 class Laboratory:
-    def __init__(self, build, vm, folder, rng):
+    def __init__(self, build, folder, rng):
         self.folder = folder
         self.rng = rng
         self.kernel = Kernel(build / "machine/kernel")
         self.initramfs = folder / "initramfs"
         program = build / "setobdconf.cgi"
+        # In the place of the real VM, which would take seconds here.
+        vm = build / "standin/libfake-vm.so"
         files = {
             PROGRAM: program,
             "/store-values": build / "tests/machine/store-values",
-            # In the place of the real VM, which would take seconds here.
             "/vm/libjvm.so": vm,
             **libraries(program, without=("libjvm.so",)),
             **libraries(vm),
@@ -187,8 +211,8 @@ class Laboratory:
         make_initramfs(self.initramfs, self.kernel, files, SCRIPT)
 
     def machine(self, disks, **parameters):
-        told = " ".join(f"{name}={text}" for name, text in parameters.items())
-        return Machine(self.kernel, self.initramfs, disks, told)
+        words = " ".join(f"{name}={text}" for name, text in parameters.items())
+        return Machine(self.kernel, self.initramfs, disks, words)
 
     def cut(self, case, lie, more):
         """One machine, killed: the disk at that moment, and at `more` moments before it."""
@@ -219,12 +243,12 @@ class Laboratory:
             console = machine.console()
         if "failed" in console:
             raise MachineError(f"the machine stopped storing:\n{console[-3000:]}")
-        told = int(re.findall(r"^done (\d+)$", console, re.MULTILINE)[-1])
+        done = int(re.findall(r"^done (\d+)$", console, re.MULTILINE)[-1])
 
         cuts = []
         with WriteLog(log) as written:
             marks = [(index, int(number)) for index, number in written.written_at(MARK)]
-            if marks[-1][1] < told:
+            if marks[-1][1] < done:
                 raise TornLog
             moments = [len(written)]
             moments += [self.rng.randint(marks[0][0] + 1, len(written)) for _ in range(more)]
@@ -235,7 +259,7 @@ class Laboratory:
                 cuts.append(Cut(case, number == 0, path, contents, known))
         for path in (running, log, image):
             path.unlink()
-        return cuts, told
+        return cuts, done
 
     def read(self, cuts):
         """Mounts the disks in a machine, which replays their journals, and judges their files."""
@@ -249,73 +273,70 @@ class Laboratory:
             raise MachineError(f"the disks were not read:\n{console[-3000:]}")
         with tarfile.open(result) as archive:
             for letter, cut in zip("abcdefghijklmnopqrstuvwxyz", cuts):
-                name = f"vd{letter}"
-                cut.is_replayed = f"({name}): recovery complete" in console
                 try:
-                    member = archive.getmember(f"./{name}/runvex/obd.conf")
-                    found = archive.extractfile(member).read()
+                    member = archive.getmember(f"./vd{letter}/runvex/obd.conf")
+                    yield cut, archive.extractfile(member).read(), member
                 except KeyError:
-                    member = found = None
-                is_left = any(re.fullmatch(rf"\./{name}/runvex/\.ini-.*\.tmp", path)
-                              for path in archive.getnames())
-                yield cut, found, member, is_left
+                    yield cut, None, None
         for cut in cuts:
             cut.path.unlink()
 
 
+    def cut_again(self, case, lie, more):
+        """Until the kill does not tear the emulator's own log."""
+        for _ in range(3):
+            try:
+                return self.cut(case, lie, more)
+            except TornLog:
+                print("the kill tore the emulator's own log: this one does not count")
+        sys.exit("the emulator's log is torn again and again")
+
+
+def carry_out(plan, cases, laboratory):
+    """The numbers of stores and of faults, and how often each case came out how."""
+    counts = collections.defaultdict(collections.Counter)
+    stores = faults = 0
+    waiting = []
+    for number in range(plan.kills):
+        cuts, done = laboratory.cut_again(cases[number % len(cases)], plan.lie or "none", plan.cuts)
+        stores += done
+        waiting += cuts
+        while len(waiting) >= DISKS_PER_MACHINE or (waiting and number + 1 == plan.kills):
+            batch, waiting = waiting[:DISKS_PER_MACHINE], waiting[DISKS_PER_MACHINE:]
+            for cut, found, member in laboratory.read(batch):
+                word, is_right = cut.judge(found, member)
+                counts[cut.case, cut.is_kill][word if is_right else word.upper()] += 1
+                faults += not is_right
+                if not is_right and not plan.lie:
+                    print(f"{cut.case}: {word}, where {cut.known} was known to be stored")
+    return stores, faults, counts
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n", maxsplit=1)[0])
-    parser.add_argument("--build", type=pathlib.Path, required=True)
-    parser.add_argument("--vm", type=pathlib.Path, required=True, help="the fake Java VM library")
-    parser.add_argument("--kills", type=int, default=8, help="machines that are killed")
-    parser.add_argument("--cuts", type=int, default=16, help="more moments of each machine's log")
-    parser.add_argument("--lie", choices=("file", "folder"), help="what fsync does nothing to")
-    parser.add_argument("--only", default="", help="only cases whose name holds this text")
+    parser.add_argument("build", type=pathlib.Path)
+    parser.add_argument("plan", choices=PLANS)
+    parser.add_argument("--kills", type=int, help="so many machines")
     parser.add_argument("--seed", type=int, default=random.SystemRandom().getrandbits(32))
     given = parser.parse_args()
+    plan = PLANS[given.plan]
+    if given.kills:
+        plan = dataclasses.replace(plan, kills=given.kills)
     print(f"seed {given.seed}", flush=True)
     rng = random.Random(given.seed)
-    # A lie can be told to the library only: the program is the one that is shipped.
-    cases = ([Case("rename", WRITEBACK, "")] if given.lie
-             else [case for case in CASES if given.only in str(case)])
+    # With a lie the library alone stores: the program is the one that is shipped.
+    cases = [Case("rename", WRITEBACK, "")] if plan.lie else [case for case in CASES if plan.cases in str(case)]
     rng.shuffle(cases)
-
-    faults = stores = replayed = left = 0
-    counts = collections.defaultdict(collections.Counter)
     with tempfile.TemporaryDirectory(prefix="power-cut-") as folder:
-        laboratory = Laboratory(given.build.resolve(), given.vm.resolve(), pathlib.Path(folder), rng)
-        waiting = []
-        for number in range(given.kills):
-            for _ in range(3):
-                try:
-                    cuts, done = laboratory.cut(cases[number % len(cases)], given.lie or "none",
-                                                given.cuts)
-                    break
-                except TornLog:
-                    print("the kill tore the emulator's own log: this one does not count")
-            else:
-                sys.exit("the emulator's log is torn again and again")
-            stores += done
-            waiting += cuts
-            while len(waiting) >= DISKS_PER_MACHINE or (waiting and number + 1 == given.kills):
-                batch, waiting = waiting[:DISKS_PER_MACHINE], waiting[DISKS_PER_MACHINE:]
-                for cut, found, member, is_left in laboratory.read(batch):
-                    word, is_right = cut.judge(found, member)
-                    counts[cut.case, cut.is_kill][word if is_right else word.upper()] += 1
-                    faults += not is_right
-                    replayed += cut.is_replayed
-                    left += is_left
-                    if not is_right and not given.lie:
-                        print(f"{cut.case}: {word}, where {cut.known} was known to be stored")
+        laboratory = Laboratory(given.build.resolve(), pathlib.Path(folder), rng)
+        stores, faults, counts = carry_out(plan, cases, laboratory)
 
     for case in sorted(cases, key=CASES.index):
         for is_kill, moment in ((True, "at the kill"), (False, "before it")):
             if found := sorted(counts[case, is_kill].items()):
                 print(f"{case}, {moment}:", ", ".join(f"{many} {word}" for word, many in found))
-    cuts = sum(sum(counter.values()) for counter in counts.values())
-    print(f"{given.kills} machines killed, {cuts} power cuts, {stores} stores, {replayed} journals "
-          f"replayed, {left} temporary files left, {faults} faults")
-    if given.lie:
+    print(f"{plan.kills} machines killed, {plan.kills * (plan.cuts + 1)} power cuts, {stores} stores, {faults} faults")
+    if plan.lie:
         sys.exit(None if faults else "no fault was found where there must be some")
     sys.exit("the file was not what it must be" if faults else None)
 
