@@ -103,7 +103,7 @@ def ended(command, status, text="", **stdin):
 
 
 class Root:
-    """A root unpacked into a folder; close() ends all that runs in it and removes it."""
+    """A root unpacked into a folder; close() ends all that runs in it and removes it. A context that closes it."""
 
     def __init__(self, build, name):
         self.path = build / "roots" / name
@@ -122,6 +122,12 @@ class Root:
         assert self._holder.stdout.readline() == "ready\n"
         child = pathlib.Path(f"/proc/{self._holder.pid}/task/{self._holder.pid}/children")
         self._first = child.read_text().split()[0]
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
 
     def close(self):
         self._holder.kill()
@@ -174,10 +180,12 @@ class Root:
 
     def install(self, *files):
         """By apt, from package files, with what they depend on from its cache."""
-        folder = self.path / "root"
-        for file in files:
-            shutil.copy(file, folder)
-        return self.install_known(*(f"/root/{file.name}" for file in files))
+        return self.install_known(*map(self.put, files))
+
+    def put(self, file):
+        """Copies a file to /root. Gives its path there."""
+        shutil.copy(file, self.path / "root")
+        return f"/root/{file.name}"
 
     def install_known(self, *names):
         return self.run("apt-get", "-q", "-y", "--no-install-recommends", "--allow-downgrades",

@@ -1,0 +1,19 @@
+"""What the tests of packages and documents share."""
+
+import pathlib
+import sys
+
+import pytest
+
+TESTS = pathlib.Path(__file__).parent
+sys.path += [str(TESTS / folder) for folder in ("packaging", "docs", "web")]
+
+
+def pytest_addoption(parser):
+    parser.addoption("--build", type=pathlib.Path, default=TESTS.parent / "build",
+                     help="the build folder; without it the checkout's own")
+
+
+@pytest.fixture(scope="session")
+def build(request):
+    return request.config.getoption("build").resolve()
