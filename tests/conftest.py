@@ -12,6 +12,7 @@ sys.path += [str(TESTS / folder) for folder in ("packaging", "docs", "web")]
 def pytest_addoption(parser):
     parser.addoption("--build", type=pathlib.Path, default=TESTS.parent / "build",
                      help="the build folder; without it the checkout's own")
+    parser.addoption("--staged", type=pathlib.Path, help="what docs/on-a-device.md installs into a folder: staged.py")
 
 
 @pytest.fixture(scope="session")

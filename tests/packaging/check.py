@@ -22,7 +22,8 @@ CLOSE_KEY = f"chown root:vemo-web {KEY}; chmod 0640 {KEY}"
 CONNECTIONS = f"apt-get install nftables; {RESTART}"
 NAMES = "DNS:localhost,IP:127.0.0.1"
 RECORD = f"{ARCHIVE}/record"
-PAGES = "/var/www/html"
+PAGES, CONFIGURATION = "/var/www/html", "/etc/lighttpd/lighttpd.conf"
+ON_PORT_80 = ("typed", "systemctl unmask lighttpd; systemctl enable lighttpd", "systemctl disable lighttpd")
 
 
 @pytest.fixture(scope="module")
@@ -130,7 +131,7 @@ MENDED = [
           ("changed", WEB_SERVER, '"localhost|', '"foreign.example|')),
     cause("a password that the running server does not ask for", "password", RESTART, ("turned_on", PASSWORD)),
     cause("Debian's lighttpd on port 80", "port 80", "systemctl disable --now lighttpd",
-          ("typed", "systemctl unmask lighttpd; systemctl enable lighttpd"), word="risky"),
+          ON_PORT_80, word="risky"),
 ]
 NAMED = [
     cause("an archive of another VM", "class archive", "vemo-web-class-archive",
@@ -166,11 +167,10 @@ def test_is_named(device, breaks, is_served, line):
 
 @pytest.mark.parametrize("breaks", [
     pytest.param(settings(0o600, "vemo-web:vemo-web"), id="settings for the service alone"),
-    *(pytest.param((("typed", "systemctl enable lighttpd", "systemctl disable lighttpd"), ("typed", use, unused)), id=name)
-      for name, use, unused in (
-          ("port 80 with a module", "lighty-enable-mod vemo-web", "lighty-disable-mod vemo-web"),
-          ("port 80 with a page", f"touch {PAGES}/index.html", f"rm {PAGES}/index.html"),
-          ("port 80 with a setting", "echo >>/etc/lighttpd/lighttpd.conf", "sed -i '$d' /etc/lighttpd/lighttpd.conf")))])
+    *(pytest.param((ON_PORT_80, ("typed", use, unused)), id=name) for name, use, unused in (
+        ("port 80 with a module", "lighty-enable-mod vemo-web", "lighty-disable-mod vemo-web"),
+        ("port 80 with a page", f"touch {PAGES}/index.html", f"rm {PAGES}/index.html"),
+        ("port 80 with a setting", f"echo >>{CONFIGURATION}", f"sed -i '$d' {CONFIGURATION}")))])
 def test_is_not_found_fault_with(device, breaks):
     with device.broken(*breaks):
         assert found_in(device) == []

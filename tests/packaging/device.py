@@ -1,5 +1,5 @@
-"""What the packages leave in a bare root, with the ways to break it and to look at it. Nothing is booted: what systemctl
-would start is started by hand."""
+"""What the packages leave in a bare root, with the ways to break it and to look at it. Nothing is booted: what
+systemctl would start is started by hand."""
 
 import contextlib
 import functools
@@ -91,7 +91,8 @@ class Device(root.Root):
         return self.read(WEB_SERVER), self.read(SITE)
 
     def wait_for(self, address, port):
-        self.run("bash", "-c", f"for _ in {{1..200}}; do (: >/dev/tcp/{address}/{port}) && exit; sleep 0.1; done; exit 1")
+        self.run("bash", "-c", f"for _ in {{1..200}}; do (: >/dev/tcp/{address}/{port}) && exit; sleep 0.1; done;"
+                 " exit 1")
 
     # --- Breaking; each ends when its context does
 

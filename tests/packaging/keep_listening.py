@@ -1,24 +1,20 @@
 """The service's sockets, from one start to the next; the test takes systemd's part.
 
-    python3 -B tests/packaging/keep_listening.py BUILD
+    python3 -B -m pytest tests/packaging/keep_listening.py --build BUILD
 """
 
 import contextlib
 import fcntl
 import os
-import pathlib
-import shutil
 import signal
 import socket
 import subprocess
-import sys
-import tempfile
 import time
-import unittest
 
-BUILD = pathlib.Path(sys.argv.pop(1)).resolve()
-PROGRAM = BUILD / "web/keep-listening"
+import pytest
+
 LIGHTTPD = "/usr/sbin/lighttpd"
+LOCAL = "127.0.0.1"
 FIRST = 3  # of the descriptors that systemd hands on
 SECONDS = 30
 # Tells which sockets it has.
@@ -37,174 +33,188 @@ server.systemd-socket-activation = "enable"
 
 def free_port():
     with socket.socket() as one:
-        one.bind(("127.0.0.1", 0))
+        one.bind((LOCAL, 0))
         return one.getsockname()[1]
 
 
-def is_listening(one):
-    return one.getsockopt(socket.SOL_SOCKET, socket.SO_ACCEPTCONN) == 1
+def connect(port, host=LOCAL):
+    return socket.create_connection((host, port), SECONDS)
 
 
-class KeepListening(unittest.TestCase):
-    def setUp(self):
-        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="vemo-web."))
-        self.addCleanup(shutil.rmtree, self.folder)
-        self.configuration = self.folder / "lighttpd.conf"
-        page = self.folder / "page.cgi"
-        page.write_text(PAGE, encoding="utf-8")
-        page.chmod(0o755)
+def ask(client):
+    with client, client.makefile("rwb") as file:
+        file.write(b"GET /page.cgi HTTP/1.0\r\n\r\n")
+        file.flush()
+        return file.read().decode()
+
+
+def expect_answer(port, host=LOCAL):
+    page = ask(connect(port, host))
+    assert " 200 OK" in page and page.endswith("\n0\nlast\n"), page
+
+
+def expect_refused(port):
+    with pytest.raises(ConnectionRefusedError):
+        connect(port)
+
+
+class Service:
+    """What systemd keeps of it: `kept`."""
+
+    def __init__(self, build, folder):
+        self.program, self.folder = build / "web/keep-listening", folder
+        self.configuration = folder / "lighttpd.conf"
+        (folder / "page.cgi").write_text(PAGE, encoding="utf-8")
+        (folder / "page.cgi").chmod(0o755)
         self.systemd = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        self.addCleanup(self.systemd.close)
-        self.systemd.bind(str(self.folder / "notify"))
+        self.systemd.bind(str(folder / "notify"))
         self.systemd.setblocking(False)
         self.kept = []
-        self.addCleanup(lambda: [one.close() for one in self.kept])
-        self.port, self.other = free_port(), free_port()
+
+    def close(self):
+        for one in (self.systemd, *self.kept):
+            one.close()
 
     def configure(self, *lines):
         self.configuration.write_text("\n".join((CONFIGURATION.format(folder=self.folder), *lines, "")),
                                       encoding="utf-8")
 
     def configure_port(self, port):
-        self.configure('server.bind = "127.0.0.1"', f"server.port = {port}")
+        self.configure(f'server.bind = "{LOCAL}"', f"server.port = {port}")
 
     @contextlib.contextmanager
     def running(self, **more):
         """The server, given what is kept; ended as the service ends it."""
         high = [fcntl.fcntl(one, fcntl.F_DUPFD, 100) for one in self.kept]
         moves = " ".join(f"{FIRST + number}<&{one} {one}<&-" for number, one in enumerate(high))
-        command = ["/bin/bash", "-c", f'export LISTEN_PID=$$; exec "$@" {moves}', "bash",
-                   PROGRAM, LIGHTTPD, self.configuration]
         environment = {"PATH": "/usr/bin:/bin", "NOTIFY_SOCKET": str(self.folder / "notify"),
                        "LISTEN_FDS": str(len(high)), **more}
-        server = subprocess.Popen(command, env=environment, pass_fds=high, stdin=subprocess.DEVNULL,
-                                  stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        server = subprocess.Popen(
+            ["/bin/bash", "-c", f'export LISTEN_PID=$$; exec "$@" {moves}', "bash", self.program, LIGHTTPD,
+             self.configuration], env=environment, pass_fds=high, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT)
         for one in high:
             os.close(one)
-        try:
-            self.expect_started(server)
+        with self.started(server):
             yield server
+
+    @contextlib.contextmanager
+    def started(self, server):
+        try:
+            assert any(b"server started" in line for line in server.stdout), f"it ended with {server.wait()}"
+            with contextlib.suppress(BlockingIOError):
+                while True:
+                    text, files, _, _ = socket.recv_fds(self.systemd, 100, 1)
+                    assert text == b"FDSTORE=1"
+                    self.kept.append(socket.socket(fileno=files[0]))
+            yield
         finally:
             server.send_signal(signal.SIGINT)
             server.communicate(timeout=SECONDS)
 
-    def expect_started(self, server):
-        for line in server.stdout:
-            if b"server started" in line:
-                break
-        else:
-            self.fail(f"it ended with {server.wait()}")
-        with contextlib.suppress(BlockingIOError):
-            while True:
-                text, files, _, _ = socket.recv_fds(self.systemd, 100, 1)
-                self.assertEqual(text, b"FDSTORE=1")
-                self.kept.append(socket.socket(fileno=files[0]))
+    def addresses(self):
+        return [one.getsockname()[:2] for one in self.kept]
 
-    def connect(self, port, host="127.0.0.1"):
-        return socket.create_connection((host, port), SECONDS)
 
-    def ask(self, client):
-        with client, client.makefile("rwb") as file:
-            file.write(b"GET /page.cgi HTTP/1.0\r\n\r\n")
-            file.flush()
-            return file.read().decode()
+@pytest.fixture
+def service(build, tmp_path):
+    with contextlib.closing(Service(build, tmp_path)) as service:
+        yield service
 
-    def expect_answer(self, port, host="127.0.0.1"):
-        self.assertRegex(self.ask(self.connect(port, host)), r"(?s) 200 OK.*\n0\nlast\n$")
 
-    def expect_refused(self, port):
-        with self.assertRaises(ConnectionRefusedError):
-            self.connect(port)
+@pytest.fixture
+def port(service):
+    """At which the service is configured to listen."""
+    port = free_port()
+    service.configure_port(port)
+    return port
 
-    def test_who_comes_between_two_starts_is_served_by_the_second(self):
-        self.configure_port(self.port)
-        with self.running():
-            self.expect_answer(self.port)
-        self.assertEqual(len(self.kept), 1)
-        for _ in range(2):
-            waiting = self.connect(self.port)
-            with self.running():
-                self.assertIn("last\n", self.ask(waiting))
-        self.assertEqual(len(self.kept), 1)
 
-    def test_what_is_connected_when_it_is_stopped_is_served_by_the_first(self):
-        self.configure_port(self.port)
-        with self.running() as server:
-            client = self.connect(self.port)
-            # Now it is accepted.
-            self.expect_answer(self.port)
-            server.send_signal(signal.SIGINT)
-            time.sleep(0.2)
-            self.assertIn("last\n", self.ask(client))
+def test_who_comes_between_two_starts_is_served_by_the_second(service, port):
+    with service.running():
+        expect_answer(port)
+    assert len(service.kept) == 1
+    for _ in range(2):
+        waiting = connect(port)
+        with service.running():
+            assert "last\n" in ask(waiting)
+    assert len(service.kept) == 1
 
-    def test_an_address_that_is_not_named_any_more_refuses(self):
-        self.configure_port(self.port)
-        with self.running():
-            pass
-        self.configure_port(self.other)
-        with self.running():
-            self.expect_refused(self.port)
-            self.expect_answer(self.other)
-        self.assertEqual([is_listening(one) for one in self.kept], [False, True])
-        # systemd may not have forgotten it yet.
-        with self.running():
-            self.expect_answer(self.other)
 
-    def test_another_address_of_the_same_port_is_opened(self):
-        self.configure_port(self.port)
-        with self.running():
-            pass
-        self.configure('server.bind = "0.0.0.0"', f"server.port = {self.port}")
-        with self.running():
-            self.expect_answer(self.port)
-        self.assertEqual(self.kept[-1].getsockname(), ("0.0.0.0", self.port))
-
-    def test_the_addresses_of_conditions_are_kept_too(self):
-        host = "::1" if os.path.exists("/proc/net/if_inet6") else "127.0.0.1"
-        text = f"[{host}]" if ":" in host else host
-        self.configure('server.bind = "127.0.0.1"', f"server.port = {self.port}",
-                       f'$SERVER["socket"] == "{text}:{self.other}" {{ }}')
-        for _ in range(2):
-            with self.running():
-                self.expect_answer(self.port)
-                self.expect_answer(self.other, host)
-        self.assertEqual({one.getsockname()[:2] for one in self.kept},
-                         {("127.0.0.1", self.port), (host, self.other)})
-        self.assertEqual(len(self.kept), 2)
-
-    def test_what_is_not_numeric_the_server_opens_itself(self):
-        path = self.folder / "socket"
-        self.configure(f'server.bind = "{path}"')
-        with self.running():
-            client = socket.socket(socket.AF_UNIX)
-            client.connect(str(path))
-            self.assertIn("last\n", self.ask(client))
-        self.assertEqual(self.kept, [])
-
-    def test_without_systemd_the_server_opens_all_itself(self):
-        self.configure_port(self.port)
-        with self.running(NOTIFY_SOCKET=str(self.folder / "nobody")):
-            self.expect_answer(self.port)
-        self.assertEqual(self.kept, [])
-        environment = dict(os.environ)
-        environment.pop("NOTIFY_SOCKET", None)
-        server = subprocess.Popen([PROGRAM, LIGHTTPD, self.configuration], env=environment,
-                                  stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-        self.expect_started(server)
-        self.expect_answer(self.port)
+def test_what_is_connected_when_it_is_stopped_is_served_by_the_first(service, port):
+    with service.running() as server:
+        client = connect(port)
+        # Now it is accepted.
+        expect_answer(port)
         server.send_signal(signal.SIGINT)
-        server.communicate(timeout=SECONDS)
-        self.expect_refused(self.port)
-
-    def test_a_wrong_configuration_refuses(self):
-        self.configure_port(self.port)
-        with self.running():
-            pass
-        self.configure("nonsense =")
-        with self.assertRaises(AssertionError), self.running():
-            pass
-        self.expect_refused(self.port)
+        time.sleep(0.2)
+        assert "last\n" in ask(client)
 
 
-if __name__ == "__main__":
-    unittest.main(verbosity=2)
+def test_an_address_that_is_not_named_any_more_refuses(service, port):
+    with service.running():
+        pass
+    other = free_port()
+    service.configure_port(other)
+    with service.running():
+        expect_refused(port)
+        expect_answer(other)
+    assert [one.getsockopt(socket.SOL_SOCKET, socket.SO_ACCEPTCONN) for one in service.kept] == [0, 1]
+    # systemd may not have forgotten it yet.
+    with service.running():
+        expect_answer(other)
+
+
+def test_another_address_of_the_same_port_is_opened(service, port):
+    with service.running():
+        pass
+    service.configure('server.bind = "0.0.0.0"', f"server.port = {port}")
+    with service.running():
+        expect_answer(port)
+    assert service.addresses()[-1] == ("0.0.0.0", port)
+
+
+def test_the_addresses_of_conditions_are_kept_too(service, port):
+    host, other = "::1" if os.path.exists("/proc/net/if_inet6") else LOCAL, free_port()
+    text = f"[{host}]" if ":" in host else host
+    service.configure(f'server.bind = "{LOCAL}"', f"server.port = {port}",
+                      f'$SERVER["socket"] == "{text}:{other}" {{ }}')
+    for _ in range(2):
+        with service.running():
+            expect_answer(port)
+            expect_answer(other, host)
+    assert sorted(service.addresses()) == sorted([(LOCAL, port), (host, other)])
+
+
+def test_what_is_not_numeric_the_server_opens_itself(service):
+    path = str(service.folder / "socket")
+    service.configure(f'server.bind = "{path}"')
+    with service.running():
+        client = socket.socket(socket.AF_UNIX)
+        client.connect(path)
+        assert "last\n" in ask(client)
+    assert service.kept == []
+
+
+def test_where_systemd_does_not_listen_the_server_opens_all_itself(service, port):
+    with service.running(NOTIFY_SOCKET=str(service.folder / "nobody")):
+        expect_answer(port)
+    assert service.kept == []
+
+
+def test_without_systemd_the_server_opens_all_itself(service, port):
+    environment = {name: value for name, value in os.environ.items() if name != "NOTIFY_SOCKET"}
+    server = subprocess.Popen([service.program, LIGHTTPD, service.configuration], env=environment,
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    with service.started(server):
+        expect_answer(port)
+    expect_refused(port)
+
+
+def test_a_wrong_configuration_refuses(service, port):
+    with service.running():
+        pass
+    service.configure("nonsense =")
+    with pytest.raises(AssertionError), service.running():
+        pass
+    expect_refused(port)

@@ -238,7 +238,8 @@ class TestPurge:
     def state(self, device):
         """Every file, with owner and mode, and every account."""
         pruned = " -o ".join(f"-path {path} -prune" for path in self.LEFT_OUT)
-        told = device.run("sh", "-c", f"find / -xdev {pruned} -o -printf '%p %u:%g %m %l\\n'; cat /etc/passwd /etc/group")
+        told = device.run("sh", "-c", f"find / -xdev {pruned} -o -printf '%p %u:%g %m %l\\n';"
+                          " cat /etc/passwd /etc/group")
         return {line for line in told.splitlines() if not self.CHANGING.match(line)}
 
     def purge(self, device, before):

@@ -57,8 +57,8 @@ def bare_archive(build):
 
 def newest_source():
     """When the last of the files changed that the packages are made of."""
-    parts = ("src", "platform", "pages", "web", "standin", "packaging", "cmake", "docs", "CMakeLists.txt", "CHANGELOG.md",
-             "package", "tools/package-version")
+    parts = ("src", "platform", "pages", "web", "standin", "packaging", "cmake", "docs", "CMakeLists.txt",
+             "CHANGELOG.md", "package", "tools/package-version")
     files = [file for part in parts for file in (SOURCE / part, *(SOURCE / part).rglob("*"))]
     return max(file.lstat().st_mtime for file in files)
 
