@@ -5,6 +5,7 @@ import sys
 
 import pytest
 
+sys.dont_write_bytecode = True
 TESTS = pathlib.Path(__file__).parent
 sys.path += [str(TESTS / folder) for folder in ("packaging", "docs", "web")]
 

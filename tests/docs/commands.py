@@ -1,8 +1,6 @@
 """Runs the commands of README.md, CONTRIBUTING.md, docs/ and the manual pages, each as it stands there.
 
-    python3 -B tests/docs/commands.py BUILD [Listed | Checkout | Installed [TEXT]]
-
-TEXT: only commands that hold it.
+    python3 -B -m pytest tests/docs/commands.py --build BUILD -k "test_installed and curl"
 
 RULES tells for each command where it runs and by what it is seen to have worked; a command without a rule
 fails, and a rule without a command. Commands are the lines of code blocks, and what stands in a sentence
@@ -16,16 +14,12 @@ import re
 import shlex
 import shutil
 import subprocess
-import sys
-import tempfile
-import unittest
 
-SOURCE = pathlib.Path(__file__).resolve().parents[2]
-sys.path.append(str(SOURCE / "tests/packaging"))
+import pytest
 
-import root  # noqa: E402
+import root
+from root import SOURCE
 
-ONLY = ""
 SECONDS = 300  # for one command, on a host that may be busy
 PLACES = {
     "checkout": "a copy of the checkout, with the build folders that ./test leaves",
@@ -35,6 +29,7 @@ PLACES = {
     "development": "a bare root with the dev package, by tests/packaging/example.py",
     "machine": "the booted machine, by tests/machine/installed.py",
     "elsewhere": "another test runs the same words: `test`, a file that holds `says`",
+    "test": "it is a script that ctest runs as a test",
     "nowhere": "it is no command",
 }
 
@@ -84,9 +79,9 @@ RULES = [
          says="have been written to"),
     Rule(r"DESTDIR=\S+ cmake --install build --component program", "checkout",
          after="readelf -d staging/usr/libexec/vemo-web/setobdconf.cgi | grep -F [/opt/jre/lib/server]"
-               " && python3 -B tests/packaging/staged.py build staging"),
+               " && pytest-3 tests/packaging/staged.py --staged staging"),
 
-    Rule(r"git tag v1\.0\.1", "elsewhere", test="tests/packaging/version.py", says='self.git("tag", f"v{VERSION}")'),
+    Rule(r"git tag v1\.0\.1", "elsewhere", test="tests/packaging/version.py", says='git("tag", f"v{VERSION}")'),
     Rule(r"tools/package-version", "checkout", says=r"\A\d+\.\d+\.\d+"),
     Rule(r"git diff .*clang-format -i", "checkout",
          prepare="rm -rf .git; git init -q; git add src .clang-format; git -c user.name=n"
@@ -120,6 +115,7 @@ RULES = [
     Rule(r"tests/fuzz/run build-clang 3600", "checkout", until=SAYS % "^#[0-9]+.*INITED"),
     Rule(r"python3 -B tests/machine/floor\.py build search", "checkout", prepare="rm -f build/machine/floor.disk",
          until="test -s build/machine/floor.disk"),
+    Rule(r"(python3 -B|pytest-3) tests/(packaging|docs|machine|arm|vms)/\w+\.py(::\w+)?( [\w-]+)*", "test"),
     Rule(r"tools/make-readme-pictures", "checkout", says="All pages: "),
     Rule(r"\./bench/run( --vms)?", "checkout", prepare="rm -rf build/bench-state",
          until=REQUESTED % "build/bench-state/tmp/cgi.log"),
@@ -252,7 +248,7 @@ def commands_in(place):
         rule = rule_of(command)
         if rule and rule.place in place:
             found.setdefault((command.text, command.setup), (command, rule))
-    pairs = [pair for pair in found.values() if ONLY in pair[0].text]
+    pairs = list(found.values())
     if "root" in place:
         pairs.sort(key=lambda pair: RULES.index(pair[1]))
     return pairs
@@ -274,135 +270,133 @@ def script(command, rule):
     return "\n".join(lines)
 
 
-class Listed(unittest.TestCase):
-    def test_each_command_has_a_rule(self):
-        found = list(pages())
-        self.assertGreater(len(found), 30)
-        for command in found:
-            with self.subTest(page=command.page, command=command.text):
-                self.assertIsNotNone(rule_of(command), "no rule of tests/docs/commands.py runs it")
-
-    def test_each_rule_has_a_command(self):
-        used = {rule_of(command) for command in pages()}
-        for rule in RULES:
-            with self.subTest(rule.pattern):
-                self.assertTrue(rule in used, "no page has such a command")
-                self.assertIn(rule.place, PLACES)
-
-    def test_what_runs_elsewhere_does(self):
-        for rule in RULES:
-            if rule.place == "elsewhere":
-                with self.subTest(rule.pattern):
-                    self.assertIn(rule.says, (SOURCE / rule.test).read_text(encoding="utf-8"))
+def of_places(*places):
+    """A parameter for each command that runs there, with its rule."""
+    return pytest.mark.parametrize("command, rule", [
+        pytest.param(command, rule, id=f"{command.page}: {command.text}") for command, rule in commands_in(places)])
 
 
-class Place(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        if reason := root.why_not():
-            raise unittest.SkipTest(reason)
-        cls.folder = pathlib.Path(tempfile.mkdtemp(prefix="vemo-web."))
-        cls.addClassCleanup(shutil.rmtree, cls.folder)
-
-    def expect(self, rule, status, output):
-        self.assertEqual(status, rule.status, output[-3000:])
-        self.assertRegex(output, f"(?m){rule.says}")
+def expect(rule, status, output):
+    assert status == rule.status, output[-3000:]
+    assert re.search(f"(?m){rule.says}", output), output[-3000:]
 
 
-class Checkout(Place):
-    """In a layer above this checkout, at its place, since build folders know theirs; what a block leaves there is
-    there for its next line, and gone with it. Nobody else's ports are in the way."""
+class TestListed:
+    """Whether none is left out."""
 
-    @classmethod
-    def setUpClass(cls):
-        super().setUpClass()
-        laid = subprocess.run(["unshare", "--mount", "sh", "-c", cls.laying(cls.layer("probe"))],
-                              stderr=subprocess.PIPE, text=True, check=False)
+    @pytest.mark.parametrize("command", pages(), ids=lambda command: f"{command.page}: {command.text}")
+    def test_each_command_has_a_rule(self, command):
+        assert rule_of(command), "no rule of tests/docs/commands.py runs it"
+
+    @pytest.mark.parametrize("rule", RULES, ids=lambda rule: rule.pattern)
+    def test_each_rule_has_commands_which_run_where_it_says(self, rule):
+        commands = [command for command in pages() if rule_of(command) == rule]
+        assert commands, "no page has such a command"
+        assert rule.place in PLACES
+        if rule.place == "elsewhere":
+            assert rule.says in (SOURCE / rule.test).read_text(encoding="utf-8")
+        if rule.place == "test":
+            tests = "".join(file.read_text(encoding="utf-8") for pattern in ("CMakeLists.txt", "*.cmake")
+                            for file in (SOURCE / "tests").rglob(pattern))
+            for command in commands:
+                name = re.search(r"(\w+)\.py", command.text)[0]
+                assert re.search(rf"[ /]{re.escape(name)}\b", tests), command.text
+
+
+# --- In the checkout
+
+
+class Layers:
+    """Above this checkout, at its place, since build folders know theirs; what a block leaves there is there for its
+    next line, and gone with it. Nobody else's ports are in the way."""
+
+    # ./test meets a ctest that runs a few tests when it is told none.
+    CTEST = """#!/bin/sh
+case " $* " in *" -R "*) exec {ctest} "$@" ;; esac
+exec {ctest} "$@" -R "SetOptionPage|IsIp4Address"
+"""
+
+    def __init__(self, folder):
+        self.folder = folder
+        laid = subprocess.run(["unshare", "--mount", "sh", "-c", self.laying("probe")], stderr=subprocess.PIPE,
+                              text=True, check=False)
         if laid.returncode != 0:
-            raise unittest.SkipTest(f"no layer can be laid above the checkout: {laid.stderr.strip()}")
-        ctest = cls.folder / "bin/ctest"
+            pytest.skip(f"no layer can be laid above the checkout: {laid.stderr.strip()}")
+        ctest = folder / "bin/ctest"
         ctest.parent.mkdir()
-        found = shutil.which("ctest")
-        ctest.write_text(f'#!/bin/sh\ncase " $* " in *" -R "*) exec {found} "$@" ;; esac\n'
-                         f'exec {found} "$@" -R "SetOptionPage|IsIp4Address"\n', encoding="utf-8")
+        ctest.write_text(self.CTEST.format(ctest=shutil.which("ctest")), encoding="utf-8")
         ctest.chmod(0o755)
-        # Some of the commands go on with these, and there is no network.
-        root.packages(BUILD)
-        root.bare_archive(BUILD)
 
-    @classmethod
-    def layer(cls, name):
-        folder = cls.folder / name
-        if not folder.exists():
-            (folder / "upper").mkdir(parents=True)
-            (folder / "work").mkdir()
-        return folder
-
-    @staticmethod
-    def laying(layer):
-        """For sh: lays the layer above the checkout."""
+    def laying(self, name):
+        """For sh: lays the layer of that name, made when it is new."""
+        layer = self.folder / name
+        for part in ("upper", "work"):
+            (layer / part).mkdir(parents=True, exist_ok=True)
         folders = f"lowerdir={SOURCE},upperdir={layer}/upper,workdir={layer}/work"
         return shlex.join(["mount", "-t", "overlay", "overlay", "-o", folders, str(SOURCE)])
 
-    def run_in(self, layer, text, stdin):
+    def run(self, name, text, stdin):
         """Status and output."""
-        mount = (f"{self.laying(layer)} && mount -t tmpfs tmpfs /dev/shm && ip link set lo up"
+        mount = (f"{self.laying(name)} && mount -t tmpfs tmpfs /dev/shm && ip link set lo up"
                  f" && cd {shlex.quote(str(SOURCE))} && exec bash -c \"$0\"")
         with open(self.folder / "output", "w+", encoding="utf-8", errors="replace") as output:
+            environment = {**os.environ, "PATH": f"{self.folder}/bin:{os.environ['PATH']}", "OUT": output.name,
+                           "TMPDIR": str(self.folder)}
             try:
                 status = subprocess.run(
                     ["unshare", "--mount", "--net", "--pid", "--fork", "--kill-child", "--mount-proc",
-                     "sh", "-c", mount, text],
-                    input=stdin, stdout=output, stderr=subprocess.STDOUT, text=True, check=False,
-                    timeout=SECONDS + 30, env={**os.environ, "PATH": f"{self.folder}/bin:{os.environ['PATH']}",
-                                               "OUT": output.name, "TMPDIR": str(self.folder)}).returncode
+                     "sh", "-c", mount, text], input=stdin, stdout=output, stderr=subprocess.STDOUT, text=True,
+                    check=False, timeout=SECONDS + 30, env=environment).returncode
             except subprocess.TimeoutExpired:
                 status = "none in time"
             output.seek(0)
             return status, output.read()
 
-    def test_commands(self):
-        for command, rule in commands_in(("checkout", "device")):
-            with self.subTest(page=command.page, command=command.text):
-                text = script(command, rule)
-                if rule.place == "device":
-                    text = ("mkdir -p build/commands/app build/commands/tmp; exec standin/sandbox build"
-                            f" --state build/commands --private-network -- bash -c {shlex.quote(text)}")
-                layer = self.layer(rule.layer or f"{pathlib.Path(command.page).stem}-{command.block}")
-                status, output = self.run_in(layer, text, rule.stdin)
-                self.expect(rule, status, output)
+
+@pytest.fixture(scope="module")
+def layers(build, tmp_path_factory):
+    if reason := root.why_not():
+        pytest.skip(reason)
+    layers = Layers(tmp_path_factory.mktemp("layers"))
+    # Some of the commands go on with these, and there is no network.
+    root.packages(build)
+    root.bare_archive(build)
+    return layers
 
 
-class Installed(Place):
-    """In a bare root that is not booted."""
+@of_places("checkout", "device")
+def test_in_the_checkout(layers, command, rule):
+    text = script(command, rule)
+    if rule.place == "device":
+        text = ("mkdir -p build/commands/app build/commands/tmp; exec standin/sandbox build"
+                f" --state build/commands --private-network -- bash -c {shlex.quote(text)}")
+    expect(rule, *layers.run(rule.layer or f"{pathlib.Path(command.page).stem}-{command.block}", text, rule.stdin))
 
-    @classmethod
-    def setUpClass(cls):
-        super().setUpClass()
-        made = root.packages(BUILD)
-        cls.device = root.Root(BUILD, "Commands")
-        cls.addClassCleanup(cls.device.close)
-        packages = cls.device.file("/root/build/packages")
+
+# --- In a bare root that is not booted
+
+
+@pytest.fixture(scope="module")
+def device(build):
+    if reason := root.why_not():
+        pytest.skip(reason)
+    with root.Root(build, "Commands") as device:
+        packages = device.file("/root/build/packages")
         packages.mkdir(parents=True)
-        for file in made.values():
+        for file in root.packages(build).values():
             shutil.copy(file, packages)
         # Who types the commands says yes.
         options = 'APT::Get::Assume-Yes "true"; APT::Sandbox::User "root";\n'
-        cls.device.file("/etc/apt/apt.conf.d/commands").write_text(options, encoding="utf-8")
-        cls.device.file("/root/simulate").write_text(options + 'APT::Get::Simulate "true";\n', encoding="utf-8")
-
-    def test_commands(self):
-        for command, rule in commands_in(("root", "beside")):
-            with self.subTest(page=command.page, command=command.text):
-                text = script(command, rule)
-                if rule.place == "root":
-                    output = self.device.run("bash", "-c", f"cd /root; {text}\nexit", status=rule.status)
-                else:
-                    output = self.device.run_beside("bash", "-c", text, status=rule.status)
-                self.expect(rule, rule.status, output)
+        device.file("/etc/apt/apt.conf.d/commands").write_text(options, encoding="utf-8")
+        device.file("/root/simulate").write_text(options + 'APT::Get::Simulate "true";\n', encoding="utf-8")
+        yield device
 
 
-if __name__ == "__main__":
-    BUILD = pathlib.Path(sys.argv.pop(1)).resolve()
-    ONLY = sys.argv.pop(2) if len(sys.argv) > 2 else ""
-    unittest.main(verbosity=2)
+@of_places("root", "beside")
+def test_installed(device, command, rule):
+    text = script(command, rule)
+    if rule.place == "root":
+        output = device.run("bash", "-c", f"cd /root; {text}\nexit", status=rule.status)
+    else:
+        output = device.run_beside("bash", "-c", text, status=rule.status)
+    expect(rule, rule.status, output)

@@ -1,7 +1,7 @@
 """Every cause that vemo-web-check knows: it is made, is named by one line and no other, and the command of that line
 mends it. The causes that only systemd has, and those that only its start mends, are those of the booted machine.
 
-    python3 -B -m pytest tests/packaging/check.py --build BUILD -k "no log"
+    python3 -B -m pytest tests/packaging/check.py --build BUILD -k no_log
 """
 
 import contextlib
@@ -69,7 +69,7 @@ def expect_mended(device, what, command, word="WRONG"):
 
 
 def cause(name, what, command, *breaks, word="WRONG", is_served=False):
-    return pytest.param(breaks, is_served, (what, command, word), id=name)
+    return pytest.param(breaks, is_served, (what, command, word), id=name.replace(" ", "_"))
 
 
 def settings(mode, user, folder_mode=0o775, folder_user="vemo-web:vemo-web"):

@@ -10,6 +10,7 @@ import shutil
 
 import pytest
 
+import checks
 import commands
 import root
 from device import SETTINGS, Device
@@ -75,6 +76,13 @@ def test_five_commands_lead_from_the_packages_to_the_page(build, device):
     assert len(done) == 5
     for command, rule, told in done:
         assert re.search(f"(?m){rule.says}", told), command.text
+
+
+def test_what_the_package_recommends_is_what_it_was_built_with(device):
+    recommended = checks.told("dpkg-deb", "--field", device.made["vemo-web-dev"], "Recommends").strip()
+    install = next(command.text for command, _ in commands.commands_in(("development",)))
+    named = [word for word in install.split()[3:] if not word.startswith("./")]
+    assert sorted(name.split(" ")[0] for name in recommended.split(", ")) == sorted(named)
 
 
 def test_the_web_server_serves_it(device):

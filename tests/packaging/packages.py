@@ -476,17 +476,6 @@ class TestObstacles:
         assert device.read(LOG) == "a line\n"
 
 
-class TestDevelopment:
-    def test_the_example_builds_with_what_is_recommended(self, device):
-        package = device.made["vemo-web-dev"]
-        recommended = checks.told("dpkg-deb", "--field", package, "Recommends")
-        device.install_known(*(name.split(" ")[0] for name in recommended.strip().split(", ")))
-        device.install(package)
-        device.run("sh", "-ec", "cp -r /usr/share/doc/vemo-web-dev/examples /root/page; cd /root/page;"
-                   " cmake -S . -B build; cmake --build build")
-        assert "<h2>Uptime</h2>" in device.run("env", "REQUEST_METHOD=GET", "/root/page/build/uptime.cgi")
-
-
 class TestModule:
     def test_another_lighttpd_serves_the_pages(self, device):
         device.install_ours()

@@ -1,6 +1,6 @@
 """The same sources give the same bits: everything is built twice, on what is as good as two machines.
 
-    python3 -B tests/packaging/same_bits.py BUILD [SameBits.test]
+    python3 -B -m pytest tests/packaging/same_bits.py -k packages
 
 The first is as good as this one: an unpacked archive without git, all cores, no compiler cache. The second
 has all that may differ: folder, user (when root tests), umask, home, time zone, language, one core, another
@@ -11,15 +11,14 @@ import hashlib
 import os
 import pathlib
 import re
-import shutil
 import stat
 import subprocess
-import sys
 import tempfile
-import unittest
 
-sys.argv.pop(1)  # BUILD: nothing is taken from it
-SOURCE = pathlib.Path(__file__).resolve().parents[2]
+import pytest
+
+from root import SOURCE
+
 DATE = 1700000000
 # What `cmake --install` puts down is built by these.
 INSTALLED = ("setobdconf.cgi", "device", "installed-setobdconf.cgi", "installed-channeldeviceconfig.cgi")
@@ -106,45 +105,39 @@ def listing(folder):
     return found
 
 
-class SameBits(unittest.TestCase):
-    maxDiff = None
-
-    @classmethod
-    def setUpClass(cls):
-        folder = pathlib.Path(tempfile.mkdtemp(prefix="vemo-web."))
-        cls.addClassCleanup(shutil.rmtree, folder)
-        cls.machines = machines(folder)
-
-    def expect_same(self, one, other):
-        """Two folders, or files."""
-        first, second = listing(one), listing(other)
-        differing = sorted(name for name in first.keys() | second.keys()
-                           if first.get(name) != second.get(name))
-        if differing:
-            name = differing[-1]
-            said = subprocess.run(
-                ["diffoscope", "--no-progress", "--exclude-directory-metadata=yes",
-                 "--max-text-report-size", "20000", one / name, other / name],
-                capture_output=True, text=True, check=False)
-            self.fail(f"They differ: {', '.join(differing)}\n{name}: {first.get(name)}, {second.get(name)}\n"
-                      f"{said.stdout}{said.stderr}")
-
-    def test_installed_files(self):
-        self.expect_same(*(machine.install() for machine in self.machines))
-        for machine in self.machines:
-            (machine.folder / "build/setobdconf.cgi").chmod(0o755)  # as the umask left it
-        self.expect_same(*(machine.folder / "build/setobdconf.cgi" for machine in self.machines))
-
-    def test_packages(self):
-        for machine in self.machines:
-            machine.run("./package")
-        one, other = (machine.folder / "build/packages" for machine in self.machines)
-        self.assertGreaterEqual(len(list(one.rglob("*.deb"))), 4)
-        for folder in (one, other):
-            for file in folder.rglob("*"):
-                file.chmod(0o755)  # as the maker's umask left it; what is inside counts
-        self.expect_same(one, other)
+def expect_same(one, other):
+    """Two folders, or files."""
+    first, second = listing(one), listing(other)
+    differing = sorted(name for name in first.keys() | second.keys() if first.get(name) != second.get(name))
+    if differing:
+        name = differing[-1]
+        said = subprocess.run(
+            ["diffoscope", "--no-progress", "--exclude-directory-metadata=yes", "--max-text-report-size", "20000",
+             one / name, other / name], capture_output=True, text=True, check=False)
+        pytest.fail(f"They differ: {', '.join(differing)}\n{name}: {first.get(name)}, {second.get(name)}\n"
+                    f"{said.stdout}{said.stderr}")
 
 
-if __name__ == "__main__":
-    unittest.main(verbosity=2)
+@pytest.fixture(scope="module")
+def both():
+    # pytest's own folders are closed to other users.
+    with tempfile.TemporaryDirectory(prefix="vemo-web.") as folder:
+        yield machines(pathlib.Path(folder))
+
+
+def test_installed_files(both):
+    expect_same(*(machine.install() for machine in both))
+    for machine in both:
+        (machine.folder / "build/setobdconf.cgi").chmod(0o755)  # as the umask left it
+    expect_same(*(machine.folder / "build/setobdconf.cgi" for machine in both))
+
+
+def test_packages(both):
+    for machine in both:
+        machine.run("./package")
+    folders = [machine.folder / "build/packages" for machine in both]
+    assert len(list(folders[0].rglob("*.deb"))) >= 4
+    for folder in folders:
+        for file in folder.rglob("*"):
+            file.chmod(0o755)  # as the maker's umask left it; what is inside counts
+    expect_same(*folders)

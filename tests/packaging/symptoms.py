@@ -1,7 +1,7 @@
 """What somebody sees, made to happen on the installed system; where docs/log.md says that it stands, it is looked
 for. And whether every row of that table has its test.
 
-    python3 -B -m pytest tests/packaging/symptoms.py --build BUILD -k "a_full_disk or listed"
+    python3 -B -m pytest tests/packaging/symptoms.py --build BUILD -k a_full_disk
 
 There is no journal: what lighttpd writes to its standard error stands for it, and so that this holds the line of each
 request, too, that goes there in the place of syslog.
@@ -223,7 +223,7 @@ SYMPTOMS = []
 
 
 def add(name, seen, text, happens, *breaks, **how):
-    SYMPTOMS.append(pytest.param(seen, text, breaks, how, happens, id=name))
+    SYMPTOMS.append(pytest.param(seen, text, breaks, how, happens, id=name.replace(" ", "_")))
 
 
 def symptom(seen, text, *breaks, **how):
