@@ -2,8 +2,10 @@
 in the sun and by night, whether a finger hits its links and buttons. Pictures of all that are left in /tmp. The
 checker comes from build/npm, where ./test puts it."""
 
+import contextlib
 import math
 import os
+import pathlib
 import subprocess
 
 import pytest
@@ -44,10 +46,16 @@ CONTRAST_OPTIONS = {
 # --- How each page, and each state of it, is reached
 
 BENCH = "Test bench 3"
+ORDERS = pathlib.Path("/run/vemo-web-reboot")
+BOOT = pathlib.Path("/run/vemo-web-boot")
 
 
-def opened(path):
-    return lambda visitor: visitor.open(path)
+def opened(path, text=""):
+    def show(visitor):
+        visitor.open(path)
+        assert text in visitor.text()
+
+    return show
 
 
 def show_free(visitor):
@@ -67,6 +75,45 @@ def show_refused_allocation(visitor):
     show_free(visitor)
     browser.order_of(BENCH, "nvmAllocateDevice")
     visitor.press("Allocate")
+
+
+@contextlib.contextmanager
+def without_orders():
+    """Meanwhile nobody reads orders to reboot."""
+    aside = ORDERS.with_suffix(".aside")
+    ORDERS.rename(aside)
+    try:
+        yield
+    finally:
+        aside.rename(ORDERS)
+
+
+def show_not_allowed(visitor):
+    with without_orders():
+        opened(REBOOT, "This web interface is not allowed")(visitor)
+
+
+def show_refused_reboot(visitor):
+    """It was allowed when the page asked."""
+    visitor.open(REBOOT)
+    with without_orders():
+        visitor.press("Reboot")
+    assert "The device does not reboot" in visitor.text()
+
+
+def show_ordered(visitor):
+    """Read by nobody who follows it."""
+    with without_orders():
+        os.mkfifo(ORDERS)
+        orders = os.open(ORDERS, os.O_RDWR | os.O_CLOEXEC)
+        visitor.open(REBOOT)
+        visitor.press("Reboot")
+        os.close(orders)
+    assert "The device reboots now." in visitor.text()
+
+
+def show_not_yet(visitor):
+    opened(f"{REBOOT}?before={BOOT.read_text().strip()}", "has not rebooted yet")(visitor)
 
 
 def show_held_back(visitor):
@@ -93,9 +140,13 @@ FRAMED = {
     "allocated": show_allocated,
     "allocation-refused": show_refused_allocation,
     "held-back": show_held_back,
-    "reboot": opened(REBOOT),
-    "reboot-back": opened(REBOOT + "?before=another"),
-    "reboot-not-known": opened(REBOOT + "?before=unknown"),
+    "reboot": opened(REBOOT, "Reboot the device"),
+    "reboot-not-allowed": show_not_allowed,
+    "reboot-refused": show_refused_reboot,
+    "reboot-ordered": show_ordered,
+    "reboot-not-yet": show_not_yet,
+    "reboot-back": opened(REBOOT + "?before=another", "it has rebooted"),
+    "reboot-not-known": opened(REBOOT + "?before=unknown", "is not known"),
 }
 FIXED = {
     "success": opened(success("500")),
