@@ -95,14 +95,20 @@ def test_the_document_and_the_example_list_every_class_of_the_style_sheet(docume
     assert set(re.findall(r'class="(\w+)"', shown)) == classes
 
 
-def test_pages_build_against_what_is_installed_alone(build, prefix, tmp_path):
+def test_pages_build_against_what_is_installed_alone(build, prefix, document, tmp_path):
     log = pathlib.Path("/tmp/cgi.log")  # of this machine, not of the sandbox
     before = log.exists() and log.stat().st_size
-    shutil.copytree(EXAMPLE, tmp_path / "source")
-    run("cmake", "-S", tmp_path / "source", "-B", tmp_path / "page", "-G", "Ninja", f"-DCMAKE_PREFIX_PATH={prefix}")
+    source = shutil.copytree(EXAMPLE, tmp_path / "source")
+    # A page of the author's own, by the one edit that the document names.
+    shutil.copy(source / "Uptime.cpp", source / "Battery.cpp")
+    pages = re.search(r"`((foreach\(page .*) Battery\))`", document)
+    text, listed = (source / "CMakeLists.txt").read_text(encoding="utf-8"), f"{pages[2]})"
+    assert listed in text
+    (source / "CMakeLists.txt").write_text(text.replace(listed, pages[1]), encoding="utf-8")
+    run("cmake", "-S", source, "-B", tmp_path / "page", "-G", "Ninja", f"-DCMAKE_PREFIX_PATH={prefix}")
     run("cmake", "--build", tmp_path / "page")
-    for name, said in (("uptime", r"has been running for \d+ minutes and \d+ seconds\."),
-                       ("name", 'name="Name" value=""')):
+    told = r"has been running for \d+ minutes and \d+ seconds\."
+    for name, said in (("uptime", told), ("battery", told), ("name", 'name="Name" value=""')):
         page = run(SOURCE / "standin/sandbox", build, "--private-network", "--read-only", tmp_path / "page", "/page",
                    "--", "/usr/bin/env", "REQUEST_METHOD=GET", f"/page/{name}.cgi")
         assert page.count("<h2>") == 1
