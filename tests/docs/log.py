@@ -1,7 +1,8 @@
 """Whether docs/log.md lists the log statements of the sources: each of them, and nothing else."""
 
 import re
-import unittest
+
+import pytest
 
 import pages
 
@@ -47,42 +48,37 @@ def statements_of(file):
     return found, re.findall(r".*\bLogFormater\b.*", STATEMENT.sub("", code))
 
 
-class Log(unittest.TestCase):
-    def setUp(self):
-        self.listed = listed_statements()
-        self.statements = []
-        for folder in ("src", "pages", "standin"):
-            for file in sorted((pages.ROOT / folder).rglob("*.*")):
-                if file.suffix in (".cpp", ".h"):
-                    found, unread = statements_of(file)
-                    self.assertEqual(unread, [], f"{file}: statements that cannot be read")
-                    name = file.relative_to(pages.ROOT).with_suffix("").as_posix()
-                    self.assertLessEqual({source for (source, _), _, _ in found}, {name})
-                    self.statements += found
-        self.assertGreater(len(self.statements), 0)
-
-    def test_no_two_statements_have_one_name(self):
-        names = [name for name, _, _ in self.statements]
-        self.assertEqual(sorted(names), sorted(set(names)))
-
-    def test_every_statement_is_listed_as_it_is(self):
-        for name, level, text in self.statements:
-            with self.subTest(name):
-                self.assertIn(name, self.listed)
-                listed_level, listed_text = self.listed[name]
-                self.assertEqual(listed_level, level)
-                # The page may tell more of what only a run can tell.
-                self.assertRegex(listed_text, "^" + ".*".join(map(re.escape, text.split(ELLIPSIS))) + "$")
-
-    def test_nothing_is_listed_that_no_source_has(self):
-        self.assertEqual(set(self.listed) - {name for name, _, _ in self.statements}, set())
-
-    def test_every_error_says_what_to_do(self):
-        for row in pages.rows("docs/log.md"):
-            if "ERROR" in row.get("level", ""):
-                with self.subTest(number=row["number"]):
-                    self.assertGreater(len(row["when it is written; what is wrong, what to do"]), 0)
+LISTED = listed_statements()
+FILES = [file for folder in ("src", "pages", "standin") for file in sorted((pages.ROOT / folder).rglob("*.*"))
+         if file.suffix in (".cpp", ".h")]
+STATEMENTS = [statement for file in FILES for statement in statements_of(file)[0]]
 
 
-if __name__ == "__main__":
-    unittest.main()
+@pytest.mark.parametrize("file", FILES, ids=lambda file: file.name)
+def test_every_statement_can_be_read_and_names_its_file(file):
+    found, unread = statements_of(file)
+    assert unread == []
+    assert {source for (source, _), _, _ in found} <= {file.relative_to(pages.ROOT).with_suffix("").as_posix()}
+
+
+def test_no_two_statements_have_one_name():
+    names = [name for name, _, _ in STATEMENTS]
+    assert sorted(names) == sorted(set(names)) != []
+
+
+@pytest.mark.parametrize("name, level, text", STATEMENTS, ids=str)
+def test_every_statement_is_listed_as_it_is(name, level, text):
+    listed_level, listed_text = LISTED[name]
+    assert listed_level == level
+    # The page may tell more of what only a run can tell.
+    assert re.fullmatch(".*".join(map(re.escape, text.split(ELLIPSIS))), listed_text), listed_text
+
+
+def test_nothing_is_listed_that_no_source_has():
+    assert set(LISTED) <= {name for name, _, _ in STATEMENTS}
+
+
+def test_every_error_says_what_to_do():
+    for row in pages.rows("docs/log.md"):
+        if "ERROR" in row.get("level", ""):
+            assert row["when it is written; what is wrong, what to do"], row["number"]
