@@ -219,7 +219,7 @@ class TestPurge:
     DROP_IN = "/etc/systemd/system/vemo-web.service.d/override.conf"
     # What dpkg and programs keep for themselves.
     LEFT_OUT = ("/proc", "/dev", "/root", "/var/lib/dpkg", "/var/lib/apt", "/var/log", "/var/cache/apt",
-                "/var/cache/debconf", "/var/lib/logrotate")
+                "/var/cache/debconf", "/var/lib/logrotate", "/run/mount")
     # What the tools that change accounts leave behind them.
     CHANGING = re.compile(r"/etc/(\.pwd\.lock|(g?shadow|passwd|group|sub.id)-) ")
 
