@@ -2,6 +2,9 @@
 its reason, and the totals. The exit status is 0 when tests ran and none failed. Where namespaces are allowed
 (VEMO_SANDBOX_KIND is not "proot") a skip is a failure.
 
+ctest alone says neither why a test was skipped nor one total. It knows failed tests by their numbers, which change,
+and forgets them when it is interrupted. It leaves running what tests have put into sessions of their own.
+
     report_tests.py [OPTION...] BUILD... -- [CTEST ARGUMENT...]
 
 --verbose        shows ctest's whole output
@@ -73,11 +76,6 @@ def run_ctest(folder, arguments, is_verbose, results):
     return ctest.wait(), "".join(lines)
 
 
-def skip_reason(output):
-    reason = re.search(r": Skipped\n(.*?)\n*\[  SKIPPED", output, re.DOTALL)
-    return reason[1] if reason else output.strip()
-
-
 def print_results(junit, results):
     """Prints failures and skips of a JUnit file. Returns the numbers of passed, failed and skipped tests."""
     counts = {"passed": 0, "failed": 0, "skipped": 0}
@@ -89,7 +87,8 @@ def print_results(junit, results):
             counts["passed"] += 1
         elif skipped is not None and skipped.get("message", "").startswith("SKIP_"):
             counts["skipped"] += 1
-            print(f"SKIPPED {name}: {skip_reason(output)}")
+            reason = re.search(r"(?ms): Skipped\n(.*?)\n*\[  SKIPPED|^SKIPPED \[\d+\] (.*?)$", output)
+            print(f"SKIPPED {name}:", reason.group(reason.lastindex) if reason else output.strip())
         else:
             counts["failed"] += 1
             print(f"FAILED {name}: {results.get(name, ('', ''))[1]}\n{output}")
@@ -174,21 +173,15 @@ def report(options, folders, arguments):
     return 0 if is_good else 1
 
 
-def descendants():
-    """All processes that ctest and the tests have started, directly or not."""
-    children = {}
-    for path in pathlib.Path("/proc").glob("[0-9]*/stat"):
-        try:
-            parent = path.read_text(encoding="utf-8", errors="replace").rpartition(")")[2].split()[1]
-        except OSError:
-            continue  # it has ended
-        children.setdefault(int(parent), []).append(int(path.parent.name))
+def descendants(process):
+    """The processes that it has started, directly or not."""
     found = []
-    parents = [os.getpid()]
-    while parents:
-        these = children.get(parents.pop(), [])
-        found += these
-        parents += these
+    try:
+        for path in pathlib.Path("/proc", str(process), "task").glob("*/children"):
+            for child in map(int, path.read_text(encoding="ascii").split()):
+                found += [child, *descendants(child)]
+    except OSError:
+        pass  # it has ended
     return found
 
 
@@ -205,7 +198,7 @@ def end_descendants():
                 return
             # SIGINT only once: an interrupted test may start processes that clean up.
             if not signalled or number != signal.SIGINT:
-                for process in descendants():
+                for process in descendants(os.getpid()):
                     if process not in signalled:
                         signalled.add(process)
                         try:
