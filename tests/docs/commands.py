@@ -2,7 +2,7 @@
 
     python3 -B -m pytest tests/docs/commands.py --build BUILD -k "test_installed and curl"
 
-RULES tells for each command where it runs and by what it is seen to have worked; a command without a rule
+RULES says for each command where it runs and how its success is seen; a command without a rule
 fails, and a rule without a command. Commands are the lines of code blocks, and what stands in a sentence
 `like this` and begins with a program. Lines of a block that set variables go before those that follow them.
 """

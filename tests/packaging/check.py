@@ -1,5 +1,5 @@
-"""Every cause that vemo-web-check knows: it is made, is named by one line and no other, and the command of that line
-mends it. The causes that only systemd has, and those that only its start mends, are those of the booted machine.
+"""Every cause that vemo-web-check knows. Each test makes one: exactly one line of the check names it, and the command
+of that line mends it. tests/machine/installed.py has the causes that need systemd.
 
     python3 -B -m pytest tests/packaging/check.py --build BUILD -k no_log
 """
@@ -52,7 +52,7 @@ def found_in(device):
 
 
 def expect_named(device, what, command, word="WRONG"):
-    """It is all that is found, with this beginning of a command. Gives the whole command."""
+    """Nothing else is found. `command` is the beginning; gives the whole command."""
     found = found_in(device)
     assert [one[:2] for one in found] == [(word, what)], found
     assert found[0][2].startswith(command), found
@@ -60,7 +60,7 @@ def expect_named(device, what, command, word="WRONG"):
 
 
 def expect_mended(device, what, command, word="WRONG"):
-    """And the command mends it; who is to edit a file makes it what it was."""
+    """The command mends it, too. An editor that it starts restores the file."""
     command = expect_named(device, what, command, word)
     device.run("bash", "-c", f"cd /root; export EDITOR=/root/editor; {command}", status=None)
     if RESTART in command:
@@ -84,7 +84,7 @@ def mixed(user):
 
 
 MENDED = [
-    # Whatever does not need that user is looked at all the same.
+    # The checks that do not need that user run all the same.
     cause("no user", "user", "systemd-sysusers vemo-web.conf",
           ("typed", "sed -i.before /^vemo-web:/d /etc/passwd", "mv /etc/passwd.before /etc/passwd")),
     cause("no Java VM", "Java VM", APT + "default-jre-headless", ("without", "/usr/lib/jvm/default-java")),
@@ -144,7 +144,7 @@ NAMED = [
 ]
 
 
-def test_a_whole_device_is_not_found_fault_with(device):
+def test_a_whole_device_has_no_fault(device):
     assert found_in(device) == []
 
 
@@ -171,12 +171,12 @@ def test_is_named(device, breaks, is_served, line):
         ("port 80 with a module", "lighty-enable-mod vemo-web", "lighty-disable-mod vemo-web"),
         ("port 80 with a page", f"touch {PAGES}/index.html", f"rm {PAGES}/index.html"),
         ("port 80 with a setting", f"echo >>{CONFIGURATION}", f"sed -i '$d' {CONFIGURATION}")))])
-def test_is_not_found_fault_with(device, breaks):
+def test_is_no_fault(device, breaks):
     with device.broken(*breaks):
         assert found_in(device) == []
 
 
-def test_whose_a_folder_is_is_told(device):
+def test_the_owner_of_a_folder_is_named(device):
     with device.broken(("mode", "/app", 0o755, "games"), ("without", "/app/tarn-belox"), is_served=True):
         assert "/app belongs to games" in device.run("vemo-web-check", status=1)
 
@@ -235,7 +235,7 @@ class TestTls:
         with device.broken(("turned_on", TLS), is_served=True):
             yield
 
-    def test_a_whole_device_is_not_found_fault_with(self, device):
+    def test_a_whole_device_has_no_fault(self, device):
         told = device.run("vemo-web-check")
         for line in (rf"ok +key +{KEY}", rf"ok +certificate +{CERTIFICATE}, until ",
                      "ok +request +https://127.0.0.1:8443/setobdconf"):
@@ -280,7 +280,7 @@ class TestTls:
         with certificate(device, names, days):
             expect_named(device, "certificate", EDIT, word)
 
-    def test_a_certificate_that_ends_later_is_not_found_fault_with(self, device):
+    def test_a_certificate_that_ends_later_is_no_fault(self, device):
         with certificate(device, NAMES, 40):
             assert found_in(device) == []
 

@@ -11,7 +11,7 @@ def told(*command):
 
 class Checks:
     """For a TestCase with `made`, the packages by their names, and `folder`, where they are. `BUILDERS`: where
-    the JDKs are that they may not tell of."""
+    the JDKs are that they must not name."""
 
     BUILDERS = ("openjdk-amd64",)
 

@@ -17,7 +17,7 @@ LIGHTTPD = "/usr/sbin/lighttpd"
 LOCAL = "127.0.0.1"
 FIRST = 3  # of the descriptors that systemd hands on
 SECONDS = 30
-# Tells which sockets it has.
+# Prints which sockets it has.
 PAGE = """#!/bin/sh
 printf 'Content-Type: text/plain\\r\\n\\r\\n'
 ls -l /proc/self/fd | grep -c socket: || true
@@ -130,7 +130,7 @@ def port(service):
     return port
 
 
-def test_who_comes_between_two_starts_is_served_by_the_second(service, port):
+def test_a_client_between_two_starts_is_served_by_the_second(service, port):
     with service.running():
         expect_answer(port)
     assert len(service.kept) == 1
@@ -141,7 +141,7 @@ def test_who_comes_between_two_starts_is_served_by_the_second(service, port):
     assert len(service.kept) == 1
 
 
-def test_what_is_connected_when_it_is_stopped_is_served_by_the_first(service, port):
+def test_a_client_that_is_connected_at_the_stop_is_served_by_the_first(service, port):
     with service.running() as server:
         client = connect(port)
         # Now it is accepted.
@@ -186,7 +186,7 @@ def test_the_addresses_of_conditions_are_kept_too(service, port):
     assert sorted(service.addresses()) == sorted([(LOCAL, port), (host, other)])
 
 
-def test_what_is_not_numeric_the_server_opens_itself(service):
+def test_an_address_that_is_not_numeric_the_server_opens_itself(service):
     path = str(service.folder / "socket")
     service.configure(f'server.bind = "{path}"')
     with service.running():
@@ -197,7 +197,7 @@ def test_what_is_not_numeric_the_server_opens_itself(service):
 
 
 def test_where_systemd_does_not_listen_the_server_opens_all_itself(service, port):
-    with service.running(NOTIFY_SOCKET=str(service.folder / "nobody")):
+    with service.running(NOTIFY_SOCKET=str(service.folder / "missing")):
         expect_answer(port)
     assert service.kept == []
 

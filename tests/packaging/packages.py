@@ -57,7 +57,7 @@ class TestLint(checks.Checks, unittest.TestCase):
 
 
 class TestSizes:
-    """docs/on-a-device.md tells what a bare Debian 12 has to fetch and to keep, in MB of apt's."""
+    """docs/on-a-device.md says what a bare Debian 12 has to fetch and to keep, in MB of apt's."""
 
     ROWS = [row for row in pages.rows("docs/on-a-device.md") if "fetched with them" in row]
 
@@ -84,7 +84,7 @@ class TestSizes:
         assert len(self.ROWS) > len(device.made)
 
     @pytest.mark.parametrize("row", ROWS, ids=[row["package"] for row in ROWS])
-    def test_what_a_package_takes_is_told_within_a_tenth(self, device, row):
+    def test_what_a_package_takes_is_documented_within_a_tenth(self, device, row):
         names = pages.code(row["package"])
         found = self.measured(device, *(name for name in names if not name.startswith("-")),
                               recommends="--no-install-recommends" in names)
@@ -92,7 +92,7 @@ class TestSizes:
         assert {what: float(row[what]) for what in found} == {what: pytest.approx(size, rel=0.1)
                                                               for what, size in found.items()}
 
-    def test_what_a_made_java_runtime_takes_is_told_within_a_tenth(self, build):
+    def test_what_a_made_java_runtime_takes_is_documented_within_a_tenth(self, build):
         found = sum(file.stat().st_size for file in (build / "java-runtime").rglob("*") if file.is_file()) / 1e6
         told = float(re.search(r"makes one of (\d+) MB", pages.read("docs/on-a-device.md"))[1])
         assert told == pytest.approx(found, rel=0.1)
@@ -107,7 +107,7 @@ class TestLifeCycle:
         assert device.owner(FOLDER) == "vemo-web:vemo-web 775"
         assert not device.file(SETTINGS).exists()
         assert device.file(RECORD).exists()
-        # The request that it was made from is nobody's.
+        # The request that it was made from is not logged.
         assert device.read(LOG) == ""
         for unit in ("vemo-web", "vemo-web-nvm"):
             assert device.run("systemctl", "is-enabled", unit) == "enabled\n"
@@ -149,7 +149,7 @@ class TestLifeCycle:
         assert device.read(RECORD) != record
 
     @pytest.mark.parametrize("command, status", [("vemo-web-class-archive", 1), ("dpkg-reconfigure vemo-web", 0)])
-    def test_an_archive_that_cannot_be_made_is_told_with_the_reason(self, device, command, status):
+    def test_an_archive_that_cannot_be_made_is_reported_with_the_reason(self, device, command, status):
         text = device.read(OPTIONS)
         device.write(OPTIONS, text + "-Xmx1k\n")
         told = device.run(*command.split(), status=status)
@@ -248,7 +248,7 @@ class TestPurge:
         after = self.state(device)
         return said, after - before, before - after
 
-    def do_all_that_the_documents_tell(self, device):
+    def do_all_that_the_documents_say(self, device):
         """The commands of the pages, and those above the lines of each configuration."""
         told = [command.text for command in commands.pages()
                 if re.match(r"cp -r /usr/share/vemo-web/|install -D .*/etc/systemd/|lighty-enable-mod ", command.text)]
@@ -286,10 +286,10 @@ class TestPurge:
         device.install_ours()
         assert self.purge(device, before)[1:] == (set(), set())
 
-    def test_of_all_that_the_documents_tell_what_may_be_changed_is_left_and_named(self, device):
+    def test_files_that_an_administrator_may_change_are_left_and_named(self, device):
         before = self.state(device)
         device.install_ours()
-        self.do_all_that_the_documents_tell(device)
+        self.do_all_that_the_documents_say(device)
         said, left, missing = self.purge(device, before)
         left = {line.split(" ")[0] for line in left}
         files = {path for path in left if device.file(path).is_file()}
@@ -446,14 +446,14 @@ class TestObstacles:
         aside, = device.file("/tmp").glob("cgi.log-put-aside.*")
         assert device.owner(f"/tmp/{aside.name}") == "root:root 700"
         assert (aside / "cgi.log").lstat().st_ino == number
-        # The check tells, and how to be rid of it.
+        # The check names it, and the command that removes it.
         found = re.search(r"\nrisky  log  .*\n +-> (.*)\n", device.run("vemo-web-check", status=1))
         device.run("sh", "-ec", found[1])
         assert not aside.exists()
         assert re.search("ok +log ", device.run("vemo-web-check", status=1))
 
     def test_the_installation_puts_it_aside(self, device):
-        """A pipe: whoever opens it waits."""
+        """A pipe: opening it blocks."""
         number = self.plant(device, "pipe")
         device.install_ours()
         assert device.file(RECORD).exists()

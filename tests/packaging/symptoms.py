@@ -216,8 +216,8 @@ def device(whole):
     assert "=500" in whole.read(SETTINGS)
 
 
-# --- The table: what is seen, and a text that one row has where it tells what stands where; the breaks; what happens
-# then, which gives what it got itself, by place.
+# --- The tests of the table's rows: what is seen, and a text of "where it stands", which choose the row; the breaks; a
+# function that makes it happen. That function may return what it got itself, by place.
 
 SYMPTOMS = []
 
