@@ -163,9 +163,12 @@ def test_is_used_behind_the_gate():
 
 # --- Not used
 
-def cut(file, size):
-    file.chmod(0o600)
-    os.truncate(file, size)
+def cut(size):
+    """Its time stays."""
+    before = ARCHIVE.stat()
+    ARCHIVE.chmod(0o600)
+    os.truncate(ARCHIVE, size)
+    os.utime(ARCHIVE, ns=(before.st_atime_ns, before.st_mtime_ns))
 
 
 def flip_the_middle():
@@ -177,9 +180,10 @@ def flip_the_middle():
         os.pwrite(file.fileno(), bytes([byte ^ 0xff]), middle)
 
 
-def replace_archive():
-    ARCHIVE.unlink()
-    shutil.copy(VM / "lib/server/classes.jsa", ARCHIVE)
+def replace_archive(other):
+    """With the other's time."""
+    copy = shutil.copy2(other, FOLDER / "copy")
+    os.replace(copy, ARCHIVE)
 
 
 def append_option():
@@ -191,10 +195,11 @@ CHANGES = {  # what happens, and what is named
     "no archive": (ARCHIVE.unlink, "classes.jsa"),
     "no options with it": (OPTIONS_WITH_IT.unlink, "java.options"),
     "archive unreadable": (lambda: ARCHIVE.chmod(0), "classes.jsa"),
-    "archive cut short": (lambda: cut(ARCHIVE, ARCHIVE.stat().st_size // 2), "classes.jsa"),
-    "archive empty": (lambda: cut(ARCHIVE, 0), "classes.jsa"),
+    "archive cut short": (lambda: cut(ARCHIVE.stat().st_size // 2), "classes.jsa"),
+    "archive empty": (lambda: cut(0), "classes.jsa"),
     "archive written to": (flip_the_middle, "classes.jsa"),
-    "another archive in its place": (replace_archive, "classes.jsa"),
+    "a copy in its place": (lambda: replace_archive(ARCHIVE), "classes.jsa"),
+    "another archive in its place": (lambda: replace_archive(VM / "lib/server/classes.jsa"), "classes.jsa"),
     "the VM changed": (lambda: os.utime(LIBRARY), "libjvm.so"),
     "options changed": (append_option, "shipped.options"),
 }
