@@ -40,6 +40,6 @@ add_test(NAME java_vms.table
           --read-only ${PROJECT_SOURCE_DIR} /source -- /usr/bin/python3 -B /source/tests/vms/table.py)
 add_test(NAME java_vms.build
   COMMAND python3 -B ${CMAKE_CURRENT_SOURCE_DIR}/vms/build.py ${PROJECT_BINARY_DIR})
-# The table tells of the small runtime too, when it is there.
+# The table covers the small runtime too, when it is there.
 set_tests_properties(java_vms.table PROPERTIES TIMEOUT 300 LABELS long DEPENDS java_runtime)
 set_tests_properties(java_vms.build PROPERTIES TIMEOUT 600 LABELS long PROCESSORS 2)

@@ -42,11 +42,11 @@ def build(home):
 
 def request(folder, home):
     """All that a request leaves, but for times and process numbers."""
-    told = subprocess.run(
+    output = subprocess.run(
         [SOURCE / "standin/sandbox", folder, "--private-network", "--read-only", SOURCE, "/source", "--",
          "/usr/bin/env", f"LD_LIBRARY_PATH={home}/lib/server", "/bin/sh", "-c", REQUEST],
         capture_output=True, check=True, encoding="iso-8859-1").stdout
-    library, rest = told.split("\n", 1)
+    library, rest = output.split("\n", 1)
     if pathlib.Path(library) != home / "lib/server/libjvm.so":
         raise SystemExit(f"under {home} the program loads {library}")
     return re.sub(r"(?m)^\S+ \S+(  (?:DEBUG|ERROR) +\S+ +)\d+", r"\1", rest)

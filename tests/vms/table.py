@@ -1,4 +1,4 @@
-"""docs/on-a-device.md tells of each Java VM which of the shipped options it does not know, and whether the
+"""docs/on-a-device.md says of each Java VM which of the shipped options it does not know, and whether the
 class archive works with it. Those that are on this machine are asked. Runs in the device's sandbox."""
 
 import os
@@ -60,13 +60,13 @@ if not homes:
 for name, home in homes.items():
     print(name)
     found = unknown(home)
-    told = pages.code(rows[name]["does not know"])
-    if found != told:
-        wrong.append(f"{name} does not know {found}, told is {told}")
+    documented = pages.code(rows[name]["does not know"])
+    if found != documented:
+        wrong.append(f"{name} does not know {found}, documented is {documented}")
     # A shell sees nothing that is executable in a traced sandbox alone.
     if os.environ["VEMO_SANDBOX"] != "proot":
         found = "yes" if has_class_archive(home) else "no"
-        told = rows[name]["class archive"]
-        if found != told:
-            wrong.append(f"{name}: whether the class archive works: {found}, told is {told}")
+        documented = rows[name]["class archive"]
+        if found != documented:
+            wrong.append(f"{name}: whether the class archive works: {found}, documented is {documented}")
 sys.exit("\n".join(wrong) or None)

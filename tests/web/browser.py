@@ -78,14 +78,14 @@ def order_of(owner, function):
 
 def own_certificate():
     """For Chromium, which takes it in spite of who made it."""
-    told = subprocess.run(f"openssl x509 -in /tmp/web_{PORT}/etc/certificate.pem -noout -pubkey | openssl pkey -pubin"
-                          " -outform der | openssl dgst -sha256 -binary | base64", shell=True, check=True,
-                          stdout=subprocess.PIPE, text=True)
-    return f"--ignore-certificate-errors-spki-list={told.stdout.strip()}"
+    key = subprocess.run(f"openssl x509 -in /tmp/web_{PORT}/etc/certificate.pem -noout -pubkey | openssl pkey -pubin"
+                         " -outform der | openssl dgst -sha256 -binary | base64", shell=True, check=True,
+                         stdout=subprocess.PIPE, text=True)
+    return f"--ignore-certificate-errors-spki-list={key.stdout.strip()}"
 
 
 def log_in(driver):
-    """The browser knows name and password from here on, and tells them unasked."""
+    """From here on the browser knows name and password and sends them unasked."""
     secret = urllib.parse.quote(device.SECRET)
     # A page that no browser keeps: it has to ask for it, and is asked.
     driver.get("{0}://{2}:{3}@{1}{4}".format(*root().split("://"), device.USER, secret, FORM))

@@ -223,7 +223,7 @@ def with_address(text):
 
 
 class Installation:
-    """What is installed, with /tmp/web_PORT in the place of all folders. `edits` are made in the configuration; `parts`
+    """What is installed, with /tmp/web_PORT instead of all folders. `edits` are made in the configuration; `parts`
     of it are turned on. With TLS, http is on the next port."""
 
     def __init__(self, port, edits, parts):
@@ -238,7 +238,7 @@ class Installation:
         for folder in (self.programs / "gated", self.root / "run", self.settings / "web-servers"):
             folder.mkdir(parents=True)
         shutil.copy(SHIPPED / "java.options", self.settings)
-        self.places = {
+        self.folders = {
             "PROGRAMS": self.programs, "SHARED": self.shared, "SETTINGS": self.settings, "RUN": self.root / "run",
             "ARCHIVE": "/app/class-archive", "CLASS_PATH": SHIPPED / "java",
         }
@@ -256,8 +256,8 @@ class Installation:
             file.chmod(0o755)
 
     def configured(self, text):
-        for name, place in self.places.items():
-            text = text.replace(f"@VEMO_{name}@", str(place))
+        for name, folder in self.folders.items():
+            text = text.replace(f"@VEMO_{name}@", str(folder))
         text, commands = with_parts(text, self.parts)
         # Here is no such group.
         commands = commands.replace(" -g vemo-web ", " ").replace("IP:127.0.0.1", f"IP:127.0.0.1,IP:{NETWORK}")
@@ -273,7 +273,7 @@ class Installation:
         return text
 
     def configure(self, *names):
-        """The named templates, at their place; their text."""
+        """Writes the named templates; their text."""
         texts = []
         for name in names:
             text = (SOURCE / f"web/servers/{name}.in").read_text()
@@ -427,7 +427,7 @@ class Server:
 
     @contextlib.contextmanager
     def own_program(self, script, mode=0o755, page="channeldeviceconfig.cgi"):
-        """The script in the place of a page's program."""
+        """The script instead of a page's program."""
         program = self.installation.programs / page
         program.unlink()
         program.write_text(f"#!/bin/sh\n{script}\n")

@@ -6,7 +6,7 @@
 - The set-option page echoes markup of every kind. With --long each kind is tried on a page without the device's headers
   too.
 
-With --long each is tried from more places and against more of the device."""
+With --long each is tried from more origins and against more of the device."""
 
 import base64
 import contextlib
@@ -44,14 +44,14 @@ CANARY, FOREIGN = (("http://127.0.0.3:9003", "http://127.0.0.2:9001") if is_on_l
 LOCAL_FILE = "file:///tmp/attack.html"
 # The device's, in addresses.
 HOSTS = ("localhost", "127.0.0.1") if is_on_loopback() else (device.HOST,)
-# Other ports of the device's. Over http, elsewhere than on loopback, they count as the device: no browser tells.
+# Other ports of the device's. Elsewhere than on loopback, over http, browsers do not say which port it was.
 SAME_SITE = tuple(f"http://{host}:9002" for host in HOSTS) if is_on_loopback() or HAS_TLS else ()
 
 SET_OPTION = "setobdconf.cgi?CanDetectTimeout=evil"
 ALLOCATION = "channeldeviceconfig.cgi?allocation=allocate"
 ATTEMPT = r"attempt=([\w.:-]+)"
 
-# Of web servers that write no log as shipped. lighttpd's tells whether a password came along, too.
+# Of web servers that write no log as shipped. lighttpd's also has whether a password came along.
 WITH_ACCESS_LOG = (
     (r"(?m)^accesslog.filename.*",
      r'\g<0>\naccesslog.format = "%h %V %u %t \\"%r\\" %>s %b \\"%{Authorization}i\\""'),
@@ -202,10 +202,10 @@ def leading_to(url, template, number=0):
 
 
 class Attempts:
-    """The pages of one place, and the attempts on them."""
+    """The pages of one origin, and the attempts on them."""
 
-    def __init__(self, place, target, tag):
-        self.place = place
+    def __init__(self, origin, target, tag):
+        self.origin = origin
         self.target = target
         self.tag = tag
         self.names = []
@@ -232,7 +232,7 @@ class Attempts:
             parts.append(f'<iframe srcdoc="{inner.replace(chr(34), "&quot;")}"></iframe>')
         data = base64.b64encode(leading_to(self.url("data-form-text"), DOCUMENTS["form-text"]).encode()).decode()
         parts.append(f"<iframe src='data:text/html;base64,{data}'></iframe>")
-        if self.place.startswith("http"):
+        if self.origin.startswith("http"):
             for name in ANSWERS:
                 path = self.answer(f"/{self.tag}/answer-frame-{name}", name, "frame")
                 parts.append(f"<iframe src='{path}'></iframe>")
@@ -245,24 +245,24 @@ class Attempts:
         """The path and the text of each page that leads away."""
         for name, text in {**DOCUMENTS, **PAGES}.items():
             yield f"/{self.tag}/{name}", leading_to(self.url(f"page-{name}"), text)
-        if self.place.startswith("http"):
-            # A redirect of an address that was typed would be taken for the typed address itself: nothing in the
-            # request tells. So a page leads there.
+        if self.origin.startswith("http"):
+            # A redirect of an address that was typed would be taken for the typed address itself: the
+            # request is the same. So a page leads there.
             for name in ANSWERS:
                 path = self.answer(f"/{self.tag}/answer-{name}", name, "page")
                 yield f"/{self.tag}/{name}", leading_to(path, DOCUMENTS["location"])
 
 
-def attack(victim, place, target, tag, has_all=False, is_hidden=False):
-    """Opens the pages of the place, `has_all`: also those that lead away. They may hide their address. Returns the
+def attack(victim, origin, target, tag, has_all=False, is_hidden=False):
+    """Opens the pages of the origin, `has_all`: also those that lead away. They may hide their address. Returns the
     names of the attempts."""
-    attempts = Attempts(place, target, tag)
+    attempts = Attempts(origin, target, tag)
     for path, text in (attempts.all_in_one(), *(attempts.one_by_one() if has_all else ())):
         document_of[path] = 200, {"Referrer-Policy": "no-referrer"} if is_hidden else {}, text
-        if place == LOCAL_FILE:
+        if origin == LOCAL_FILE:
             pathlib.Path("/tmp/attack.html").write_text(text, encoding="utf-8")
             path = ""
-        victim.look(place + path)
+        victim.look(origin + path)
         # A page that is left stops what it has not sent.
         eventually(victim.is_complete)
     victim.close_windows()
@@ -277,15 +277,15 @@ def test_each_way_works_where_it_is_permitted(victim):
 
 
 def attacks():
-    """Place, target, whether the pages that lead away are tried too, and whether pages hide their address. To loopback
-    and to https the browser tells all the same."""
+    """Origin, target, whether the pages that lead away are tried too, and whether pages hide their address. To loopback
+    and to https the browser sends it all the same."""
     first, last = (f"{'https' if HAS_TLS else 'http'}://{host}:{PORT}" for host in (HOSTS[0], HOSTS[-1]))
     may_hide = not is_on_loopback() and not HAS_TLS
     if not IS_LONG:
         yield FOREIGN, f"{first}/{SET_OPTION}", True, may_hide
         if not may_hide:
-            for place in (*SAME_SITE[:1], LOCAL_FILE):
-                yield place, f"{first}/{SET_OPTION}", False, False
+            for origin in (*SAME_SITE[:1], LOCAL_FILE):
+                yield origin, f"{first}/{SET_OPTION}", False, False
         yield FOREIGN, f"{last}/{ALLOCATION}", False, False
         yield FOREIGN, f"{first}/reboot.cgi", False, False
         if HAS_TLS:
@@ -293,23 +293,23 @@ def attacks():
             yield FOREIGN, f"http://{HOSTS[0]}:{PORT + 1}/{SET_OPTION}", True, True
         return
     for is_hidden in (False, True):
-        for place in (FOREIGN,) if is_hidden else (FOREIGN, *SAME_SITE, LOCAL_FILE):
+        for origin in (FOREIGN,) if is_hidden else (FOREIGN, *SAME_SITE, LOCAL_FILE):
             for root in dict.fromkeys((first, last)):
                 for target in (SET_OPTION, ALLOCATION, "reboot.cgi", "%73etobdconf.cgi/more?CanDetectTimeout=evil"):
-                    yield place, f"{root}/{target}", True, is_hidden
+                    yield origin, f"{root}/{target}", True, is_hidden
 
 
 def test_foreign_pages_change_nothing(victim):
     boot = device.BOOT.read_text()
     made = set()
     todo = list(attacks())
-    for number, (place, target, has_all, is_hidden) in enumerate(todo):
-        made |= attack(victim, place, target, f"device{number}", has_all, is_hidden)
+    for number, (origin, target, has_all, is_hidden) in enumerate(todo):
+        made |= attack(victim, origin, target, f"device{number}", has_all, is_hidden)
     # And once more by a browser that has just been used for the device's own pages.
     if IS_LONG or not is_on_loopback():
         victim.open(success("300"))
-        place, target, *_ = todo[0]
-        made |= attack(victim, place, target, f"device{len(todo)}", IS_LONG, is_hidden=True)
+        origin, target, *_ = todo[0]
+        made |= attack(victim, origin, target, f"device{len(todo)}", IS_LONG, is_hidden=True)
     # Attempts that work on the canary work here; the last may be on their way.
     time.sleep(1)
 
@@ -324,7 +324,7 @@ def test_foreign_pages_change_nothing(victim):
     expect_unchanged()
     assert device.BOOT.read_text() == boot
     if HAS_PASSWORD:
-        # With requests for pages; others the browser keeps apart by the site of the page.
+        # With requests for pages; others the browser keeps separate by the site of the page.
         assert len(re.findall(r"attempt=.* 403 .*Digest username=", access_log())) > len(DOCUMENTS)
 
 
@@ -344,8 +344,8 @@ def test_a_typed_address_that_redirects_to_the_device(victim):
 def test_foreign_pages_give_no_order_to_the_nvm_service(victim):
     """Which listens on loopback, wherever the device does."""
     service = f"http://127.0.0.1:{NVM_PORT}/nVm?FunctionName=nvmAllocateDevice"
-    for number, place in enumerate((FOREIGN, *SAME_SITE[:1], LOCAL_FILE) if IS_LONG else (FOREIGN,)):
-        attack(victim, place, service, f"nvm{number}", IS_LONG)
+    for number, origin in enumerate((FOREIGN, *SAME_SITE[:1], LOCAL_FILE) if IS_LONG else (FOREIGN,)):
+        attack(victim, origin, service, f"nvm{number}", IS_LONG)
     time.sleep(1)
     assert not is_allocated()
 

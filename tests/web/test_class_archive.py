@@ -109,7 +109,7 @@ def expect_made_anew(prepare=None, stdin=subprocess.DEVNULL):
 
 
 class State:
-    """What the archive's record tells of files: their text, time and inode."""
+    """What the archive's record knows of files: size, time and inode; and their text."""
 
     def __init__(self):
         KEPT.mkdir()
@@ -273,7 +273,7 @@ def test_is_not_made_again_while_it_fits():
 
 
 def test_damage_behind_the_systems_back_is_found_at_the_next_start():
-    """Which no time stamp tells."""
+    """Which changes no time stamp."""
     before = ARCHIVE.stat()
     flip_the_middle()
     os.utime(ARCHIVE, ns=(before.st_atime_ns, before.st_mtime_ns))

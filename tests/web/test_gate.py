@@ -227,7 +227,7 @@ def test_the_queue_closes_up_when_some_in_it_are_killed(queue):
     kill(third)
     queue.let_go("first")
     queue.expect_began("first", "head")
-    # The head stays: nobody goes in its place.
+    # The head runs on: nobody else gets its slot.
     assert wakings(last) <= 5
     queue.expect_began("first", "head")
     queue.let_go("head")

@@ -1,4 +1,4 @@
-"""What a web server tells browsers to do with its answers."""
+"""What a web server has browsers do with its responses."""
 
 import base64
 import hashlib

@@ -57,7 +57,7 @@ def test_a_click_on_the_label_leads_into_the_field(technician):
     assert technician.driver.switch_to.active_element == technician.field()
 
 
-def test_success_is_told_and_leads_to_the_reboot(technician):
+def test_success_is_reported_and_leads_to_the_reboot(technician):
     technician.post("500")
     assert technician.title == TITLES["Set CanDetectTimeout"]
     assert technician.heading() == "Set CanDetectTimeout"

@@ -65,7 +65,7 @@ def test_the_frames_own_style_is_applied(shown):
         assert shown.style("body > p + div", "clear") == "both"
 
 
-def test_the_console_tells_of_nothing_unknown(shown):
+def test_the_console_reports_nothing_unknown(shown):
     # Browsers ask for an icon unasked; the other is their own start page.
     known = re.compile(r"/favicon\.ico .* 404|^chrome://")
     messages = [entry["message"] for entry in shown.driver.get_log("browser")]

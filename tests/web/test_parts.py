@@ -32,7 +32,7 @@ def reset():
 
 
 def ask_as(server, user, target, *headers, body=None, **how):
-    """Status and page, for a client that tells name and password when it is asked."""
+    """Status and page, for a client that sends name and password when it is asked."""
     lines = request(target, *headers, **how).decode("latin-1").split("\r\n")[1:-2]
     done = subprocess.run(
         ["/usr/bin/curl", "-sS", "-i", "--anyauth", "--path-as-is", "--max-time", str(device.LIMIT), "-u", user,
@@ -104,10 +104,10 @@ def test_keeps_the_password_from_programs(locked):
     ask_as(locked, RIGHT, CHANGE)
     logged = LOG.read_text(encoding="latin-1")
     with locked.own_program(f"{TEXT} exec /usr/bin/env") as page:
-        told = ask_as(locked, RIGHT, page)[1].decode()
-    device.require(logged and "JAVA_OPTIONS=" in told, "the programs do not run")
+        variables = ask_as(locked, RIGHT, page)[1].decode()
+    device.require(logged and "JAVA_OPTIONS=" in variables, "the programs do not run")
     secrets = "AUTHORIZATION", SECRET, base64.b64encode(RIGHT.encode()).decode(), "vemo-web:", "response="
-    assert [secret for secret in secrets if secret in logged + told] == []
+    assert [secret for secret in secrets if secret in logged + variables] == []
 
 
 # --- TLS

@@ -16,17 +16,17 @@ def order(technician):
     assert technician.style(".navi", "background-color") != "rgba(0, 0, 0, 0)"
 
 
-def test_a_new_value_is_there_when_the_page_tells_that_the_device_is_back(technician):
+def test_a_new_value_is_there_when_the_page_reports_the_reboot(technician):
     technician.post("500")
     order(technician)
     technician.wait_until(lambda: "The device is back: it has rebooted." in technician.driver.page_source,
-                          "the page does not tell")
+                          "the page does not report it")
     technician.follow("Device Information")
     assert technician.field().get_attribute("value") == "500"
     assert "\nVEMODCanDetectTimeout=500\n" in technician.settings()
 
 
-def test_without_scripts_a_link_tells(technician):
+def test_without_scripts_a_link_shows_the_reboot(technician):
     def is_listening():
         return device.can_connect((device.ADDRESS, browser.PORT))
 

@@ -71,7 +71,7 @@ def test_serves_with_the_real_java_vm(server):
     with device.Server(java=None) as real:
         device.reset()
         expect_stored(real, request(CHANGE), "500")
-        # The VM makes a socket for debuggers and leaves it behind when the program aborts: it is told to make none.
+        # The VM makes a socket for debuggers and leaves it behind when the program aborts: its options forbid it.
         assert real.ask(ABORTS).status == 200
         assert "ChangeStdErr" in device.LOG.read_text()
         assert [name for name in os.listdir("/tmp") if name.startswith(".java_pid")] == []
@@ -114,12 +114,12 @@ def test_serves_twenty_at_once(server):
     with ThreadPoolExecutor(20) as clients:
         answers = list(clients.map(ask, values))
     log, settings = device.LOG.read_text(), SETTINGS.read_text()
-    told = {}
+    logged = {}
     for process, text in logfile.statements(log):
-        told.setdefault(process, []).append(text)
+        logged.setdefault(process, []).append(text)
     for value, answer in zip(values, answers):
         assert (answer.status, answer.body) == (200, run_program(FIELD + value))
-    assert list(told.values()) == 20 * [log_of_success(server.installation.settings / "java.options")]
+    assert list(logged.values()) == 20 * [log_of_success(server.installation.settings / "java.options")]
     assert settings in map(settings_with, values)
     assert os.listdir(SETTINGS.parent) == [SETTINGS.name]
 

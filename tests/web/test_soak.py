@@ -161,7 +161,7 @@ def read_by_library():
     return 0, device.run_program(page=DEVICE_INFORMATION[1:])
 
 
-# Tells its own number and length, so that no part of one, and no mix of two, is one.
+# Contains its own number and length, so that no part of one, and no mix of two, is one.
 VALUE = re.compile(rb"v(\d+)-(\d+)-x*-\2-\1v")
 
 
@@ -230,7 +230,7 @@ class Soak:
                                  and not device.programs((".cgi", "/cgi-gate")), 3 * device.LIMIT)
 
     def do_alone(self, name, act):
-        """The first of its kind tells what the others are held against."""
+        """The others are compared with this first of its kind."""
         LOG.write_bytes(b"")
         self.answers[name] = without_values(act())
         self.calm_down()
