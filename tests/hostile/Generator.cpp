@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <initializer_list>
 #include <random>
+#include <sstream>
 #include <string>
 
 #include "Request.h"
@@ -251,33 +252,15 @@ std::string AnyCookies(Dice& dice) {
   return cookies;
 }
 
+constexpr char META[] =
+    "SERVER_SOFTWARE SERVER_NAME SERVER_PROTOCOL SERVER_PORT PATH_INFO PATH_TRANSLATED SCRIPT_NAME "
+    "REMOTE_HOST REMOTE_ADDR AUTH_TYPE REMOTE_USER REMOTE_IDENT HTTP_ACCEPT HTTP_USER_AGENT "
+    "HTTP_REFERER HTTP_ACCEPT_LANGUAGE HTTPS REDIRECT_REQUEST REDIRECT_URL REDIRECT_STATUS "
+    "GATEWAY_INTERFACE HTTP_TRANSFER_ENCODING HTTP_X LANG LC_ALL TZ";
+
 void AddMeta(Dice& dice, Command& request) {
-  for (const char* const name : {"SERVER_SOFTWARE",
-                                 "SERVER_NAME",
-                                 "SERVER_PROTOCOL",
-                                 "SERVER_PORT",
-                                 "PATH_INFO",
-                                 "PATH_TRANSLATED",
-                                 "SCRIPT_NAME",
-                                 "REMOTE_HOST",
-                                 "REMOTE_ADDR",
-                                 "AUTH_TYPE",
-                                 "REMOTE_USER",
-                                 "REMOTE_IDENT",
-                                 "HTTP_ACCEPT",
-                                 "HTTP_USER_AGENT",
-                                 "HTTP_REFERER",
-                                 "HTTP_ACCEPT_LANGUAGE",
-                                 "HTTPS",
-                                 "REDIRECT_REQUEST",
-                                 "REDIRECT_URL",
-                                 "REDIRECT_STATUS",
-                                 "GATEWAY_INTERFACE",
-                                 "HTTP_TRANSFER_ENCODING",
-                                 "HTTP_X",
-                                 "LANG",
-                                 "LC_ALL",
-                                 "TZ"}) {
+  std::istringstream names(META);
+  for (std::string name; names >> name;) {
     if (dice.OneIn(12)) {
       request.environment[name] = AnyGarbage(dice);
     }

@@ -20,7 +20,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::chrono::seconds TIME_LIMIT(20);
 // The CGI library allocates what a request announces. The real Java VM reserves some GiB.
 constexpr rlim_t FAKE_VM_MEMORY = 1UL << 30;
 constexpr rlim_t REAL_VM_MEMORY = 8UL << 30;
@@ -161,7 +160,7 @@ std::optional<Outcome> OutcomeOf(const Result& result, Vm vm) {
 
 // ---- The files.
 
-// What tells a file that was written to, or replaced, from one that was not.
+// Distinguishes a file that was written to, or replaced, from one that was not.
 using Stamp = std::tuple<ino_t, off_t, time_t, long>;
 
 Stamp StampOf(const char* path) {
@@ -273,7 +272,6 @@ Outcome Try(Command request, Vm vm, const Settings& settings, std::string& compl
   const Stamp before = StampOf(SETTINGS_FILE);
   const rlim_t memory = vm == Vm::kFake ? FAKE_VM_MEMORY : REAL_VM_MEMORY;
   request.prepare = [memory] { Limit(memory); };
-  request.limit = TIME_LIMIT;
   const Result result = Execute(vm == Vm::kFake ? WithFakeVm(request) : request);
 
   const std::optional<Outcome> outcome = OutcomeOf(result, vm);

@@ -143,7 +143,7 @@ TEST_F(FileReplacement, KeepsTheMode) {
   }
 }
 
-TEST_F(FileReplacement, LeavesTheOldContentToWhoeverIsReadingIt) {
+TEST_F(FileReplacement, LeavesTheOldContentToItsReaders) {
   WriteText(path, OLD);
   std::ifstream reader(path);
   EXPECT_TRUE(ReplaceFile(path, NEW));
@@ -333,7 +333,7 @@ TEST_F(FileReading, GivesTheWholeText) {
   }
 }
 
-// Sparse ones. Whoever took the length of such a file for less would store a piece of it.
+// Sparse ones. If their length were taken for less, a piece of the file would be stored.
 TEST_F(FileReading, RefusesAFileOfAbsurdSize) {
   WriteText(path, OLD);
   for (const std::uintmax_t size :

@@ -187,7 +187,7 @@ TEST_F(FileSharing, AFileThatNeverSettlesIsReadAllTheSame) {
 
 class LeasedFile : public FileSharing {
  protected:
-  // The kernel tells the holder that somebody else wants the file.
+  // The kernel signals the holder that another process wants the file.
   void SetUp() override {
     FileSharing::SetUp();
     signal(SIGIO, SIG_IGN);

@@ -139,7 +139,7 @@ Line AnySection() {
 Line AnyEntry() {
   const std::string key = *Key();
   const std::string value = *ForeignValue();
-  // Without a value, the place for one is the end of the line.
+  // Without a value, one would go to the end of the line.
   return {Kind::kEntry,
           key,
           *Blanks() + key + *Blanks() + "=" + *Blanks(),
@@ -256,11 +256,11 @@ RC_GTEST_PROP(PropertiesIniOfAnyShape, GetsNoLineNoKeyAndNoSectionFromAValue, ()
   const std::string key = *Key();
   const std::string after = After(Text(file), section, key, *Bytes());
 
-  const std::string place = "<value>";
-  const std::string expected = Text(Edited(file, section, key, place));
-  const std::size_t count = Count(expected, place);
-  const std::size_t length = (after.size() + count * place.size() - expected.size()) / count;
-  const std::string stored = after.substr(expected.find(place), length);
+  const std::string mark = "<value>";
+  const std::string expected = Text(Edited(file, section, key, mark));
+  const std::size_t count = Count(expected, mark);
+  const std::size_t length = (after.size() + count * mark.size() - expected.size()) / count;
+  const std::string stored = after.substr(expected.find(mark), length);
   RC_ASSERT(after == Text(Edited(file, section, key, stored)));
   RC_ASSERT(stored.find_first_of("\r\n\0"s) == std::string::npos);
 }

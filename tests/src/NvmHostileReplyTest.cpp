@@ -261,7 +261,7 @@ TEST_F(NvmHostileReply, AnInclusionIsNotFollowed) {
 TEST_F(NvmHostileReply, TheToggleLeavesLibxml2AsItWas) {
   WriteText(SECRET_FILE, "<!ENTITY e 'from the file'>");
   Toggle(Packet("x"));
-  // Whoever else uses libxml2 in this process still reaches its files.
+  // Other users of libxml2 in this process still reach their files.
   const OpenWatch watch(SECRET_FILE);
   const std::string reply = Packet("&e;", "<!DOCTYPE wddxPacket SYSTEM '/tmp/secret.txt'>");
   xmlFreeDoc(xmlReadMemory(reply.data(), static_cast<int>(reply.size()), "other.xml", nullptr,

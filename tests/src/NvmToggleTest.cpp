@@ -41,7 +41,7 @@ class NvmToggle : public testing::Test {
   }
   void TearDown() override { std::filesystem::remove_all(STATUS_FILE); }
 
-  // Toggles once, with whoever is there; the trace is then in `trace_`.
+  // Toggles once, with the service that is there, if any; the trace is then in `trace_`.
   int Toggle() {
     testing::internal::CaptureStdout();
     const int result = ToggleDeviceAllocation();

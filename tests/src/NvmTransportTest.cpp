@@ -70,7 +70,7 @@ class NvmTransport : public testing::Test {
     ForgetSocketCalls();
   }
 
-  // One exchange with whoever is there.
+  // One exchange with the service that is there, if any.
   static Outcome Call(const std::string& address, const std::string& function) {
     const auto openBefore = OpenDescriptors();
     Outcome outcome = Exchange(address, function);

@@ -72,8 +72,8 @@ void ScriptedService::Run() {
     const bool isLastLook = isStopping_;
     if (listener_.HasVisitor(MOMENT)) {
       const int connection = listener_.Accept();
-      const timeval patience = {20, 0};
-      setsockopt(connection, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+      const timeval timeout = {20, 0};
+      setsockopt(connection, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
       requests_.push_back(ReceiveRequest(connection));
       const std::size_t number = requests_.size();
       Play(connection, number <= replies_.size() ? replies_[number - 1]

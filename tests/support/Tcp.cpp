@@ -41,13 +41,6 @@ Listener::~Listener() {
   close(socket_);
 }
 
-std::uint16_t Listener::Port() const {
-  sockaddr_in own{};
-  socklen_t size = sizeof own;
-  getsockname(socket_, reinterpret_cast<sockaddr*>(&own), &size);
-  return ntohs(own.sin_port);
-}
-
 bool Listener::HasVisitor(int milliseconds) const {
   pollfd wait = {socket_, POLLIN, 0};
   return poll(&wait, 1, milliseconds) == 1;
@@ -58,9 +51,9 @@ int Listener::Accept() const {
 }
 
 Connection::Connection(const std::string& address, std::uint16_t port) : socket_(NewSocket()) {
-  const timeval patience = {20, 0};
-  setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-  setsockopt(socket_, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+  const timeval timeout = {20, 0};
+  setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+  setsockopt(socket_, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
   const sockaddr_in other = SocketAddress(address, port);
   EXPECT_EQ(connect(socket_, reinterpret_cast<const sockaddr*>(&other), sizeof other), 0);
 }

@@ -6,15 +6,13 @@
 
 constexpr std::uint16_t NVM_PORT = 5302;
 
-// A listening socket. Port 0: the kernel chooses a free one.
+// A listening socket.
 class Listener {
  public:
-  explicit Listener(const std::string& address, std::uint16_t port = 0);
+  Listener(const std::string& address, std::uint16_t port);
   ~Listener();
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
-
-  std::uint16_t Port() const;
 
   // Whether somebody has connected, or does so within the time.
   bool HasVisitor(int milliseconds = 0) const;
