@@ -4,10 +4,14 @@
 #include <gtest/gtest.h>
 #include <libxml/parser.h>
 
+#include <filesystem>
 #include <memory>
 #include <type_traits>
 
+#include "Files.h"
 #include "NvmClient.h"
+#include "Process.h"
+#include "Tcp.h"
 #include "WddxSchema.h"
 #include "XmlCalls.h"
 
@@ -134,6 +138,34 @@ TEST_P(NvmRequest, RequestIsByteForByteAndLogsNothing) {
                                              "Content-length: " +
                                              GetParam().length + "\r\n\r\n" + GetParam().packet);
   EXPECT_EQ(LogText(), "");
+}
+
+// An HTTP server that is not ours.
+TEST_P(NvmRequest, IsUnderstoodByAForeignServer) {
+  constexpr char REQUEST_FILE[] = "/tmp/http-request.txt";
+  std::filesystem::remove(REQUEST_FILE);
+  Command command;
+  command.words = {"/usr/bin/python3", "/source/tests/support/HttpServer.py", "127.0.0.2", "5302",
+                   REQUEST_FILE};
+  const BackgroundProcess server(command);
+  ASSERT_TRUE(Eventually([] { return IsListening("127.0.0.2", NVM_PORT); }));
+
+  std::string reply;
+  EXPECT_EQ(NvmClient().SendToNvm("127.0.0.2", GetParam().name, reply), 0);
+  EXPECT_EQ(reply, "<?xml version='1.0'?><answer/>");
+  EXPECT_EQ(ReadText(REQUEST_FILE), std::string("method: GET\n"
+                                                "path: /nVm\n"
+                                                "query: FunctionName=") +
+                                        GetParam().name +
+                                        "\n"
+                                        "version: HTTP/1.1\n"
+                                        "header Host: 127.0.0.2\n"
+                                        "header Accept: */*\n"
+                                        "header User-Agent: USER_AGENT\n"
+                                        "header Content-type: text/xml\n"
+                                        "header Content-length: " +
+                                        GetParam().length + "\nbody: " + GetParam().packet +
+                                        "\nleft over: 0\n");
 }
 
 INSTANTIATE_TEST_SUITE_P(, NvmRequest, testing::ValuesIn(FUNCTIONS),
