@@ -9,7 +9,6 @@ BUILD is what was built for it, and ARCHITECTURE Debian's name of it: arm64, arm
 import pathlib
 import re
 import shutil
-import subprocess
 import sys
 import unittest
 
@@ -58,64 +57,42 @@ AS_USER = ("cd /tmp; /bin/setpriv --reuid 1000 --regid 1000 --clear-groups env -
            "LANG=C.UTF-8 PWD=/tmp VEMO_PORT=8080 VEMO_SANDBOX=machine")
 
 
-class Image:
-    """The disk of a machine, from unpacked packages and what was built. `files` of that are in /build too."""
-
-    def __init__(self, architecture, build, folder, files):
-        self._root = ROOTS / architecture
-        self._tree = folder / "tree"
-        shutil.rmtree(folder, ignore_errors=True)
-        self._tree.mkdir(parents=True)
-        for name in ("bin", "sbin", "lib"):
-            (self._tree / "usr" / name).mkdir(parents=True)
-            (self._tree / name).symlink_to(f"usr/{name}")
-        for name in ("app", "build/tests", "dev", "proc", "small", "run", "source", "srv", "sys", "tmp"):
-            (self._tree / name).mkdir(parents=True)
-        self._take_packages()
-        self._take_build(build, files)
-        self.path = folder / "disk"
-        machine.make_disk(self.path, self._tree, "400M", "-m", "0", "-O", "^has_journal")
-        shutil.rmtree(self._tree)
-
-    def _copy(self, source, target):
-        target = self._tree / target
-        target.mkdir(parents=True, exist_ok=True)
-        subprocess.run(["cp", "-a", *source, target], check=True)
-
-    def _take_packages(self):
-        root = self._root
-        # Busybox' setpriv sets no user.
-        self._copy([root / "usr/bin/busybox", root / "usr/bin/setpriv"], "usr/bin")
-        self._copy([root / "usr/sbin/lighttpd"], "usr/sbin")
-        self._copy([*root.glob("usr/lib/ld-linux*"), root / "usr/lib/lighttpd", root / "usr/lib/jvm"], "usr/lib")
-        self._copy(root.glob("etc/java-*"), "etc")
-        for folder in root.glob("usr/lib/*-linux-gnu*"):
-            libraries = [path for path in folder.glob("*.so*") if not path.name.startswith(SANITIZERS)]
-            self._copy(libraries, folder.relative_to(root))
-
-    def _take_build(self, build, files):
-        for file in ("device", "setobdconf.cgi", *files):
-            self._copy([build / file], pathlib.PurePath("build", file).parent)
-        (self._tree / "srv/vemo").symlink_to("/build/device")
-        self._copy([SOURCE / "standin/obd.conf"], "source/standin")
-        paths = self._tree / "build/device/lighttpd-paths.conf"
-        text = paths.read_text(encoding="utf-8")
-        paths.write_text(text.replace('"127.0.0.1"', '"0.0.0.0"', 1), encoding="utf-8")
-        files = {"etc/passwd": "root:x:0:0::/:/bin/sh\nweb:x:1000:1000::/tmp:/bin/sh\n",
-                 "etc/group": "root:x:0:\nweb:x:1000:\n", "etc/hosts": "127.0.0.1 localhost\n", "init": INIT}
-        for path, text in files.items():
-            (self._tree / path).write_text(text, encoding="utf-8")
+def make_disk(architecture, build, folder):
+    """From unpacked packages and what was built."""
+    root = ROOTS / architecture
+    tree = machine.Tree(folder / "tree", "small", "srv", "usr/bin", "usr/sbin", "usr/lib")
+    for name in ("bin", "sbin", "lib"):
+        tree.file(name).symlink_to(f"usr/{name}")
+    # Busybox' setpriv sets no user.
+    tree.copy("usr/bin", root / "usr/bin/busybox", root / "usr/bin/setpriv")
+    tree.copy("usr/sbin", root / "usr/sbin/lighttpd")
+    tree.copy("usr/lib", *root.glob("usr/lib/ld-linux*"), root / "usr/lib/lighttpd", root / "usr/lib/jvm")
+    tree.copy("etc", *root.glob("etc/java-*"))
+    for libraries in root.glob("usr/lib/*-linux-gnu*"):
+        needed = [file for file in libraries.glob("*.so*") if not file.name.startswith(SANITIZERS)]
+        tree.copy(libraries.relative_to(root), *needed)
+    for file in ("device", "setobdconf.cgi", *TESTS):
+        tree.copy(pathlib.PurePath("build", file).parent, build / file)
+    tree.copy("source/standin", SOURCE / "standin/obd.conf")
+    tree.file("srv/vemo").symlink_to("/build/device")
+    machine.listen_to_outside(tree.file("build/device/lighttpd-paths.conf"))
+    tree.write("etc/passwd", "root:x:0:0::/:/bin/sh\nweb:x:1000:1000::/tmp:/bin/sh\n")
+    tree.write("etc/group", "root:x:0:\nweb:x:1000:\n")
+    tree.write("etc/hosts", "127.0.0.1 localhost\n")
+    tree.write("init", INIT)
+    tree.make_disk(folder / "disk", "400M", "-m", "0", "-O", "^has_journal")
+    return folder / "disk"
 
 
 class Device(booted.Device):
-    def __init__(self, architecture, build, folder, files=(), arguments=()):
+    def __init__(self, architecture, build, folder):
+        disk = make_disk(architecture, build, folder)
         root = ROOTS / architecture
-        image = Image(architecture, build, folder, files)
         kernel = machine.Kernel(root, architecture)
         initramfs = folder / "initramfs"
         machine.make_initramfs(initramfs, kernel, {}, booted.initramfs("/bin/busybox sh /init"),
                                machine.DISK + machine.EXT4 + machine.NETWORK, busybox=root / "usr/bin/busybox")
-        super().__init__(kernel, initramfs, image.path, arguments, memory_mib=512)
+        super().__init__(kernel, initramfs, disk, memory_mib=512)
         self.machine.wait_for("^ready$", booted.BOOT)
 
     def start(self):
@@ -131,8 +108,9 @@ class Arm(booted.Requests, unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         folder = BUILD / "machine"
+        folder.mkdir(exist_ok=True)
         cls.addClassCleanup(shutil.rmtree, folder, ignore_errors=True)
-        cls.device = Device(ARCHITECTURE, BUILD, folder, TESTS)
+        cls.device = Device(ARCHITECTURE, BUILD, folder)
         cls.addClassCleanup(lambda: cls.device.machine.kill())
         cls.device.start()
         print(f"from power-on to the first page: {cls.device.wait_for_page():.1f} s", file=sys.stderr)
@@ -141,14 +119,12 @@ class Arm(booted.Requests, unittest.TestCase):
         return self.device.read(SETTINGS)
 
     def test_1_the_machine_is_what_it_says(self):
-        status, told = self.device.run("uname -m")
-        self.assertEqual((status, told.strip()), (0, {"arm64": "aarch64", "armhf": "armv7l"}[ARCHITECTURE]))
+        names = {"arm64": "aarch64", "armhf": "armv7l"}
+        self.assertEqual(self.device.expect("uname -m").strip(), names[ARCHITECTURE])
 
     def test_1_the_class_archive_is_made_and_fits(self):
-        status, told = self.device.run(
-            f"{AS_USER} JAVA_OPTIONS=-XX:VMOptionsFile=/srv/vemo/java.options "
-            f"JAVA_CLASSPATH=/srv/vemo/java /srv/vemo/bin/class-archive fits {self.ARCHIVE}")
-        self.assertEqual(status, 0, told + self.device.read("/tmp/start.log"))
+        self.device.expect(f"cat /tmp/start.log; {AS_USER} JAVA_OPTIONS=-XX:VMOptionsFile=/srv/vemo/java.options "
+                           f"JAVA_CLASSPATH=/srv/vemo/java /srv/vemo/bin/class-archive fits {self.ARCHIVE}")
 
     def test_2_without_the_field_nothing_is_stored(self):
         before = self.settings()
@@ -162,8 +138,7 @@ class Arm(booted.Requests, unittest.TestCase):
                                        {"Content-Type": "application/x-www-form-urlencoded"})
         self.assertEqual(status, 200)
         self.assertIn("<p>Set CanDetectTimeout to 8\xfc0 ms.\n", page)
-        _, bytes_ = self.device.run(f"grep CanDetect {SETTINGS} | od -c | head -n 3")
-        self.assertIn("8 374   0", bytes_)
+        self.assertIn("8 374   0", self.device.expect(f"grep CanDetect {SETTINGS} | od -c | head -n 3"))
 
     def test_4_what_the_web_server_refuses_is_not_stored(self):
         before = self.settings()
@@ -190,10 +165,9 @@ class Arm(booted.Requests, unittest.TestCase):
     def test_5_the_nvm_client_allocates_and_releases(self):
         replies = []
         for _ in range(2):
-            status, told = self.device.run(f"{AS_USER} /build/device/bin/toggle-device-allocation")
-            self.assertEqual(status, 0, told)
-            self.assertRegex(told, r"(?s)^\n\n<.*</wddxPacket>\n332\n.*\n<.*</wddxPacket>\n$")
-            replies.append(re.findall("<wddxPacket.*</wddxPacket>", told))
+            said = self.device.expect(f"{AS_USER} /build/device/bin/toggle-device-allocation")
+            self.assertRegex(said, r"(?s)^\n\n<.*</wddxPacket>\n332\n.*\n<.*</wddxPacket>\n$")
+            replies.append(re.findall("<wddxPacket.*</wddxPacket>", said))
         # The first finds what the second leaves.
         self.assertEqual((replies[0][0], replies[0][-1]), (replies[1][-1], replies[1][0]))
 
@@ -201,11 +175,10 @@ class Arm(booted.Requests, unittest.TestCase):
         # They expect no address but the loopback's.
         self.device.run("kill $(pidof lighttpd) $(pidof nvm-service); ip link set eth0 down")
         left_out = ":".join(NOT_HERE + DOZENS[ARCHITECTURE])
-        status, told = self.device.run(
-            f"{AS_USER} /build/tests/program_tests --gtest_brief=1 '--gtest_filter=-{left_out}'", TESTS_LIMIT)
-        print(told, file=sys.stderr)
-        self.assertEqual(status, 0, told)
-        self.assertRegex(told, r"PASSED  \] [1-9]")
+        said = self.device.expect(
+            f"{AS_USER} /build/tests/program_tests --gtest_brief=1 '--gtest_filter=-{left_out}'", seconds=TESTS_LIMIT)
+        print(said, file=sys.stderr)
+        self.assertRegex(said, r"PASSED  \] [1-9]")
 
 
 if __name__ == "__main__":

@@ -1,8 +1,7 @@
 """How little memory a device may have: a kernel, busybox, the web server, the programs, a Java runtime.
 
-    python3 -B tests/machine/floor.py BUILD [Floor.TEST]    what docs/on-a-device.md tells, at its figures
+    python3 -B tests/machine/floor.py BUILD [Floor.TEST]    at the figures of docs/on-a-device.md
     python3 -B tests/machine/floor.py BUILD search          finds the figures
-    python3 -B tests/machine/floor.py BUILD try MIB         one request, then four at once, with so much left for them
 
 No swap; vm.overcommit_memory is the kernel's own, 0. What is in memory for good: the kernel, the shell that
 is its first process, the web server. The disk is ext4, with /tmp and /run on it.
@@ -13,7 +12,6 @@ import contextlib
 import pathlib
 import re
 import shutil
-import socket
 import subprocess
 import sys
 import time
@@ -30,7 +28,7 @@ import root  # noqa: E402
 
 FOLDER = BUILD / "machine"
 RUNTIME = BUILD / "java-runtime"
-WEB_SERVER = "/usr/sbin/lighttpd"
+WEB_SERVER = pathlib.Path("/usr/sbin/lighttpd")
 MODULES = pathlib.Path("/usr/lib/lighttpd")
 ERRORS = "/var/log/web-server"
 ARCHIVE = "/var/cache/vemo-web/archive"
@@ -66,84 +64,45 @@ exec setsid -c sh -c "while true; do sh; done" <>/dev/console >&0 2>&1
 @contextlib.contextmanager
 def made_disk():
     """What the packages hold and what they need, with the class archive already made. Gone at the end."""
-    path, tree = FOLDER / "floor.disk", FOLDER / "floor.d"
+    path = FOLDER / "floor.disk"
     try:
-        shutil.rmtree(tree, ignore_errors=True)
-        fill(tree)
-        machine.make_disk(path, tree, "400M", "-m", "0")
-        shutil.rmtree(tree)
+        filled_tree().make_disk(path, "400M", "-m", "0")
         with Device(path, PLENTY, task="archive") as device:
             if "archive made" not in device.machine.wait_until_off(LIMIT):
                 raise machine.MachineError(device.machine.console())
         yield path
     finally:
-        shutil.rmtree(tree, ignore_errors=True)
         path.unlink(missing_ok=True)
 
 
-def fill(tree):
-    for folder in ("app/tarn-belox/runvex", "bin", "dev", "lib64", "proc", "run/vemo-web", "sbin", "sys",
-                   "tmp", "usr/bin", "usr/lib/lighttpd", "usr/lib/jvm", "usr/sbin", "var/cache/vemo-web",
-                   "var/log"):
-        (tree / folder).mkdir(parents=True)
+def filled_tree():
+    written = ("app/tarn-belox/runvex", "run/vemo-web", "tmp", "var/cache/vemo-web")
+    tree = machine.Tree(FOLDER / "floor.d", *written, "bin", "lib64", "sbin", "usr/bin", "usr/lib/jvm", "var/log")
     made = root.packages(BUILD)
     for name in ("vemo-web", "vemo-web-standin"):
-        subprocess.run(["dpkg-deb", "--extract", made[name], tree], check=True)
-    subprocess.run(["cp", "-a", RUNTIME, tree / "usr/lib/jvm/default-java"], check=True)
+        subprocess.run(["dpkg-deb", "--extract", made[name], tree.path], check=True)
+    subprocess.run(["cp", "-a", RUNTIME, tree.file("usr/lib/jvm/default-java")], check=True)
     modules = re.findall(r'"(mod_\w+)"', (SOURCE / "web/lighttpd/lighttpd.conf").read_text(encoding="utf-8"))
-    files = [pathlib.Path(WEB_SERVER), *filter(pathlib.Path.exists, (MODULES / f"{name}.so" for name in modules))]
-    for file in files:
-        shutil.copy(file, tree / str(file).lstrip("/"))
+    files = [WEB_SERVER, *filter(pathlib.Path.exists, (MODULES / f"{name}.so" for name in modules))]
     needed = {}
     for file in (*files, BUILD / "setobdconf.cgi", *RUNTIME.rglob("*.so"), RUNTIME / "bin/java"):
         needed.update(machine.libraries(file))
-    for library in needed:
-        if "/jvm/" not in library and not library.startswith(str(BUILD)):
-            target = tree / library.lstrip("/")
-            target.parent.mkdir(parents=True, exist_ok=True)
-            shutil.copy(library, target)
-    for tool in tools():
-        (tree / "bin" / tool).symlink_to("busybox")
-    shutil.copy("/bin/busybox", tree / "bin")
-    settings = tree / "etc/vemo-web/web-server.conf"
-    settings.write_text(settings.read_text().replace('"127.0.0.1"', '"0.0.0.0"', 1))
-    shutil.copy(SOURCE / "standin/obd.conf", tree / booted.SETTINGS.lstrip("/"))
-    (tree / "etc/passwd").write_text("root:x:0:0::/:/bin/sh\nvemo-web:x:1000:1000::/:/bin/sh\n")
-    (tree / "init").write_text(INIT)
-    for folder in ("app/tarn-belox/runvex", "run/vemo-web", "tmp", "var/cache/vemo-web"):
-        for file in (tree / folder, *(tree / folder).rglob("*")):
+    files += [file for file in map(pathlib.Path, needed) if BUILD not in file.parents and "/jvm/" not in str(file)]
+    for file in files:
+        tree.file(file.parent).mkdir(parents=True, exist_ok=True)
+        shutil.copy(file, tree.file(file))
+    shutil.copy("/bin/busybox", tree.file("bin"))
+    tools = subprocess.run(["/bin/busybox", "--list"], stdout=subprocess.PIPE, text=True, check=True).stdout.split()
+    for tool in {*tools} - {"busybox"}:
+        tree.file(f"bin/{tool}").symlink_to("busybox")
+    machine.listen_to_outside(tree.file("etc/vemo-web/web-server.conf"))
+    tree.copy(pathlib.PurePath(booted.SETTINGS).parent, SOURCE / "standin/obd.conf")
+    tree.write("etc/passwd", "root:x:0:0::/:/bin/sh\nvemo-web:x:1000:1000::/:/bin/sh\n")
+    tree.write("init", INIT)
+    for folder in written:
+        for file in (tree.file(folder), *tree.file(folder).rglob("*")):
             shutil.chown(file, 1000, 1000)
-
-
-def tools():
-    found = subprocess.run(["/bin/busybox", "--list"], capture_output=True, text=True, check=True).stdout
-    return set(found.split()) - {"busybox"}
-
-
-class Answer:
-    """What a browser gets. `status` is 0 when there is none."""
-
-    def __init__(self, port, value):
-        self.value = value
-        self.page = b""
-        try:
-            with socket.create_connection(("127.0.0.1", port), timeout=LIMIT) as connection:
-                connection.sendall(f"GET /setobdconf.cgi?CanDetectTimeout={value} HTTP/1.0\r\n"
-                                   "Host: localhost\r\n\r\n".encode())
-                while chunk := connection.recv(65536):
-                    self.page += chunk
-        except OSError:
-            pass
-        self.page = self.page.decode("iso-8859-1")
-        first = re.match(r"HTTP/1\.\d (\d+)", self.page)
-        self.status = int(first[1]) if first else 0
-
-    def is_served(self):
-        return (self.status == 200 and f"<p>Set CanDetectTimeout to {self.value} ms.\n" in self.page
-                and SUCCESS in self.page and self.page.endswith("</html>\n"))
-
-    def __repr__(self):
-        return f"{self.status}, {'served' if self.is_served() else 'ending in ' + repr(self.page[-60:])}"
+    return tree
 
 
 class Device(booted.Device):
@@ -167,31 +126,27 @@ class Device(booted.Device):
     def wait_until_ready(self):
         self.machine.wait_for("^ready$", LIMIT)
         end = time.monotonic() + LIMIT
-        while "HTTP/1" not in self.home():
+        while self.get("/index.html", 5)[0] == 0:
             if time.monotonic() > end:
                 raise machine.MachineError("the web server does not answer")
             time.sleep(0.1)
 
     def leave(self, mib):
         """Takes what is free but for so much; as something else on the device would."""
-        status, told = self.run(
-            "mkdir /taken; mount -t tmpfs -o size=100% tmpfs /taken; sync; "
-            "free=$(sed -n 's/^MemAvailable: *\\([0-9]*\\) kB/\\1/p' /proc/meminfo); "
-            f"dd if=/dev/zero of=/taken/file bs=1k count=$((free - {mib} * 1024))")
-        if status:
-            raise machine.MachineError(told)
+        self.expect("mkdir /taken; mount -t tmpfs -o size=100% tmpfs /taken; sync; "
+                    "free=$(sed -n 's/^MemAvailable: *\\([0-9]*\\) kB/\\1/p' /proc/meminfo); "
+                    f"dd if=/dev/zero of=/taken/file bs=1k count=$((free - {mib} * 1024))")
 
-    def home(self):
-        try:
-            with socket.create_connection(("127.0.0.1", self.port), timeout=5) as connection:
-                connection.sendall(b"GET /index.html HTTP/1.0\r\nHost: localhost\r\n\r\n")
-                return connection.recv(100).decode("iso-8859-1")
-        except OSError:
-            return ""
+    def store(self, value):
+        """Status and page of a request, and whether it was served."""
+        status, page = self.get(f"/setobdconf.cgi?CanDetectTimeout={value}", LIMIT)
+        is_served = (status == 200 and f"<p>Set CanDetectTimeout to {value} ms.\n" in page and SUCCESS in page
+                     and page.endswith("</html>\n"))
+        return status, page, is_served
 
-    def ask_at_once(self, *values):
-        with concurrent.futures.ThreadPoolExecutor(len(values)) as clients:
-            return list(clients.map(lambda value: Answer(self.port, value), values))
+    def serves_at_once(self, requests, first=1000):
+        with concurrent.futures.ThreadPoolExecutor(requests) as clients:
+            return all(is_served for *_, is_served in clients.map(self.store, range(first, first + requests)))
 
 
 def serves(disk, available, requests):
@@ -199,11 +154,7 @@ def serves(disk, available, requests):
     with Device(disk, MACHINE, keeps=False) as device:
         device.wait_until_ready()
         device.leave(available)
-        for first in (1000, 2000):
-            answers = device.ask_at_once(*range(first, first + requests))
-            if not all(answer.is_served() for answer in answers):
-                return False
-        return True
+        return all(device.serves_at_once(requests, first) for first in (1000, 2000))
 
 
 def boots(disk, memory, requests):
@@ -213,7 +164,7 @@ def boots(disk, memory, requests):
             device.wait_until_ready()
         except machine.MachineError:
             return False
-        return all(answer.is_served() for answer in device.ask_at_once(*range(1000, 1000 + requests)))
+        return device.serves_at_once(requests)
 
 
 def least(is_enough, low, high):
@@ -226,20 +177,14 @@ def least(is_enough, low, high):
     return high
 
 
-def attempt(disk, available):
-    with Device(disk, MACHINE, keeps=False) as device:
-        device.wait_until_ready()
-        device.leave(available)
-        for requests in (1, 4):
-            print(device.ask_at_once(*range(1000, 1000 + requests)))
-            print(device.run(f"tail -n 12 {booted.LOG}; cat {ERRORS}; grep VEMODCan {booted.SETTINGS}; "
-                             "dmesg | grep -iE 'out of memory|oom|killed' | tail -n 12")[1], flush=True)
-
-
-def told(column="memory left for them"):
-    """What docs/on-a-device.md tells: the least MiB, by the number of requests at once."""
+def documented(column):
+    """What docs/on-a-device.md says: the least MiB, by the number of requests at once."""
     return {int(row["requests at once"]): int(row[column].removesuffix(" MiB"))
             for row in pages.rows("docs/on-a-device.md") if column in row}
+
+
+LEFT = documented("memory left for them")
+IN_ALL = documented("all memory, with Debian's cloud kernel")
 
 
 class Floor(unittest.TestCase):
@@ -247,40 +192,35 @@ class Floor(unittest.TestCase):
     def setUpClass(cls):
         cls.disk = cls.enterClassContext(made_disk())
 
-    def test_a_little_above_what_is_told_requests_are_served(self):
-        self.assertEqual(sorted(told()), [1, 4])
-        for requests, mib in told().items():
-            with self.subTest(requests):
-                self.assertTrue(serves(self.disk, mib + MARGIN, requests))
+    def test_a_little_above_the_documented_memory_requests_are_served(self):
+        """Above what is left for them, and above what the machine has in all."""
+        for is_enough, column in ((serves, LEFT), (boots, IN_ALL)):
+            self.assertEqual(sorted(column), [1, 4])
+            for requests, mib in column.items():
+                with self.subTest(is_enough=is_enough.__name__, requests=requests):
+                    self.assertTrue(is_enough(self.disk, mib + MARGIN, requests))
 
-    def test_a_machine_with_little_more_memory_in_all_serves_requests(self):
-        column = told("all memory, with Debian's cloud kernel")
-        self.assertEqual(sorted(column), [1, 4])
-        for requests, mib in column.items():
-            with self.subTest(requests):
-                self.assertTrue(boots(self.disk, mib + MARGIN, requests))
-
-    def test_far_below_it_the_page_is_cut_the_logs_tell_and_nothing_is_lost(self):
+    def test_far_below_it_the_page_is_cut_the_logs_say_so_and_nothing_is_lost(self):
         with Device(self.disk, MACHINE) as device:
             device.wait_until_ready()
-            device.leave(told()[1] * 2 // 3)
-            answer = Answer(device.port, 1000)
+            device.leave(LEFT[1] * 2 // 3)
+            status, page, _ = device.store(1000)
             # A minute is not always enough for the page's head. Then the server says it in a page of its own.
-            self.assertIn(answer.status, (200, 500), answer)
-            self.assertNotIn("<h2>", answer.page)
-            # The server says it when it has seen the end, which it may after it answered.
-            _, errors = device.run(f"for try in 1 2 3 4 5; do grep 'died with' {ERRORS} && break; sleep 1; done; "
+            self.assertIn(status, (200, 500), page)
+            self.assertNotIn("<h2>", page)
+            # The server logs it when it has seen the end, which it may after it answered.
+            errors = device.expect(f"for try in 1 2 3 4 5; do grep 'died with' {ERRORS} && break; sleep 1; done; "
                                    f"cat {ERRORS}")
             end = re.search(r"CGI pid (\d+) died with signal (9|14)$", errors, re.MULTILINE)
             self.assertIsNotNone(end, errors)
-            print(f"{answer}; {end[0]}")
+            print(f"{status}, ending in {page[-60:]!r}; {end[0]}")
             if end[2] == "9":
                 self.assertRegex(device.run("dmesg")[1], rf"Out of memory: Killed process {end[1]} \(setobdconf")
             self.expect_whole(device, 300)
             # As soon as there is memory again, without a start of anything.
-            device.run("umount /taken")
-            answer = Answer(device.port, 2000)
-            self.assertTrue(answer.is_served(), answer)
+            device.expect("umount /taken")
+            *answer, is_served = device.store(2000)
+            self.assertTrue(is_served, answer)
             self.expect_whole(device, 2000)
 
     def expect_whole(self, device, value):
@@ -300,9 +240,6 @@ def main():
                 for requests in (1, 4):
                     print(f"{requests} at once, the whole machine with this kernel:", flush=True)
                     print(least(lambda mib: boots(disk, mib, requests), 48, 144), "MiB")
-        case ["try", mib]:
-            with made_disk() as disk:
-                attempt(disk, int(mib))
         case [*test] if all(name.startswith("Floor") for name in test):
             if reason := root.why_not():
                 print(f"skipped '{reason}'\nOK (skipped=1)")

@@ -84,8 +84,8 @@ class Kernel:
 
 def libraries(binary, without=()):
     """The shared libraries that a program of this machine needs, by their paths."""
-    told = subprocess.run(["ldd", binary], capture_output=True, text=True, check=True).stdout
-    found = re.findall(r"^\t(?:(\S+) => )?(/\S+) \(", told, re.MULTILINE)
+    listed = subprocess.run(["ldd", binary], capture_output=True, text=True, check=True).stdout
+    found = re.findall(r"^\t(?:(\S+) => )?(/\S+) \(", listed, re.MULTILINE)
     return {path: path for name, path in found if name not in without}
 
 
@@ -120,6 +120,37 @@ def make_disk(path, tree, size, *options):
     """A file with an ext4 file system that holds what is in the folder."""
     path.unlink(missing_ok=True)
     subprocess.run([MKFS, "-q", *options, "-d", tree, path, size], check=True)
+
+
+class Tree:
+    """A folder that becomes a disk without systemd, and is gone then."""
+
+    def __init__(self, path, *folders):
+        self.path = path
+        shutil.rmtree(path, ignore_errors=True)
+        for folder in ("app", "dev", "proc", "run", "sys", "tmp", *folders):
+            self.file(folder).mkdir(parents=True, exist_ok=True)
+
+    def file(self, name):
+        return self.path / str(name).lstrip("/")
+
+    def copy(self, target, *sources):
+        """Files and folders, into a folder, as they are."""
+        self.file(target).mkdir(parents=True, exist_ok=True)
+        subprocess.run(["cp", "-a", *sources, self.file(target)], check=True)
+
+    def write(self, name, text):
+        self.file(name).parent.mkdir(parents=True, exist_ok=True)
+        self.file(name).write_text(text, encoding="utf-8")
+
+    def make_disk(self, path, size, *options):
+        make_disk(path, self.path, size, *options)
+        shutil.rmtree(self.path)
+
+
+def listen_to_outside(file):
+    """By the line of the web server's configuration."""
+    file.write_text(file.read_text(encoding="utf-8").replace('"127.0.0.1"', '"0.0.0.0"', 1), encoding="utf-8")
 
 
 def disk(path):
