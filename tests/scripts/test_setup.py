@@ -34,8 +34,10 @@ def test_java_classes_build_in_a_folder_with_letters_that_the_locale_has_not(che
 def test_nothing_is_read_from_standard_input(checkout):
     """At a terminal the commands of the scripts would wait for an answer."""
     with subprocess.Popen(["sleep", "1000"], stdout=subprocess.PIPE) as silent:
-        expect_in_setup(0, "", "timeout 60 cat", stdin=silent.stdout)
-        silent.kill()
+        try:
+            expect_in_setup(0, "", "timeout 60 cat", stdin=silent.stdout)
+        finally:
+            silent.kill()
 
 
 def test_no_standard_input_is_needed(checkout):
