@@ -50,16 +50,6 @@ def carry_out(build, device):
         shutil.copy(file, folder)
 
 
-def programs(build):
-    """The folder with the built pages; built anew when the packages are younger."""
-    folder = build / "example"
-    root.packages(build)
-    if not folder.exists() or folder.stat().st_mtime < (build / "packages/SHA256SUMS").stat().st_mtime:
-        with author(build) as device:
-            list(carry_out(build, device))
-    return folder
-
-
 @pytest.fixture(scope="module")
 def device(build):
     if reason := root.why_not():
