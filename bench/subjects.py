@@ -25,7 +25,7 @@ OPTIONS_ALONE = {**REQUEST, **DIRECTORY, **options(DEVICE_OPTIONS)}
 SHIPPED = {**REQUEST, **DIRECTORY, **options(f"{ARCHIVE}/java.options")}
 WITH_FAKE_VM = {**REQUEST, **DIRECTORY, "LD_PRELOAD": FAKE_VM}
 
-# Options whose share speed.md tells. The first step of the VM's start is without them.
+# Options whose share is in speed.md. The first step of the VM's start is without them.
 ON_TRIAL = ("UseAVX", "UseSSE", "UseSVE", "UseAES", "UseSHA", "UseMD5", "DisableAttachMechanism")
 FIRST_STEP = "options, but for those of the next lines"
 

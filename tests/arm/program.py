@@ -44,7 +44,7 @@ class Program(unittest.TestCase):
         page, rest = request(REAL_VM)
         self.assertIn("<p>Set CanDetectTimeout to 500 ms.\n", page)
         self.assertTrue(rest.startswith("0\n[SETTINGS]\nVEMODCanDetectTimeout=500\n"), rest)
-        self.assertEqual(booted.places(rest), booted.PLACES)
+        self.assertEqual(booted.statements(rest), booted.STATEMENTS)
         # Of the VM not a word.
         page_of_fake, rest_of_fake = request(FAKE_VM)
         self.assertEqual(page_of_fake, page)

@@ -25,13 +25,13 @@ ip link set lo up
 ip address add 10.0.2.15/24 dev eth0
 ip link set eth0 up
 """
-# Where a stored value is logged: source and line.
-PLACES = [("src/SetObdConf", "30"), ("src/JavaVmWrapper", "73"), ("src/JavaVmWrapper", "81"),
-          ("src/JavaVmWrapper", "99"), ("src/JavaVmWrapper", "155")]
+# What a stored value logs: source and number of each statement.
+STATEMENTS = [("src/SetObdConf", "30"), ("src/JavaVmWrapper", "73"), ("src/JavaVmWrapper", "81"),
+              ("src/JavaVmWrapper", "99"), ("src/JavaVmWrapper", "155")]
 
 
-def places(log):
-    return [tuple(place.split()) for place in re.findall(r"src/\S+ +\d+", log)]
+def statements(log):
+    return [tuple(statement.split()) for statement in re.findall(r"src/\S+ +\d+", log)]
 
 
 def initramfs(init):
@@ -125,7 +125,7 @@ class Requests:
         self.assertIn("<p>Set CanDetectTimeout to 750 ms.\n</p>Set new option was successful.<br />\n", page)
         self.assertEqual(self.device.read(SETTINGS), settings_with(750))
         lines = self.device.expect(f"tail -n +{int(before) + 1} {LOG}").splitlines()
-        self.assertEqual([places(line) for line in lines], [[place] for place in PLACES])
+        self.assertEqual([statements(line) for line in lines], [[statement] for statement in STATEMENTS])
         self.assertIn(f"{self.ARCHIVE}/java.options", lines[2])
 
     def test_3_the_java_side_knows_the_devices_address(self):

@@ -41,7 +41,7 @@ PLENTY = 512
 MACHINE = 160
 MARGIN = 8
 
-# The shell that the test talks to is none of the device, and never the one to be ended.
+# The shell that the test talks to is not part of the device. The kernel must not choose it to be ended.
 INIT = f"""
 export PATH=/bin:/sbin:/usr/bin
 {booted.MOUNTS_AND_NETWORK}

@@ -42,7 +42,7 @@ OF_ONE_CLIENT = 16  # connections
 TIMES = 20
 UPGRADES = {6: "9.0.0", 13: "9.1.0"}  # behind so many restarts
 # Sources and numbers of the lines of a request, with the field and without.
-STORED = " ".join(number for _, number in booted.PLACES)
+STORED = " ".join(number for _, number in booted.STATEMENTS)
 ASKED = f"{STORED} 50 88"
 # Over 1 MB, by lines that nobody takes for a request's.
 ROTATE = (f"head -c 1100000 /dev/zero | tr '\\0' '\\n' >>{LOG}; for _ in $(seq 100); do systemctl start vemo-web-log; "
@@ -178,14 +178,14 @@ class Installed(booted.Requests, unittest.TestCase):
         self.assertIn("The device does not reboot: this web interface is not allowed to reboot it.", page)
         self.assertIn("switch the device off and on again", page)
         # No installation starts what reboots, nor a slip.
-        status, told = self.device.run("systemctl start vemo-web-reboot.service")
-        self.assertNotEqual(status, 0, told)
+        status, output = self.device.run("systemctl start vemo-web-reboot.service")
+        self.assertNotEqual(status, 0, output)
         self.assertEqual(self.boot_id(), boot)
 
     def test_0_as_installed_the_device_is_not_rebooted(self):
-        _, told = self.device.run("systemctl is-enabled vemo-web-reboot.socket vemo-web-reboot.service; "
+        _, output = self.device.run("systemctl is-enabled vemo-web-reboot.socket vemo-web-reboot.service; "
                                   "systemctl is-active vemo-web-reboot.socket; ls /run/vemo-web-reboot")
-        self.assertRegex(told, r"\Adisabled\nstatic\ninactive\nls: ")
+        self.assertRegex(output, r"\Adisabled\nstatic\ninactive\nls: ")
         self.expect_no_reboot()
 
     def test_1_the_service_is_up_by_itself_and_the_check_is_content(self):
@@ -219,15 +219,15 @@ class Installed(booted.Requests, unittest.TestCase):
     def expect_content(self):
         # The class archive is made while the service serves already: the disk is a copy.
         self.device.run("vemo-web-class-archive")
-        told = self.device.expect("vemo-web-check")
-        self.assertNotIn("WRONG", told)
+        output = self.device.expect("vemo-web-check")
+        self.assertNotIn("WRONG", output)
 
     def test_1_the_commands_of_the_pages(self):
         for command, rule in commands.commands_in(("machine",)):
             with self.subTest(page=command.page, command=command.text):
-                status, told = self.device.run(f"bash -c {shlex.quote(commands.script(command, rule))}")
-                self.assertEqual(status, rule.status, told)
-                self.assertRegex(told, f"(?m){rule.says}")
+                status, output = self.device.run(f"bash -c {shlex.quote(commands.script(command, rule))}")
+                self.assertEqual(status, rule.status, output)
+                self.assertRegex(output, f"(?m){rule.says}")
         self.device.wait_for_page()
 
     def expect_writable(self, process, allowed, refused):
@@ -235,8 +235,8 @@ class Installed(booted.Requests, unittest.TestCase):
         enter = f"nsenter --target {process} --mount setpriv --reuid vemo-web --regid vemo-web --clear-groups"
         for path in (*allowed, *refused):
             with self.subTest(path):
-                status, told = self.device.run(f"{enter} sh -c ': >>{path}'")
-                self.assertEqual(status == 0, path in allowed, told)
+                status, output = self.device.run(f"{enter} sh -c ': >>{path}'")
+                self.assertEqual(status == 0, path in allowed, output)
 
     def test_2_nothing_but_its_own_is_writable_for_the_service(self):
         _, number = self.device.run("systemctl show --property MainPID --value vemo-web")
@@ -251,34 +251,34 @@ class Installed(booted.Requests, unittest.TestCase):
         self.device.run(f"exec 8<{self.ARCHIVE}; flock 8")
         try:
             main = f"$(systemctl show --property MainPID --value {unit})"
-            _, told = self.device.run(
+            _, output = self.device.run(
                 "systemctl restart vemo-web && systemctl is-active vemo-web; for _ in $(seq 200); do "
                 f"grep -qsx make-class-arch /proc/{main}/comm && break; sleep 0.1; done; systemctl is-active {unit}")
-            self.assertEqual(told, "active\nactivating\n")
+            self.assertEqual(output, "active\nactivating\n")
             self.device.wait_for_page()
             self.expect_writable(main, (f"{self.ARCHIVE}/new", "/tmp/new"),
                                  (SETTINGS, "/app/tarn-belox/runvex/new", "/run/vemo-web/new", "/run/lock/new",
                                   "/dev/shm/new"))
             self.assertEqual(self.device.run("test -e /tmp/new")[0], 1)
-            _, told = self.device.run(f"readlink /proc/self/ns/net; readlink /proc/{main}/ns/net")
-            self.assertRegex(told, r"\A(net:\S+)\n(?!\1)net:\S+\n\Z")
+            _, output = self.device.run(f"readlink /proc/self/ns/net; readlink /proc/{main}/ns/net")
+            self.assertRegex(output, r"\A(net:\S+)\n(?!\1)net:\S+\n\Z")
         finally:
             self.device.run("exec 8<&-; rm -f /tmp/new; vemo-web-class-archive")
         self.expect_content()
 
     def test_2_the_class_archive_is_made_from_a_request_that_is_in_no_log(self):
-        _, told = self.device.run(
+        _, output = self.device.run(
             f"rm -r {self.ARCHIVE}; stat -c %s {LOG}; vemo-web-class-archive; echo $?; stat -c %s {LOG}")
-        self.assertRegex(told, r"\A(\d+)\n0\n\1\n\Z")
+        self.assertRegex(output, r"\A(\d+)\n0\n\1\n\Z")
         self.expect_content()
 
     def test_2_a_class_archive_that_cannot_be_made_is_told_with_the_reason(self):
         options = "/etc/vemo-web/java.options"
         try:
-            status, told = self.device.run(f"cp {options} /root; echo -Xmx1k >>{options}; vemo-web-class-archive")
-            self.assertEqual(status, 1, told)
-            self.assertRegex(told, rf"(?s)\Amake-class-archive: .*{options}.*heap size.*\Z")
-            self.assertNotIn("systemctl", told)
+            status, output = self.device.run(f"cp {options} /root; echo -Xmx1k >>{options}; vemo-web-class-archive")
+            self.assertEqual(status, 1, output)
+            self.assertRegex(output, rf"(?s)\Amake-class-archive: .*{options}.*heap size.*\Z")
+            self.assertNotIn("systemctl", output)
         finally:
             self.device.run(f"cp /root/java.options {options}")
         self.expect_content()
@@ -294,9 +294,9 @@ class Installed(booted.Requests, unittest.TestCase):
         self.assertEqual(self.device.read(SETTINGS), booted.settings_with(850))
 
     def test_4_a_stop_refuses_at_once(self):
-        status, told = self.device.run("systemctl stop vemo-web; (exec 3<>/dev/tcp/127.0.0.1/8080)")
-        self.assertEqual(status, 1, told)
-        self.assertIn("refused", told)
+        status, output = self.device.run("systemctl stop vemo-web; (exec 3<>/dev/tcp/127.0.0.1/8080)")
+        self.assertEqual(status, 1, output)
+        self.assertIn("refused", output)
         self.device.run("systemctl start vemo-web")
         self.device.wait_for_page()
 
@@ -339,23 +339,23 @@ class Installed(booted.Requests, unittest.TestCase):
             for number in range(TIMES):
                 # One after the other; and the log while the service stops or starts.
                 restart = "systemctl restart vemo-web" + (" --no-block" if number % 2 else "")
-                status, told = self.device.run(
+                status, output = self.device.run(
                     f"(set -e; {restart}; {ROTATE}; systemctl start vemo-web; ln {LOG}.1 {LOG}.kept-{number}; "
                     f"stat --format=%U:%G:%a {LOG})")
-                self.assertEqual((status, told.strip()), (0, "root:vemo-web:664"))
+                self.assertEqual((status, output.strip()), (0, "root:vemo-web:664"))
                 if version := UPGRADES.get(number):
-                    told = self.device.expect(
+                    output = self.device.expect(
                         f"apt-get -y install /root/vemo-web_{version}.deb /root/vemo-web-standin_{version}.deb && "
                         "dpkg-query --show vemo-web", seconds=UPGRADE)
-                    self.assertTrue(told.endswith(f"\t{version}\n"), told)
+                    self.assertTrue(output.endswith(f"\t{version}\n"), output)
         finally:
             is_over.set()
             for client in clients:
                 client.join()
-        _, told = self.device.run(
+        _, output = self.device.run(
             f"grep -h . {LOG}.kept-* {LOG} | awk '{{ of[$5] = of[$5] \" \" $7 }} "
             "END { for (p in of) n[of[p]]++; for (t in n) print n[t] t }'; " f"rm {LOG}.kept-*")
-        logged = {numbers: int(count) for count, numbers in (line.split(" ", 1) for line in told.splitlines())}
+        logged = {numbers: int(count) for count, numbers in (line.split(" ", 1) for line in output.splitlines())}
         print(f"through {TIMES} rotations, {TIMES} restarts, {len(UPGRADES)} upgrades: {dict(counts)}, "
               f"in the logs {logged}", file=sys.stderr)
         self.assertEqual(set(counts), {"stored", "asked"})
@@ -367,12 +367,12 @@ class Installed(booted.Requests, unittest.TestCase):
         self.expect_content()
 
     def test_5_other_web_servers_take_its_place(self):
-        """As docs/web-servers.md tells."""
+        """As docs/web-servers.md says."""
         unit = "/etc/systemd/system/vemo-web.service.d/web-server.conf"
         try:
             for number, name in enumerate(("apache2", "nginx")):
                 with self.subTest(name):
-                    _, told = self.device.run(
+                    _, output = self.device.run(
                         "cp -r /usr/share/vemo-web/web-servers /etc/vemo-web; "
                         f"install -D -m 0644 /etc/vemo-web/web-servers/{name}.service.conf {unit}; "
                         "systemctl daemon-reload; systemctl restart vemo-web; for _ in $(seq 200); do "
@@ -380,8 +380,8 @@ class Installed(booted.Requests, unittest.TestCase):
                         "cat /proc/$(systemctl show --property MainPID --value vemo-web)/comm; "
                         "exec 3<>/dev/tcp/127.0.0.1/8080; printf 'GET /setobdconf.cgi?CanDetectTimeout="
                         f"80{number} HTTP/1.0\\r\\nHost: localhost\\r\\n\\r\\n' >&3; cat <&3")
-                    self.assertTrue(told.startswith(name + "\n"), told)
-                    self.assertIn("Set new option was successful.", told)
+                    self.assertTrue(output.startswith(name + "\n"), output)
+                    self.assertIn("Set new option was successful.", output)
                     self.assertIn(f"CanDetectTimeout=80{number}\n", self.device.read(SETTINGS))
                     self.assertEqual([line.split()[6] for line in self.device.read(LOG).splitlines()],
                                      STORED.split())
@@ -404,11 +404,11 @@ class Installed(booted.Requests, unittest.TestCase):
                         folder = "/usr/share/vemo-web/web-servers"
                         self.device.run(turn_on.format(f"{name}.conf", f"/etc/vemo-web/web-servers/{name}.conf")
                                         + f"install -D -m 0644 {folder}/{name}.service.conf {unit}")
-                    told = self.device.expect(
+                    output = self.device.expect(
                         "systemctl daemon-reload; systemctl restart vemo-web; for _ in $(seq 200); do "
                         "(exec 3<>/dev/tcp/127.0.0.1/8443) 2>/dev/null && break; sleep 0.5; done; vemo-web-check")
-                    self.assertRegex(told, r"ok +request +https://127\.0\.0\.1:8443/ asks for a password")
-                    self.assertRegex(told, r"ok +password ")
+                    self.assertRegex(output, r"ok +request +https://127\.0\.0\.1:8443/ asks for a password")
+                    self.assertRegex(output, r"ok +password ")
         finally:
             self.device.run(f"cp /root/before {own}; rm -rf /etc/vemo-web/web-servers {unit}; "
                             "systemctl daemon-reload; systemctl restart vemo-web")
@@ -417,9 +417,9 @@ class Installed(booted.Requests, unittest.TestCase):
     def test_9_where_it_is_allowed_the_device_reboots(self):
         """What is under way ends, the file systems are unmounted, the value and the permission are there again."""
         boot = self.boot_id()
-        _, told = self.device.run("systemctl enable --now vemo-web-reboot.socket; "
+        _, output = self.device.run("systemctl enable --now vemo-web-reboot.socket; "
                                   "stat -c %U:%G:%a /run/vemo-web-reboot")
-        self.assertRegex(told, r"(?m)^root:vemo-web:620$")
+        self.assertRegex(output, r"(?m)^root:vemo-web:620$")
         # No place more than before for the service to write to: others' folders in /run stay closed.
         self.test_2_nothing_but_its_own_is_writable_for_the_service()
         self.technician.post("760")
@@ -428,23 +428,23 @@ class Installed(booted.Requests, unittest.TestCase):
         with concurrent.futures.ThreadPoolExecutor() as clients:
             answers = [clients.submit(self.device.get, "/setobdconf.cgi?x=1") for _ in range(3)]
             self.technician.press("Reboot")
-            told = self.driver.page_source
+            output = self.driver.page_source
             for answer in answers:
                 status, page = answer.result()
                 self.assertEqual((status, page[-8:]), (200, "</html>\n"))
-        self.assertIn("The device reboots now.", told)
+        self.assertIn("The device reboots now.", output)
         begun = time.monotonic()
         self.technician.wait_until(lambda: "The device is back: it has rebooted." in self.driver.page_source,
-                                   "the page does not tell", booted.BOOT)
-        print(f"from the order to the page that tells: {time.monotonic() - begun:.1f} s", file=sys.stderr)
+                                   "the page does not say so", booted.BOOT)
+        print(f"from the order to the page that says so: {time.monotonic() - begun:.1f} s", file=sys.stderr)
 
         self.assertNotEqual(self.boot_id(), boot)
         self.technician.follow("Device Information")
         self.assertEqual(self.technician.field().get_attribute("value"), "760")
         self.assertEqual(self.device.read(SETTINGS), booted.settings_with(760))
-        _, told = self.device.run("dmesg | grep EXT4-fs")
-        self.assertIn("EXT4-fs", told)
-        self.assertNotIn("recover", told)
+        _, output = self.device.run("dmesg | grep EXT4-fs")
+        self.assertIn("EXT4-fs", output)
+        self.assertNotIn("recover", output)
         self.expect_content()
         self.technician.open(browser.REBOOT)
         self.assertIn("Reboot the device to activate new settings?", self.technician.text())
@@ -453,13 +453,13 @@ class Installed(booted.Requests, unittest.TestCase):
 
     def expect_found(self, word, what, command):
         """By the check, and nothing else; the command is run."""
-        status, told = self.device.run("vemo-web-check")
-        found = re.findall(r"(?m)^(risky|WRONG)  (.{14}) .*\n +-> (.*)$", told)
-        self.assertEqual([(word, what) for word, what, _ in found], [(word, what.ljust(14))], told)
-        self.assertTrue(found[0][2].startswith(command), told)
+        status, output = self.device.run("vemo-web-check")
+        found = re.findall(r"(?m)^(risky|WRONG)  (.{14}) .*\n +-> (.*)$", output)
+        self.assertEqual([(word, what) for word, what, _ in found], [(word, what.ljust(14))], output)
+        self.assertTrue(found[0][2].startswith(command), output)
         self.assertEqual(status, int(word == "WRONG"))
         self.device.run(found[0][2])
-        return told
+        return output
 
     def test_7_the_check_names_the_cause_and_its_command_mends_it(self):
         """Each is looked at when the one before it is mended."""
@@ -480,8 +480,8 @@ class Installed(booted.Requests, unittest.TestCase):
         self.device.run("systemctl stop vemo-web; systemd-run --unit=other systemd-socket-activate --accept "
                         "-l 0.0.0.0:8080 cat; sleep 3; systemctl start vemo-web; for _ in $(seq 60); do "
                         "systemctl is-active -q vemo-web || break; sleep 1; done")
-        told = self.expect_found("WRONG", "service", restart)
-        self.assertIn("Address already in use", told)
+        output = self.expect_found("WRONG", "service", restart)
+        self.assertIn("Address already in use", output)
         self.device.run("systemctl stop other; systemctl restart vemo-web")
         self.device.wait_for_page()
         self.expect_content()
@@ -493,24 +493,24 @@ class Installed(booted.Requests, unittest.TestCase):
                               ("file", f"echo theirs >{LOG}; chmod 666 {LOG}")):
             with self.subTest(what):
                 target = "stat -c %U:%G:%a:%s:%Y /etc/hostname"
-                _, told = self.device.run(
+                _, output = self.device.run(
                     f"systemctl stop vemo-web; rm -r {LOG}; {games} sh -c {shlex.quote(planted)}; before=$({target}); "
                     f"systemctl start vemo-web; systemctl is-active vemo-web; stat -c %U:%G:%a:%F {LOG}; "
                     f'[ "$before" = "$({target})" ] && echo same')
-                self.assertRegex(told, r"\Aactive\nroot:vemo-web:664:regular (empty )?file\nsame\n\Z")
+                self.assertRegex(output, r"\Aactive\nroot:vemo-web:664:regular (empty )?file\nsame\n\Z")
                 self.device.wait_for_page()
-        _, told = self.device.run(f"stat -c %U:%a {LOG}-put-aside.*; cat {LOG}-put-aside.*/cgi.log/file 2>/dev/null")
-        self.assertEqual(told, 4 * "root:700\n" + "theirs\n")
+        _, output = self.device.run(f"stat -c %U:%a {LOG}-put-aside.*; cat {LOG}-put-aside.*/cgi.log/file 2>/dev/null")
+        self.assertEqual(output, 4 * "root:700\n" + "theirs\n")
         self.expect_found("risky", "log", f"rm -r {LOG}-put-aside.")
 
         # A folder that belongs to somebody else.
         folder = "/app/tarn-belox"
-        _, told = self.device.run(f"systemctl stop vemo-web; mv {folder} /root/; chown games /app; "
+        _, output = self.device.run(f"systemctl stop vemo-web; mv {folder} /root/; chown games /app; "
                                   "systemctl start vemo-web; systemctl is-active vemo-web")
-        self.assertEqual(told, "active\n")
+        self.assertEqual(output, "active\n")
         self.device.wait_for_page()
-        told = self.expect_found("WRONG", "settings file", "install -d ")
-        self.assertIn("/app belongs to games", told)
+        output = self.expect_found("WRONG", "settings file", "install -d ")
+        self.assertIn("/app belongs to games", output)
         self.expect_content()
         self.device.run(f"systemctl stop vemo-web; rm -r {folder}; chown root /app; mv /root/tarn-belox /app; "
                         "systemctl start vemo-web")
@@ -545,8 +545,8 @@ class Installed(booted.Requests, unittest.TestCase):
         self.assertIn("\nVEMODInterfaceName=Halle <3>\n", self.technician.settings())
 
     def test_7_the_packages_own_tests_pass(self):
-        told = self.device.expect("autopkgtest /root/source -- null", seconds=booted.BOOT)
-        self.assertRegex(told, r"installed-system +PASS")
+        output = self.device.expect("autopkgtest /root/source -- null", seconds=booted.BOOT)
+        self.assertRegex(output, r"installed-system +PASS")
         self.technician.write_shipped_settings()
 
     def test_8_purged_with_what_they_depend_on_and_installed_once_more(self):
@@ -559,8 +559,8 @@ class Installed(booted.Requests, unittest.TestCase):
                         "(exec 3<>/dev/tcp/127.0.0.1/8080)", "test -e /app -o -e /etc/vemo-web -o -e /run/vemo-web",
                         "ls -d /tmp/cgi* /tmp/nvm*", "find / -xdev '(' -nouser -o -nogroup ')' -print | grep ."):
             with self.subTest(command):
-                status, told = self.device.run(command)
-                self.assertNotEqual(status, 0, told)
+                status, output = self.device.run(command)
+                self.assertNotEqual(status, 0, output)
 
         started = "journalctl --unit lighttpd | grep -c Started"
         _, before = self.device.run(started)

@@ -52,7 +52,7 @@ if [ "$task" = store ]; then
   case $way in
     # A folder that refuses new files: the file is rewritten in place.
     place) chown 0:0 $app/runvex ;;
-    # As docs/on-a-device.md tells.
+    # As docs/on-a-device.md says.
     group)
       chgrp {GROUP} $app/runvex $app/runvex/obd.conf
       chmod 2775 $app/runvex
