@@ -5,15 +5,14 @@
 add_custom_target(web_tests ALL)
 add_dependencies(web_tests device fake-vm test-java-holding test-java-mapping)
 
-# add_web_test(NAME [LONG] [NETWORK] [UNFILTERED] [STATE FOLDER] [ENV VARIABLE=VALUE...] TESTS PART...
+# add_web_test(NAME [LONG] [NETWORK] [UNFILTERED] [ENV VARIABLE=VALUE...] TESTS PART...
 # [ARGUMENTS ARGUMENT...]): the tests of test_PART.py, or PART::TEST of them, in a sandbox of their own.
 #
 # LONG        more of them, in an hour at most
 # NETWORK     the device is not on loopback, but at one of two other addresses, and the kernel limits connections as on
 #             an installed device, unless the test is UNFILTERED
-# STATE       the folder where what they leave in /tmp stays
 function(add_web_test name)
-  cmake_parse_arguments(PARSE_ARGV 1 test "LONG;NETWORK;UNFILTERED" "STATE" "ENV;TESTS;ARGUMENTS")
+  cmake_parse_arguments(PARSE_ARGV 1 test "LONG;NETWORK;UNFILTERED" "" "ENV;TESTS;ARGUMENTS")
   list(TRANSFORM test_TESTS REPLACE "([a-z_]+)(.*)" "/source/tests/web/test_\\1.py\\2")
   if(test_LONG)
     list(APPEND test_ARGUMENTS --long)
@@ -25,10 +24,6 @@ function(add_web_test name)
     if(NOT test_UNFILTERED)
       list(APPEND sandbox --packet-filter ${PROJECT_SOURCE_DIR}/web/connections.nft)
     endif()
-  endif()
-  if(test_STATE)
-    file(MAKE_DIRECTORY ${test_STATE}/app ${test_STATE}/tmp)
-    list(APPEND sandbox --state ${test_STATE})
   endif()
   add_test(NAME ${name}
     COMMAND ${PROJECT_SOURCE_DIR}/standin/sandbox ${PROJECT_BINARY_DIR} ${sandbox}
@@ -67,8 +62,7 @@ add_web_test(browser_journey.tls NETWORK
   TESTS ways::test_a_reload_of_the_success_stores_the_value_again ARGUMENTS --tls --password)
 add_web_test(browser_journey.tls.long NETWORK TESTS journey reboot ways ARGUMENTS --tls --password)
 list(APPEND long browser_journey.tls.long)
-# Its pictures are in build/pictures/tmp.
-add_web_test(accessibility STATE ${PROJECT_BINARY_DIR}/pictures TESTS accessibility)
+add_web_test(accessibility TESTS accessibility)
 
 # What keeps an attack off for its number of connections alone proves nothing of the web server.
 add_web_test(browser_attacks TESTS attacks)
@@ -91,5 +85,6 @@ set_tests_properties(${long} PROPERTIES LABELS long)
 add_web_test(soak TESTS soak)
 add_web_test(soak.long LONG TESTS soak)
 # Begun first, as all that takes long.
+set_tests_properties(browser_attacks browser_journey accessibility class_archive PROPERTIES COST 60)
 set_tests_properties(browser_attacks.long PROPERTIES COST 460)
 set_tests_properties(soak.long PROPERTIES COST 150)

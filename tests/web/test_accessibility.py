@@ -1,6 +1,6 @@
 """What an accessibility checker, axe-core, finds on every page and in every state of it; whether its text can be read
-in the sun and by night, whether a finger hits its links and buttons. Pictures of all that are left in /tmp. The
-checker comes from build/npm, where ./test puts it."""
+in the sun and by night, whether a finger hits its links and buttons. With --long pictures of all that are left in /tmp.
+The checker comes from build/npm, where ./test puts it."""
 
 import contextlib
 import math
@@ -169,12 +169,14 @@ class Visitor(browser.Technician):
                   ("prefers-color-scheme", "prefers-contrast", "forced-colors")]
         self.driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {"media": "", "features": wanted})
 
-    def take_picture(self, name):
-        """Of the whole page, however long."""
+    def take_pictures(self):
+        """Of the whole page, however long, as each system asks for it."""
         width, height, is_phone = self.screen
         needed = self.run("const area = document.scrollingElement; return area.scrollHeight / area.clientWidth") * width
         self.set_screen((width, max(height, math.ceil(needed)), is_phone), self.scale)
-        self.driver.save_screenshot(f"/tmp/{name}.png")
+        for medium, features in {**MEDIA, "-forced": FORCED}.items():
+            self.set_media(features)
+            self.driver.save_screenshot(f"/tmp/{self.view}{self.suffix}{medium}.png")
         self.set_screen(self.screen, self.scale)
 
     def findings(self, rules):
@@ -209,6 +211,9 @@ def shown(request, visitor):
     visitor.view, visitor.suffix = request.param
     visitor.screen, visitor.scale = SCREENS[visitor.suffix]
     visitor.show(visitor.view, visitor.screen, visitor.scale)
+    if device.IS_LONG:
+        visitor.take_pictures()
+        visitor.set_media({})
     return visitor
 
 
@@ -219,14 +224,13 @@ def test_finds_no_more_than_is_known(shown):
     assert set(found) == (set() if shown.view in OWN else {"html-has-lang"}), found
 
 
+@on_a_phone  # a desk has the same colours
 def test_all_text_has_contrast_by_day_and_by_night(shown):
     for medium, features in MEDIA.items():
         shown.set_media(features)
-        shown.take_picture(shown.view + shown.suffix + medium)
-        if shown.suffix == "-phone":  # colours are those of a phone
-            found = shown.findings({"runOnly": [CONTRAST]})
-            assert (found["violations"], found["incomplete"]) == ({}, {}), medium
-            assert len(found["passes"][CONTRAST][1]) > 2, medium
+        found = shown.findings({"runOnly": [CONTRAST]})
+        assert (found["violations"], found["incomplete"]) == ({}, {}), medium
+        assert len(found["passes"][CONTRAST][1]) > 2, medium
 
 
 @on_a_phone
@@ -246,7 +250,6 @@ def test_a_finger_hits_every_link_and_button(shown):
 def test_forced_colours_have_the_last_word(shown):
     """The checker reads the page's own colours, not those that are forced."""
     shown.set_media(FORCED)
-    shown.take_picture(f"{shown.view}{shown.suffix}-forced")
     own, system, blends = shown.run(
         "const probe = document.body.appendChild(document.createElement('i'));"
         "const system = ['CanvasText', 'LinkText', 'ButtonText', 'FieldText'].map("
