@@ -21,7 +21,7 @@ MINUTE = "i=0; while [ $((i += 1)) -lt 1200 ]; do sleep 0.05; done"
 
 
 def pytest_addoption(parser):
-    parser.addoption("--build", type=pathlib.Path, default=SOURCE / "build")
+    parser.addoption("--build", type=lambda text: pathlib.Path(text).resolve(), default=SOURCE / "build")
 
 
 def run(command, **more):
