@@ -93,9 +93,10 @@ def test_what_a_command_leaves_behind_ends(sandbox):
 
 
 @pytest.mark.parametrize("number", (signal.SIGTERM, signal.SIGKILL))
-def test_all_ends_when_it_is_ended(sandbox, number):
-    started = subprocess.Popen(["flock", "--no-fork", "held", *sandbox.split(), "--state", "state", "--", "sh", "-c",
-                                "setsid sleep 1000 & echo >/tmp/begun; wait"])
+@pytest.mark.parametrize("who", ("exec {}", "{} & wait"), ids=("it", "its parent"))
+def test_all_ends_when_it_is_ended(sandbox, who, number):
+    command = f"flock --no-fork held {sandbox} --state state -- sh -c 'setsid sleep 1000 & echo >/tmp/begun; wait'"
+    started = subprocess.Popen(["sh", "-c", who.format(command)])
     eventually(lambda: exists("state/tmp/begun"))
     started.send_signal(number)
     started.wait()
