@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "Process.h"
 
@@ -19,4 +20,15 @@ inline std::string ShowPage(const std::string& program, Command request) {
   EXPECT_THAT(result.output, testing::StartsWith("Content-Type: text/html\n\n"));
   EXPECT_THAT(result.output, testing::EndsWith("</div>\n</body>\n</html>\n"));
   return result.output;
+}
+
+// That the page contains each of these texts, and none of those.
+inline void ExpectTexts(const std::string& page, const std::vector<std::string>& present,
+                        const std::vector<std::string>& absent = {}) {
+  for (const std::string& text : present) {
+    EXPECT_THAT(page, testing::HasSubstr(text));
+  }
+  for (const std::string& text : absent) {
+    EXPECT_THAT(page, testing::Not(testing::HasSubstr(text)));
+  }
 }

@@ -13,22 +13,18 @@
 
 namespace {
 
-void Print(bool isFound, const std::string& result) {
-  std::printf("%d %s\n", isFound ? 1 : 0, result.c_str());
-}
-
-template <typename Name>
-void CallText(JavaVmWrapper& javaVm, Name name) {
-  std::string result = "unset";
-  const bool isFound = javaVm.CallFunction(name, result);
-  Print(isFound, result);
-}
-
-template <typename Name>
-void CallNumber(JavaVmWrapper& javaVm, Name name) {
-  int result = -1;
-  const bool isFound = javaVm.CallFunction(name, result);
-  Print(isFound, std::to_string(result));
+std::string Call(JavaVmWrapper& javaVm, const std::string& kind, const char* name) {
+  const bool isLiteral = kind == "text-literal" || kind == "int-literal";
+  if (kind == "text" || kind == "text-literal") {
+    std::string text = "unset";
+    const bool isFound =
+        isLiteral ? javaVm.CallFunction(name, text) : javaVm.CallFunction(std::string(name), text);
+    return std::to_string(isFound) + " " + text;
+  }
+  int number = -1;
+  const bool isFound = isLiteral ? javaVm.CallFunction(name, number)
+                                 : javaVm.CallFunction(std::string(name), number);
+  return std::to_string(isFound) + " " + std::to_string(number);
 }
 
 }  // namespace
@@ -40,19 +36,10 @@ int main(int argc, char** argv) {
   }
   for (int i = 1; i < argc; ++i) {
     const std::string kind = argv[i];
-    if (kind == "lan") {
-      std::printf("%s\n", javaVm.GetLanIp4Address().c_str());
-    } else if (kind == "wlan") {
-      std::printf("%s\n", javaVm.GetWlanIp4Address().c_str());
-    } else if (kind == "text") {
-      CallText(javaVm, std::string(argv[++i]));
-    } else if (kind == "text-literal") {
-      CallText(javaVm, static_cast<const char*>(argv[++i]));
-    } else if (kind == "int") {
-      CallNumber(javaVm, std::string(argv[++i]));
-    } else if (kind == "int-literal") {
-      CallNumber(javaVm, static_cast<const char*>(argv[++i]));
-    }
+    const std::string result = kind == "lan"    ? javaVm.GetLanIp4Address()
+                               : kind == "wlan" ? javaVm.GetWlanIp4Address()
+                                                : Call(javaVm, kind, argv[++i]);
+    std::printf("%s\n", result.c_str());
   }
   return 0;
 }

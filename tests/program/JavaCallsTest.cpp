@@ -23,7 +23,7 @@ Command Calls(const Texts& calls, const std::string& classPath = CALLING_CLASS) 
   return {Joined({{"/build/tests/java-calls"}, calls}), {{"JAVA_CLASSPATH", classPath}}};
 }
 
-// What the log says of the calls: all statements that follow the VM's start.
+// The statements of the calls: all that follow the VM's start.
 Texts CallStatements() {
   Texts statements = LoggedStatements();
   const std::size_t start = std::min(StartStatements().size(), statements.size());

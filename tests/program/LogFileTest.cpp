@@ -29,7 +29,7 @@ constexpr char EARLIER[] = "an earlier request\n";
 
 class LogWrites : public NoSettings {
  protected:
-  // Makes the request, of whose writes to the log each must be a line.
+  // Makes the request and expects that each of its writes to the log is a line.
   static void ExpectALineEach(Command request) {
     request = Preload("failing-file-calls", request);
     request.environment["FAILING_FILE_CALLS_FOLDER"] = "/tmp";

@@ -125,7 +125,7 @@ INSTANTIATE_TEST_SUITE_P(
                      testing::Values(Vm::kReal, Vm::kFake)),
     ParamName());
 
-// ---- Requests whose body comes late.
+// ---- Requests with a body that comes late.
 
 // Posts a value, but holds the body back; the page is read by hand.
 class HeldRequest {
@@ -226,7 +226,7 @@ TEST_P(LateBody, AKillAfterTheStoreLeavesTheEchoAndTheNewSettings) {
 
 INSTANTIATE_TEST_SUITE_P(Program, LateBody, testing::Values(Vm::kReal, Vm::kFake), ParamName());
 
-// ---- A page that nobody takes.
+// ---- A page without a reader.
 
 class LostPage : public OldSettings, public testing::WithParamInterface<Vm> {};
 

@@ -205,7 +205,7 @@ TEST_F(SettingsFile, OfAbsurdSizeStaysAsItWas) {
   EXPECT_EQ(fs::file_size(SETTINGS_FILE), 1ULL << 40);
 }
 
-// Another process, a file server say, holds a lease on it.
+// Another process, for example a file server, holds a lease on it.
 TEST_F(SettingsFile, IsWaitedForWhileItIsLeased) {
   signal(SIGIO, SIG_IGN);
   const int holder = open(SETTINGS_FILE, O_RDWR | O_CLOEXEC);
@@ -326,7 +326,7 @@ class SettingsFileCalls : public SettingsFile {
     }
   }
 
-  // With any of these errors of the call the request stores nothing, nor opens the file to.
+  // With any of these errors of the call the request stores nothing and does not open the file.
   static void ExpectUntouched(const Command& request, const std::string& call,
                               const std::vector<int>& errors) {
     for (const int error : errors) {
@@ -380,7 +380,7 @@ TEST_F(SettingsFileCalls, RiskNothingInPlaceWhereTheDiskIsFullOrBroken) {
   }
 }
 
-// A process of another container, which knows other process ids, took it for a leftover.
+// A process of another container, with other process ids, took it for a leftover.
 TEST_F(SettingsFileCalls, MakeATemporaryFileThatIsGoneAnew) {
   ExpectStores(WithFailure(Request("500"), "rename temporary obd.conf", ENOENT));
   EXPECT_EQ(ReadText(SETTINGS_FILE), Settings("500"));
@@ -409,7 +409,7 @@ TEST_F(SettingsFileCalls, LeaveTheFileOfAnotherOwnerWhereTheDiskIsFull) {
   ExpectUntouched(OfAnotherOwner(Request("500")), CHANGE_OWNER, {ENOSPC});
 }
 
-// EINVAL: of an owner whose number a user namespace does not know.
+// EINVAL: a user namespace has no number for the owner.
 TEST_F(SettingsFileCalls, RewriteTheFileOfAnOwnerThatCannotBeKept) {
   ExpectRewritten(OfAnotherOwner(Request("500")), CHANGE_OWNER, {EPERM, EINVAL});
 }
@@ -550,7 +550,7 @@ INSTANTIATE_TEST_SUITE_P(Settings, FailingSettingsFileCalls,
                                           FAILURES),
                          ParamName());
 
-// Not in place: nobody could put the old content back.
+// Not in place: nothing could put the old content back.
 using AllSettingsFileCallsFromOne = FailingSettingsFileCalls;
 
 TEST_P(AllSettingsFileCallsFromOne, LeaveTheFileOldOrNew) {

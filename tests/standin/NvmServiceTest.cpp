@@ -425,10 +425,10 @@ TEST_F(NvmServiceTest, LogsToANewFileAfterARename) {
 
 class NvmServiceLog : public testing::Test {
  protected:
-  static constexpr char SAID[] = "/tmp/nvm.said";  // on standard error
+  static constexpr char ERRORS[] = "/tmp/nvm.errors";  // its standard error
   NvmService service_{
       NVM_ADDRESS,
-      [] { dup2(open(SAID, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600), STDERR_FILENO); }};
+      [] { dup2(open(ERRORS, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600), STDERR_FILENO); }};
 };
 
 // Nothing is opened anew: it could not be.
@@ -437,7 +437,7 @@ TEST_F(NvmServiceLog, StaysOpenWhileItIsTheFileAtItsPath) {
   std::filesystem::permissions(NVM_SERVICE_LOG_FILE, std::filesystem::perms(0400));
   Ask(STATUS, NOTHING);
   EXPECT_EQ(NvmServiceStatements().size(), 2);
-  EXPECT_EQ(ReadText(SAID), "");
+  EXPECT_EQ(ReadText(ERRORS), "");
 }
 
 TEST_F(NvmServiceLog, GoesOnInTheOldFileWhereNoNewOneCanBeMade) {
@@ -446,7 +446,7 @@ TEST_F(NvmServiceLog, GoesOnInTheOldFileWhereNoNewOneCanBeMade) {
   Ask(STATUS, NOTHING);
   std::filesystem::remove(NVM_SERVICE_LOG_FILE);
   EXPECT_EQ(Lines(ReadText("/tmp/nvm.log.1")).size(), 1);
-  EXPECT_EQ(ReadText(SAID), "Can't open log file /tmp/nvm.log: Is a directory\n");
+  EXPECT_EQ(ReadText(ERRORS), "Can't open log file /tmp/nvm.log: Is a directory\n");
 }
 
 // --- Want: of threads, descriptors and memory

@@ -17,7 +17,7 @@ struct LogLine {
 // The columns of the line; a line that is not in the layout fails the test and gives an empty one.
 LogLine ParseLogLine(const std::string& line);
 
-// What a statement says, time, handler and process aside: "ERROR src/SetObdConf 50 message".
+// A statement without its time, handler and process: "ERROR src/SetObdConf 50 message".
 std::string Summary(const LogLine& line);
 
 // The statements of the log file in their order, each as its Summary. Lines that no statement wrote

@@ -15,7 +15,7 @@ struct Command {
   std::string input = {};                               // standard input, then its end
   // Runs in the child between fork and exec, with the standard descriptors in place.
   std::function<void()> prepare = {};
-  // A hanging program is killed after this; the result then says SIGKILL.
+  // A hanging program is killed after this; its signal is then SIGKILL.
   std::chrono::seconds limit = std::chrono::seconds(60);
 };
 
@@ -39,7 +39,7 @@ std::string VmInFront();
 Result Execute(const Command& command);
 
 // A program in the background; killed and reaped when the object goes. Its output goes where the
-// test's own does, unless `prepare` says otherwise. `input` is not used.
+// test's own does, unless `prepare` redirects it. `input` is not used.
 class BackgroundProcess {
  public:
   explicit BackgroundProcess(const Command& command);

@@ -1,4 +1,4 @@
-// A file system of 256 KiB in the sandbox, for the disk that runs full.
+// A file system of 256 KiB in the sandbox, for tests of a full disk.
 #pragma once
 
 #include <cstddef>
@@ -18,7 +18,7 @@ class SmallDisk {
   SmallDisk& operator=(const SmallDisk&) = delete;
 
   std::filesystem::path Path() const { return PATH; }
-  // Takes all the room that is left.
+  // Uses all the space that is left.
   void Fill();
 
  private:

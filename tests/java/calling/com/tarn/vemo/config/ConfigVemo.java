@@ -53,13 +53,13 @@ public final class ConfigVemo {
         return null;
     }
 
-    /** The thread outlives the call, and tells on System.err that it ends. */
+    /** The thread outlives the call and reports its end on System.err. */
     public static int startThread() {
-        new Thread(ConfigVemo::sleepAndTell).start();
+        new Thread(ConfigVemo::sleepAndReport).start();
         return 1;
     }
 
-    private static void sleepAndTell() {
+    private static void sleepAndReport() {
         try {
             Thread.sleep(500);
         } catch (InterruptedException e) {

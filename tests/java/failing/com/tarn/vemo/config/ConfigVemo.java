@@ -1,6 +1,6 @@
 package com.tarn.vemo.config;
 
-/** Cannot be initialised. Tells on System.err when its Java VM ends. */
+/** Cannot be initialised. Reports on System.err that its Java VM ends. */
 public final class ConfigVemo {
 
     static {

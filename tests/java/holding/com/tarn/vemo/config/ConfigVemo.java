@@ -2,7 +2,7 @@ package com.tarn.vemo.config;
 
 import java.io.File;
 
-/** Does not get ready before it is let go. */
+/** Is not initialised before /tmp/let-go exists. */
 public final class ConfigVemo {
     static {
         while (!new File("/tmp/let-go").exists()) {

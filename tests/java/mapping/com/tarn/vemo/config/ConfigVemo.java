@@ -4,7 +4,7 @@ import java.io.IOException;
 import java.nio.file.Files;
 import java.nio.file.Path;
 
-/** Tells which class archives its Java VM has mapped. */
+/** Reports which class archives its Java VM has mapped. */
 public final class ConfigVemo {
     static {
         try {

@@ -1,6 +1,6 @@
 package com.tarn.vemo.config;
 
-/** Has none of the methods that the bridge knows by name. */
+/** Has none of the methods that the bridge calls by name. */
 public final class ConfigVemo {
     private ConfigVemo() {
     }
