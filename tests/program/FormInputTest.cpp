@@ -1,6 +1,7 @@
 // What the page takes for the value of its field, and what becomes of it: echoed and stored, byte
 // for byte. Requests that break the rules of CGI or of their encoding. Java has no part in it.
 
+#include <map>
 #include <optional>
 
 #include "ProgramTest.h"
@@ -88,25 +89,14 @@ Input Quoted(const std::string& name, const std::string& value, const std::strin
 }
 
 Input EveryByteButNul() {
+  const std::map<char, std::string> escaped = {
+      {'\n', "\\n"}, {'\r', "\\r"}, {'"', "\\\""}, {'\\', "\\\\"}};
   std::string bytes = "x";
   std::string inFile = "x";
   for (int byte = 1; byte < 256; ++byte) {
     const char character = static_cast<char>(byte);
     bytes += character;
-    switch (character) {
-      case '\n':
-        inFile += "\\n";
-        break;
-      case '\r':
-        inFile += "\\r";
-        break;
-      case '"':
-      case '\\':
-        inFile += '\\';
-        [[fallthrough]];
-      default:
-        inFile += character;
-    }
+    inFile += escaped.count(character) > 0 ? escaped.at(character) : std::string(1, character);
   }
   return Quoted("EveryByteButNulIsTaken", bytes, inFile);
 }

@@ -96,14 +96,12 @@ constexpr char ENTITY[] = "<!DOCTYPE wddxPacket [<!ENTITY e 'GARAGE'>]>";
 constexpr char FILE_ENTITY[] = "<!DOCTYPE wddxPacket [<!ENTITY e SYSTEM '/tmp/secret.txt'>]>";
 constexpr char FILE_TYPE[] = "<!DOCTYPE wddxPacket SYSTEM '/tmp/packet.dtd'>";
 
-enum class Device { kFree, kHeldByGarage };
-
 struct Exchange {
   const char* name;
-  Device device;
   std::string function;
   std::string packet;
   std::string reply;
+  bool isHeldByGarage = false;  // the device, before
 };
 
 std::ostream& operator<<(std::ostream& out, const Exchange& exchange) {
@@ -113,45 +111,43 @@ std::ostream& operator<<(std::ostream& out, const Exchange& exchange) {
 class NvmServiceReply : public NvmServiceTest, public testing::WithParamInterface<Exchange> {};
 
 TEST_P(NvmServiceReply, IsByteForByte) {
-  const auto& [name, device, function, packet, reply] = GetParam();
+  const auto& [name, function, packet, reply, isHeldByGarage] = GetParam();
   WriteText("/tmp/secret.txt", "secret");
   WriteText("/tmp/packet.dtd", "<!ENTITY e 'secret'>");
-  if (device == Device::kHeldByGarage) {
+  if (isHeldByGarage) {
     Ask(ALLOCATE, GARAGE);
   }
   EXPECT_EQ(Ask(function, packet), reply);
 }
 
 const std::vector<Exchange> EXCHANGES = {
-    {"InTheBeginningTheDeviceIsFree", Device::kFree, STATUS, NOTHING, FreeReply()},
-    {"AFreeDeviceIsGivenToTheFirst", Device::kFree, ALLOCATE, GARAGE, HELD_BY_GARAGE},
-    {"AFreeDeviceCannotBeReleased", Device::kFree, RELEASE, GARAGE,
-     ErrorReply("2", "Device is not allocated")},
-    {"TheOwnerIsShown", Device::kHeldByGarage, STATUS, NOTHING, HELD_BY_GARAGE},
-    {"AnotherOwnerIsRefused", Device::kHeldByGarage, ALLOCATE, VEMO_WEB, REFUSED_FOR_GARAGE},
-    {"AnotherMayNotRelease", Device::kHeldByGarage, RELEASE, VEMO_WEB, REFUSED_FOR_GARAGE},
-    {"AnOwnerMayRelease", Device::kHeldByGarage, RELEASE, NvmOwnerPacket("GARAGE"), FreeReply()},
-    {"AnOwnerMayAllocateAgain", Device::kHeldByGarage, ALLOCATE,
-     NvmOwnerPacket("GARAGE", "10.0.0.8"), NvmReply("1", "GARAGE", "10.0.0.8", "0", "")},
-    {"AnOwnerMustHaveAName", Device::kFree, ALLOCATE, NOTHING,
-     ErrorReply("3", "No device owner given")},
-    {"TextsAreEscaped", Device::kFree, ALLOCATE, NvmOwnerPacket("&lt;A&amp;B&gt;"),
+    {"InTheBeginningTheDeviceIsFree", STATUS, NOTHING, FreeReply()},
+    {"AFreeDeviceIsGivenToTheFirst", ALLOCATE, GARAGE, HELD_BY_GARAGE},
+    {"AFreeDeviceCannotBeReleased", RELEASE, GARAGE, ErrorReply("2", "Device is not allocated")},
+    {"TheOwnerIsShown", STATUS, NOTHING, HELD_BY_GARAGE, true},
+    {"AnotherOwnerIsRefused", ALLOCATE, VEMO_WEB, REFUSED_FOR_GARAGE, true},
+    {"AnotherMayNotRelease", RELEASE, VEMO_WEB, REFUSED_FOR_GARAGE, true},
+    {"AnOwnerMayRelease", RELEASE, NvmOwnerPacket("GARAGE"), FreeReply(), true},
+    {"AnOwnerMayAllocateAgain", ALLOCATE, NvmOwnerPacket("GARAGE", "10.0.0.8"),
+     NvmReply("1", "GARAGE", "10.0.0.8", "0", ""), true},
+    {"AnOwnerMustHaveAName", ALLOCATE, NOTHING, ErrorReply("3", "No device owner given")},
+    {"TextsAreEscaped", ALLOCATE, NvmOwnerPacket("&lt;A&amp;B&gt;"),
      NvmReply("1", "&lt;A&amp;B&gt;", "0", "0", "")},
-    {"AnUnknownFunctionIsRefused", Device::kFree, "nvmSellDevice", NOTHING,
+    {"AnUnknownFunctionIsRefused", "nvmSellDevice", NOTHING,
      ErrorReply("5", "Unknown function nvmSellDevice")},
-    {"NoFunctionIsRefused", Device::kFree, "", NOTHING, ErrorReply("5", "Unknown function ")},
-    {"ALongNameIsShortened", Device::kFree, std::string(3000, 'f'), NOTHING,
+    {"NoFunctionIsRefused", "", NOTHING, ErrorReply("5", "Unknown function ")},
+    {"ALongNameIsShortened", std::string(3000, 'f'), NOTHING,
      ErrorReply("5", "Unknown function " + std::string(100, 'f') + "...")},
-    {"NoBodyIsRefused", Device::kFree, STATUS, "", NO_PACKET},
-    {"WhatIsNoXmlIsRefused", Device::kFree, STATUS, "no XML", NO_PACKET},
-    {"APacketWithoutDataIsRefused", Device::kFree, STATUS, "<wddxPacket/>", NO_PACKET},
-    {"APacketIsUtf8WhateverItDeclares", Device::kFree, ALLOCATE,
-     CHINESE + NvmOwnerPacket("M\xC3\xBCLLER"), NvmReply("1", "M\xC3\xBCLLER", "0", "0", "")},
-    {"AnEntityIsRefused", Device::kFree, ALLOCATE, ENTITY + NvmOwnerPacket("&e;"), NO_PACKET},
-    {"AnExternalEntityIsRefused", Device::kFree, ALLOCATE,
-     FILE_ENTITY + NvmOwnerPacket("GARAGE", "&e;"), NO_PACKET},
-    {"TheDocumentTypeIsNotLoaded", Device::kFree, ALLOCATE,
-     FILE_TYPE + NvmOwnerPacket("GARAGE", "&e;"), NvmReply("1", "GARAGE", "", "0", "")}};
+    {"NoBodyIsRefused", STATUS, "", NO_PACKET},
+    {"WhatIsNoXmlIsRefused", STATUS, "no XML", NO_PACKET},
+    {"APacketWithoutDataIsRefused", STATUS, "<wddxPacket/>", NO_PACKET},
+    {"APacketIsUtf8WhateverItDeclares", ALLOCATE, CHINESE + NvmOwnerPacket("M\xC3\xBCLLER"),
+     NvmReply("1", "M\xC3\xBCLLER", "0", "0", "")},
+    {"AnEntityIsRefused", ALLOCATE, ENTITY + NvmOwnerPacket("&e;"), NO_PACKET},
+    {"AnExternalEntityIsRefused", ALLOCATE, FILE_ENTITY + NvmOwnerPacket("GARAGE", "&e;"),
+     NO_PACKET},
+    {"TheDocumentTypeIsNotLoaded", ALLOCATE, FILE_TYPE + NvmOwnerPacket("GARAGE", "&e;"),
+     NvmReply("1", "GARAGE", "", "0", "")}};
 
 INSTANTIATE_TEST_SUITE_P(Nvm, NvmServiceReply, testing::ValuesIn(EXCHANGES),
                          [](const auto& info) { return info.param.name; });
