@@ -252,13 +252,18 @@ TEST_F(FileSharing, TheTemporaryFileOfALivingProcessStays) {
 }
 
 TEST_F(FileSharing, WhatHasAnotherNameStays) {
-  const std::vector<std::string> others = {
-      ".ini-a-0.tmp", ".ini-1-0.tmp~",  "ini-1-0.tmp", ".ini-1.tmp",
-      ".ini-1-0",     ".ini- 1-+2.tmp", ".ini--.tmp",  ".ini-9999999999-0.tmp"};
+  const std::string process = EndedProcess();
+  const std::vector<std::string> others = {".ini-a-0.tmp",
+                                           ".ini-" + process + "-0.tmp~",
+                                           "ini-" + process + "-0.tmp",
+                                           ".ini-" + process + "-0",
+                                           ".ini- " + process + "-+2.tmp",
+                                           ".ini-" + process + ".tmp",
+                                           ".ini--.tmp",
+                                           ".ini-9999999999-0.tmp"};
   for (const std::string& other : others) {
     WriteText(folder / other, "another's");
   }
-  const std::string process = EndedProcess();
   fs::create_symlink("file", folder / (".ini-" + process + "-0.tmp"));
   fs::create_directory(folder / (".ini-" + process + "-1.tmp"));
   EXPECT_TRUE(ReplaceFile(path, NEW));

@@ -32,10 +32,10 @@ class Connection {
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
-  // It may be that the other side has ended the connection.
+  // The other side may have ended the connection.
   void Send(const std::string& text);
 
-  // Says that nothing more comes, and then resets the connection.
+  // Ends the sending side, then resets the connection.
   void Reset();
 
   // What comes until the other side closes.
@@ -49,5 +49,5 @@ class Connection {
   int socket_;
 };
 
-// Whether a socket listens there; it does not notice the question.
+// Whether a socket listens there. Opens no connection to it.
 bool IsListening(const std::string& address, std::uint16_t port);
