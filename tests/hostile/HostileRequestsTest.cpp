@@ -27,6 +27,10 @@ struct KnownRequest {
   const char* name;
   Outcome outcome;
   Command request;
+
+  friend std::ostream& operator<<(std::ostream& out, const KnownRequest& row) {
+    return out << row.name;
+  }
 };
 
 constexpr char FORM[] = "CanDetectTimeout=500";

@@ -154,6 +154,8 @@ struct Reading {
   const char* name;
   std::string reply;
   std::string read = NOTHING;
+
+  friend std::ostream& operator<<(std::ostream& out, const Reading& row) { return out << row.name; }
 };
 
 class NvmUnusualReply : public NvmHostileReply, public testing::WithParamInterface<Reading> {};
@@ -199,6 +201,10 @@ INSTANTIATE_TEST_SUITE_P(, NvmUnusualReply, testing::ValuesIn(UNUSUAL),
 struct Reference {
   const char* name;
   const char* documentType;
+
+  friend std::ostream& operator<<(std::ostream& out, const Reference& row) {
+    return out << row.name;
+  }
 };
 
 class NvmForeignReference : public NvmHostileReply, public testing::WithParamInterface<Reference> {

@@ -126,6 +126,8 @@ struct Value {
   std::string reply;
   std::string value;
   std::vector<std::string> seen;  // the names of the variables up to A; "(null)" of other nodes
+
+  friend std::ostream& operator<<(std::ostream& out, const Value& row) { return out << row.name; }
 };
 
 class NvmReaderValue : public NvmReader, public testing::WithParamInterface<Value> {};
@@ -218,6 +220,8 @@ struct Status {
   std::string reply;
   std::string messages;
   std::vector<std::string> seen;  // "Status", then what stands in it
+
+  friend std::ostream& operator<<(std::ostream& out, const Status& row) { return out << row.name; }
 };
 
 class NvmReaderStatus : public NvmReader, public testing::WithParamInterface<Status> {};

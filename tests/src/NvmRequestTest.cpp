@@ -108,6 +108,10 @@ struct NvmFunction {
   std::string (NvmManipulator::*makePacket)();
   const char* packet;
   const char* length;
+
+  friend std::ostream& operator<<(std::ostream& out, const NvmFunction& row) {
+    return out << row.name;
+  }
 };
 
 const NvmFunction FUNCTIONS[] = {

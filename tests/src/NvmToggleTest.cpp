@@ -90,6 +90,10 @@ struct Allocation {
   std::string status;
   std::string trace;  // of the value
   std::string asked;
+
+  friend std::ostream& operator<<(std::ostream& out, const Allocation& row) {
+    return out << row.status;
+  }
 };
 
 class NvmAllocation : public NvmToggle, public testing::WithParamInterface<Allocation> {};
@@ -147,6 +151,8 @@ struct Unfound {
   const char* name;
   std::string status;
   std::string lastWords;
+
+  friend std::ostream& operator<<(std::ostream& out, const Unfound& row) { return out << row.name; }
 };
 
 class NvmToggleSearch : public NvmToggle, public testing::WithParamInterface<Unfound> {};

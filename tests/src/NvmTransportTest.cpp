@@ -146,6 +146,8 @@ struct Reply {
   std::string announced = "25";
   std::string first = chunks[0];  // as text
   int receives = static_cast<int>(chunks.size());
+
+  friend std::ostream& operator<<(std::ostream& out, const Reply& row) { return out << row.name; }
 };
 
 class NvmReply : public NvmTransport, public testing::WithParamInterface<Reply> {};
@@ -216,6 +218,10 @@ struct NoLength {
   const char* name;
   std::string reply;
   std::string first = reply;  // as text
+
+  friend std::ostream& operator<<(std::ostream& out, const NoLength& row) {
+    return out << row.name;
+  }
 };
 
 class NvmReplyWithoutALength : public NvmTransport, public testing::WithParamInterface<NoLength> {};
