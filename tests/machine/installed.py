@@ -72,8 +72,8 @@ def example_pages():
     packages = root.packages(BUILD).values()
     folder = BUILD / "example"
     if not folder.exists() or folder.stat().st_mtime < max(file.stat().st_mtime for file in packages):
-        subprocess.run(["/usr/bin/python3", "-B", "-m", "pytest", "--build", BUILD, "-k", "five_commands",
-                        SOURCE / "tests/packaging/example.py"], check=True)
+        subprocess.run(["/usr/bin/python3", "-B", "-m", "pytest", SOURCE / "tests/packaging/example.py",
+                        "--build", BUILD, "-k", "five_commands"], check=True)
     return folder
 
 
