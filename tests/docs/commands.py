@@ -139,7 +139,8 @@ RULES = [
                  " -f /usr/share/vemo-web/lighttpd.conf & } >/dev/null 2>&1 </dev/null;"
                  " for i in {1..100}; do (: >/dev/tcp/127.0.0.1/8080) 2>/dev/null && break; sleep 0.1; done",
          says=r"\A(ok .*\n|risky  port 80 .*\n.*\n)*\Z"),
-    Rule(r"vemo-web-check \| grep -v \^ok", "root", says="WRONG  request .*\n +->"),
+    Rule(r"vemo-web-check \| grep -v \^ok", "root", says=r"\AWRONG  VM options .*\n +-> chmod a\+r ",
+         prepare="chmod 600 /etc/vemo-web/java.options", after="chmod 644 /etc/vemo-web/java.options"),
     Rule(r"df /app/tarn-belox/runvex", "root", says="Use%"),
     Rule(r"curl -d CanDetectTimeout=500 \S+", "beside", says="Set new option was successful"),
     Rule(r"apt install --no-install-recommends nftables \./vemo-web_\*\.deb", "root", says="Setting up vemo-web ",
