@@ -24,9 +24,10 @@ ReadResult ReadFile(const std::string& path, std::string& text);
 //
 // By rename: the new content is written to a temporary file beside the target, with the target's
 // mode and owner, flushed to the disk and renamed over the target. Every reader, and a machine that
-// loses power, finds the old content or the new, whole. A full disk leaves the old content. False
-// means: the old content is there; or, when only the last step failed, the new content is there but
-// may not survive a power cut. That step flushes the folder, which must be readable.
+// loses power, finds the old content or the new, whole. A full disk leaves the old content. Last,
+// the folder is flushed, so it must be readable. If only this fails, the result is false though the
+// new content is there: it may not survive a power cut. After any other failure the old content is
+// there.
 //
 // The owner may change in a folder with the set-group-ID bit: a file of the folder's group, with
 // the owner's rights for the group and no access control list, then belongs to the user who

@@ -1,5 +1,7 @@
 // The fake VM: interposes JNI_CreateJavaVM of the real Java VM's library, and answers every JNI
-// call as the test wants. Preloaded into the unmodified program. The test sets in the environment:
+// call as the test wants. The program is unmodified: this library is preloaded into it, or, in
+// power_cut.py, is the libjvm.so that the loader finds by LD_LIBRARY_PATH. Tests of the real VM
+// have configuration classes of their own: tests/java. The test sets in the environment:
 //
 // FAKE_VM_RESULT  what JNI_CreateJavaVM returns; default: 0
 // FAKE_VM_LEAVES  the pointers that it sets even if the result is negative: "vm", "env" or both,

@@ -14,8 +14,10 @@ it must where two users store in turn: the file's owner and root, or two of the 
 it must stay readable and writable for both. Rewritten in place, each sector of it must be of one of the two; how often
 they are mixed is counted. A value is known to be stored once the machine reported so on its disk and its console.
 
-Exit status 0 when all was as it must be. Of a plan with a lie it is 0 when something was not: fsync then does nothing
-to files, or to folders, and a judge that sees no difference would be blind.
+Exit status 0: every file was as it must be. A plan with a `lie` is different: there fsync does nothing to files, or to
+folders, and the status is 0 only if a file was not as it must be. Otherwise this test could not see a missing fsync.
+
+`./test -R power_cut` builds what is needed and runs all plans but long.
 """
 
 import argparse

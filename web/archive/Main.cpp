@@ -6,9 +6,9 @@
 //   class-archive lock SECONDS
 //
 // "record" writes the record of the archive and of these files. "fits" ends with status 0 if the
-// archive is valid; else with 1 and the first mismatch on standard error. "run" becomes the
-// program, with the archive if it is valid. "lock" locks its standard input, which a shell keeps
-// open; it waits at most so many seconds for others.
+// archive fits; else with 1 and the first mismatch on standard error. "run" becomes the program,
+// with the archive if it fits. "lock" locks its standard input, which a shell keeps open; it waits
+// at most so many seconds for others.
 
 #include <sys/file.h>
 #include <unistd.h>
