@@ -66,20 +66,20 @@ void PrintTimeoutForm() {
 
 // --- Allocation
 
-struct Order {
+struct Action {
   const char* word;      // value of the form field
   const char* label;     // text of the button
   const char* function;  // of the nVm service
 };
 
-constexpr Order ALLOCATE = {"allocate", "Allocate", "nvmAllocateDevice"};
-constexpr Order RELEASE = {"release", "Release", "nvmReleaseDevice"};
+constexpr Action ALLOCATE = {"allocate", "Allocate", "nvmAllocateDevice"};
+constexpr Action RELEASE = {"release", "Release", "nvmReleaseDevice"};
 
-void PrintOrderForm(const Order& order) {
+void PrintActionForm(const Action& action) {
   std::cout
       << cgicc::form().set("action", PAGE.address).set("method", "post")
-      << cgicc::input().set("type", "hidden").set("name", "allocation").set("value", order.word);
-  PrintSubmitButton(order.label);
+      << cgicc::input().set("type", "hidden").set("name", "allocation").set("value", action.word);
+  PrintSubmitButton(action.label);
   std::cout << cgicc::form() << std::endl;
 }
 
@@ -93,28 +93,28 @@ std::string StatusHtml(const std::string& code, const std::string& message) {
   return words + (code.empty() ? "" : " (code " + HtmlFromUtf8(code) + ")");
 }
 
-// Sends the posted order, if there is one. Prints a notice when it fails.
+// Sends the posted action, if there is one. Prints a notice when it fails.
 void CarryOut(const cgicc::Cgicc& request, NvmManipulator& nvm) {
   if (request.getEnvironment().getRequestMethod() != "POST") {
     return;
   }
-  for (const Order& order : {ALLOCATE, RELEASE}) {
+  for (const Action& action : {ALLOCATE, RELEASE}) {
     std::string reply;
-    if (request("allocation") != order.word) {
+    if (request("allocation") != action.word) {
       continue;
     }
-    if (nvm.SendToNvm(NVM_SERVICE_ADDRESS, order.function, reply) != 0) {
-      PrintNotice(std::string(order.label) + " did not reach the nVm service.");
+    if (nvm.SendToNvm(NVM_SERVICE_ADDRESS, action.function, reply) != 0) {
+      PrintNotice(std::string(action.label) + " did not reach the nVm service.");
       continue;
     }
     std::string code;
     std::string message;
     nvm.GetStatusMessages(code, message);
     if (code.empty()) {
-      PrintNotice(std::string(order.label) +
+      PrintNotice(std::string(action.label) +
                   " may have failed: the nVm service's answer cannot be read.");
     } else if (code != "0") {
-      PrintNotice(std::string(order.label) + " was refused: " + StatusHtml(code, message) + ".");
+      PrintNotice(std::string(action.label) + " was refused: " + StatusHtml(code, message) + ".");
     }
   }
 }
@@ -141,9 +141,9 @@ void PrintAllocation(const cgicc::Cgicc& request) {
   PrintRow("Status", StatusHtml(code, message));
   std::cout << cgicc::dl() << std::endl;
   if (isFree) {
-    PrintOrderForm(ALLOCATE);
+    PrintActionForm(ALLOCATE);
   } else if (owner == NVM_DEVICE_OWNER) {
-    PrintOrderForm(RELEASE);
+    PrintActionForm(RELEASE);
   }
 }
 

@@ -26,10 +26,10 @@ constexpr Link PARENT = {"Device Information", DEVICE_INFORMATION_PAGE};
 constexpr Link PAGE = {"Reboot", REBOOT_PAGE};
 
 // Its reader reboots the device.
-constexpr char ORDERS[] = "/run/vemo-web-reboot";
-constexpr char ORDER[] = "reboot\n";
+constexpr char REBOOT_PIPE[] = "/run/vemo-web-reboot";
+constexpr char REBOOT_LINE[] = "reboot\n";
 // Holds a word that differs after each boot of the device.
-constexpr char BOOT[] = "/run/vemo-web-boot";
+constexpr char BOOT_ID_FILE[] = "/run/vemo-web-boot";
 constexpr char UNKNOWN[] = "unknown";
 // The query field that holds the word from before the reboot.
 constexpr char BEFORE[] = "before";
@@ -62,32 +62,32 @@ look();
 )";
 
 // The pipe, if it has a reader; else -1, and errno says why.
-int OpenOrders() {
-  const int orders = open(ORDERS, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+int OpenRebootPipe() {
+  const int pipe = open(REBOOT_PIPE, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
   struct stat found {};
-  if (orders >= 0 && (fstat(orders, &found) != 0 || !S_ISFIFO(found.st_mode))) {
-    close(orders);
+  if (pipe >= 0 && (fstat(pipe, &found) != 0 || !S_ISFIFO(found.st_mode))) {
+    close(pipe);
     errno = ENXIO;
     return -1;
   }
-  return orders;
+  return pipe;
 }
 
 bool IsAllowed() {
-  const int orders = OpenOrders();
-  if (orders >= 0) {
-    close(orders);
+  const int pipe = OpenRebootPipe();
+  if (pipe >= 0) {
+    close(pipe);
   }
-  return orders >= 0;
+  return pipe >= 0;
 }
 
-bool WriteOrder() {
-  const int orders = OpenOrders();
-  const bool isWritten =
-      orders >= 0 && write(orders, ORDER, sizeof ORDER - 1) == ssize_t{sizeof ORDER - 1};
+bool WriteRebootLine() {
+  const int pipe = OpenRebootPipe();
+  const bool isWritten = pipe >= 0 && write(pipe, REBOOT_LINE, sizeof REBOOT_LINE - 1) ==
+                                          ssize_t{sizeof REBOOT_LINE - 1};
   const int reason = errno;
-  if (orders >= 0) {
-    close(orders);
+  if (pipe >= 0) {
+    close(pipe);
   }
   if (isWritten) {
     LogFormater(LOG_LEVEL_DEBUG, SOURCE, 2).Log(GetCgiLogHandler(), "%s", "Reboot ordered");
@@ -98,9 +98,9 @@ bool WriteOrder() {
   return isWritten;
 }
 
-std::string Boot() {
+std::string ReadBootId() {
   std::string word;
-  std::ifstream(BOOT) >> word;
+  std::ifstream(BOOT_ID_FILE) >> word;
   return word.empty() ? UNKNOWN : word;
 }
 
@@ -119,8 +119,8 @@ void PrintReturn() {
   std::cout << cgicc::p()
             << cgicc::a("Is it back?")
                    .set("id", "back")
-                   .set("href",
-                        std::string(PAGE.address) + "?" + BEFORE + "=" + HtmlFromLatin1(Boot()))
+                   .set("href", std::string(PAGE.address) + "?" + BEFORE + "=" +
+                                    HtmlFromLatin1(ReadBootId()))
             << cgicc::p() << std::endl;
   std::cout << cgicc::script(SCRIPT) << std::endl;
 }
@@ -139,7 +139,7 @@ void AskFirst() {
 }
 
 void Reboot() {
-  if (!WriteOrder()) {
+  if (!WriteRebootLine()) {
     PrintNotice("The device does not reboot: this web interface is not allowed to reboot it.");
     PrintOtherWays();
     return;
@@ -149,8 +149,8 @@ void Reboot() {
   PrintReturn();
 }
 
-void TellWhetherItIsBack(const std::string& before) {
-  const std::string now = Boot();
+void PrintWhetherRebooted(const std::string& before) {
+  const std::string now = ReadBootId();
   if (before == UNKNOWN || now == UNKNOWN) {
     PrintNotice("The device answers. Whether it has rebooted is not known.");
   } else if (before == now) {
@@ -176,7 +176,7 @@ int main() {
   if (request.getEnvironment().getRequestMethod() == "POST") {
     Reboot();
   } else if (!before.empty()) {
-    TellWhetherItIsBack(before);
+    PrintWhetherRebooted(before);
   } else {
     AskFirst();
   }
