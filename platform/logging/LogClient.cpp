@@ -59,7 +59,7 @@ void EndCutLine(int descriptor) {
 // Writes the whole text, with one `write` unless a signal or a full disk cuts it short. On failure
 // returns false, with errno set and the number of bytes that arrived in `written`.
 bool WriteAll(int descriptor, const std::string& text, std::size_t& written) {
-  const WriteSignals noSignals;
+  const BlockedWriteSignals blocked;
   written = 0;
   while (written < text.size()) {
     const ssize_t count = write(descriptor, text.data() + written, text.size() - written);

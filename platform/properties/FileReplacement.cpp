@@ -219,7 +219,8 @@ RenameResult FailedWith(int error) {
 // `original` is null when there is no file to replace.
 RenameResult ReplaceByRename(const fs::path& target, const struct stat* original,
                              const std::string& text) {
-  // At first only for us: nobody may read the new content who could not read the old.
+  // 0600 until the old mode is set, so that nobody reads the new content who could not read the
+  // old.
   const mode_t firstMode = original != nullptr ? 0600 : 0666;
   const fs::path folder = FolderOf(target);
   fs::path path;
@@ -352,7 +353,7 @@ ReadResult ReadFile(const std::string& path, std::string& text) {
 }
 
 bool ReplaceFile(const std::string& path, const std::string& text) {
-  const WriteSignals noSignals;
+  const BlockedWriteSignals blocked;
   fs::path target(path);
   if (text.size() > MAX_BYTES || !ResolveLinks(target)) {
     return false;

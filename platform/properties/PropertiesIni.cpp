@@ -57,7 +57,8 @@ std::optional<std::string_view> ParseSection(std::string_view line) {
 
 struct Entry {
   std::string_view key;
-  std::string_view value;  // as written in the file; when empty, its position still counts
+  std::string_view
+      value;  // as written; an empty one still points to where a value goes in the line
 };
 
 std::optional<Entry> ParseEntry(std::string_view line) {
@@ -68,7 +69,8 @@ std::optional<Entry> ParseEntry(std::string_view line) {
   return Entry{Trim(line.substr(0, separator)), Trim(line.substr(separator + 1))};
 }
 
-// Iterates over the lines of a text, with the section of each. A section's first line is in it.
+// Iterates over the lines of a text, with the section of each. The line `[name]` belongs to
+// the section that it begins.
 class LineReader {
  public:
   explicit LineReader(std::string_view text)
@@ -125,10 +127,10 @@ bool IsWritableSection(std::string_view name) {
 }
 
 bool IsWritableKey(std::string_view name) {
-  constexpr std::string_view OTHER_LINES = "[;#";
+  constexpr std::string_view FIRST_CHARACTERS_OF_OTHER_LINES = "[;#";
   return !name.empty() && name.find_first_of(LINE_BREAKERS) == std::string_view::npos &&
          name.find('=') == std::string_view::npos &&
-         OTHER_LINES.find(name.front()) == std::string_view::npos &&
+         FIRST_CHARACTERS_OF_OTHER_LINES.find(name.front()) == std::string_view::npos &&
          !StartsWith(name, BYTE_ORDER_MARK);
 }
 
@@ -223,9 +225,9 @@ std::string AppendSection(std::string text, const std::string& header, const std
 // Returns `text` with a new line at `offset`, which is the top or the end of a line.
 std::string InsertLine(std::string text, std::size_t offset, const std::string& line) {
   const std::string lineEnd(LineEnd(text));
-  const bool isBehindOpenLine = offset == text.size() && !IsTerminated(text);
+  const bool isAfterUnterminatedLine = offset == text.size() && !IsTerminated(text);
   const std::string inserted =
-      isBehindOpenLine ? std::string(MissingLineEnd(text)) + line : line + lineEnd;
+      isAfterUnterminatedLine ? std::string(MissingLineEnd(text)) + line : line + lineEnd;
   return text.insert(offset, inserted);
 }
 

@@ -33,7 +33,7 @@ using Clock = std::chrono::steady_clock;
 struct Server {
   const std::string address;
   const std::uint16_t port;
-  const HttpUser& user;
+  const HttpCallbacks& callbacks;
   std::map<MHD_Connection*, Clock::time_point> deadlines = {};
 };
 
@@ -86,8 +86,8 @@ Refusal Check(MHD_Connection* connection, const Server& server, const std::strin
   return {};
 }
 
-// True: the body's length is announced and within the limit.
-bool IsShort(MHD_Connection* connection) {
+// True: the body is not chunked, and its announced length, if any, is within the limit.
+bool HasAcceptableLength(MHD_Connection* connection) {
   const char* const length = Header(connection, "Content-length");
   return Header(connection, "Transfer-Encoding") == nullptr &&
          (length == nullptr || std::strtoull(length, nullptr, 10) <= MAX_BODY_BYTES);
@@ -96,8 +96,8 @@ bool IsShort(MHD_Connection* connection) {
 // --- Replies
 
 // The clients find the length in lower case only, and want the beginning of the body in their first
-// receive buffer. So a reply has two length headers, ours and the library's: without its own one it
-// would send the headers before the body.
+// receive buffer. So a reply has two length headers, ours and the library's: if the library sent no
+// header of its own, it would send the headers in a packet of their own, before the body.
 MHD_Result Reply(MHD_Connection* connection, unsigned status, const std::string& body) {
   const std::unique_ptr<MHD_Response, decltype(&MHD_destroy_response)> response(
       MHD_create_response_from_buffer(body.size(), const_cast<char*>(body.data()),
@@ -119,7 +119,7 @@ MHD_Result Reply(MHD_Connection* connection, unsigned status, const std::string&
 
 MHD_Result Refuse(MHD_Connection* connection, const Server& server, const std::string& request,
                   const Refusal& refusal) {
-  server.user.refused(request, refusal.status, refusal.reason);
+  server.callbacks.refused(request, refusal.status, refusal.reason);
   return Reply(connection, refusal.status, "");
 }
 
@@ -134,7 +134,7 @@ MHD_Result HandleRequest(void* data, MHD_Connection* connection, const char* pat
   auto* const request = static_cast<Request*>(*state);
   if (request == nullptr) {
     const Refusal refusal = Check(connection, server, path, method);
-    if (!IsShort(connection)) {
+    if (!HasAcceptableLength(connection)) {
       return Refuse(connection, server, line,
                     refusal.status != 0
                         ? refusal
@@ -152,7 +152,7 @@ MHD_Result HandleRequest(void* data, MHD_Connection* connection, const char* pat
     return Refuse(connection, server, line, request->refusal);
   }
   return Reply(connection, MHD_HTTP_OK,
-               server.user.answer(
+               server.callbacks.answer(
                    MHD_lookup_connection_value(connection, MHD_GET_ARGUMENT_KIND, "FunctionName"),
                    request->body));
 } catch (const std::exception&) {
@@ -190,7 +190,7 @@ __attribute__((format(printf, 2, 0))) void HandleMessage(void* data, const char*
   char text[256];
   std::vsnprintf(text, sizeof text, format, arguments);
   const std::string message = text;
-  static_cast<Server*>(data)->user.failed(message.substr(0, message.find('\n')));
+  static_cast<Server*>(data)->callbacks.failed(message.substr(0, message.find('\n')));
 } catch (const std::exception&) {
   // Out of memory: it cannot be logged.
 }
@@ -232,8 +232,9 @@ int ListenHttp(const std::string& address, std::uint16_t port) {
   return isListening ? listener : -1;
 }
 
-bool ServeHttp(int listener, const std::string& address, std::uint16_t port, const HttpUser& user) {
-  Server server{address, port, user};
+bool ServeHttp(int listener, const std::string& address, std::uint16_t port,
+               const HttpCallbacks& callbacks) {
+  Server server{address, port, callbacks};
   MHD_Daemon* const daemon = MHD_start_daemon(
       MHD_USE_EPOLL | MHD_USE_ERROR_LOG, port, nullptr, nullptr, HandleRequest, &server,
       MHD_OPTION_EXTERNAL_LOGGER, HandleMessage, static_cast<void*>(&server),

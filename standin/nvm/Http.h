@@ -1,7 +1,8 @@
 // The HTTP side of the nVm service: libmicrohttpd, limited to what the service's clients send.
 //
 // One thread: clients cannot exhaust a pool, and nothing needs a lock. A connection carries one
-// request. The service accepts only a GET with a body, which no web page can make a browser send:
+// request, a GET. `answer` refuses an empty body as no packet, and no web page can make a browser
+// send a GET with a body:
 //
 //   GET /nVm?FunctionName=NAME
 //   Host             the address of the service, with or without its port
@@ -16,7 +17,7 @@
 #include <functional>
 #include <string>
 
-struct HttpUser {
+struct HttpCallbacks {
   // The body of the reply to a request.
   std::function<std::string(const std::string& function, const std::string& body)> answer;
   // Called for a refused request, with its method and path, unchanged, and the reason.
@@ -30,6 +31,7 @@ struct HttpUser {
 int ListenHttp(const std::string& address, std::uint16_t port);
 
 // Serves the requests of `listener`, which ListenHttp made for the same address and port. An
-// exception of `user` ends only that connection. Returns only when the library does not start:
+// exception of a callback ends only that connection. Returns only when the library does not start:
 // false.
-bool ServeHttp(int listener, const std::string& address, std::uint16_t port, const HttpUser& user);
+bool ServeHttp(int listener, const std::string& address, std::uint16_t port,
+               const HttpCallbacks& callbacks);

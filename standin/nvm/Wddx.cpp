@@ -57,7 +57,8 @@ xmlDocPtr Parse(const std::string& text) {
 }  // namespace
 
 std::optional<std::map<std::string, std::string>> ReadPacket(const std::string& text) {
-  // libxml2 may crash when memory runs out: throws before that.
+  // Allocates and frees 4 MiB first: when memory is short, this throws, and libxml2, which may
+  // crash then, is not called.
   constexpr std::size_t ENOUGH_BYTES = std::size_t{4} * 1024 * 1024;
   operator delete(operator new(ENOUGH_BYTES));
   const std::unique_ptr<xmlDoc, decltype(&xmlFreeDoc)> document(Parse(text), xmlFreeDoc);

@@ -30,8 +30,8 @@ namespace {
 
 int callCount = 0;
 
-// The files of the watched descriptors. Never destroyed: descriptors are closed until the process
-// ends.
+// The files of the watched descriptors. Never destroyed: descriptors are still closed while the
+// process ends.
 std::map<int, std::string>& Names() {
   static auto* const names = new std::map<int, std::string>;
   return *names;

@@ -23,12 +23,12 @@ constexpr size_t MAX_RECORD = 16384;
 constexpr size_t MAX_LINE = PATH_MAX + 128;
 
 // True: snprintf cut nothing.
-bool Fits(int length, size_t size) {
+bool IsWhole(int length, size_t size) {
   return length >= 0 && static_cast<size_t>(length) < size;
 }
 
 bool Join(char (&path)[PATH_MAX], const char* folder, const char* name) {
-  if (Fits(std::snprintf(path, sizeof path, "%s/%s", folder, name), sizeof path)) {
+  if (IsWhole(std::snprintf(path, sizeof path, "%s/%s", folder, name), sizeof path)) {
     return true;
   }
   errno = ENAMETOOLONG;
@@ -40,8 +40,8 @@ bool Join(char (&path)[PATH_MAX], const char* folder, const char* name) {
 bool WriteVariable(char (&line)[MAX_LINE], const char* name) {
   const char* const value = std::getenv(name);
   errno = EINVAL;
-  return Fits(std::snprintf(line, sizeof line, "%s=%s", name, value == nullptr ? "" : value),
-              sizeof line) &&
+  return IsWhole(std::snprintf(line, sizeof line, "%s=%s", name, value == nullptr ? "" : value),
+                 sizeof line) &&
          std::strchr(line, '\n') == nullptr;
 }
 
@@ -51,11 +51,11 @@ bool WriteFile(char (&line)[MAX_LINE], const char* path) {
     return false;
   }
   errno = EINVAL;
-  return Fits(std::snprintf(line, sizeof line, "%lld %lld.%09ld %llu %s",
-                            static_cast<long long>(file.st_size),
-                            static_cast<long long>(file.st_mtim.tv_sec), file.st_mtim.tv_nsec,
-                            static_cast<unsigned long long>(file.st_ino), path),
-              sizeof line) &&
+  return IsWhole(std::snprintf(line, sizeof line, "%lld %lld.%09ld %llu %s",
+                               static_cast<long long>(file.st_size),
+                               static_cast<long long>(file.st_mtim.tv_sec), file.st_mtim.tv_nsec,
+                               static_cast<unsigned long long>(file.st_ino), path),
+                 sizeof line) &&
          path[0] == '/' && std::strchr(line, '\n') == nullptr;
 }
 
@@ -190,7 +190,8 @@ bool UseClassArchive(const char* folder) {
   char path[PATH_MAX];
   char option[PATH_MAX + 32];
   return ClassArchiveFits(folder) && Join(path, folder, CLASS_ARCHIVE_OPTIONS) &&
-         Fits(std::snprintf(option, sizeof option, "-XX:VMOptionsFile=%s", path), sizeof option) &&
+         IsWhole(std::snprintf(option, sizeof option, "-XX:VMOptionsFile=%s", path),
+                 sizeof option) &&
          setenv(OPTIONS_VARIABLE, option, 1) == 0;
 }
 

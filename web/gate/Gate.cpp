@@ -74,9 +74,10 @@ constexpr long MAX_SLOTS = 1000;
 constexpr long MAX_BYTES = 65536;  // a pipe takes as much in one write
 constexpr long MAX_SECONDS = 24L * 60 * 60;
 
-// The slot file is never written: only locks on its bytes have a meaning. One byte is a slot. Then
-// come MAX_SLOTS bytes for each client address, one a request. Then comes one byte for each
-// nanosecond since the machine started: the ticket of the request that entered the queue then.
+// The slot file is never written: only locks on its bytes have a meaning. Each byte from FIRST_SLOT
+// on is a slot. Then come MAX_SLOTS bytes for each client address, one a request. Then comes one
+// byte for each nanosecond since the machine started: the ticket of the request that entered the
+// queue then.
 constexpr off_t FIRST_SLOT = 1;
 constexpr off_t FIRST_CLIENT_SLOT = FIRST_SLOT + MAX_SLOTS;
 constexpr off_t FIRST_TICKET = 1LL << 60;
@@ -140,11 +141,11 @@ void OpenStandardDescriptors() {
   }
 }
 
-long Number(const char* variable, long most) {
+long ReadNumber(const char* variable, long max) {
   const char* const text = std::getenv(variable);
   char* end = nullptr;
   const long number = text == nullptr ? 0 : std::strtol(text, &end, 10);
-  if (number < 1 || number > most || *end != '\0') {
+  if (number < 1 || number > max || *end != '\0') {
     errno = EINVAL;
     Fail(variable);
   }
@@ -199,7 +200,8 @@ bool TakeSlot(int file, off_t first, long slots) {
 // number.
 off_t ClientNumber(const char* address) {
   constexpr off_t IP4_ADDRESSES = 1LL << 32;
-  constexpr std::uint64_t IP6_NUMBERS = (1ULL << 40) - 87;  // prime: every bit counts
+  // A prime, so that all bits of the address affect the number.
+  constexpr std::uint64_t IP6_NUMBERS = (1ULL << 40) - 87;
   constexpr char MAPPED[] = "::ffff:";
   if (std::strncmp(address, MAPPED, sizeof MAPPED - 1) == 0) {
     address += sizeof MAPPED - 1;
@@ -317,8 +319,8 @@ off_t TicketBefore(int file, off_t ticket) {
   return last;
 }
 
-// Returns when every earlier request has got a slot or gone, however it went. Waits for the lock of
-// the one just before: so the end of a request wakes only the next one.
+// Returns when every earlier request has got a slot or has ended for any reason. Waits for the lock
+// of the one just before: so each request that leaves the queue wakes only the next.
 void WaitForTurn(int file, off_t ticket) {
   for (off_t before; (before = TicketBefore(file, ticket)) != NO_TICKET;) {
     struct flock lock = LockOf(F_RDLCK, before);
@@ -442,9 +444,9 @@ int main(int argc, char** argv) {
     errno = EINVAL;
     Fail("usage: cgi-gate PROGRAM");
   }
-  const long slots = Number(SLOTS_VARIABLE, MAX_SLOTS);
-  const long queueTimeout = Number(QUEUE_TIMEOUT_VARIABLE, MAX_SECONDS);
-  const long runTimeout = Number(RUN_TIMEOUT_VARIABLE, MAX_SECONDS);
+  const long slots = ReadNumber(SLOTS_VARIABLE, MAX_SLOTS);
+  const long queueTimeout = ReadNumber(QUEUE_TIMEOUT_VARIABLE, MAX_SECONDS);
+  const long runTimeout = ReadNumber(RUN_TIMEOUT_VARIABLE, MAX_SECONDS);
   const char* const path = std::getenv(SLOT_FILE_VARIABLE);
   // No O_CLOEXEC: the program has to keep the descriptor, since closing it would free the slot.
   const int file = path == nullptr ? -1 : open(path, O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
@@ -460,11 +462,11 @@ int main(int argc, char** argv) {
   }
   const char* const clientSlots = std::getenv(CLIENT_SLOTS_VARIABLE);
   if (clientSlots != nullptr && std::strcmp(clientSlots, "0") != 0) {
-    TakeClientSlot(file, Number(CLIENT_SLOTS_VARIABLE, MAX_SLOTS));
+    TakeClientSlot(file, ReadNumber(CLIENT_SLOTS_VARIABLE, MAX_SLOTS));
   }
   StartQueueTimeout(queueTimeout);
   if (std::getenv(MAX_BODY_VARIABLE) != nullptr) {
-    ReadBody(Number(MAX_BODY_VARIABLE, MAX_BYTES));
+    ReadBody(ReadNumber(MAX_BODY_VARIABLE, MAX_BYTES));
   }
   WaitForSlot(file, slots);
   StartRunTimeout(runTimeout);
