@@ -34,9 +34,8 @@ struct Link {
 };
 
 // Writes the viewport for phones, which the frame lacks, the navigation and the heading. Then opens
-// the content block, a `div` whose language is English, and leaves it open. `path` is the way from
-// the home page, which it leaves out, through the page's parents to the page itself; it is never
-// empty.
+// the content block, a `div` whose language is English, and leaves it open. `path` lists the
+// page's parents, without the home page, and then the page itself; it must not be empty.
 void OpenContent(const std::vector<Link>& path);
 
 // Closes the content block of OpenContent; only its `div` may be open.

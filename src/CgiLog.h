@@ -5,10 +5,10 @@
 //   LogFormater(LOG_LEVEL_DEBUG, "src/SetObdConf", 30).Log(GetCgiLogHandler(), "%s", "main");
 //
 // The number is the statement's name, not its source line; a new statement takes a number that its
-// file does not use yet. Number and format are literals: searching the sources for the text of a
-// log line finds the statement that wrote it. Numbers, texts, their order and the layout of a line
-// are an interface and do not change. Neither do the texts of pages and the traces on standard
-// output.
+// file does not use yet. Number and format are literals: searching the sources for the constant
+// part of a log line finds the statement that wrote it; docs/log.md lists all. Numbers, texts,
+// their order and the layout of a line are an interface and do not change. Neither do the texts of
+// pages and the traces on standard output.
 #pragma once
 
 #include <cstdint>

@@ -65,8 +65,8 @@ int Connect(const std::string& address) {
   return connection;
 }
 
-// What one call of `recv` brought, as a text that ends at its first zero byte: the one after the
-// data at the latest.
+// The bytes of one `recv`, as a C string: a zero byte is added after them, and the first zero byte
+// ends it.
 struct ReceiveBuffer {
   // The number of bytes, zero bytes included; 0 at the end of the connection; -1 on a failure,
   // which leaves the text as it was.

@@ -54,7 +54,7 @@ class NvmManipulator {
   // Returns -1 on any failure, with `replyText` unchanged. No socket, no connection or a failed
   // send is logged as ERROR and closes the connection. An unknown function (logged as ERROR), or a
   // first receive without a "content-length" in lower case, leaves it open. With an empty argument
-  // nothing happens.
+  // nothing is sent, and the last reply is kept.
   int SendToNvm(const std::string& serviceAddress, const std::string& function,
                 std::string& replyText);
 
@@ -84,7 +84,7 @@ class NvmManipulator {
 
 // Asks for the device's status, allocates the device when it is free and releases it otherwise, and
 // asks for the status once more. Traces its steps on standard output, and leaves the first status
-// reply in the file "/tmp/cgirep.txt", emptied before. Returns 0 when that reply contains whether
-// the device is allocated, whatever the later exchanges returned. Otherwise returns -1 and reports
-// it on standard output.
+// reply in the file "/tmp/cgirep.txt", emptied before. Returns 0 when a value of "IsAllocated" is
+// found in that reply, whatever the later exchanges returned. Otherwise returns -1 and reports it
+// on standard output.
 int ToggleDeviceAllocation();

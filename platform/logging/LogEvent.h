@@ -30,6 +30,6 @@ class LogEvent {
   std::string handlerName;  // the handler that the event was logged to, not the one passing it on
   std::int32_t processId;   // the logging process
   std::string fileName;     // source file of the log statement
-  std::int32_t line;        // source line of the log statement
+  std::int32_t line;        // its number: the source line, or a fixed name as in CgiLog.h
   std::string message;      // the formatted message, without a line end of its own
 };

@@ -1,4 +1,4 @@
-// A named entry point for log events.
+// A named distributor of log events: it passes each event that it gets to all of its clients.
 #pragma once
 
 #include <string>
@@ -16,8 +16,7 @@ class LogHandler : public LogHandlerClient {
   // client, directly or through others: an event would recurse without end.
   void AddLogClient(LogHandlerClient* client);
 
-  // Passes the event on to each client, in the order in which they were added. A handler without
-  // clients is silent.
+  // Passes the event on to each client. A handler without clients is silent.
   void HandleEvent(const LogEvent& event) override;
 
   const std::string& GetName() const;

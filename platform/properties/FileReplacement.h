@@ -13,8 +13,8 @@ enum class ReadResult {
 
 // Reads the file at `path` into `text`; `text` is empty unless the result is kRead. A file of more
 // than 32 MiB is unreadable. Waits for no lock, only for the kernel to break another process's
-// lease. A file that can only be rewritten in place, and was written just now, is read again until
-// 30 ms have passed since, for about 200 ms at most: its writer may be in the middle.
+// lease. A file that can only be rewritten in place is read again until its last change is 30 ms
+// old, for about 200 ms at most: another process may still be writing it.
 ReadResult ReadFile(const std::string& path, std::string& text);
 
 // Makes `text` the content of the file at `path`; a missing file is created with mode 0666 less the
@@ -37,10 +37,10 @@ ReadResult ReadFile(const std::string& path, std::string& text);
 // mount of its own, an owner or attributes that cannot be kept): the disk space is allocated first,
 // so a full disk fails before anything is overwritten; the old content is written back when a write
 // fails; the file is truncated last. Each process reads the file afterwards and writes again until
-// it finds its own text, for about a second at most. False means: another process's text is there,
-// or a mix; or the new content is there but may not survive a power cut. Readers other than
-// ReadFile may see a mix of both texts, or zeros at the end; so may everybody after a killed
-// process, a power cut or a disk that fails twice.
+// it finds its own text, for about a second at most. False means: the old content is there; or
+// another process's text, or a mix; or the new content, which may not survive a power cut. Readers
+// other than ReadFile may see a mix of both texts, or zeros at the end; so may everybody after a
+// killed process, a power cut or a disk that fails twice.
 //
 // Extended attributes and access control lists are kept; hard links to the file are not. A
 // write-protected file in a writable folder is replaced, and stays write-protected. A killed

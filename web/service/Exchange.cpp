@@ -1,5 +1,6 @@
 // exchange ONE OTHER: swaps the names of two files atomically. A mount on either file moves with
-// it. Replacing a mounted file by a plain rename would remove the mount first.
+// it. A plain rename over the log, which is a mount point in the service's namespace, would unmount
+// it there, and the service would see no log.
 
 #include <fcntl.h>
 
