@@ -45,9 +45,12 @@ UPGRADES = {6: "9.0.0", 13: "9.1.0"}  # behind so many restarts
 STORED = " ".join(number for _, number in booted.STATEMENTS)
 ASKED = f"{STORED} 50 88"
 # Over 1 MB, by lines that nobody takes for a request's.
-ROTATE = (f"head -c 1100000 /dev/zero | tr '\\0' '\\n' >>{LOG}; for _ in $(seq 100); do systemctl start vemo-web-log; "
+GROW = f"head -c 1100000 /dev/zero | tr '\\0' '\\n' >>{LOG}"
+ROTATE = (f"{GROW}; for _ in $(seq 100); do systemctl start vemo-web-log; "
           f"[ $(stat --format=%s {LOG}) -ge 1000000 ] || break; systemctl reset-failed; sleep 0.2; done")
 UPGRADE = 900  # seconds
+# Each automatic restart is slow.
+SLOW = shlex.quote('ExecStartPre=+sh -c "[ $$(systemctl show -P NRestarts vemo-web) = 0 ] || sleep 1000"')
 LOG_LINE = re.compile(r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6}  (DEBUG|ERROR) +\S+ +\d+ +\S+ +\d+ ")
 
 # A shell on the serial console; nobody logs in.
@@ -466,19 +469,23 @@ class Installed(booted.Requests, unittest.TestCase):
         self.device.run("systemctl disable --now vemo-web-reboot.socket")
         self.expect_no_reboot()
 
-    def expect_found(self, word, what, command):
-        """By the check, and nothing else; the command is run."""
+    def expect_found(self, word, what, command, before=":"):
+        """By the check, and nothing else; the command is run, after what has to be done before it."""
         status, output = self.device.run("vemo-web-check")
         found = re.findall(r"(?m)^(risky|WRONG)  (.{14}) .*\n +-> (.*)$", output)
         self.assertEqual([(word, what) for word, what, _ in found], [(word, what.ljust(14))], output)
         self.assertTrue(found[0][2].startswith(command), output)
         self.assertEqual(status, int(word == "WRONG"))
-        self.device.run(found[0][2])
+        self.device.run(f"{before}; {found[0][2]}")
         return output
 
     def test_7_the_check_names_the_cause_and_its_command_mends_it(self):
         """Each is looked at when the one before it is mended."""
         restart = "systemctl restart vemo-web"
+        slow = "/run/systemd/system/vemo-web.service.d/slow.conf"
+        # The later tests need the port, whatever fails here.
+        self.addCleanup(self.device.wait_for_page)
+        self.addCleanup(self.device.run, f"rm -f {slow}; systemctl daemon-reload; systemctl stop other; {restart}")
         self.expect_content()
         for broken, word, what, command in (
                 ("systemctl stop vemo-web", "WRONG", "service", "systemctl start vemo-web"),
@@ -491,13 +498,24 @@ class Installed(booted.Requests, unittest.TestCase):
             print(broken, file=sys.stderr)
             self.device.run(broken)
             self.expect_found(word, what, command)
+
         # What is in the way has to go first.
-        self.device.run("systemctl stop vemo-web; systemd-run --unit=other systemd-socket-activate --accept "
-                        "-l 0.0.0.0:8080 cat; sleep 3; systemctl start vemo-web; for _ in $(seq 60); do "
-                        "systemctl is-active -q vemo-web || break; sleep 1; done")
-        output = self.expect_found("WRONG", "service", restart)
+        self.device.run(f"rm -f {LOG}.4; : >{LOG}.3; mkdir {LOG}.4; {GROW}; systemctl start vemo-web-log")
+        output = self.expect_found("risky", "log", "systemctl start vemo-web-log", f"rmdir {LOG}.4")
+        self.assertRegex(output, rf"\nrisky  log  .*{LOG} is not rotated any more: .*{LOG}\.4")
+        self.assertEqual(self.device.run(f"stat -c %F {LOG}.4; stat -c %s {LOG}")[1], "regular empty file\n0\n")
+        self.expect_content()
+
+        # The first start fails; the next one, which has forgotten that, is looked at while it lasts.
+        self.device.run(
+            f"systemctl stop vemo-web; mkdir -p $(dirname {slow}); printf '%s\\n' [Service] {SLOW} >{slow}; "
+            "systemctl daemon-reload; "
+            "systemd-run --unit=other systemd-socket-activate --accept -l 0.0.0.0:8080 cat; sleep 3; "
+            "systemctl start vemo-web; for _ in $(seq 240); do [ $(systemctl show -P NRestarts vemo-web) = 0 ] || "
+            "[ $(systemctl show -P SubState vemo-web) != start-pre ] || break; sleep 1; done")
+        output = self.expect_found("WRONG", "service", restart,
+                                   f"rm {slow}; systemctl daemon-reload; systemctl stop other")
         self.assertIn("Address already in use", output)
-        self.device.run("systemctl stop other; systemctl restart vemo-web")
         self.device.wait_for_page()
         self.expect_content()
 
