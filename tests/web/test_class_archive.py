@@ -257,6 +257,13 @@ def test_a_record_of_another_form_fits_nothing(other):
     mismatch()
 
 
+@pytest.mark.parametrize("value", ["one line\nand another", "x" * 5000], ids=["two lines", "too long"])
+def test_a_variable_that_no_line_holds_leaves_no_record(value):
+    status, _, error = run([TOOL, "record", FOLDER, OPTIONS], {**BY_OUR_VM, "JAVA_OPTIONS": value})
+    assert (status, error) == (1, "class-archive: record: Invalid argument\n")
+    assert not RECORD.exists()
+
+
 def test_a_record_that_is_no_file_fits_nothing():
     """Nothing waits for a pipe."""
     RECORD.unlink()

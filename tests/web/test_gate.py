@@ -101,6 +101,11 @@ def test_hands_a_body_on_however_it_comes_up_to_the_limit(gate, sizes):
     assert process.communicate(timeout=LIMIT)[0] == b"".join(pieces)
 
 
+def test_a_body_leaves_the_program_no_more_descriptors(gate):
+    descriptors = "ls /proc/$$/fd"
+    assert gate.run(descriptors, **BODY, CONTENT_LENGTH="0")[1] == gate.run(descriptors)[1]
+
+
 @pytest.mark.parametrize("length, prepare", [("0", None), ("", None), ("0", lambda: os.close(0))],
                          ids=["of no bytes", "without a length", "without standard input"])
 def test_a_body_may_be_empty(gate, length, prepare):
