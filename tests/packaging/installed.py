@@ -99,7 +99,7 @@ def test_pages_build_against_what_is_installed_alone(build, prefix, document, tm
     log = pathlib.Path("/tmp/cgi.log")  # of this machine, not of the sandbox
     before = log.exists() and log.stat().st_size
     source = shutil.copytree(EXAMPLE, tmp_path / "source")
-    # A page of the author's own, by the one edit that the document names.
+    # A page of the author's own, by the one edit that sibling-page.md shows.
     shutil.copy(source / "Uptime.cpp", source / "Battery.cpp")
     pages = re.search(r"`((foreach\(page .*) Battery\))`", document)
     text, listed = (source / "CMakeLists.txt").read_text(encoding="utf-8"), f"{pages[2]})"
