@@ -264,6 +264,12 @@ def test_a_variable_that_no_line_holds_leaves_no_record(value):
     assert not RECORD.exists()
 
 
+def test_a_file_that_is_not_there_leaves_no_record():
+    status, _, error = run([TOOL, "record", FOLDER, "/nowhere"], BY_OUR_VM)
+    assert (status, error) == (1, "class-archive: record: No such file or directory\n")
+    assert not RECORD.exists()
+
+
 def test_a_record_that_is_no_file_fits_nothing():
     """Nothing waits for a pipe."""
     RECORD.unlink()
