@@ -32,6 +32,7 @@ STEP = 15  # seconds between two lines of progress where there is no terminal
 # The signals that end tests, each with the seconds to wait. SIGINT lets them clean up. Background processes of a shell
 # ignore it, so SIGTERM follows.
 ENDINGS = ((signal.SIGINT, 5), (signal.SIGTERM, 3), (signal.SIGKILL, 3))
+WHOLE_OUTPUT = ("--test-output-size-passed", "1000000", "--test-output-size-failed", "1000000")
 FAILED = "Testing/Temporary/LastTestsFailed.log"  # ctest's own, a line for each: NUMBER:NAME
 PR_SET_CHILD_SUBREAPER = 36
 
@@ -85,6 +86,11 @@ def print_results(junit, results):
         skipped = test.find("skipped")
         if test.get("status") == "run":
             counts["passed"] += 1
+            # A test of ctest's is a file of pytest's tests, of which some may be skipped.
+            reasons = re.findall(r"^SKIPPED \[\d+\] (.*)$", output, re.MULTILINE)
+            counts["skipped"] += len(reasons)
+            for reason in reasons:
+                print(f"SKIPPED {name}:", reason)
         elif skipped is not None and skipped.get("message", "").startswith("SKIP_"):
             counts["skipped"] += 1
             reason = re.search(r"(?ms): Skipped\n(.*?)\n*\[  SKIPPED|^SKIPPED \[\d+\] (.*?)$", output)
@@ -142,7 +148,7 @@ def run(folder, options, arguments):
     is_verbose = "--verbose" in options
     results = {}
     try:
-        status, output = run_ctest(folder, ["--output-junit", str(junit), *arguments], is_verbose, results)
+        status, output = run_ctest(folder, ["--output-junit", str(junit), *WHOLE_OUTPUT, *arguments], is_verbose, results)
     finally:
         note_failures(folder, results, before)
     counts = print_results(junit, results) if junit.exists() else {}

@@ -31,6 +31,13 @@ def test_options_are_handed_to_ctest(machine):
     expect_tests("-R nonsense", 1, "No test ran: there is none such\n0 passed, 0 failed, 0 skipped")
 
 
+def test_a_skip_among_tests_that_pass_is_named_and_a_failure_where_namespaces_are_allowed(machine, monkeypatch):
+    add_test(ONE, "echo 'SKIPPED [1] file.py:3: no small disk'; echo '= 1 passed, 1 skipped'")
+    expect_tests("", 1, "SKIPPED one: file.py:3: no small disk", ONE)
+    monkeypatch.setenv("VEMO_SANDBOX_KIND", "proot")
+    expect_tests("", 0, "1 passed, 0 failed, 1 skipped", ONE)
+
+
 def test_what_failed_runs_again(machine):
     add_test("build/good")
     add_test(ONE, f"test -e {machine}/mended")
