@@ -1,5 +1,5 @@
 # Reproducible builds: the same sources give the same bits, wherever they are built. A project that includes this one
-# sets its own flags. tests/packaging/same_bits.py builds twice and compares.
+# sets its own flags. tests/packaging/same-bits builds twice and compares.
 
 # No file names the folder that it was compiled in. Debug builds keep it for the debugger, sanitized ones for llvm-cov.
 if(NOT VEMO_SANITIZE)

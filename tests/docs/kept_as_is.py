@@ -2,14 +2,14 @@
 points to it."""
 
 import re
-import unittest
+
+import pytest
 
 import pages
 
 PAGE = "docs/kept-as-is.md"
 SEVERITIES = ["high", "medium", "low"]  # in the order of the table
 POINTER = re.compile(r"^// Contract and known issues: docs/kept-as-is\.md, `([^`]+)`\.\n(.*\n)", re.MULTILINE)
-ANY_POINTER = "docs/kept-as-is.md"
 FOLDERS = ("src", "platform", "pages", "web", "standin", "packaging", "docs")
 
 
@@ -19,7 +19,7 @@ def functions_of(row):
     return [(file, function) for function in functions]
 
 
-def test_names():
+def names_of_tests():
     """The names of all tests: Suite.Name of GoogleTest, without the prefixes and suffixes of those that
     have parameters; of Python Class.test_name, or file.test_name outside of classes."""
     names = set()
@@ -52,73 +52,65 @@ def sources():
                 yield str(file.relative_to(pages.ROOT)), file.read_text(encoding="utf-8")
 
 
-class KeptAsIs(unittest.TestCase):
-    def setUp(self):
-        self.rows = pages.rows(PAGE)
-        self.contract = [row for row in self.rows if "severity" not in row]
-        self.issues = [row for row in self.rows if "severity" in row]
-        self.assertGreater(len(self.contract), 0)
-        self.assertGreater(len(self.issues), 0)
+TESTS = names_of_tests()
+ROWS = pages.rows(PAGE)
+CONTRACT = [row for row in ROWS if "severity" not in row]
+ISSUES = [row for row in ROWS if "severity" in row]
 
-    def test_every_name_stands_once(self):
-        names = [row["name"] for row in self.rows]
-        self.assertEqual(sorted(names), sorted(set(names)))
-
-    def test_every_part_of_the_contract_says_what_holds(self):
-        for row in self.contract:
-            with self.subTest(row["name"]):
-                self.assertNotEqual(row["what holds"], "")
-
-    def test_every_issue_says_what_happens_and_what_guards(self):
-        for row in self.issues:
-            with self.subTest(row["name"]):
-                self.assertNotEqual(row["what happens"], "")
-                self.assertNotEqual(row["guard"], "")
-
-    def test_every_issue_has_a_severity_and_the_worst_come_first(self):
-        severities = [row["severity"] for row in self.issues]
-        for row in self.issues:
-            with self.subTest(row["name"]):
-                self.assertIn(row["severity"], SEVERITIES)
-        self.assertEqual(severities, sorted(severities, key=(SEVERITIES + severities).index))
-
-    def test_every_function_is_there(self):
-        for row in self.rows:
-            functions = functions_of(row)
-            self.assertTrue(functions, row["name"])
-            for file, function in functions:
-                with self.subTest(row["name"], function=function):
-                    self.assertTrue(defines(pages.read(file), function), f"not in {file}")
-
-    def test_every_file_that_a_row_names_is_there(self):
-        for row in self.rows:
-            for file in pages.code(row.get("guard", "") + row.get("what holds", "")):
-                if file.startswith(tuple(f"{folder}/" for folder in FOLDERS)):
-                    with self.subTest(row["name"]):
-                        self.assertTrue((pages.ROOT / file).exists(), file)
-
-    def test_every_row_names_tests_that_are_there(self):
-        existing = test_names()
-        for row in self.rows:
-            named = pages.code(row["test"])
-            self.assertTrue(named, row["name"])
-            for test in named:
-                with self.subTest(row["name"]):
-                    self.assertIn(test, existing)
-
-    def test_the_listed_functions_point_here_once_and_no_others(self):
-        listed = sorted({pair for row in self.rows for pair in functions_of(row)})
-        pointers = sorted((file, name) for file, text in sources() for name, _ in POINTER.findall(text))
-        self.assertEqual(pointers, listed)
-
-    def test_every_pointer_stands_right_before_its_function(self):
-        for file, text in sources():
-            with self.subTest(file):
-                found = POINTER.findall(text)
-                self.assertEqual(text.count(ANY_POINTER), len(found), "a pointer of another form")
-                for function, line in found:
-                    self.assertRegex(line, rf"(?<![\w.>~]){re.escape(function)}\(")
+every_row = pytest.mark.parametrize("row", ROWS, ids=lambda row: row["name"])
+every_source = pytest.mark.parametrize("text", [pytest.param(text, id=file) for file, text in sources()])
 
 
-if __name__ == "__main__":
-    unittest.main()
+def test_every_name_stands_once():
+    names = [row["name"] for row in ROWS]
+    assert sorted(names) == sorted(set(names))
+
+
+def test_every_part_of_the_contract_says_what_holds():
+    assert [row["name"] for row in CONTRACT if not row["what holds"]] == []
+    assert CONTRACT
+
+
+def test_every_issue_says_what_happens_and_what_guards():
+    assert [row["name"] for row in ISSUES if not (row["what happens"] and row["guard"])] == []
+    assert ISSUES
+
+
+def test_every_issue_has_a_severity_and_the_worst_come_first():
+    severities = [row["severity"] for row in ISSUES]
+    assert set(severities) <= set(SEVERITIES)
+    assert severities == sorted(severities, key=SEVERITIES.index)
+
+
+@every_row
+def test_every_function_is_there(row):
+    assert functions_of(row)
+    for file, function in functions_of(row):
+        assert defines(pages.read(file), function), f"{function} is not in {file}"
+
+
+@every_row
+def test_every_file_that_a_row_names_is_there(row):
+    for file in pages.code(row.get("guard", "") + row.get("what holds", "")):
+        if file.startswith(tuple(f"{folder}/" for folder in FOLDERS)):
+            assert (pages.ROOT / file).exists(), file
+
+
+@every_row
+def test_every_row_names_tests_that_are_there(row):
+    named = set(pages.code(row["test"]))
+    assert named
+    assert named - TESTS == set()
+
+
+def test_the_listed_functions_point_here_once_and_no_others():
+    listed = sorted({pair for row in ROWS for pair in functions_of(row)})
+    assert sorted((file, name) for file, text in sources() for name, _ in POINTER.findall(text)) == listed
+
+
+@every_source
+def test_every_pointer_stands_right_before_its_function(text):
+    found = POINTER.findall(text)
+    assert text.count(PAGE) == len(found), "a pointer of another form"
+    for function, line in found:
+        assert re.search(rf"(?<![\w.>~]){re.escape(function)}\(", line), function

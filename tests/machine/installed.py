@@ -241,7 +241,7 @@ class Installed(booted.Requests, unittest.TestCase):
         self.assertNotIn("WRONG", output)
 
     def test_1_the_commands_of_the_pages(self):
-        for command, rule in commands.commands_in(("machine",)):
+        for command, rule in commands.commands_in("machine"):
             with self.subTest(page=command.page, command=command.text):
                 status, output = self.device.run(f"bash -c {shlex.quote(commands.script(command, rule))}")
                 self.assertEqual(status, rule.status, output)

@@ -40,7 +40,7 @@ def author(build):
 
 def carry_out(build, device):
     """The commands of the document, with what each wrote; the programs are left in BUILD/example."""
-    for command, rule in commands.commands_in(("development",)):
+    for command, rule in commands.commands_in("development"):
         text = f"cd /root; {commands.script(command, rule)}\nexit"
         yield command, rule, device.run("bash", "-c", text, status=rule.status)
     folder = build / "example"
@@ -70,7 +70,7 @@ def test_five_commands_lead_from_the_packages_to_the_page(build, device):
 
 def test_what_the_package_recommends_is_what_it_was_built_with(device):
     recommended = checks.told("dpkg-deb", "--field", device.made["vemo-web-dev"], "Recommends").strip()
-    install = next(command.text for command, _ in commands.commands_in(("development",)))
+    install = next(command.text for command, _ in commands.commands_in("development"))
     named = [word for word in install.split()[3:] if not word.startswith("./")]
     assert sorted(name.split(" ")[0] for name in recommended.split(", ")) == sorted(named)
 
