@@ -9,7 +9,7 @@ import re
 
 import pytest
 
-from device import (ARCHIVE, AS_SERVICE, CLASS_FOLDER, FOLDER, LOG, OPTIONS, SETTINGS, TEXT, WEB_SERVER, Device)
+from installed_device import (ARCHIVE, CLASS_FOLDER, FOLDER, LOG, OPTIONS, SETTINGS, TEXT, WEB_SERVER, Device)
 from prepared import PASSWORD, TLS
 
 APT = "apt-get install --reinstall "

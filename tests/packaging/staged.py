@@ -8,7 +8,7 @@ FOLDER: what DESTDIR named. The Java class, which is the device's own, is taken 
 import re
 import shutil
 
-from device import AS_SERVICE, CLASS_FOLDER, Device
+from installed_device import AS_SERVICE, CLASS_FOLDER, Device
 
 
 def test_the_web_server_starts_and_a_value_is_stored(build, request):

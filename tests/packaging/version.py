@@ -38,29 +38,6 @@ def test_the_check_and_the_cmake_package_say_it(build):
     assert f'set(PACKAGE_VERSION "{VERSION}")' in text
 
 
-class Repository:
-    """Of its own, with what the version is made of."""
-
-    def __init__(self, folder):
-        self.folder = folder
-        copy_needed(folder)
-        self.git("init", "--quiet")
-
-    def git(self, *arguments, date=0):
-        date = f"{1700000000 + date} +0000"
-        return run("git", "-c", "user.name=n", "-c", "user.email=e@example.org", *arguments, cwd=self.folder,
-                   env={**os.environ, "GIT_AUTHOR_DATE": date, "GIT_COMMITTER_DATE": date})
-
-    def commit(self, date=0):
-        """The version there."""
-        self.git("add", "--all")
-        self.git("commit", "--quiet", "--allow-empty", "--message", "All", date=date)
-        return self.version()
-
-    def version(self):
-        return version_in(self.folder)
-
-
 def copy_needed(folder):
     for name in NEEDED:
         (folder / name).parent.mkdir(parents=True, exist_ok=True)
@@ -71,65 +48,79 @@ def version_in(folder):
     return run(folder / "tools/package-version")
 
 
+class Repository:
+    """Of its own, with what the version is made of, committed."""
+
+    def __init__(self, folder):
+        self.folder = folder
+        copy_needed(folder)
+        self.git("init", "--quiet")
+        self.first = self.commit()
+
+    def git(self, *arguments, date=0):
+        date = f"{1700000000 + date} +0000"
+        return run("git", "-c", "user.name=n", "-c", "user.email=e@example.org", *arguments, cwd=self.folder,
+                   env={**os.environ, "GIT_AUTHOR_DATE": date, "GIT_COMMITTER_DATE": date})
+
+    def commit(self, date=0):
+        """The version there."""
+        self.git("add", "--all")
+        self.git("commit", "--quiet", "--allow-empty", "--message", "All", date=date)
+        self.name = self.git("rev-parse", "HEAD")[:7]
+        return version_in(self.folder)
+
+
 @pytest.fixture
 def repository(tmp_path):
     return Repository(tmp_path)
 
 
-def test_the_tagged_commit_has_the_version_itself(repository):
-    repository.commit()
+@pytest.fixture(params=[False, True], ids=["a commit", "the tagged commit"])
+def expected(request, repository):
+    """The version there, without a tag or with it."""
+    if not request.param:
+        return repository.first
     repository.git("tag", f"v{VERSION}")
     repository.git("tag", "another")
-    assert repository.version() == VERSION
+    return VERSION
+
+
+def test_the_tagged_commit_has_the_version_itself(repository, expected):
+    assert version_in(repository.folder) == expected
 
 
 def test_another_tag_is_not_the_versions(repository):
-    repository.commit()
     repository.git("tag", f"v{VERSION}1")
-    assert repository.version() != VERSION
+    assert version_in(repository.folder) == repository.first
 
 
 def test_later_commits_follow_it_and_one_another_and_the_next_version_them(repository):
-    versions = [repository.commit(date) for date in (0, 1, 90000)]
+    versions = [repository.first, repository.commit(1), repository.commit(90000)]
     expect_in_order(VERSION, *versions, VERSION + ".1")
-    commit = repository.git("rev-parse", "HEAD")[:7]
-    assert versions[-1] == f"{VERSION}+git20231115231320.{commit}"
+    assert versions[-1] == f"{VERSION}+git20231115231320.{repository.name}"
 
 
 @pytest.mark.parametrize("name", ["new", "CMakeLists.txt"])
-@pytest.mark.parametrize("is_tagged", [False, True])
-def test_what_is_not_committed_follows_its_commit(repository, is_tagged, name):
-    first = repository.commit()
-    commit = repository.git("rev-parse", "HEAD")[:7]
-    if is_tagged:
-        repository.git("tag", f"v{VERSION}")
-        first = VERSION
+def test_what_is_not_committed_follows_its_commit(repository, expected, name):
     with open(repository.folder / name, "a", encoding="utf-8") as file:
         file.write("# more\n")
-    dirty = repository.version()
-    assert re.fullmatch(rf"{re.escape(VERSION)}\+git\d{{14}}\.{commit}\.dirty", dirty), dirty
-    expect_in_order(first, dirty, VERSION + ".1")
+    dirty = version_in(repository.folder)
+    assert re.fullmatch(rf"{re.escape(VERSION)}\+git\d{{14}}\.{repository.name}\.dirty", dirty), dirty
+    expect_in_order(expected, dirty, VERSION + ".1")
 
 
 def test_what_git_ignores_changes_nothing(repository):
-    first = repository.commit()
     (repository.folder / "build").mkdir()
     (repository.folder / "build/new").write_text("more")
-    assert repository.version() == first
+    assert version_in(repository.folder) == repository.first
 
 
-@pytest.mark.parametrize("is_tagged", [False, True])
-def test_an_archive_knows_its_commit(repository, tmp_path_factory, is_tagged):
-    expected = repository.commit()
-    if is_tagged:
-        repository.git("tag", f"v{VERSION}")
-        expected = VERSION
+def test_an_archive_knows_its_commit(repository, expected, tmp_path_factory):
     archive = tmp_path_factory.mktemp("archive")
     subprocess.run(f"git archive HEAD | tar -xC '{archive}'", shell=True, check=True, cwd=repository.folder)
     assert version_in(archive) == expected
 
 
 def test_a_copy_without_git_has_the_version_itself_even_in_another_repository(repository):
-    repository.commit()
     copy_needed(repository.folder / "copy")
     assert version_in(repository.folder / "copy") == VERSION

@@ -16,12 +16,9 @@ import time
 import pytest
 
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
+SCRIPTS = ("./run", "./test", "./package")
 # For sh: a minute, in steps that an interrupt shortens.
 MINUTE = "i=0; while [ $((i += 1)) -lt 1200 ]; do sleep 0.05; done"
-
-
-def pytest_addoption(parser):
-    parser.addoption("--build", type=lambda text: pathlib.Path(text).resolve(), default=SOURCE / "build")
 
 
 def run(command, **more):
@@ -52,8 +49,7 @@ def eventually(is_true):
     raise TimeoutError(is_true)
 
 
-def exists(file):
-    return pathlib.Path(file).exists()
+exists = os.path.exists
 
 
 def read(file):

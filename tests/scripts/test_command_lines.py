@@ -1,13 +1,11 @@
 """What ./run, ./test and ./package take, and what they refuse before they do anything."""
 
 import os
-import subprocess
 
 import pytest
 
-from conftest import append, exists, expect, fake, read, run
+from conftest import SCRIPTS, append, exists, expect, fake, read, run
 
-SCRIPTS = ("run", "test", "package")
 OWN = run("dpkg --print-architecture")[1].strip()
 NO_PORT = "run: --port takes a number from 1024 to 65535"
 
@@ -15,14 +13,12 @@ NO_PORT = "run: --port takes a number from 1024 to 65535"
 @pytest.mark.parametrize("option", ("-h", "--help"))
 @pytest.mark.parametrize("script", SCRIPTS)
 def test_help_is_shown_at_once(machine, script, option):
-    status, shown = run(f"./{script} {option}", stderr=subprocess.DEVNULL)
-    assert status == 0
-    assert shown.startswith(f"Usage: ./{script} [")
+    assert expect(0, "", f"{script} {option} 2>/dev/null").startswith(f"Usage: {script} [")
     assert not exists("called")
 
 
 @pytest.mark.parametrize("command, status, text", [
-    *((f"./{name} --nonsense", 2, f"{name}: unknown argument --nonsense. Usage: ./{name} [") for name in SCRIPTS),
+    *((f"{name} --nonsense", 2, f"{name[2:]}: unknown argument --nonsense. Usage: {name} [") for name in SCRIPTS),
     ("./test SetOptionPage", 2, "unknown argument SetOptionPage"),
     # ctest knows these; they would look elsewhere, or leave no results.
     ("./test --test-dir build", 2, "unknown argument --test-dir"),
@@ -49,8 +45,8 @@ def test_a_read_only_checkout_is_refused(checkout, script):
         # Root may write where its permissions say no; nobody may not.
         expect(0, "", "chmod -R a+rX .; chmod a-w .")
         outside = "" if os.geteuid() else "setpriv --reuid 65534 --regid 65534 --clear-groups"
-    said = expect(1, f"{script}: this checkout is read-only: {checkout} cannot be written to; copy it",
-                  f"{outside} ./{script}")
+    said = expect(1, f"{script[2:]}: this checkout is read-only: {checkout} cannot be written to; copy it",
+                  f"{outside} {script}")
     expect(0, "", "chmod u+w .")
     assert said.count("\n") == 1
     assert not exists("build")
@@ -97,6 +93,5 @@ def test_packages_have_the_date_of_their_own_repository(machine):
 
 
 @pytest.mark.parametrize("arguments", ("--java-vm", "--java-vm=", "--nonsense", "ConfigVemo", "/x --java-vm=/y"))
-def test_test_binaries_refuse_unknown_arguments(pytestconfig, arguments):
-    binary = pytestconfig.getoption("build") / "tests/program_tests"
-    expect(2, f"unknown argument {arguments.split()[0]}", f"{binary} {arguments}")
+def test_test_binaries_refuse_unknown_arguments(build, arguments):
+    expect(2, f"unknown argument {arguments.split()[0]}", f"{build}/tests/program_tests {arguments}")

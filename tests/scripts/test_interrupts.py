@@ -9,7 +9,7 @@ import subprocess
 
 import pytest
 
-from conftest import MINUTE, add_test, eventually, exists, expect_tests, fake, is_free, read
+from conftest import MINUTE, SCRIPTS, add_test, eventually, exists, expect_tests, fake, is_free, read
 
 # The terminal's shell stays: with it all of the terminal would be hung up.
 SHELL = "trap : INT; {}; status=$?; flock --nonblock held true || echo It has left something running; exit $status"
@@ -35,31 +35,23 @@ def interrupt(command):
     assert shown.decode().partition("^C")[2].partition("\n")[2] == f"{script}: stopped\r\n"
 
 
-@pytest.mark.parametrize("command", ("./run", "./test", "./package"))
-def test_while_installing(machine, command):
-    fake("dpkg-query", "")
-    fake("sudo", 'exec "$@"')
-    fake("apt-get", "exec sleep_on")
-    interrupt(command)
+# It waits for its compilers and says a word.
+NINJA = ('trap "wait; echo ninja: build stopped: interrupted by user.; exit 2" INT; echo "[1/2] It"; '
+         "sleep_on & wait")
+INSTALLING = {"dpkg-query": "", "sudo": 'exec "$@"', "apt-get": "exec sleep_on"}
 
 
-@pytest.mark.parametrize("command", ("./run --port 8099", "./test"))
-def test_while_configuring(machine, command):
-    fake("cmake", "exec sleep_on")
-    interrupt(command)
-
-
-@pytest.mark.parametrize("command", ("./run --port 8099", "./test"))
-def test_while_building(machine, command):
-    """ninja waits for its compilers and says a word."""
-    fake("ninja", 'trap "wait; echo ninja: build stopped: interrupted by user.; exit 2" INT; echo "[1/2] It"; '
-                  "sleep_on & wait")
-    interrupt(command)
-
-
-def test_while_packaging(machine):
-    fake("dpkg-buildpackage", "exec sleep_on")
-    interrupt("./package")
+@pytest.mark.parametrize("tools, commands", (
+    (INSTALLING, SCRIPTS),
+    ({"cmake": "exec sleep_on"}, ("./run --port 8099", "./test")),
+    ({"ninja": NINJA}, ("./run --port 8099", "./test")),
+    ({"dpkg-buildpackage": "exec sleep_on"}, ("./package",))),
+    ids=("installing", "configuring", "building", "packaging"))
+def test_while_it_waits_for_a_tool(machine, tools, commands):
+    for tool, does in tools.items():
+        fake(tool, does)
+    for command in commands:
+        interrupt(command)
 
 
 def test_while_testing(machine):

@@ -16,15 +16,11 @@ def refuse(*tools):
         fake(tool, f"echo 'no {tool} today' >&2; exit 1")
 
 
-def test_it_says_what_it_tried_when_it_is_refused(checkout):
+def test_where_both_kinds_are_refused_it_says_what_it_tried_and_the_scripts_say_it_too(checkout):
     refuse("bwrap", "proot")
-    said = expect(1, "  bwrap: no bwrap today", "standin/sandbox --kind")
-    assert "  proot: no proot today" in said
-
-
-def test_the_scripts_say_why_there_is_none(checkout):
-    refuse("bwrap", "proot")
-    said = expect_in_setup(1, "  proot: no proot today", "mkdir build; is_installed() { :; }; check_sandbox")
+    tried = "  bwrap: no bwrap today\n  proot: no proot today\n"
+    expect(1, tried, "standin/sandbox --kind")
+    said = expect_in_setup(1, tried, "mkdir build; is_installed() { :; }; check_sandbox")
     assert "the sandbox does not start" in said
 
 
@@ -35,8 +31,8 @@ def test_ptrace_is_taken_where_namespaces_are_refused(checkout):
 
 @pytest.mark.parametrize("arguments, text", (("--nonsense -- true", "unknown option --nonsense"),
                                              ("--disk 5", "--disk: too few arguments"), ("--", "there is no command")))
-def test_unknown_arguments_are_refused(checkout, pytestconfig, arguments, text):
-    expect(2, text, f"standin/sandbox {pytestconfig.getoption('build')} {arguments}")
+def test_unknown_arguments_are_refused(checkout, build, arguments, text):
+    expect(2, text, f"standin/sandbox {build} {arguments}")
 
 
 @pytest.fixture(params=("bwrap", "proot"))
@@ -48,10 +44,10 @@ def kind(request, checkout, monkeypatch):
 
 
 @pytest.fixture
-def sandbox(kind, pytestconfig):
+def sandbox(kind, build):
     """What begins each command line."""
     expect(0, "", "mkdir -p state/{app,tmp}")
-    return f"standin/sandbox {pytestconfig.getoption('build')} --private-network"
+    return f"standin/sandbox {build} --private-network"
 
 
 def test_a_command_has_its_input_and_its_status(sandbox):

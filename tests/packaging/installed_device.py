@@ -24,14 +24,13 @@ ARCHIVE = "/var/cache/vemo-web/archive"
 PROGRAMS = "/usr/libexec/vemo-web"
 AS_SERVICE = ("setpriv", "--reuid=vemo-web", "--regid=vemo-web", "--init-groups", "--reset-env", "--")
 LIGHTTPD = ("/usr/sbin/lighttpd", "-D", "-f", "/usr/share/vemo-web/lighttpd.conf")
+# Where the web server's standard error goes.
+JOURNAL = "/run/vemo-web/journal"
 TEXT = "; by hand\n[SETTINGS]\nVEMODCanDetectTimeout = 500\n"
 
 
 class Device(root.Root):
     """With nothing of ours installed."""
-
-    # Where the web server's standard error goes.
-    ERRORS = "/dev/null"
 
     def __init__(self, build, name):
         if reason := root.why_not():
@@ -78,7 +77,7 @@ class Device(root.Root):
         self.run(f"{PROGRAMS}/make-log")
         self.run("systemd-tmpfiles", "--create", "vemo-web.conf", status=None)
         self.run("install", "-d", "-o", "vemo-web", "/run/vemo-web")
-        self.server = self.start(*confined, *AS_SERVICE, "sh", "-c", f'exec "$@" 2>>{self.ERRORS}', "sh", *LIGHTTPD)
+        self.server = self.start(*confined, *AS_SERVICE, "sh", "-c", f'exec "$@" 2>>{JOURNAL}', "sh", *LIGHTTPD)
         self._started_with = self._configured()
         where = dict(re.findall(r'(?m)^server\.(bind|port) :?= "?([\d.]+)', self._started_with[0]))
         self.wait_for(where["bind"], where["port"])
