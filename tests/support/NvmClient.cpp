@@ -1,10 +1,10 @@
 #include "NvmClient.h"
 
 #include <filesystem>
+#include <regex>
 
 #include "CgiLog.h"
 #include "Files.h"
-#include "LogLine.h"
 
 namespace {
 
@@ -20,9 +20,16 @@ void EmptyLog() {
 }
 
 std::string LogText() {
+  // Time, level, handler, process, file and line: at most this long.
+  constexpr std::size_t COLUMNS = 120;
+  static const std::regex columns(
+      R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6}  ([A-Z]+) +cgi +\d+ *(src/\w+) +(\d+) +)");
   std::string text;
-  for (const std::string& line : LoggedLines()) {
-    text += line + "\n";
+  for (const std::string& line : Lines(ReadText(LOG_FILE))) {
+    const std::string start = line.substr(0, COLUMNS);
+    text +=
+        std::regex_replace(start, columns, "$1 $2 $3 ", std::regex_constants::match_continuous) +
+        line.substr(start.size()) + "\n";
   }
   return text;
 }

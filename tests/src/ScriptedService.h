@@ -1,0 +1,74 @@
+// The socket calls of the nVm client, watched and made to fail, and a service that they meet. The
+// binary that this is compiled into has `socket`, `connect`, `send` and `recv` in front of the C
+// library's.
+//
+// In that binary every allocation changes errno, as a call that succeeds may: code that reads a
+// failing call's errno later than right behind the call sees a wrong one.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+struct ScriptedReply {
+  enum class End {
+    kWhole,   // a further receive is an error: it throws
+    kSilent,  // the connection stays open
+    kClose,   // of the connection; after ten thousand more receives it throws
+    kReset,   // the same, but the client sees a reset
+  };
+
+  // Each is sent when the client has read those before it and begins another receive.
+  std::vector<std::string> chunks = {};
+  End end = End::kWhole;
+};
+
+// It listens on a real socket and runs in the client's thread: it does its part whenever the client
+// calls `recv`. One at a time.
+class ScriptedService {
+ public:
+  // One reply for each connection; connections beyond these are closed without one.
+  explicit ScriptedService(std::vector<ScriptedReply> replies);
+  ~ScriptedService();
+  ScriptedService(const ScriptedService&) = delete;
+  ScriptedService& operator=(const ScriptedService&) = delete;
+
+  // Ends the service. Gives what was received, a text for each connection that was made, an empty
+  // one when nothing was sent over it.
+  std::vector<std::string> Stop();
+
+  // The client's `recv`.
+  ssize_t Receive(int descriptor, void* bytes, std::size_t size, int flags);
+
+ private:
+  void BeforeReceive();
+  void Accept();
+  void End(ScriptedReply::End end);
+
+  int listener_;
+  std::vector<ScriptedReply> replies_;
+  std::vector<std::string> requests_;
+  std::vector<int> connections_;  // -1: closed
+  std::size_t chunk_ = 0;         // of the latest connection: the next one, or the one begun
+  std::size_t sent_ = 0;          // of that chunk
+  ssize_t unread_ = 0;            // by the client
+  int receivesBeyond_ = 0;
+};
+
+// An HTTP reply with this body, as the service writes its header.
+std::string HttpReply(const std::string& body);
+
+// The calls since the latest ForgetSocketCalls, as in "socket", "connect 127.0.0.1:5302",
+// "send 382 flags 0", "recv 4096 flags 0".
+std::vector<std::string> SocketCalls();
+
+// Nothing fails any more, either.
+void ForgetSocketCalls();
+
+// From now on the `which`-th call of `name` ("socket", "send", "recv"), counted from 1, fails with
+// this errno.
+void FailSocketCall(const std::string& name, int which, int error);
+
+// From now on a `send` takes no more than this many bytes.
+void LimitSend(std::size_t bytes);
