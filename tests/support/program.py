@@ -15,6 +15,7 @@ import logfile
 PROGRAM = "/build/setobdconf.cgi"
 SETTINGS = pathlib.Path("/app/tarn-belox/runvex/obd.conf")
 LOG = pathlib.Path("/tmp/cgi.log")
+CALLS = pathlib.Path("/tmp/calls")  # for what the preloaded libraries record
 SMALL_DISK = pathlib.Path("/small")  # a file system of 256 KiB; missing where namespaces are refused
 OLD_SETTINGS = "[SETTINGS]\nVEMODCanDetectTimeout=100\n"
 NEW_SETTINGS = "[SETTINGS]\nVEMODCanDetectTimeout=500\n"
@@ -52,8 +53,9 @@ def clear(folder):
 
 
 def reset_device():
-    """The runtime's folder, empty, and no log file."""
+    """The runtime's folder, empty, no log file, no recorded calls."""
     clear(SETTINGS.parent)
+    CALLS.unlink(missing_ok=True)
     if LOG.is_dir() and not LOG.is_symlink():
         shutil.rmtree(LOG)
     LOG.unlink(missing_ok=True)
@@ -67,6 +69,10 @@ def log_lines():
 def statements():
     """Those of the lines that our programs wrote."""
     return [statement.summary() for line in read(LOG).split("\n") if (statement := logfile.parse(line))]
+
+
+def recorded_calls():
+    return read(CALLS).split("\n")[:-1]
 
 
 def eventually(is_true, limit=20):
