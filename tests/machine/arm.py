@@ -28,7 +28,7 @@ TESTS = ("tests/program_tests", "tests/java-calls", "tests/java",
 NOT_HERE = ("*SettingsFileIn.*Mount*", "SettingsFile.IsWholeAfterRequestsAtTheSameTime*",
             "SettingsFile.IsNotLockedNorIsTheLog")
 # And those that make dozens, of which the first two say on armhf which kind of each call is made.
-DOZENS = {"arm64": ("SettingsFileCalls.RiskNothing*", "SettingsFileCalls.RewriteInPlace*", "Options/BadOption.*",
+DOZENS = {"arm64": ("SettingsFileCalls.RiskNothing*", "SettingsFileCalls.RewriteInPlace*",
                     "Program/ClosedDescriptors.*"), "armhf": ()}
 # Libraries that no program there needs.
 SANITIZERS = ("libasan", "libhwasan", "liblsan", "libtsan", "libubsan")

@@ -5,13 +5,12 @@ function(add_tests_under_vm name folder)
   cmake_parse_arguments(PARSE_ARGV 2 test "" "" PROPERTIES)
   add_web_test(browser_journey.${name} ENV LD_LIBRARY_PATH=${folder} TESTS ${journey})
   add_web_test(class_archive.${name} ENV LD_LIBRARY_PATH=${folder} TESTS class_archive)
-  set_tests_properties(browser_journey.${name} class_archive.${name} PROPERTIES LABELS long ${test_PROPERTIES})
-  set(under EXTRA_ARGS --java-vm=${folder} TEST_SUFFIX .${name}
+  add_sandbox_test(JavaVm.${name} program/test_set_option_page.py program/test_java_vm.py
+    program/test_java_calls.py program/test_start_up_options.py ARGUMENTS -k "not fake" --java-vm ${folder})
+  set_tests_properties(browser_journey.${name} class_archive.${name} JavaVm.${name} PROPERTIES
+    LABELS long ${test_PROPERTIES})
+  gtest_discover_tests(page_tests TEST_FILTER SiblingPages.* EXTRA_ARGS --java-vm=${folder} TEST_SUFFIX .${name}
     PROPERTIES TIMEOUT 300 LABELS long ${test_PROPERTIES})
-  foreach(binary program_tests page_tests)
-    gtest_discover_tests(${binary} TEST_FILTER
-      *RealVm*:JavaCalls.*:StartUpOptions.*:*BadOption*:*Processor*:SetOptionPage.*:SiblingPages.* ${under})
-  endforeach()
 endfunction()
 
 file(REAL_PATH "${JAVA_JVM_LIBRARY}" own_vm)
@@ -34,12 +33,6 @@ set_tests_properties(java_runtime PROPERTIES
 add_tests_under_vm(java-runtime /build/java-runtime/lib/server
   PROPERTIES FIXTURES_REQUIRED java_runtime)
 
-# What docs/on-a-device.md says of each, and programs built with one and run with another.
-add_test(NAME java_vms.table
-  COMMAND ${PROJECT_SOURCE_DIR}/standin/sandbox ${PROJECT_BINARY_DIR} --private-network
-          --read-only ${PROJECT_SOURCE_DIR} /source -- /usr/bin/python3 -B /source/tests/vms/table.py)
-add_test(NAME java_vms.build
-  COMMAND python3 -B ${CMAKE_CURRENT_SOURCE_DIR}/vms/build.py ${PROJECT_BINARY_DIR})
-# The table covers the small runtime too, when it is there.
-set_tests_properties(java_vms.table PROPERTIES TIMEOUT 300 LABELS long DEPENDS java_runtime)
-set_tests_properties(java_vms.build PROPERTIES TIMEOUT 600 LABELS long PROCESSORS 2)
+# Of all VMs, the small runtime too when it is there.
+add_sandbox_test(java_vms LONG vms/test_java_vms.py)
+set_tests_properties(java_vms PROPERTIES DEPENDS java_runtime PROCESSORS 2)

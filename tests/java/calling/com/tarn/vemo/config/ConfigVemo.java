@@ -4,9 +4,6 @@ package com.tarn.vemo.config;
 public final class ConfigVemo {
     private static int calls;
 
-    private ConfigVemo() {
-    }
-
     public static String getLanIp4AddressS() {
         return "192.0.2.7";
     }

@@ -17,7 +17,4 @@ public final class ConfigVemo {
             throw new ExceptionInInitializerError(e);
         }
     }
-
-    private ConfigVemo() {
-    }
 }

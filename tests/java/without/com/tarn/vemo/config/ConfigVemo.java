@@ -2,9 +2,6 @@ package com.tarn.vemo.config;
 
 /** Has none of the methods that the bridge calls by name. */
 public final class ConfigVemo {
-    private ConfigVemo() {
-    }
-
     public String getText() {
         return "an instance's";
     }
