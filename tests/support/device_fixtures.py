@@ -4,7 +4,7 @@ import os
 
 import pytest
 
-pytest.register_assert_rewrite("program")
+pytest.register_assert_rewrite("program", "nvm")
 
 import program  # noqa: E402
 
