@@ -3,13 +3,11 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/ioctl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <future>
-#include <sstream>
 #include <thread>
 
 #include "Files.h"
@@ -20,7 +18,6 @@
 #include "LogLayout.h"
 #include "LogLevelManager.h"
 #include "Logger.h"
-#include "Process.h"
 #include "Sandbox.h"
 #include "SmallDisk.h"
 
@@ -84,17 +81,6 @@ TEST(LogHandler, PassesEveryEventToEachClientInOrder) {
   EXPECT_EQ(order, "1212");
 }
 
-TEST(LogHandler, AsAClientKeepsTheNameOfTheHandlerLoggedTo) {
-  LogHandler outer("outer");
-  LogHandler inner("inner");
-  RememberingClient client;
-  outer.AddLogClient(&inner);
-  inner.AddLogClient(&client);
-  LogFormater(20, "src/X", 2).Log(&outer, "through both");
-  ASSERT_EQ(client.events.size(), 1u);
-  EXPECT_EQ(client.events[0].handlerName, "outer");
-}
-
 // A handler, and what it gets.
 class LogFormaterTest : public testing::Test {
  protected:
@@ -104,7 +90,11 @@ class LogFormaterTest : public testing::Test {
   RememberingClient client;
 };
 
-TEST_F(LogFormaterTest, StampsTheEvent) {
+TEST_F(LogFormaterTest, StampsTheEventWithTheHandlerLoggedTo) {
+  LogHandler inner("inner");
+  RememberingClient second;
+  handler.AddLogClient(&inner);
+  inner.AddLogClient(&second);
   LogFormater(40, "src/Somewhere", -7).Log(&handler, "%s %d%%", "text", 42);
   ASSERT_EQ(client.events.size(), 1u);
   const LogEvent& event = client.events[0];
@@ -115,6 +105,8 @@ TEST_F(LogFormaterTest, StampsTheEvent) {
   EXPECT_EQ(event.processId, getpid());
   EXPECT_LE(std::abs(event.time.tv_sec - std::time(nullptr)), 5);
   EXPECT_EQ(event.message, "text 42%");
+  ASSERT_EQ(second.events.size(), 1u);
+  EXPECT_EQ(second.events[0].handlerName, "h") << "not the one passing it on";
 }
 
 TEST_F(LogFormaterTest, LogsANullTextAsPrintfPrintsItAndAFormatThatItRefusesAsItStands) {
@@ -186,40 +178,15 @@ TEST_F(LogClientFileTest, WritesTheMessageAloneUntilItHasALayout) {
   EXPECT_EQ(ReadText(path), "one\ntwo\n[three]\n");
 }
 
+// Also behind what others wrote meanwhile.
 TEST_F(LogClientFileTest, AppendsOrBeginsAnew) {
   WriteText(path, "earlier\n");
-  LogClientFile(path, true).HandleEvent(EventWithMessage("appended"));
+  LogClientFile client(path, true);
+  client.HandleEvent(EventWithMessage("appended"));
   EXPECT_EQ(ReadText(path), "earlier\nappended\n");
   LogClientFile(path, false).HandleEvent(EventWithMessage("anew"));
-  EXPECT_EQ(ReadText(path), "anew\n");
-}
-
-TEST_F(LogClientFileTest, AppendsBehindWhatOthersWroteMeanwhile) {
-  LogClientFile client(path, true);
-  client.HandleEvent(EventWithMessage("mine"));
-  std::filesystem::resize_file(path, 0);
-  WriteText(path, "theirs\n");
-  client.HandleEvent(EventWithMessage("mine again"));
-  EXPECT_EQ(ReadText(path), "theirs\nmine again\n");
-}
-
-// A named pipe without a reader is not waited for.
-TEST_F(LogClientFileTest, SaysOnceThatItCannotOpenOrWrite) {
-  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-  const std::vector<std::pair<std::string, std::string>> complaints = {
-      {"/nowhere/client.log",
-       "Can't open log file /nowhere/client.log: No such file or directory\n"},
-      {path, "Can't open log file /tmp/client.log: No such device or address\n"},
-      {"/dev/full", "Can't write log file /dev/full: No space left on device\n"}};
-  for (const auto& [file, complaint] : complaints) {
-    testing::internal::CaptureStderr();
-    testing::internal::CaptureStdout();
-    LogClientFile client(file, true);
-    client.HandleEvent(EventWithMessage("one"));
-    client.HandleEvent(EventWithMessage("two"));
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), complaint);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-  }
+  client.HandleEvent(EventWithMessage("behind it"));
+  EXPECT_EQ(ReadText(path), "anew\nbehind it\n");
 }
 
 // Nothing but its end takes room on the disk.
@@ -258,25 +225,6 @@ TEST_F(LogClientFileTest, EndsTheLineThatAFullDiskCut) {
   EXPECT_THAT(lines, ElementsAre("012345678", "the next", "another's", "behind it"));
 }
 
-// In a process of its own: the limit stays.
-[[noreturn]] void LogBeyondALimit(const std::string& path) {
-  LogClientFile client(path, true);
-  const rlimit limit = {1000, 1000};
-  setrlimit(RLIMIT_FSIZE, &limit);
-  for (const char* const message : {"one", "two", "three"}) {
-    client.HandleEvent(EventWithMessage(message));
-  }
-  _exit(0);
-}
-
-TEST_F(LogClientFileTest, TakesALimitOnTheSizeOfFilesForAFullDisk) {
-  const std::string earlier = std::string(993, 'x') + "\n";
-  WriteText(path, earlier);
-  EXPECT_EXIT(LogBeyondALimit(path), testing::ExitedWithCode(0),
-              "^Can't write log file /tmp/client.log: File too large\n$");
-  EXPECT_EQ(ReadText(path), earlier + "one\nt\n");
-}
-
 TEST_F(LogClientFileTest, LeavesTheCallersSignalsAsTheyWere) {
   sigset_t pipe;
   sigemptyset(&pipe);
@@ -299,9 +247,11 @@ TEST_F(LogClientFileTest, LosesNoLineToAFullPipeThatIsReadSlowly) {
   const int room = fcntl(reader, F_SETPIPE_SZ, 4096);
   auto received = std::async(std::launch::async, [&] {
     int held = 0;
-    EXPECT_TRUE(Eventually([&] {
-      return ioctl(reader, FIONREAD, &held) == 0 && held >= room - static_cast<int>(message.size());
-    })) << "not full";
+    for (int i = 0; i < 20000 && held < room - 99; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      ioctl(reader, FIONREAD, &held);
+    }
+    EXPECT_GE(held, room - 99) << "not full";
     fcntl(reader, F_SETFL, 0);  // from here on the writer is waited for
     std::string text;
     char some[100];
