@@ -140,6 +140,13 @@ void ScriptedService::End(ScriptedReply::End end) {
   }
 }
 
+int ScriptedService::Connections() {
+  return service == nullptr ? 0
+                            : static_cast<int>(std::count_if(service->connections_.begin(),
+                                                             service->connections_.end(),
+                                                             [](int one) { return one != -1; }));
+}
+
 std::string HttpReply(const std::string& body) {
   return "HTTP/1.1 200 OK\r\ncontent-length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
 }

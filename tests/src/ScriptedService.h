@@ -38,6 +38,9 @@ class ScriptedService {
   // one when nothing was sent over it.
   std::vector<std::string> Stop();
 
+  // How many the service holds open at this moment; 0 when there is no service.
+  static int Connections();
+
   // The client's `recv`.
   ssize_t Receive(int descriptor, void* bytes, std::size_t size, int flags);
 
