@@ -4,6 +4,7 @@ when something is broken: check.py and symptoms.py.
     python3 -B -m pytest tests/packaging/packages.py --build BUILD -k Sizes
 """
 
+import functools
 import os
 import pathlib
 import re
@@ -230,8 +231,11 @@ class TestPurge:
                           " cat /etc/passwd /etc/group")
         return {line for line in told.splitlines() if not self.CHANGING.match(line)}
 
-    def purge(self, device, before):
-        """What it said, what it left, what is missing."""
+    def purge_of(self, device, use):
+        """Of packages that were installed and used: what it said, what it left, what is missing."""
+        before = self.state(device)
+        device.install_ours()
+        use()
         said = device.run(*APT, "purge", *OURS)
         after = self.state(device)
         return said, after - before, before - after
@@ -270,10 +274,7 @@ class TestPurge:
         assert "=700" in device.read(SETTINGS)
 
     def test_files_that_an_administrator_may_change_are_left_and_named(self, device):
-        before = self.state(device)
-        device.install_ours()
-        self.do_all_that_the_documents_say(device)
-        said, left, missing = self.purge(device, before)
+        said, left, missing = self.purge_of(device, lambda: self.do_all_that_the_documents_say(device))
         left = {line.split(" ")[0] for line in left}
         files = {path for path in left if device.file(path).is_file()}
         copies = {f"/etc/vemo-web/web-servers/{file.stem}" for file in (root.SOURCE / "web/servers").glob("*.conf.in")}
@@ -290,14 +291,12 @@ class TestPurge:
 
     def test_what_was_made_of_secrets_and_the_account_go(self, device):
         """Where no copies are made, and nothing is stored."""
-        before = self.state(device)
-        device.install_ours()
-        _, made = with_parts(device.read(WEB_SERVER), (TLS, PASSWORD))
-        device.run("bash", "-ec", made, text="secret\n")
-        device.run("lighty-enable-mod", "vemo-web")
-        device.run("usermod", "--append", "--groups", "vemo-web", "www-data")
-        device.file("/tmp/cgirep.txt").touch()
-        said, left, missing = self.purge(device, before)
+        def use():
+            _, made = with_parts(device.read(WEB_SERVER), (TLS, PASSWORD))
+            device.run("bash", "-ec", f"{made}; lighty-enable-mod vemo-web; touch /tmp/cgirep.txt;"
+                       " usermod --append --groups vemo-web www-data", text="secret\n")
+
+        said, left, missing = self.purge_of(device, use)
         assert (left, missing) == (set(), set()), said
 
     @pytest.mark.parametrize("kind", ["--system", "--create-home"])
@@ -306,23 +305,15 @@ class TestPurge:
             device.run("useradd", "--shell", "/bin/bash", kind, name)
             if kind == "--create-home":
                 device.run("runuser", "-u", name, "--", "sh", "-c", "echo own >~/own")
-        before = self.state(device)
-        device.install_ours()
-        said, left, missing = self.purge(device, before)
+        said, left, missing = self.purge_of(device, lambda: None)
         assert (left, missing) == (set(), set()), said
         assert kind == "--system" or device.read("/home/vemo-web/own") == "own\n"
 
     def test_what_is_of_others_stays_and_is_named(self, device):
         device.run("install", "-d", "-o", "games", "-m", "0700", FOLDER)
-        before = self.state(device)
-        device.install_ours()
-        for path, user in (("/etc/vemo-web/own.pem", "root"), ("/tmp/cgirep.txt", "games"),
-                           ("/tmp/nvm.log.1", "games")):
-            device.write(path, "mine\n")
-            device.run("chown", user, path)
-        device.file(LOG).unlink()
-        device.file(LOG).symlink_to("/etc/hostname")
-        said, left, missing = self.purge(device, before)
+        said, left, missing = self.purge_of(device, lambda: device.run(
+            "sh", "-euc", "cd /tmp; echo mine | tee cgirep.txt nvm.log.1 >/etc/vemo-web/own.pem;"
+            f" chown games cgirep.txt nvm.log.1; ln -sf /etc/hostname {LOG}"))
         own = {"/etc/vemo-web/own.pem", "/tmp/cgirep.txt", "/tmp/nvm.log.1", LOG}
         assert {line.split(" ")[0] for line in left} == own | {"/etc/vemo-web"}
         assert missing == set()
@@ -370,9 +361,14 @@ class TestLighttpd:
 class TestUnanswered:
     """Each command of an administrator ends without an answer."""
 
-    @pytest.mark.parametrize("way", ["run_at_terminal", "run_without_input"])
+    # At a terminal debconf may ask, too.
+    TERMINAL = ("env", "--unset=DEBIAN_FRONTEND", "TERM=dumb", "bash", "-c",
+                'exec script --quiet --return --command "${*@Q}" /dev/null < <(sleep infinity)', "bash")
+    NO_INPUT = ("sh", "-c", 'exec "$@" <&-', "sh")
+
+    @pytest.mark.parametrize("way", [TERMINAL, NO_INPUT], ids=["at a terminal", "without input"])
     def test_nothing_is_asked(self, device, way):
-        run = getattr(device, way)
+        run = functools.partial(device.run, *way)
         files = [device.put(device.made[name]) for name in OURS]
         run(*APT, "--no-install-recommends", "install", *files)
         device.write(LOG, "full\n" * 300000)

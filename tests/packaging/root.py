@@ -6,7 +6,7 @@ own, with a network of nothing but a loopback. It is not booted: systemd does no
 
 import os
 import pathlib
-import shlex
+import re
 import shutil
 import subprocess
 import sys
@@ -76,25 +76,21 @@ def packages(build, version=None, architecture=None):
     other = build / "packages" / version
     shutil.rmtree(other, ignore_errors=True)
     other.mkdir()
-    for name, file in list(made.items()):
-        tree = other / name
-        subprocess.run(["dpkg-deb", "--raw-extract", file, tree], check=True)
-        control = tree / "DEBIAN/control"
-        own = file.name.split("_")[1]
-        control.write_text(control.read_text()
-                           .replace(f"Version: {own}\n", f"Version: {version}\n")
-                           .replace(f"vemo-web (= {own})", f"vemo-web (= {version})"))
+    for name, file in made.items():
         made[name] = other / f"{name}_{version}.deb"
-        subprocess.run(["dpkg-deb", "--root-owner-group", "--build", tree, made[name]], check=True,
+        own = re.escape(file.name.split("_")[1])
+        subprocess.run(["bash", "-euc", 'dpkg-deb --raw-extract "$0" tree; sed -Ei "$2" tree/DEBIAN/control;'
+                        ' dpkg-deb --root-owner-group --build tree "$1"; rm -r tree', file, made[name],
+                        rf"s/(^Version: |vemo-web \(= ){own}/\1{version}/g"], check=True, cwd=other,
                        stdout=subprocess.DEVNULL)
-        shutil.rmtree(tree)
     return made
 
 
-def ended(command, status, text="", **stdin):
+def ended(command, status, text=""):
+    """What it wrote, to both streams. Fails when it ends with another status; None: any is good."""
     try:
-        done = subprocess.run(command, input=None if stdin else text, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                              text=True, timeout=600, check=False, errors="replace", **stdin)
+        done = subprocess.run(command, input=text, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                              timeout=600, check=False, errors="replace")
     except subprocess.TimeoutExpired as expired:
         raise AssertionError(f"{command} did not end:\n{(expired.output or b'').decode(errors='replace')}") from None
     if status is not None and done.returncode != status:
@@ -116,8 +112,7 @@ class Root:
             ["setpriv", "--pdeathsig", "KILL", "unshare", "--mount", "--net", "--pid", "--ipc", "--fork",
              "--kill-child", "sh", "-euc",
              'mount --bind "$0" "$0"; mount -t proc proc "$0/proc"; mount --rbind /dev "$0/dev";'
-             ' ip link set lo up 2>/dev/null ||'
-             ' true; echo ready; exec sleep infinity', self.path],
+             ' ip link set lo up 2>/dev/null || true; echo ready; exec sleep infinity', self.path],
             stdout=subprocess.PIPE, text=True)
         assert self._holder.stdout.readline() == "ready\n"
         child = pathlib.Path(f"/proc/{self._holder.pid}/task/{self._holder.pid}/children")
@@ -155,24 +150,7 @@ class Root:
         process.wait(timeout=60)
 
     def run(self, *command, status=0, text=""):
-        """What it wrote, to both streams. Fails when it ends with another status; None: any is good."""
         return ended(self._command(command), status, text)
-
-    def run_at_terminal(self, *command, status=0):
-        """As run(), at a terminal where nobody answers."""
-        # Debconf may ask, too.
-        command = self._command(("env", "--unset=DEBIAN_FRONTEND", "TERM=dumb", *command))
-        read, write = os.pipe()
-        try:
-            return ended(["script", "--quiet", "--return", "--command", shlex.join(map(str, command)), "/dev/null"],
-                         status, stdin=read)
-        finally:
-            os.close(read)
-            os.close(write)
-
-    def run_without_input(self, *command, status=0):
-        """As run(), with standard input closed."""
-        return self.run("sh", "-c", 'exec "$@" <&-', "sh", *command, status=status)
 
     def run_beside(self, *command, status=0):
         """As run(), by a program of the machine around the root, in the root's network."""
