@@ -1,9 +1,9 @@
 """What the kernel accounted for a process, and how the costs of many runs compare."""
 
-import dataclasses
 import pathlib
 import statistics
 import subprocess
+import typing
 
 SPAWN = "/build/bench/bench-spawn"
 SETTINGS = pathlib.Path("/app/tarn-belox/runvex/obd.conf")
@@ -11,8 +11,7 @@ LOG = pathlib.Path("/tmp/cgi.log")
 SHIPPED_SETTINGS = pathlib.Path("/source/standin/obd.conf")
 
 
-@dataclasses.dataclass
-class Cost:
+class Cost(typing.NamedTuple):
     """Microseconds and KiB."""
 
     wall: int
@@ -23,13 +22,16 @@ class Cost:
     status: int
 
 
-def spawn(command, environment, body="/dev/null", cpu=None, expected=0):
+def told(*command, **more):
+    return subprocess.run(command, stdout=subprocess.PIPE, text=True, check=True, **more).stdout
+
+
+def spawn(command, environment, body="/dev/null", cpu=None):
     """Runs the command, on that processor core alone if one is named."""
     pinned = [] if cpu is None else ["/usr/bin/taskset", "--cpu-list", str(cpu)]
-    done = subprocess.run([*pinned, SPAWN, body, *command], env=environment, stdout=subprocess.PIPE,
-                          stderr=subprocess.DEVNULL, text=True, check=True)
-    cost = Cost(*map(int, done.stdout.split()))
-    if cost.status != expected:
+    said = told(*pinned, SPAWN, body, *command, env=environment, stderr=subprocess.DEVNULL)
+    cost = Cost(*map(int, said.split()))
+    if cost.status != 0:
         raise SystemExit(f"bench: {command} ended with status {cost.status}")
     return cost
 
@@ -39,9 +41,8 @@ def reset(is_on_disk=False):
     SETTINGS.parent.mkdir(parents=True, exist_ok=True)
     SETTINGS.unlink(missing_ok=True)
     if is_on_disk:
-        target = pathlib.Path("/tmp/settings/obd.conf")
-        target.parent.mkdir(exist_ok=True)
-        SETTINGS.symlink_to(target)
+        pathlib.Path("/tmp/settings").mkdir(exist_ok=True)
+        SETTINGS.symlink_to("/tmp/settings/obd.conf")
     SETTINGS.write_bytes(SHIPPED_SETTINGS.read_bytes())
     LOG.write_bytes(b"")
 

@@ -13,19 +13,12 @@ from subjects import PROGRAM, WITH_FAKE_VM
 REPEATS = 7
 
 
-def lowest(run):
-    """The lowest is the one least disturbed."""
-    return min((run() for _ in range(REPEATS)), key=lambda cost: cost.cpu)
-
-
 def with_settings(lines):
-    reset()
     SETTINGS.write_text("[SETTINGS]\n" + "".join(f"Key{i}=value {i}\n" for i in range(lines)))
     return spawn([PROGRAM], WITH_FAKE_VM)
 
 
 def with_value(size):
-    reset()
     body = pathlib.Path("/tmp/body")
     body.write_bytes(b"CanDetectTimeout=" + b"5" * size)
     environment = {**WITH_FAKE_VM, "REQUEST_METHOD": "POST", "QUERY_STRING": "",
@@ -34,7 +27,6 @@ def with_value(size):
 
 
 def with_log(size):
-    reset()
     os.truncate(LOG, size)
     return spawn([PROGRAM], WITH_FAKE_VM)
 
@@ -65,26 +57,32 @@ CURVES = {
 }
 
 
+def lowest(run, size):
+    """Of some runs the one least disturbed."""
+    costs = []
+    for _ in range(REPEATS):
+        reset()
+        costs.append(run(size))
+    reset()
+    return min(costs, key=lambda cost: cost.cpu)
+
+
 def measure():
     """Sizes and costs of each curve."""
-    measured = {}
-    for name, (run, sizes) in CURVES.items():
-        measured[name] = [(size, lowest(lambda run=run, size=size: run(size))) for size in sizes]
-    reset()
-    return measured
+    return {name: [(size, lowest(run, size)) for size in sizes] for name, (run, sizes) in CURVES.items()}
 
 
 def exponent(points):
     """The slope of cost against size on logarithmic scales, over the sizes where the cost stands out
     of what every request costs; None where it never does."""
-    base = min(cost for _, cost in points)
-    risen = [(math.log(size), math.log(cost - base)) for size, cost in points if cost > 2 * base]
+    base = min(cost.cpu for _, cost in points)
+    risen = [(math.log(size), math.log(cost.cpu - base)) for size, cost in points if cost.cpu > 2 * base]
     return statistics.linear_regression(*zip(*risen)).slope if len(risen) > 1 else None
 
 
 def rows(measured):
     for name, points in measured.items():
-        slope = exponent([(size, cost.cpu) for size, cost in points])
+        slope = exponent(points)
         (first, cheap), (last, dear) = points[0], points[-1]
         yield [name, f"{first:,} to {last:,}", f"{cheap.cpu / 1000:.1f} to {dear.cpu / 1000:.1f} ms",
                "flat" if slope is None else f"{slope:.2f}{verdict(slope, 1.05)}"]

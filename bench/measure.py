@@ -7,27 +7,24 @@
 import json
 import os
 import pathlib
-import platform
 import re
 import sys
 
-import cost
 import growth
 import one_request
 import serving
 import subjects
+from cost import measure, median, ratios, spread
 
 
 def machine():
     """The processor, whether it has AVX-512, the VMs."""
-    info = pathlib.Path("/proc/cpuinfo").read_text()
-    model = re.search(r"^model name\s*: (.*)$", info, re.M)
-    family = re.search(r"^cpu family\s*: (\d+)\nmodel\s*: (\d+)$", info, re.M)
-    known = f", family {family[1]}, model {family[2]}" if family else ""
-    wide = "with" if re.search(r"^flags\s*:.* avx512f ", info, re.M) else "without"
-    vms = ", ".join([subjects.own_vm().name, *subjects.other_vms()])
-    return (f"{model[1] if model else platform.machine()}{known}, {wide} AVX-512, "
-            f"{len(os.sched_getaffinity(0))} cores; {vms}")
+    info = dict(re.findall(r"^(.*?)\s*: (.*)$", pathlib.Path("/proc/cpuinfo").read_text(), re.M))
+    return ", ".join([
+        info.get("model name", os.uname().machine),
+        *(f"{name} {info[key]}" for name, key in (("family", "cpu family"), ("model", "model")) if key in info),
+        f"{'with' if ' avx512f ' in info.get('flags', '') else 'without'} AVX-512",
+        f"{len(os.sched_getaffinity(0))} cores; {subjects.own_vm().name}", *subjects.other_vms()])
 
 
 def table(title, head, rows):
@@ -41,54 +38,52 @@ def table(title, head, rows):
 def ratio_rows(costs):
     for numerator, denominator, *limits in subjects.COMPARISONS:
         yield [f"{numerator} / {denominator}",
-               *(cost.spread(cost.ratios(costs, kind, numerator, denominator), limit)
+               *(spread(ratios(costs, kind, numerator, denominator), limit)
                  for kind, limit in zip(("cpu", "wall", "peak"), limits))]
     shares = [run.first_byte / run.wall for run in costs["program as shipped"]]
-    yield ["first byte / whole request", "", cost.spread(shares, 0.25), ""]
+    yield ["first byte / whole request", "", spread(shares, 0.25), ""]
 
 
 def memory(runs):
-    return [f"{cost.median(runs, 'peak') / 1024:.1f} MiB", f"{cost.median(runs, 'faults'):,.0f}"]
+    return [f"{median(runs, 'peak') / 1024:.1f} MiB", f"{median(runs, 'faults'):,.0f}"]
 
 
 def cost_rows(costs):
     for name, runs in costs.items():
-        yield [name, *(f"{cost.median(runs, kind) / 1000:.1f} ms" for kind in ("cpu", "wall")), *memory(runs)]
+        yield [name, *(f"{median(runs, kind) / 1000:.1f} ms" for kind in ("cpu", "wall")), *memory(runs)]
 
 
 def step_rows(costs):
     for name, runs in costs.items():
-        yield [name, cost.spread(cost.ratios(costs, "cpu", name, subjects.FIRST_STEP)), *memory(runs)]
+        yield [name, spread(ratios(costs, "cpu", name, subjects.FIRST_STEP)), *memory(runs)]
 
 
 def vm_rows(costs, own):
     for name, runs in costs.items():
-        yield [name, *(cost.spread(cost.ratios(costs, kind, name, own)) for kind in ("cpu", "wall")), memory(runs)[0]]
-
-
-def tables_of_requests(rounds):
-    costs = cost.measure(subjects.requests(), rounds)
-    steps = cost.measure(subjects.steps(), rounds)
-    yield table(f"Ratios: medians of {rounds} rounds, with their middle halves", ["CPU", "wall", "peak memory"],
-                ratio_rows(costs))
-    yield table("The VM's start in the bare embedder: each step with those above it, against the first",
-                ["CPU", "peak memory", "page faults"], step_rows(steps))
-    yield table("One request, medians", ["CPU", "wall", "peak memory", "page faults"], cost_rows(costs))
+        yield [name, *(spread(ratios(costs, kind, name, own)) for kind in ("cpu", "wall")), memory(runs)[0]]
 
 
 def measure_everything(folder, rounds):
     folder.mkdir(parents=True, exist_ok=True)
     subjects.make_archive(subjects.ARCHIVE)
-    tables = list(tables_of_requests(rounds))
+    costs = measure(subjects.requests(), rounds)
+    steps = measure(subjects.steps(), rounds)
     curves = growth.measure()
-    tables.append(table("Growth of CPU time, with fake VM", ["sizes", "cost", "exponent"], growth.rows(curves)))
-    tables.append(table("Through lighttpd", ["throughput", "latency", ""], serving.rows()))
     counts = one_request.measure_instructions()
-    tables.append(table("Instructions, with fake VM", ["now", "change"], one_request.instruction_rows(counts)))
+    tables = [
+        table(f"Ratios: medians of {rounds} rounds, with their middle halves", ["CPU", "wall", "peak memory"],
+              ratio_rows(costs)),
+        table("The VM's start in the bare embedder: each step with those above it, against the first",
+              ["CPU", "peak memory", "page faults"], step_rows(steps)),
+        table("One request, medians", ["CPU", "wall", "peak memory", "page faults"], cost_rows(costs)),
+        table("Growth of CPU time, with fake VM", ["sizes", "cost", "exponent"], growth.rows(curves)),
+        table("Through lighttpd", ["throughput", "latency", ""], serving.rows()),
+        table("Instructions, with fake VM", ["now", "change"], one_request.instruction_rows(counts)),
+    ]
     plots = {"timeline": one_request.timeline(max(5, rounds // 2)),
              "growth": {name: [(size, run.cpu) for size, run in points] for name, points in curves.items()}}
     (folder / "results.txt").write_text("\n".join(tables))
-    (folder / "instructions.json").write_text(json.dumps(counts, indent=2) + "\n")
+    (folder / "instructions.json").write_text(json.dumps(counts) + "\n")
     (folder / "plots.json").write_text(json.dumps(plots))
     print("\n".join(tables))
 
@@ -100,7 +95,7 @@ def main():
         return
     own = subjects.own_vm().name
     print(table(f"One request as shipped, against {own}: medians of {rounds} rounds, with their middle halves",
-                ["CPU", "wall", "peak memory"], vm_rows(cost.measure(subjects.of_each_vm(), rounds), own)))
+                ["CPU", "wall", "peak memory"], vm_rows(measure(subjects.of_each_vm(), rounds), own)))
 
 
 if __name__ == "__main__":

@@ -8,7 +8,7 @@ import statistics
 import subprocess
 import time
 
-from cost import LOG, reset
+from cost import LOG, reset, told
 from subjects import PROGRAM, SHIPPED, WITH_FAKE_VM
 
 INSTRUCTIONS = pathlib.Path("/source/bench/instructions.json")
@@ -18,13 +18,10 @@ COUNTED = {"option stored": WITH_FAKE_VM, "option absent": {**WITH_FAKE_VM, "QUE
 def count_instructions(environment):
     """Instructions from the entry of main on: of the program's own code, and with its libraries."""
     reset()
-    out = "/tmp/callgrind.out"
-    subprocess.run(["valgrind", "--tool=callgrind", f"--callgrind-out-file={out}", "--toggle-collect=main", PROGRAM],
-                   env={"PATH": "/usr/bin:/bin", **environment},
-                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=False)
-    listing = subprocess.run(["callgrind_annotate", "--threshold=100", "--show-percs=no", out],
-                             env={"PATH": "/usr/bin:/bin"}, stdout=subprocess.PIPE, text=True, check=True).stdout
-    listing = re.sub(r"(?<=\d),(?=\d)", "", listing)
+    out, path = "/tmp/callgrind.out", {"PATH": "/usr/bin:/bin"}
+    subprocess.run(["valgrind", "--quiet", "--tool=callgrind", f"--callgrind-out-file={out}", "--toggle-collect=main",
+                    PROGRAM], env={**path, **environment}, stdout=subprocess.DEVNULL, check=False)
+    listing = told("callgrind_annotate", "--threshold=100", "--show-percs=no", out, env=path).replace(",", "")
     own = re.findall(r"^\s*(\d+)\s.*\[/build/setobdconf\.cgi\]$", listing, re.M)
     total = re.search(r"^\s*(\d+)\s+PROGRAM TOTALS", listing, re.M)
     return {"own": sum(map(int, own)), "with libraries": int(total[1])}
@@ -44,7 +41,7 @@ def instruction_rows(counts):
 
 
 def one_timeline():
-    """Name and time of each event of a request, by the page's flushed lines and by the log's times."""
+    """The times of EVENTS, by the page's flushed lines and by the log's times."""
     reset()
     start = time.time()
     process = subprocess.Popen([PROGRAM], env=SHIPPED, stdout=subprocess.PIPE, bufsize=0)
@@ -61,13 +58,15 @@ def one_timeline():
         line = next(line for line in LOG.read_text().splitlines() if statement in line)
         return time.mktime(time.strptime(line[:19], "%Y-%m-%d %H:%M:%S")) + float("0" + line[19:26])
 
-    return [("process start", start), ("frame", logged("  main")), ("Java VM", logged("JAVA_CLASSPATH")),
-            ("class", logged("ChangeStdErr")), ("page", arrival(b"navi")), ("shutdown", arrival(b"To activate")),
-            ("end", end)]
+    return [start, logged("  main"), logged("JAVA_CLASSPATH"), logged("ChangeStdErr"), arrival(b"navi"),
+            arrival(b"To activate"), end]
+
+
+EVENTS = ("process start", "frame", "Java VM", "class", "page", "shutdown", "end")
 
 
 def timeline(rounds):
-    """Medians in microseconds from the process's start."""
+    """Name and time of each event: medians in microseconds from the process's start."""
     runs = [one_timeline() for _ in range(rounds)]
-    return [(events[0][0], statistics.median((when - run[0][1]) * 1e6 for (_, when), run in zip(events, runs)))
-            for events in zip(*runs)]
+    return [(name, statistics.median((run[index] - run[0]) * 1e6 for run in runs))
+            for index, name in enumerate(EVENTS)]

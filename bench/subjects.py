@@ -2,7 +2,9 @@
 
 import pathlib
 import re
-import subprocess
+import shutil
+
+from cost import told
 
 PROGRAM = "/build/setobdconf.cgi"
 EMBEDDER = "/build/bench/bench-embedder"
@@ -12,7 +14,8 @@ ARCHIVE = pathlib.Path("/app/class-archive")
 
 REQUEST = {"REQUEST_METHOD": "GET", "QUERY_STRING": "CanDetectTimeout=500"}
 DIRECTORY = {"JAVA_CLASSPATH": "/srv/vemo/java"}
-JAR = {"JAVA_CLASSPATH": "/build/bench/vemo.jar"}
+# The device's class in a jar, as one would ship it without thinking.
+JAR = {"JAVA_CLASSPATH": shutil.make_archive("/tmp/vemo", "zip", "/build/device/java")}
 
 
 def options(file):
@@ -50,8 +53,7 @@ def shipped_options(name, *more, without=()):
 
 def realistic_class_path():
     """The class that reads some hundred properties, with its properties; in a folder."""
-    folder = pathlib.Path("/tmp/realistic")
-    subprocess.run(["cp", "-r", "/build/bench/realistic", folder], check=True)
+    folder = shutil.copytree("/build/bench/realistic", pathlib.Path("/tmp/realistic"))
     lines = ["lan.address=192.0.2.1", "wlan.address=198.51.100.1"]
     for number in range(600):
         kind, value = ("limit", number * 37) if number % 2 else ("name", f"Value of parameter {number}")
@@ -66,15 +68,14 @@ def libraries(vm):
 
 def make_archive(folder, vm=None):
     """A class archive for the program's own VM, or for the one in that folder; its options."""
-    subprocess.run(["/srv/vemo/make-class-archive", PROGRAM, DEVICE_OPTIONS, "/srv/vemo/java", folder],
-                   env={"PATH": "/usr/bin:/bin", **libraries(vm)}, check=True)
+    told("/srv/vemo/make-class-archive", PROGRAM, DEVICE_OPTIONS, "/srv/vemo/java", folder,
+         env={"PATH": "/usr/bin:/bin", **libraries(vm)})
     return options(f"{folder}/java.options")
 
 
 def own_vm():
     """The folder of the very VM that the program is linked to."""
-    linked = subprocess.run(["ldd", PROGRAM], stdout=subprocess.PIPE, text=True, check=True).stdout
-    return pathlib.Path(re.search(r"libjvm\.so => (\S+)/lib/server/", linked)[1]).resolve()
+    return pathlib.Path(re.search(r"libjvm\.so => (\S+)/lib/server/", told("ldd", PROGRAM))[1]).resolve()
 
 
 def other_vms():
@@ -105,25 +106,19 @@ def requests():
 def steps():
     """What each step brings to the VM's start; then what an archive that does not fit costs."""
     missing = pathlib.Path("/app/missing-archive")
-    make_archive(missing)
+    handed_over = make_archive(missing)
     (missing / "classes.jsa").unlink()
-
-    def embedder(environment, *through):
-        return [*through, EMBEDDER], environment, None
-
-    def through(archive):
-        return embedder(OPTIONS_ALONE, "/srv/vemo/bin/class-archive", "run", str(archive))
-
-    return {
-        FIRST_STEP: embedder({**OPTIONS_ALONE, **shipped_options("first", without=ON_TRIAL)}),
-        "code for a plain processor": embedder(
-            {**OPTIONS_ALONE, **shipped_options("attach", without=["DisableAttachMechanism"])}),
-        "no attach listener": embedder(OPTIONS_ALONE),
-        "our own class archive": embedder(SHIPPED),
-        "  through the check whether it fits": through(ARCHIVE),
-        "an archive that is gone, held back by the check": through(missing),
-        "  handed over": embedder({**OPTIONS_ALONE, **options(f"{missing}/java.options")}),
+    check = ("/srv/vemo/bin/class-archive", "run")
+    found = {  # more of the environment, and through which command
+        FIRST_STEP: (shipped_options("first", without=ON_TRIAL), ()),
+        "code for a plain processor": (shipped_options("attach", without=["DisableAttachMechanism"]), ()),
+        "no attach listener": ({}, ()),
+        "our own class archive": (SHIPPED, ()),
+        "  through the check whether it fits": ({}, (*check, ARCHIVE)),
+        "an archive that is gone, held back by the check": ({}, (*check, missing)),
+        "  handed over": (handed_over, ()),
     }
+    return {name: ([*through, EMBEDDER], {**OPTIONS_ALONE, **more}, None) for name, (more, through) in found.items()}
 
 
 def of_each_vm():

@@ -27,15 +27,4 @@ public final class ConfigVemo {
             }
         }
     }
-
-    private ConfigVemo() {
-    }
-
-    public static String getLanIp4AddressS() {
-        return TEXTS.getOrDefault("lan.address", "");
-    }
-
-    public static String getWlanIp4AddressS() {
-        return TEXTS.getOrDefault("wlan.address", "");
-    }
 }
