@@ -171,15 +171,6 @@ RC_GTEST_PROP(CgiLogLayout, HoldsAnyEventOnAStreamInAnyStateButForTheBase, ()) {
   RC_ASSERT(out.precision() == precision);
 }
 
-TEST(CgiLogLayout, WritesNumbersInTheBaseOfTheStream) {
-  std::ostringstream out;
-  LogEvent event = ExampleEvent();
-  event.line = -1;
-  out << std::hex;
-  JniLayout().FormatAndAppend(out, event);
-  EXPECT_EQ(out.str().substr(53), "1267  src/SetObdConf           ffffffffa message\n");
-}
-
 TEST(CgiLogLayout, DoesNotFlush) {
   struct FlushCounter : std::stringbuf {
     int sync() override { return ++flushes, 0; }

@@ -77,22 +77,18 @@ constexpr char NO_STATUS[] = "old code/old msg";
 
 // --- Without a reply
 
-TEST_F(NvmReader, WithoutAReplyThereIsNothing) {
-  EXPECT_EQ(client_.GetVarNode("A"), nullptr);
-  EXPECT_EQ(client_.GetStatusNodeTree(), nullptr);
-  EXPECT_EQ(LogText(), Debug(281, "GetVarNode A") + Debug(236, "GetStatusNodeTree") +
-                           Debug(281, "GetVarNode Status"));
-  EmptyLog();
-  EXPECT_EQ(SingleVar(""), "");
-  EXPECT_EQ(StatusMessages(""), NO_STATUS);
-  EXPECT_EQ(LogText(), SingleVarLog("A", {}) + StatusLog({}));
-}
-
-TEST_F(NvmReader, AnEmptyReplyLeavesTheDocumentAlone) {
+TEST_F(NvmReader, WithoutAReplyThereIsNothingAndTheDocumentStays) {
   SingleVar(Packet(Var("A", Text("a"))));
   const xmlDocPtr document = client_.doc;
+  client_.reply = "";
+  EmptyLog();
   ForgetXmlCalls();
+  EXPECT_EQ(client_.GetVarNode("A"), nullptr);
+  EXPECT_EQ(client_.GetStatusNodeTree(), nullptr);
   EXPECT_EQ(SingleVar(""), "");
+  EXPECT_EQ(StatusMessages(""), NO_STATUS);
+  EXPECT_EQ(LogText(), Debug(281, "GetVarNode A") + Debug(236, "GetStatusNodeTree") +
+                           Debug(281, "GetVarNode Status") + SingleVarLog("A", {}) + StatusLog({}));
   EXPECT_EQ(client_.doc, document);
   EXPECT_THAT(XmlCalls(), IsEmpty());
 }
@@ -126,16 +122,7 @@ struct Value {
   std::string reply;
   std::string value;
   std::vector<std::string> seen;  // the names of the variables up to A; "(null)" of other nodes
-
-  friend std::ostream& operator<<(std::ostream& out, const Value& row) { return out << row.name; }
 };
-
-class NvmReaderValue : public NvmReader, public testing::WithParamInterface<Value> {};
-
-TEST_P(NvmReaderValue, IsReadAndTheNamesOnTheWayLogged) {
-  EXPECT_EQ(SingleVar(GetParam().reply), GetParam().value);
-  EXPECT_EQ(LogText(), SingleVarLog("A", GetParam().seen));
-}
 
 const std::string A = Var("A", Text("a"));
 
@@ -177,40 +164,38 @@ const Value VALUES[] = {
      "a",
      {"A"}}};
 
-INSTANTIATE_TEST_SUITE_P(, NvmReaderValue, testing::ValuesIn(VALUES),
-                         [](const auto& value) { return value.param.name; });
+using NvmReaderValue = NvmReader;
+
+TEST_F(NvmReaderValue, IsReadAndTheNamesOnTheWayLogged) {
+  for (const Value& row : VALUES) {
+    SCOPED_TRACE(row.name);
+    EmptyLog();
+    EXPECT_EQ(SingleVar(row.reply), row.value);
+    EXPECT_EQ(LogText(), SingleVarLog("A", row.seen));
+  }
+}
 
 // --- FindChildNode
 
-class NvmChildNode : public NvmReader {
- protected:
-  void SetUp() override {
-    NvmReader::SetUp();
-    client_.doc = xmlReadDoc(
-        reinterpret_cast<const xmlChar*>("<top>text<a n='1'/><?b?><a n='2'/><b/><!--c--></top>"),
-        "test.xml", nullptr, 0);
-    top_ = xmlDocGetRootElement(client_.doc);
-  }
-
-  xmlNodePtr top_ = nullptr;
-};
+using NvmChildNode = NvmReader;
 
 TEST_F(NvmChildNode, IsTheFirstOfThatNameWhateverItsKind) {
-  EXPECT_EQ(client_.FindChildNode(top_, "a"), top_->children->next);
-  const xmlNodePtr found = client_.FindChildNode(top_, "b");
-  ASSERT_NE(found, nullptr);
-  EXPECT_EQ(found->type, XML_PI_NODE);
-  EXPECT_EQ(client_.FindChildNode(top_, "text"), top_->children);
-  EXPECT_EQ(client_.FindChildNode(top_, "comment"), top_->last);
-  EXPECT_EQ(LogText(), "");
-}
-
-TEST_F(NvmChildNode, IsNullForAnotherNameAndWithoutChildrenOrANode) {
-  EXPECT_EQ(client_.FindChildNode(top_, "A"), nullptr);
-  EXPECT_EQ(client_.FindChildNode(top_, "top"), nullptr);
-  EXPECT_EQ(client_.FindChildNode(top_, ""), nullptr);
-  EXPECT_EQ(client_.FindChildNode(top_->children->next, "a"), nullptr);
+  const std::string document = "<top>text<a n='1'/><?b?><a n='2'/><b/><!--c--></top>";
+  client_.doc = xmlReadMemory(document.data(), static_cast<int>(document.size()), "", nullptr, 0);
+  const xmlNodePtr top = xmlDocGetRootElement(client_.doc);
+  const xmlNodePtr text = top->children;
+  const xmlNodePtr a = text->next;
+  const xmlNodePtr instruction = a->next;
+  EXPECT_EQ(client_.FindChildNode(top, "a"), a);
+  EXPECT_EQ(client_.FindChildNode(top, "b"), instruction);
+  EXPECT_EQ(client_.FindChildNode(top, "text"), text);
+  EXPECT_EQ(client_.FindChildNode(top, "comment"), top->last);
+  for (const std::string other : {"A", "top", ""}) {
+    EXPECT_EQ(client_.FindChildNode(top, other), nullptr);
+  }
+  EXPECT_EQ(client_.FindChildNode(a, "a"), nullptr) << "it has no children";
   EXPECT_EQ(client_.FindChildNode(nullptr, "a"), nullptr);
+  EXPECT_EQ(LogText(), "");
 }
 
 // --- The status
@@ -220,17 +205,7 @@ struct Status {
   std::string reply;
   std::string messages;
   std::vector<std::string> seen;  // "Status", then what stands in it
-
-  friend std::ostream& operator<<(std::ostream& out, const Status& row) { return out << row.name; }
 };
-
-class NvmReaderStatus : public NvmReader, public testing::WithParamInterface<Status> {};
-
-TEST_P(NvmReaderStatus, GivesCodeAndMessageAndLeavesWhatIsMissing) {
-  EXPECT_EQ(StatusMessages(GetParam().reply), GetParam().messages);
-  EXPECT_EQ(LogText(), StatusLog(GetParam().seen));
-  EXPECT_EQ(client_.reply, GetParam().reply);
-}
 
 const std::string CODE = Var("code", Text("1"));
 const std::string MSG = Var("msg", Text("held"));
@@ -267,8 +242,17 @@ const Status STATUSES[] = {
     {"BareText", Packet(Var("Status", "text")), NO_STATUS, {"Status"}},
     {"Missing", Packet(A), NO_STATUS, {"A"}}};
 
-INSTANTIATE_TEST_SUITE_P(, NvmReaderStatus, testing::ValuesIn(STATUSES),
-                         [](const auto& status) { return status.param.name; });
+using NvmReaderStatus = NvmReader;
+
+TEST_F(NvmReaderStatus, GivesCodeAndMessageAndLeavesWhatIsMissing) {
+  for (const Status& row : STATUSES) {
+    SCOPED_TRACE(row.name);
+    EmptyLog();
+    EXPECT_EQ(StatusMessages(row.reply), row.messages);
+    EXPECT_EQ(LogText(), StatusLog(row.seen));
+    EXPECT_EQ(client_.reply, row.reply);
+  }
+}
 
 // --- Replies of another shape
 

@@ -86,26 +86,7 @@ struct Allocation {
   std::string status;
   std::string trace;  // of the value
   std::string asked;
-
-  friend std::ostream& operator<<(std::ostream& out, const Allocation& row) {
-    return out << row.status;
-  }
 };
-
-class NvmAllocation : public NvmToggle, public testing::WithParamInterface<Allocation> {};
-
-TEST_P(NvmAllocation, IsMadeWhenTheValueIsZeroAndElseReleased) {
-  const auto& [status, trace, asked] = GetParam();
-  EXPECT_EQ(ToggleWith({status, DECLARATION + "<done/>", DECLARATION + "<status/>"}), 0);
-  EXPECT_EQ(trace_, Framed(status) + MARKS + trace + Framed(DECLARATION + "<done/>") +
-                        Framed(DECLARATION + "<status/>"));
-  EXPECT_THAT(requests_, ElementsAre(RequestFor("nvmGetDeviceStatus"), RequestFor(asked),
-                                     RequestFor("nvmGetDeviceStatus")));
-  EXPECT_EQ(LogText(), Exchange("nvmGetDeviceStatus", status) +
-                           Exchange(asked, DECLARATION + "<done/>") +
-                           Exchange("nvmGetDeviceStatus", DECLARATION + "<status/>"));
-  EXPECT_EQ(ReadText(STATUS_FILE), status + "\n") << "the first reply and a line feed";
-}
 
 Allocation Released(const std::string& value) {
   const std::string variable = "<var name=\"IsAllocated\"><string>" + value + "</string></var>";
@@ -129,7 +110,22 @@ const Allocation ALLOCATIONS[] = {
      "46 100 <var name=\"IsAllocated\">\n<x/><string>0</string> </var>\n0\n", "nvmAllocateDevice"},
     {Released("1").status + FREE.substr(21), Released("1").trace, "nvmReleaseDevice"}};
 
-INSTANTIATE_TEST_SUITE_P(, NvmAllocation, testing::ValuesIn(ALLOCATIONS));
+using NvmAllocation = NvmToggle;
+
+TEST_F(NvmAllocation, IsMadeWhenTheValueIsZeroAndElseReleased) {
+  const std::string done = DECLARATION + "<done/>";
+  const std::string last = DECLARATION + "<status/>";
+  for (const auto& [status, trace, asked] : ALLOCATIONS) {
+    EmptyLog();
+    EXPECT_EQ(ToggleWith({status, done, last}), 0);
+    EXPECT_EQ(trace_, Framed(status) + MARKS + trace + Framed(done) + Framed(last));
+    EXPECT_THAT(requests_, ElementsAre(RequestFor("nvmGetDeviceStatus"), RequestFor(asked),
+                                       RequestFor("nvmGetDeviceStatus")));
+    EXPECT_EQ(LogText(), Exchange("nvmGetDeviceStatus", status) + Exchange(asked, done) +
+                             Exchange("nvmGetDeviceStatus", last));
+    EXPECT_EQ(ReadText(STATUS_FILE), status + "\n") << "the first reply and a line feed";
+  }
+}
 
 TEST_F(NvmToggle, AFailingLaterExchangeIsAnEmptyReplyAndNotReported) {
   const std::string done = DECLARATION + "<done/>";
@@ -145,20 +141,7 @@ struct Unfound {
   const char* name;
   std::string status;
   std::string lastWords;
-
-  friend std::ostream& operator<<(std::ostream& out, const Unfound& row) { return out << row.name; }
 };
-
-class NvmToggleSearch : public NvmToggle, public testing::WithParamInterface<Unfound> {};
-
-TEST_P(NvmToggleSearch, GivesUpWithItsReason) {
-  const auto& [name, status, lastWords] = GetParam();
-  EXPECT_EQ(ToggleWith({status}), -1);
-  EXPECT_EQ(trace_, Framed(status) + MARKS + lastWords);
-  EXPECT_THAT(requests_, ElementsAre(RequestFor("nvmGetDeviceStatus")));
-  EXPECT_EQ(LogText(), Exchange("nvmGetDeviceStatus", status));
-  EXPECT_EQ(ReadText(STATUS_FILE), status + "\n");
-}
 
 const Unfound UNFOUND[] = {
     {"NoVariable",
@@ -178,8 +161,19 @@ const Unfound UNFOUND[] = {
     {"EndBeforeTheStart", StatusReply("</string><string>0"),
      "21 69 <var name=\"IsAllocated\"></string><string>0</var>\nEnd 2 nicht gefunden!\n"}};
 
-INSTANTIATE_TEST_SUITE_P(, NvmToggleSearch, testing::ValuesIn(UNFOUND),
-                         [](const auto& unfound) { return unfound.param.name; });
+using NvmToggleSearch = NvmToggle;
+
+TEST_F(NvmToggleSearch, GivesUpWithItsReason) {
+  for (const auto& [name, status, lastWords] : UNFOUND) {
+    SCOPED_TRACE(name);
+    EmptyLog();
+    EXPECT_EQ(ToggleWith({status}), -1);
+    EXPECT_EQ(trace_, Framed(status) + MARKS + lastWords);
+    EXPECT_THAT(requests_, ElementsAre(RequestFor("nvmGetDeviceStatus")));
+    EXPECT_EQ(LogText(), Exchange("nvmGetDeviceStatus", status));
+    EXPECT_EQ(ReadText(STATUS_FILE), status + "\n");
+  }
+}
 
 TEST_F(NvmToggle, AnUnreachableServiceIsAnEmptyReply) {
   EXPECT_EQ(Toggle(), -1);
