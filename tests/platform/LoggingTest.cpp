@@ -1,3 +1,5 @@
+// What the log file of the whole program does not show; handlers and levels: CgiLogTest.cpp.
+
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,20 +18,12 @@
 #include "LogFormater.h"
 #include "LogHandler.h"
 #include "LogLayout.h"
-#include "LogLevelManager.h"
-#include "Logger.h"
 #include "Sandbox.h"
 #include "SmallDisk.h"
 
 namespace {
 
 using testing::ElementsAre;
-
-class RememberingClient : public LogHandlerClient {
- public:
-  void HandleEvent(const LogEvent& event) override { events.push_back(event); }
-  std::vector<LogEvent> events;
-};
 
 class MessageInBrackets : public LogLayout {
  public:
@@ -44,87 +38,38 @@ LogEvent EventWithMessage(const std::string& message) {
   return event;
 }
 
-TEST(Logger, GivesTheSameHandlerForTheSameName) {
-  LogHandler* const handler = Logger::GetLogHandler("one");
-  EXPECT_EQ(Logger::GetLogHandler("one"), handler);
-  EXPECT_NE(Logger::GetLogHandler("other"), handler);
-  EXPECT_EQ(handler->GetName(), "one");
-}
-
-TEST(Logger, DefaultHandlerIsSilentUntilItGetsAClient) {
-  testing::internal::CaptureStdout();
-  testing::internal::CaptureStderr();
-  LogFormater(10, "src/X", 1).Log(Logger::GetDefaultLogHandler(), "unheard");
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-
-  static RememberingClient client;  // stays a client to the end of the process
-  Logger::GetDefaultLogHandler()->AddLogClient(&client);
-  LogFormater(10, "src/X", 1).Log(Logger::GetDefaultLogHandler(), "heard");
-  ASSERT_EQ(client.events.size(), 1u);
-  EXPECT_EQ(client.events[0].message, "heard");
-}
-
-TEST(LogHandler, PassesEveryEventToEachClientInOrder) {
-  LogHandler handler("h");
-  std::string order;
-  struct Marker : LogHandlerClient {
-    Marker(std::string& order, char mark) : order(order), mark(mark) {}
-    void HandleEvent(const LogEvent&) override { order += mark; }
-    std::string& order;
-    char mark;
-  } first(order, '1'), second(order, '2');
-  handler.AddLogClient(&first);
-  handler.AddLogClient(&second);
-  handler.HandleEvent(LogEvent());
-  handler.HandleEvent(LogEvent());
-  EXPECT_EQ(order, "1212");
-}
-
 // A handler, and what it gets.
-class LogFormaterTest : public testing::Test {
+class LogFormaterTest : public testing::Test, private LogHandlerClient {
  protected:
-  LogFormaterTest() { handler.AddLogClient(&client); }
+  LogFormaterTest() { handler.AddLogClient(this); }
 
   LogHandler handler{"h"};
-  RememberingClient client;
+  std::vector<std::string> messages;
+  timeval time{};  // of the latest
+
+ private:
+  void HandleEvent(const LogEvent& event) override {
+    messages.push_back(event.message);
+    time = event.time;
+  }
 };
 
-TEST_F(LogFormaterTest, StampsTheEventWithTheHandlerLoggedTo) {
-  LogHandler inner("inner");
-  RememberingClient second;
-  handler.AddLogClient(&inner);
-  inner.AddLogClient(&second);
-  LogFormater(40, "src/Somewhere", -7).Log(&handler, "%s %d%%", "text", 42);
-  ASSERT_EQ(client.events.size(), 1u);
-  const LogEvent& event = client.events[0];
-  EXPECT_EQ(event.level, 40u);
-  EXPECT_EQ(event.GetFileName(), "src/Somewhere");
-  EXPECT_EQ(event.line, -7);
-  EXPECT_EQ(event.handlerName, "h");
-  EXPECT_EQ(event.processId, getpid());
-  EXPECT_LE(std::abs(event.time.tv_sec - std::time(nullptr)), 5);
-  EXPECT_EQ(event.message, "text 42%");
-  ASSERT_EQ(second.events.size(), 1u);
-  EXPECT_EQ(second.events[0].handlerName, "h") << "not the one passing it on";
-}
-
-TEST_F(LogFormaterTest, LogsANullTextAsPrintfPrintsItAndAFormatThatItRefusesAsItStands) {
+TEST_F(LogFormaterTest, FormatsAsPrintfDoesAndLogsAFormatThatItRefusesAsItStands) {
   const char* volatile nothing = nullptr;
+  LogFormater(10, "src/X", 1).Log(&handler, "%s %d%%", "text", 42);
   LogFormater(10, "src/X", 1).Log(&handler, "text: %s", nothing);
   // No such character in the "C" locale.
   LogFormater(10, "src/X", 1).Log(&handler, "wide %ls", L"\x20ac");
-  ASSERT_EQ(client.events.size(), 2u);
-  EXPECT_EQ(client.events[0].message, "text: (null)");
-  EXPECT_EQ(client.events[1].message, "wide %ls");
+  EXPECT_THAT(messages, ElementsAre("text 42%", "text: (null)", "wide %ls"));
+  EXPECT_LE(std::abs(time.tv_sec - std::time(nullptr)), 5);
 }
 
 TEST_F(LogFormaterTest, LogsAMessageOfAnyLengthWhole) {
   for (const std::size_t length : {0u, 1u, 255u, 256u, 4095u, 4096u, 1u << 20}) {
     const std::string text(length, 'x');
     LogFormater(10, "src/X", 1).Log(&handler, "<%s>", text.c_str());
-    ASSERT_FALSE(client.events.empty());
-    EXPECT_EQ(client.events.back().message, "<" + text + ">");
+    ASSERT_FALSE(messages.empty());
+    EXPECT_EQ(messages.back(), "<" + text + ">");
   }
 }
 
@@ -138,16 +83,6 @@ TEST(LogEvent, GivesItsLocalTimeWithMicrosecondsAfter2038Too) {
   EXPECT_EQ(event.GetDateTimeUsec(), "2040-01-01 14:00:00.000007");
   unsetenv("TZ");
   tzset();
-}
-
-TEST(LogLevelManager, GivesTheNameOrElseTheNumber) {
-  LogEvent event;
-  event.level = 12345;
-  EXPECT_EQ(event.GetLogLevelName(), "12345");
-  Logger::GetLogLevelManager()->AddLogLevel(12345, "NAMED");
-  EXPECT_EQ(event.GetLogLevelName(), "NAMED");
-  Logger::GetLogLevelManager()->AddLogLevel(12345, "RENAMED");
-  EXPECT_EQ(event.GetLogLevelName(), "RENAMED");
 }
 
 // The descriptor of the file at `path` in this process; -1 when it is not open.
