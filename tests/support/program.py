@@ -52,6 +52,12 @@ def clear(folder):
             file.unlink()
 
 
+def fill(disk):
+    """Uses the room that is left."""
+    (disk / "filler").write_bytes(bytes(shutil.disk_usage(disk).free))
+    assert shutil.disk_usage(disk).free == 0
+
+
 def reset_device():
     """The runtime's folder, empty, no log file, no recorded calls."""
     clear(SETTINGS.parent)
@@ -105,6 +111,12 @@ class Request(NamedTuple):
         assert os.path.exists(library), library
         return self.having(LD_PRELOAD=f"{self.variables.get('LD_PRELOAD', '')}:{library}")
 
+    def watched(self, folder):
+        """With its file calls in the folder written to CALLS; see standin/preload/FailingFileCalls.cpp."""
+        CALLS.unlink(missing_ok=True)
+        return self.preloading("failing-file-calls").having(FAILING_FILE_CALLS_FOLDER=str(folder),
+                                                            FAILING_FILE_CALLS_TRACE=str(CALLS))
+
     def by(self, vm):
         """By the "real" Java VM or the "fake" one, which is quick; see standin/preload/FakeVm.cpp."""
         return self.preloading("fake-vm") if vm == "fake" else self
@@ -135,11 +147,19 @@ class Result(NamedTuple):
     status: int  # minus its number where a signal ended the program
 
 
+class Process(subprocess.Popen):
+    """Killed at the end of its context."""
+
+    def __exit__(self, *error):
+        self.kill()
+        super().__exit__(*error)
+
+
 def start(request, **more):
     """The program in the background, a context; `more` as for Popen, preexec_fn for what else the program inherits."""
     variables = {"LD_LIBRARY_PATH": JAVA_VM, **request.variables} if JAVA_VM else request.variables
     environment = {name.encode("latin-1"): text.encode("latin-1") for name, text in variables.items()}
-    return subprocess.Popen(request.words, env=environment, **more)
+    return Process(request.words, env=environment, **more)
 
 
 def run(request, **more):
