@@ -15,6 +15,7 @@ from selenium.webdriver.remote.remote_connection import RemoteConnection
 from selenium.webdriver.support.ui import WebDriverWait
 
 import device
+import server as web_server
 from prepared import PASSWORD, TLS
 
 PORT = 8080
@@ -59,7 +60,7 @@ def running_device(edits=()):
                     "/srv/vemo/java", "/app/class-archive"], check=True)
     service = subprocess.Popen(["/srv/vemo/bin/nvm-service"])
     try:
-        with device.Server(*edits, parts=device.PARTS, java=None, port=PORT) as server, \
+        with web_server.Server(*edits, parts=device.PARTS, java=None, port=PORT) as server, \
                 device.rebooting(server.restart_as_after_a_boot):
             yield
     finally:

@@ -6,43 +6,42 @@ import http.client
 import socket
 import struct
 
+import device
+
 FORM = "application/x-www-form-urlencoded"
 MULTIPART = "multipart/form-data; boundary=frontier"
+FOREIGN = "Origin: http://foreign.example"
 
 # Header names are in lower case. The status is 0 where no answer came.
 Answer = collections.namedtuple("Answer", "status headers body")
 
 
-def request(target, *headers, host, method="GET", version="1.1"):
+def typed(*headers):
+    """As a browser asks for an address that was typed."""
+    return "Sec-Fetch-Site: none", "Sec-Fetch-Mode: navigate", "Sec-Fetch-Dest: document", *headers
+
+
+def request(target, *headers, host=None, method="GET", version="1.1", by_own_page=True):
+    """By a page of ours, which has to be said where the device is not on loopback; else as by an address that was
+    typed."""
+    if by_own_page and not device.is_on_loopback() and not any(
+            header.startswith(("Origin: ", "Referer: ")) for header in headers):
+        headers = (f"Referer: http://{device.HOST}/", *headers)
+    host = device.HOST if host is None else host
     lines = [f"{method} {target} HTTP/{version}", *([f"Host: {host}"] if host else []), "Connection: close", *headers,
              ""]
     return "".join(f"{line}\r\n" for line in lines).encode("latin-1")
 
 
-def post(target, body, *headers, host, kind=FORM, **how):
+def post(target, body, *headers, kind=FORM, **how):
     body = body.encode("latin-1")
     headers = (f"Content-Type: {kind}", f"Content-Length: {len(body)}", *headers)
-    return request(target, *headers, host=host, method="POST", **how) + body
+    return request(target, *headers, method="POST", **how) + body
 
 
 def part(*lines):
     """A multipart body with this part."""
     return "".join(f"{line}\r\n" for line in ("--frontier", *lines, "--frontier--"))
-
-
-def read_answer(connection, method="GET"):
-    """Raises OSError or HTTPException where there is none."""
-    response = http.client.HTTPResponse(connection, method=method)
-    response.begin()
-    try:
-        body = response.read()
-    except http.client.IncompleteRead as cut:
-        body = cut.partial
-    headers = {}
-    for name, value in response.getheaders():
-        name = name.lower()
-        headers[name] = f"{headers[name]}, {value}" if name in headers else value
-    return Answer(response.status, headers, body)
 
 
 def reset(connection):
@@ -52,9 +51,19 @@ def reset(connection):
 
 
 def ask(connection, sent):
-    """Sends the request on the connection and closes it."""
+    """Sends the request on the connection and closes it. Raises OSError or HTTPException where no answer comes."""
     with contextlib.closing(connection):
         # Who is refused early may still get the answer.
         with contextlib.suppress(OSError):
             connection.sendall(sent)
-        return read_answer(connection, sent.split(b" ")[0].decode())
+        response = http.client.HTTPResponse(connection, method=sent.split(b" ")[0].decode())
+        response.begin()
+        try:
+            body = response.read()
+        except http.client.IncompleteRead as cut:
+            body = cut.partial
+        headers = {}
+        for name, value in response.getheaders():
+            name = name.lower()
+            headers[name] = f"{headers[name]}, {value}" if name in headers else value
+        return Answer(response.status, headers, body)

@@ -12,6 +12,7 @@ import pytest
 sys.path += [str(pathlib.Path(__file__).parent), str(pathlib.Path(__file__).parents[1] / "docs")]
 
 import device  # noqa: E402
+import server as web_server  # noqa: E402
 import table  # noqa: E402
 from prepared import PASSWORD, TLS  # noqa: E402
 
@@ -68,7 +69,7 @@ def pytest_sessionfinish(session):
 @pytest.fixture(scope="session")
 def shared_server():
     device.reset()
-    with device.Server() as server:
+    with web_server.Server() as server:
         yield server
 
 

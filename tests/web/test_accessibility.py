@@ -5,7 +5,6 @@ The checker comes from build/npm, where ./test puts it."""
 import contextlib
 import math
 import os
-import pathlib
 import subprocess
 
 import pytest
@@ -46,8 +45,6 @@ CONTRAST_OPTIONS = {
 # --- How each page, and each state of it, is reached
 
 BENCH = "Test bench 3"
-ORDERS = pathlib.Path("/run/vemo-web-reboot")
-BOOT = pathlib.Path("/run/vemo-web-boot")
 
 
 def opened(path, text=""):
@@ -80,12 +77,12 @@ def show_refused_allocation(visitor):
 @contextlib.contextmanager
 def without_orders():
     """Meanwhile nobody reads orders to reboot."""
-    aside = ORDERS.with_suffix(".aside")
-    ORDERS.rename(aside)
+    aside = device.ORDERS.with_suffix(".aside")
+    device.ORDERS.rename(aside)
     try:
         yield
     finally:
-        aside.rename(ORDERS)
+        aside.rename(device.ORDERS)
 
 
 def show_not_allowed(visitor):
@@ -103,17 +100,14 @@ def show_refused_reboot(visitor):
 
 def show_ordered(visitor):
     """Read by nobody who follows it."""
-    with without_orders():
-        os.mkfifo(ORDERS)
-        orders = os.open(ORDERS, os.O_RDWR | os.O_CLOEXEC)
+    with without_orders(), device.reading_orders():
         visitor.open(REBOOT)
         visitor.press("Reboot")
-        os.close(orders)
     assert "The device reboots now." in visitor.text()
 
 
 def show_not_yet(visitor):
-    opened(f"{REBOOT}?before={BOOT.read_text().strip()}", "has not rebooted yet")(visitor)
+    opened(f"{REBOOT}?before={device.BOOT.read_text().strip()}", "has not rebooted yet")(visitor)
 
 
 def show_held_back(visitor):
@@ -126,8 +120,7 @@ def show_classes(visitor):
     visitor.open(HOME)
     visitor.run("document.open(); document.write(arguments[0]); document.close()", CLASSES)
     visitor.wait_until(
-        lambda: visitor.run("return document.readyState === 'complete' && document.styleSheets.length > 0"),
-        "the page of classes")
+        lambda: visitor.run("return document.readyState === 'complete' && document.styleSheets.length > 0"), "no style")
 
 
 OWN = {
@@ -147,22 +140,15 @@ FRAMED = {
     "reboot-not-yet": show_not_yet,
     "reboot-back": opened(REBOOT + "?before=another", "it has rebooted"),
     "reboot-not-known": opened(REBOOT + "?before=unknown", "is not known"),
-}
-FIXED = {
     "success": opened(success("500")),
     "warning": opened(WARNING),
 }
-VIEWS = {**OWN, **FRAMED, **FIXED}
+VIEWS = {**OWN, **FRAMED}
 
 
 class Visitor(browser.Technician):
     def run(self, script, *arguments):
         return self.driver.execute_script(script, *arguments)
-
-    def show(self, name, screen, scale=1):
-        self.set_screen(screen, scale)
-        self.set_media({})
-        VIEWS[name](self)
 
     def set_media(self, features):
         wanted = [{"name": name, "value": features.get(name, "")} for name in
@@ -187,7 +173,7 @@ class Visitor(browser.Technician):
             "const done = arguments[arguments.length - 1];"
             f"axe.configure({{checks: [{{id: '{CONTRAST}', options: arguments[0]}}]}});"
             "axe.run(document, arguments[1]).then(done, e => done({error: '' + e}));", CONTRAST_OPTIONS, rules)
-        device.require("error" not in result, result)
+        assert "error" not in result, result
         return {part: {finding["id"]: (finding["impact"], [node["html"] for node in finding["nodes"]])
                        for finding in result[part]} for part in ("violations", "incomplete", "passes")}
 
@@ -210,7 +196,9 @@ def shown(request, visitor):
     """A view on a screen, which tests leave as it is but for size and colours."""
     visitor.view, visitor.suffix = request.param
     visitor.screen, visitor.scale = SCREENS[visitor.suffix]
-    visitor.show(visitor.view, visitor.screen, visitor.scale)
+    visitor.set_screen(visitor.screen, visitor.scale)
+    visitor.set_media({})
+    VIEWS[visitor.view](visitor)
     if device.IS_LONG:
         visitor.take_pictures()
         visitor.set_media({})
@@ -262,17 +250,14 @@ def test_forced_colours_have_the_last_word(shown):
 
 
 def test_night_is_dark_and_more_contrast_is_more(visitor):
-    def colour(selector, name):
-        look_up = "return getComputedStyle(document.querySelector(arguments[0]))[arguments[1]]"
-        return visitor.run(look_up, selector, name)
-
     visitor.open(FORM)
     found = []
     for features in MEDIA.values():
         visitor.set_media(features)
-        found.append((colour("body", "backgroundColor"), colour(".content", "color")))
-    assert found[2:] == [("rgb(255, 255, 255)", "rgb(0, 0, 0)"), ("rgb(0, 0, 0)", "rgb(255, 255, 255)")]
-    day, night = (sum(map(int, ground[4:-1].split(","))) for ground, _ in found[:2])
+        found.append((visitor.style("body", "background-color"), visitor.style(".content", "color")))
+    white, black = "rgba(255, 255, 255, 1)", "rgba(0, 0, 0, 1)"
+    assert found[2:] == [(white, black), (black, white)]
+    day, night = (sum(map(int, ground[5:-1].split(",")[:3])) for ground, _ in found[:2])
     assert day > 600
     assert night < 150
 

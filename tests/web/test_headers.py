@@ -7,7 +7,8 @@ import re
 import pytest
 
 import device
-from device import CHANGE, FIELD, FOREIGN, SET_OPTION, post, request
+from client import FOREIGN, post, request
+from device import CHANGE, FIELD, SET_OPTION
 from table import row
 
 

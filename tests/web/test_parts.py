@@ -7,10 +7,10 @@ import subprocess
 import pytest
 
 import device
-from device import (
-    CHANGE, FIELD, FOREIGN, HOST, LOG, NETWORK, SECRET, SET_OPTION, SETTINGS, TEXT, USER, post,
-    refusal_page, request, settings_with, typed)
+from client import FOREIGN, post, request, typed
+from device import CHANGE, FIELD, HOST, LOG, NETWORK, SECRET, SET_OPTION, SETTINGS, USER, settings_with
 from prepared import PASSWORD, TLS
+from server import TEXT, Server, refusal_page
 from table import row
 
 RIGHT = f"{USER}:{SECRET}"
@@ -22,7 +22,7 @@ SPEAKS = "speaks TLS, once its lines are in use, and leads http there"
 
 @pytest.fixture(scope="module")
 def locked():
-    with device.Server(parts=(PASSWORD,)) as server:
+    with Server(parts=(PASSWORD,)) as server:
         yield server
 
 
@@ -105,7 +105,7 @@ def test_keeps_the_password_from_programs(locked):
     logged = LOG.read_text(encoding="latin-1")
     with locked.own_program(f"{TEXT} exec /usr/bin/env") as page:
         variables = ask_as(locked, RIGHT, page)[1].decode()
-    device.require(logged and "JAVA_OPTIONS=" in variables, "the programs do not run")
+    assert logged and "JAVA_OPTIONS=" in variables
     secrets = "AUTHORIZATION", SECRET, base64.b64encode(RIGHT.encode()).decode(), "vemo-web:", "response="
     assert [secret for secret in secrets if secret in logged + variables] == []
 
@@ -114,7 +114,7 @@ def test_keeps_the_password_from_programs(locked):
 
 @pytest.fixture(scope="module")
 def secure():
-    with device.Server(parts=(TLS,)) as server:
+    with Server(parts=(TLS,)) as server:
         yield server
 
 
@@ -125,7 +125,7 @@ def test_serves_and_refuses_by_tls(secure):
     assert SETTINGS.read_text() == settings_with("500")
     assert "strict-transport-security" not in answer.headers
     assert secure.get(CHANGE, FOREIGN).status == 403
-    assert (secure.installation.settings / "key.pem").stat().st_mode & 0o777 == 0o640
+    assert (secure.settings / "key.pem").stat().st_mode & 0o777 == 0o640
 
 
 @row(SPEAKS)

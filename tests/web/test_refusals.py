@@ -7,8 +7,9 @@ import socket
 import pytest
 
 import device
-from device import (
-    CHANGE, FIELD, FOREIGN, HOST, NETWORK, SET_OPTION, SETTINGS, post, refusal_page, request, settings_with, typed)
+from client import FOREIGN, post, request, typed
+from device import CHANGE, FIELD, HOST, NETWORK, SET_OPTION, SETTINGS, settings_with
+from server import Server, refusal_page
 from table import row
 
 
@@ -226,7 +227,7 @@ def test_never_shows_a_program_as_text(server):
     with server.own_program("# secret", 0o644, "setobdconf.cgi"):
         # lighttpd refuses by itself, elsewhere the gate cannot start it.
         expect_no_text(403 if device.NAME == "lighttpd" else 500)
-        gated = server.installation.programs / "gated/setobdconf.cgi"
+        gated = server.programs / "gated/setobdconf.cgi"
         gated.chmod(0o644)
         try:
             expect_no_text(500 if device.NAME == "apache2" else 403)
@@ -286,7 +287,7 @@ def test_starts_no_program_for_a_body_that_is_cut(server):
         connection.sendall(sent)
         is_started = device.eventually(lambda: not device.is_untouched(), device.MOMENT)
     if is_started:
-        device.wait_until(lambda: "ChangeStdErr" in device.LOG.read_text(), "the program does not go on")
+        assert device.eventually(lambda: "ChangeStdErr" in device.LOG.read_text(), "the program does not go on")
     assert not is_started
 
 
@@ -335,7 +336,7 @@ def test_sends_the_policy_with_every_refusal(server):
 def test_shows_a_page_for_people_when_a_program_cannot_run(server):
     with server.own_program("") as page:
         # Nothing that can be executed.
-        (server.installation.programs / page[1:]).write_bytes(b"\0")
+        (server.programs / page[1:]).write_bytes(b"\0")
         answer = server.get(page)
     assert (answer.status, answer.body) == (500, refusal_page(500))
     with server.own_program("exit 1") as page:
@@ -344,7 +345,7 @@ def test_shows_a_page_for_people_when_a_program_cannot_run(server):
 
 
 def test_refuses_everybody_when_the_gate_has_no_file(server):
-    with device.Server((r"/run/gate\b", "/nowhere/gate"), first_page="/index.html") as broken:
+    with Server((r"/run/gate\b", "/nowhere/gate"), first_page="/index.html") as broken:
         device.reset()
         answer = broken.get(CHANGE)
     assert (answer.status, answer.body) == (500, refusal_page(500))

@@ -10,17 +10,18 @@ import pytest
 
 import device
 import logfile
-from client import MULTIPART, part
-from device import CHANGE, FIELD, SET_OPTION, SETTINGS, TEXT, post, request, run_program, settings_with, until
+from client import MULTIPART, part, post, request
+from device import CHANGE, FIELD, SET_OPTION, SETTINGS, run_program, settings_with
+from server import TEXT, Server, until
 from table import row
 
 ABORTS = post(SET_OPTION, part("X: y"), kind=MULTIPART)  # the program, within its page
 
 
-def log_of_success(options):
+def log_of_success(server):
     return ["DEBUG src/SetObdConf 30 main\n",
             "DEBUG src/JavaVmWrapper 73 OpenJavaVM\n",
-            f"DEBUG src/JavaVmWrapper 81 JAVA_OPTIONS: -XX:VMOptionsFile={options}\n",
+            f"DEBUG src/JavaVmWrapper 81 JAVA_OPTIONS: -XX:VMOptionsFile={server.settings}/java.options\n",
             "DEBUG src/JavaVmWrapper 99 JAVA_CLASSPATH:/srv/vemo/java\n",
             "DEBUG src/JavaVmWrapper 155 ChangeStdErr\n"]
 
@@ -33,7 +34,7 @@ def expect_stored(server, sent, value):
     assert answer.body.decode("latin-1") == run_program(FIELD + urllib.parse.quote(value)).decode("latin-1")
     assert f"<p>Set CanDetectTimeout to {value} ms.".encode() in answer.body
     assert settings == settings_with(value)
-    assert [text for _, text in log] == log_of_success(server.installation.settings / "java.options")
+    assert [text for _, text in log] == log_of_success(server)
 
 
 @pytest.mark.parametrize("sent, value", [
@@ -68,7 +69,7 @@ def test_hands_on_what_there_is_of_a_page_whose_program_aborts(server):
 
 
 def test_serves_with_the_real_java_vm(server):
-    with device.Server(java=None) as real:
+    with Server(java=None) as real:
         device.reset()
         expect_stored(real, request(CHANGE), "500")
         # The VM makes a socket for debuggers and leaves it behind when the program aborts: its options forbid it.
@@ -77,30 +78,23 @@ def test_serves_with_the_real_java_vm(server):
         assert [name for name in os.listdir("/tmp") if name.startswith(".java_pid")] == []
 
 
-def test_has_no_dead_link(server):
+def test_has_no_dead_link_and_names_the_type_of_each_file(server):
     """From page to page, by all that they name."""
-    unseen, seen = {"/", CHANGE}, set()
+    unseen, seen = {"/", CHANGE}, {}
     while unseen:
         path = unseen.pop()
-        seen.add(path)
         assert len(seen) < 50
         answer = server.get(path)
         assert answer.status == 200, path
-        if answer.headers["content-type"].startswith("text/html"):
+        seen[path] = kind = answer.headers["content-type"].replace("; ", ";").removesuffix(";charset=utf-8")
+        if kind.startswith("text/html"):
             # All pages stand at the top of the tree.
             names = re.findall(r'(?:href|src|action)="([^"]*)"', answer.body.decode("latin-1"))
-            unseen |= {urllib.parse.urljoin("/", name) for name in names} - seen
-    assert seen >= {"/index.html", "/css/all.css", "/images/kesta.jpg", "/images/tarn.gif",
-                    *(f"/{page}" for page in device.CGI_PAGES)}
+            unseen |= {urllib.parse.urljoin("/", name) for name in names} - set(seen)
+    assert seen.items() >= {
+        "/index.html": "text/html;charset=iso-8859-1", "/css/all.css": "text/css", "/images/kesta.jpg": "image/jpeg",
+        "/images/tarn.gif": "image/gif", **{f"/{page}": "text/html" for page in device.CGI_PAGES}}.items()
     assert b"<h2>VEMO Web Server</h2>" in server.get("/").body
-
-
-@pytest.mark.parametrize("file, kind", [
-    ("/index.html", "text/html;charset=iso-8859-1"), ("/css/all.css", "text/css"),
-    ("/images/kesta.jpg", "image/jpeg"), ("/images/tarn.gif", "image/gif"),
-])
-def test_names_the_type_of_a_file(server, file, kind):
-    assert server.get(file).headers["content-type"].replace("; ", ";").removesuffix(";charset=utf-8") == kind
 
 
 def test_serves_twenty_at_once(server):
@@ -119,7 +113,7 @@ def test_serves_twenty_at_once(server):
         logged.setdefault(process, []).append(text)
     for value, answer in zip(values, answers):
         assert (answer.status, answer.body) == (200, run_program(FIELD + value))
-    assert list(logged.values()) == 20 * [log_of_success(server.installation.settings / "java.options")]
+    assert list(logged.values()) == 20 * [log_of_success(server)]
     assert settings in map(settings_with, values)
     assert os.listdir(SETTINGS.parent) == [SETTINGS.name]
 
@@ -127,19 +121,14 @@ def test_serves_twenty_at_once(server):
 @row("hands a page on as it comes")
 def test_streams(server):
     go = server.root / "go"
-    received = b""
     with server.own_program(f"{TEXT} echo first; {until(go)} echo last") as page, \
-            contextlib.closing(server.connect()) as connection:
+            contextlib.closing(server.connect()) as connection, connection.makefile("rb") as answer:
         connection.sendall(request(page))
-        with contextlib.suppress(TimeoutError):
-            while b"first" not in received and (more := connection.recv(1000)):
-                received += more
-        is_streamed = b"first" in received
-        go.touch()
-        while more := connection.recv(1000):
-            received += more
-    device.require(b"last" in received, received)
-    assert is_streamed
+        try:
+            assert any(b"first" in line for line in answer)
+        finally:
+            go.touch()
+        assert b"last" in answer.read()
 
 
 # --- The programs' environment
@@ -151,9 +140,9 @@ def environment(server):
     return dict(line.split("=", 1) for line in lines if "=" in line)
 
 
-def test_gives_the_java_vm_its_variables_and_nothing_of_the_gate(environment):
+def test_gives_the_java_vm_its_variables_and_nothing_of_the_gate(server, environment):
     assert environment["JAVA_CLASSPATH"] == "/srv/vemo/java"
-    assert re.fullmatch(r"-XX:VMOptionsFile=/.*/java\.options", environment["JAVA_OPTIONS"])
+    assert environment["JAVA_OPTIONS"] == f"-XX:VMOptionsFile={server.settings}/java.options"
     assert [name for name in environment if name.startswith("CGI_GATE")] == []
 
 
@@ -173,7 +162,7 @@ def test_hands_on_the_library_path(environment):
 @pytest.mark.lighttpd
 @pytest.mark.loopback
 def test_serves_from_a_lighttpd_of_others():
-    with device.Server(configure=device.configure_lighttpd_of_others) as server:
+    with Server(of_others=True) as server:
         device.reset()
         assert b"<h2>VEMO Web Server</h2>" in server.get("/").body
         refused = server.get(CHANGE, "Origin: http://foreign.example")

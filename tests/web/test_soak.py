@@ -15,13 +15,15 @@ import threading
 import time
 from concurrent.futures import ThreadPoolExecutor
 
+import psutil
 import pytest
 
 import client
 import device
 import logfile
-from client import MULTIPART, part
-from device import FIELD, FOREIGN, LOG, SET_OPTION, SETTINGS, SHIPPED, SHIPPED_SETTINGS, post, request
+from client import FOREIGN, MULTIPART, part, post, request
+from device import FIELD, LOG, SET_OPTION, SETTINGS, SHIPPED, SHIPPED_SETTINGS
+from server import gate
 
 AT_ONCE = 4
 SEED = 1
@@ -31,7 +33,6 @@ LEFT_IN_TMP = {"cgi-gate.lock", "cgi.log", "lighttpd-access.log", "lighttpd-erro
 # lighttpd 1.4.69 loses a block of 32 for most programs that it starts.
 MOST_GROWTH = 128
 LOST = {"nvm-service": 0, "lighttpd": 32}
-DEVICE_INFORMATION = "/channeldeviceconfig.cgi"
 HANG = "hang&"
 
 
@@ -41,31 +42,16 @@ def changed_start():
     site = (SHIPPED / "lighttpd-site.conf").read_text()
     environment = re.search(r"setenv\.set-environment = \(.*?\n\)\n", site, re.DOTALL)[0]
     hanging = environment.replace("var.vemo_class_path", f'"{device.HOLDING_CLASS}"')
-    hanging = re.sub(*device.gate("RUN_TIMEOUT", 2), hanging)
+    hanging = re.sub(*gate("RUN_TIMEOUT", 2), hanging)
     OWN.mkdir()
-    shipped = (SHIPPED / "lighttpd.conf").read_text()
-    (OWN / "lighttpd.conf").write_text(f'{shipped}\n$HTTP["querystring"] =~ "^{HANG}" {{\n{hanging}}}\n')
-    for included in SHIPPED.glob("lighttpd-*.conf"):
-        shutil.copy(included, OWN)
+    for file in SHIPPED.glob("lighttpd*.conf"):
+        shutil.copy(file, OWN)
+    with open(OWN / "lighttpd.conf", "a", encoding="utf-8") as configuration:
+        configuration.write(f'\n$HTTP["querystring"] =~ "^{HANG}" {{\n{hanging}}}\n')
     start = OWN / "start"
     start.write_text((SHIPPED / "start").read_text().replace("/srv/vemo/lighttpd.conf", str(OWN / "lighttpd.conf")))
     start.chmod(0o755)
     return start
-
-
-class Server:
-    """One of the two, seen from outside."""
-
-    def __init__(self, stand_in, name):
-        self.process = next(child for child in device.children(stand_in.pid) if device.process_name(child) == name)
-        self.memory = []  # KiB of its own, over time
-
-    def sample(self):
-        text = pathlib.Path(f"/proc/{self.process}/smaps_rollup").read_text()
-        self.memory.append(int(re.search(r"Anonymous: +(\d+)", text)[1]))
-
-    def files(self):
-        return len(os.listdir(f"/proc/{self.process}/fd"))
 
 
 # --- Clients
@@ -75,28 +61,18 @@ def connect():
 
 
 def ask(sent):
-    """The status and the body of the answer, which has to be as long as announced."""
-    with connect() as connection:
-        connection.sendall(sent)
-        return read(connection, 65536, 0)
+    """The status and the body of the answer."""
+    answer = client.ask(connect(), sent)
+    return answer.status, answer.body
 
 
 def ask_slowly(sent):
-    with connect() as connection:
-        for begin in range(0, len(sent), 30):
-            connection.sendall(sent[begin:begin + 30])
-            time.sleep(0.01)
-        return read(connection, 64, 0.01)
-
-
-def read(connection, size, pause):
-    response = http.client.HTTPResponse(connection)
-    response.begin()
-    body = b""
-    while not response.isclosed() and (more := response.read(size)):
-        body += more
-        time.sleep(pause)
-    return response.status, body
+    connection = connect()
+    for begin in range(0, len(sent) - 1, 30):
+        connection.sendall(sent[begin:begin + 30][:len(sent) - 1 - begin])
+        time.sleep(0.01)
+    answer = client.ask(connection, sent[-1:])
+    return answer.status, answer.body
 
 
 def leave_within_the_request(sent):
@@ -146,7 +122,7 @@ KINDS = {
     "gone within the request": Kind(30, post_value, leave_within_the_request),
     "gone after the request": Kind(50, get_value, leave_after_the_request),
     "gone within the page": Kind(50, post_value, leave_within_the_page),
-    "device information": Kind(60, lambda _: request(DEVICE_INFORMATION), ask),
+    "device information": Kind(60, lambda _: request("/channeldeviceconfig.cgi"), ask),
     "reboot": Kind(20, lambda _: request("/reboot.cgi"), ask),
     "reboot, posted": Kind(10, lambda _: post("/reboot.cgi", ""), ask),
     "home page": Kind(20, lambda _: request("/index.html"), ask),
@@ -154,13 +130,6 @@ KINDS = {
 }
 # Their value reaches no settings file.
 UNHEARD = {"gone within the request", "hang", "refused", "abort", "warning"}
-
-
-def read_by_library():
-    """The settings file as PropertiesIni sees it: the device's own page, without the web server."""
-    return 0, device.run_program(page=DEVICE_INFORMATION[1:])
-
-
 # Contains its own number and length, so that no part of one, and no mix of two, is one.
 VALUE = re.compile(rb"v(\d+)-(\d+)-x*-\2-\1v")
 
@@ -193,7 +162,9 @@ class Soak:
     """One run, and what was seen in it."""
 
     def __init__(self, stand_in, count):
-        self.servers = {name: Server(stand_in, name) for name in LOST}
+        processes = {process.name(): process for process in psutil.Process(stand_in.pid).children()}
+        self.servers = {name: processes[name] for name in LOST}
+        self.memory = {name: [] for name in LOST}  # over time
         self.lock = threading.Lock()
         self.bad_pages = []
         self.bad_settings = []
@@ -210,12 +181,16 @@ class Soak:
 
     def run(self):
         for name, kind in KINDS.items():
-            self.do_alone(name, lambda: kind.client(kind.request(*self.sent)))
-        self.do_alone("library", read_by_library)
-        self.files = {name: server.files() for name, server in self.servers.items()}
+            # The others are compared with this first of its kind.
+            LOG.write_bytes(b"")
+            self.answers[name] = without_values(kind.client(kind.request(*self.sent)))
+            self.calm_down()
+            self.accounts[name] = accounts(LOG.read_text())
+            LOG.unlink()
+        self.files = {name: server.num_fds() for name, server in self.servers.items()}
         with ThreadPoolExecutor() as others, ThreadPoolExecutor(AT_ONCE) as clients:
-            watchers = [others.submit(self.repeat, *what) for what in (
-                (self.read_settings, 0.001), (self.read_by_library, 0.05), (self.rename_log, 0.2))]
+            watchers = [others.submit(self.repeat, self.read_settings, 0.001),
+                        others.submit(self.repeat, self.rename_log, 0.2)]
             try:
                 list(clients.map(self.do, self.plan))
             finally:
@@ -226,16 +201,8 @@ class Soak:
 
     def calm_down(self):
         ask(request("/index.html"))  # who is answered now was heard after all others
-        return device.eventually(lambda: not device.children(self.servers["lighttpd"].process)
+        return device.eventually(lambda: not self.servers["lighttpd"].children()
                                  and not device.programs((".cgi", "/cgi-gate")), 3 * device.LIMIT)
-
-    def do_alone(self, name, act):
-        """The others are compared with this first of its kind."""
-        LOG.write_bytes(b"")
-        self.answers[name] = without_values(act())
-        self.calm_down()
-        self.accounts[name] = accounts(LOG.read_text())
-        LOG.unlink()
 
     def repeat(self, act, pause):
         while not self.is_over.wait(pause):
@@ -244,8 +211,8 @@ class Soak:
     def do(self, planned):
         number, name, value = planned
         if number % (len(self.plan) // 40) == 0:
-            for server in self.servers.values():
-                server.sample()
+            for server, process in self.servers.items():
+                self.memory[server].append(process.memory_full_info().uss)
         kind = KINDS[name]
         if name not in UNHEARD:
             self.sent.add(value)
@@ -253,11 +220,8 @@ class Soak:
             answer = kind.client(kind.request(value))
         except (OSError, http.client.HTTPException) as error:
             answer = 0, repr(error).encode()
-        self.judge(name, answer, self.sent if name == "device information" else {value})
-
-    def judge(self, name, answer, values):
         is_whole = without_values(answer) == self.answers[name] and (
-            answer is None or values_of(answer[1]) <= values)
+            answer is None or values_of(answer[1]) <= (self.sent if name == "device information" else {value}))
         # Ended early, on a busy machine, a program that hangs has said nothing yet.
         is_whole |= name == "hang" and answer[0] == 500
         with self.lock:
@@ -272,9 +236,6 @@ class Soak:
         if VALUE.sub(b"VALUE", text) != shipped or not values_of(text) <= self.sent:
             self.bad_settings.append(text)
         self.counts["settings file read"] += 1
-
-    def read_by_library(self):
-        self.judge("library", read_by_library(), self.sent)
 
     def rename_log(self):
         with contextlib.suppress(FileNotFoundError):
@@ -306,17 +267,14 @@ def soak():
 
 def test_every_page_is_whole(soak):
     assert soak.bad_pages[:5] == []
-
-
-def test_every_kind_was_asked_for(soak):
-    assert [name for name in (*KINDS, "library") if not soak.counts[name]] == []
+    assert [name for name in KINDS if not soak.counts[name]] == []
 
 
 def test_the_kinds_are_what_they_are_meant_to_be(soak):
     page = soak.answers["store by GET"][1]
     for name in ("store by POST", "store by multipart POST", "slow client"):
         assert soak.answers[name] == (200, page)
-    for name in ("store by GET", "device information", "library"):
+    for name in ("store by GET", "device information"):
         assert b"VALUE" in soak.answers[name][1]
     for name, most in (("hang", b"<h2>"), ("abort", b"<p>Set")):
         status, cut = soak.answers[name]
@@ -340,17 +298,14 @@ def test_nobody_reads_a_torn_settings_file(soak):
 
 @pytest.mark.parametrize("name", LOST)
 def test_the_servers_do_not_grow(soak, name):
-    server = soak.servers[name]
-    middle = len(server.memory) // 2
-    growth = max(server.memory[middle:]) - max(server.memory[:middle])
-    assert growth <= MOST_GROWTH + LOST[name] * len(soak.plan) / 2 / 1024
-    assert device.eventually(lambda: server.files() <= soak.files[name]), "open files"
+    memory = soak.memory[name]
+    middle = len(memory) // 2
+    growth = max(memory[middle:]) - max(memory[:middle])
+    assert growth <= 1024 * MOST_GROWTH + LOST[name] * len(soak.plan) / 2
+    assert device.eventually(lambda: soak.servers[name].num_fds() <= soak.files[name]), "open files"
 
 
 def test_nothing_is_left_behind(soak):
     assert set(os.listdir("/tmp")) - LEFT_IN_TMP == set()
     assert os.listdir(SETTINGS.parent) == [SETTINGS.name]
-
-
-def test_no_process_is_left(soak):
     assert soak.is_quiet, device.programs((".cgi", "/cgi-gate"))
