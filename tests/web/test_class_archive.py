@@ -21,12 +21,15 @@ PROGRAM = "/srv/vemo/htdocs/setobdconf.cgi"
 OPTIONS = pathlib.Path("/tmp/shipped.options")
 FOLDER = pathlib.Path("/app/class-archive")
 ARCHIVE, RECORD, OPTIONS_WITH_IT = (FOLDER / name for name in ("classes.jsa", "record", "java.options"))
-KEPT = pathlib.Path("/app/kept")
+KEPT, COPY = pathlib.Path("/app/kept"), pathlib.Path("/app/copy")
 # A Java VM that can be changed: the program's own, linked but for the library and the launcher.
 VM = pathlib.Path("/tmp/vm")
 LIBRARY = VM / "lib/server/libjvm.so"
-IN_FRONT = {name: value for name, value in os.environ.items() if name == "LD_LIBRARY_PATH"}
+LIBRARY_ASIDE = LIBRARY.with_suffix(".aside")
+BY_OUR_VM = {"LD_LIBRARY_PATH": str(LIBRARY.parent)}
+IN_FRONT = {"LD_LIBRARY_PATH": os.environ.get("LD_LIBRARY_PATH", "")}
 MAKING = 150  # seconds: on a busy machine, where several wait for one another
+DONE = 0, b"", ""
 
 pytestmark = pytest.mark.skipif(
     os.environ.get("VEMO_SANDBOX") == "proot",
@@ -40,25 +43,17 @@ def copy_vm():
                             text=True, check=True).stdout
     library = next(word for word in linked.split() if word.endswith("/lib/server/libjvm.so"))
     own = pathlib.Path(library.removesuffix("/lib/server/libjvm.so")).resolve()
-    for folder in ("bin", "lib/server"):
-        (VM / folder).mkdir(parents=True)
+    subprocess.run(["/bin/cp", "-as", f"{own}/.", VM], check=True)
     # The launcher takes the folder of libjli.so for its home.
     for name in ("bin/java", "lib/libjli.so", "lib/server/libjvm.so", "lib/server/classes.jsa"):
+        (VM / name).unlink()
         shutil.copy(own / name, VM / name)
-    for folder in (".", "lib"):
-        for file in (own / folder).iterdir():
-            with contextlib.suppress(FileExistsError):
-                (VM / folder / file.name).symlink_to(file)
 
 
 def run(words, environment, **how):
     """Exit status, output and error."""
     done = subprocess.run(words, env=environment, capture_output=True, timeout=MAKING, check=False, **how)
     return done.returncode, done.stdout, done.stderr.decode()
-
-
-DONE = 0, b"", ""
-BY_OUR_VM = {"LD_LIBRARY_PATH": str(LIBRARY.parent)}
 
 
 def making(folder=FOLDER, program=PROGRAM):
@@ -85,12 +80,14 @@ def serve(environment, words):
     return logfile.foreign_lines(text), options.rstrip("\n").partition("JAVA_OPTIONS: ")[2]
 
 
-def expect_used(environment=REQUEST, words=(TOOL, "run", FOLDER, PROGRAM)):
-    assert serve(environment, words) == ([f"mapped {ARCHIVE}"], f"-XX:VMOptionsFile={OPTIONS_WITH_IT}")
+def expect_used(more=(), words=(TOOL, "run", FOLDER, PROGRAM)):
+    expected = [f"mapped {ARCHIVE}"], f"-XX:VMOptionsFile={OPTIONS_WITH_IT}"
+    assert serve({**REQUEST, **dict(more)}, words) == expected
 
 
-def expect_not_used(environment=REQUEST, folder=FOLDER):
+def expect_not_used(more=(), folder=FOLDER):
     """But the options that it came with, and the VM's own archive."""
+    environment = {**REQUEST, **dict(more)}
     lines, options = serve(environment, [TOOL, "run", folder, PROGRAM])
     assert options == environment["JAVA_OPTIONS"]
     assert not any(str(folder) in line or str(FOLDER) in line for line in lines)
@@ -108,67 +105,66 @@ def expect_made_anew(prepare=None, stdin=subprocess.DEVNULL):
     expect_used()
 
 
-class State:
-    """What the archive's record knows of files: size, time and inode; and their text."""
-
-    def __init__(self):
-        KEPT.mkdir()
-        for file in FOLDER.iterdir():
-            os.link(file, KEPT / file.name)
-        self.texts = {file: file.read_bytes() for file in (*KEPT.iterdir(), OPTIONS)}
-        self.stats = {file: file.stat() for file in (*self.texts, LIBRARY)}
-
-    def restore(self):
-        device.reset()
-        for file, status in self.stats.items():
-            file.chmod(0o600)
-            if file in self.texts and file.read_bytes() != self.texts[file]:
-                file.write_bytes(self.texts[file])
-            file.chmod(status.st_mode)
-            os.utime(file, ns=(status.st_atime_ns, status.st_mtime_ns))
-        shutil.rmtree(FOLDER, ignore_errors=True)
-        FOLDER.mkdir(mode=0o700)
-        for file in KEPT.iterdir():
-            os.link(file, FOLDER / file.name)
-
-
 @pytest.fixture(scope="module")
 def made():
+    """What the archive's record knows of files: size, time and inode; and their text."""
     device.reset()
     copy_vm()
     shutil.copy("/srv/vemo/java.options", OPTIONS)
     SETTINGS.unlink()
     assert make() == DONE
     assert not SETTINGS.exists(), "making it stored something"
-    return State()
+    KEPT.mkdir()
+    for file in FOLDER.iterdir():
+        os.link(file, KEPT / file.name)
+    texts = {file: file.read_bytes() for file in (*KEPT.iterdir(), OPTIONS)}
+    return texts, {file: file.stat() for file in (*texts, LIBRARY)}
 
 
 @pytest.fixture(autouse=True)
 def archive(made):
     """There, and fitting."""
-    made.restore()
+    texts, stats = made
+    device.reset()
+    if LIBRARY_ASIDE.exists():
+        LIBRARY_ASIDE.rename(LIBRARY)
+    for file, status in stats.items():
+        file.chmod(0o600)
+        if file in texts and file.read_bytes() != texts[file]:
+            file.write_bytes(texts[file])
+        file.chmod(status.st_mode)
+        os.utime(file, ns=(status.st_atime_ns, status.st_mtime_ns))
+    shutil.rmtree(FOLDER, ignore_errors=True)
+    FOLDER.mkdir(mode=0o700)
+    for file in KEPT.iterdir():
+        os.link(file, FOLDER / file.name)
 
 
 # --- Used
 
-@pytest.mark.parametrize("class_path", ["/build/tests/java/mapping", "/nowhere:/build/tests/java/mapping"])
-def test_is_used_with_every_class_path(class_path):
-    expect_used({**REQUEST, "JAVA_CLASSPATH": class_path})
+def test_is_used_with_every_class_path():
+    expect_used()
+    expect_used({"JAVA_CLASSPATH": "/nowhere:/build/tests/java/mapping"})
 
 
 def test_is_used_behind_the_gate():
-    expect_used({**REQUEST, "CGI_GATE_SLOT_FILE": "/tmp/gate", "CGI_GATE_SLOTS": "1", "CGI_GATE_QUEUE_TIMEOUT": "20",
+    expect_used({"CGI_GATE_SLOT_FILE": "/tmp/gate", "CGI_GATE_SLOTS": "1", "CGI_GATE_QUEUE_TIMEOUT": "20",
                  "CGI_GATE_RUN_TIMEOUT": "20", "CGI_GATE_CDS_ARCHIVE": FOLDER}, ["/srv/vemo/bin/cgi-gate", PROGRAM])
 
 
 # --- Not used
 
-def cut(size):
-    """Its time stays."""
+@contextlib.contextmanager
+def same_time():
     before = ARCHIVE.stat()
     ARCHIVE.chmod(0o600)
-    os.truncate(ARCHIVE, size)
+    yield
     os.utime(ARCHIVE, ns=(before.st_atime_ns, before.st_mtime_ns))
+
+
+def cut_archive():
+    with same_time():
+        os.truncate(ARCHIVE, ARCHIVE.stat().st_size // 2)
 
 
 def flip_the_middle():
@@ -180,14 +176,24 @@ def flip_the_middle():
         os.pwrite(file.fileno(), bytes([byte ^ 0xff]), middle)
 
 
-def replace_archive(other):
-    """With the other's time."""
-    copy = shutil.copy2(other, FOLDER / "copy")
-    os.replace(copy, ARCHIVE)
+def replace_archive():
+    """By a copy of the same time."""
+    os.replace(shutil.copy2(ARCHIVE, FOLDER / "copy"), ARCHIVE)
 
 
-def append_option():
-    OPTIONS.write_text(OPTIONS.read_text() + "-Dvemo.greeting=other\n")
+def replace_record():
+    """Nothing waits for a pipe."""
+    RECORD.unlink()
+    os.mkfifo(RECORD)
+
+
+def add_option(text):
+    OPTIONS.write_text(OPTIONS.read_text() + text)
+
+
+def recorded(change):
+    """The record as the function changes it."""
+    return lambda: RECORD.write_bytes(change(RECORD.read_bytes()))
 
 
 CHANGES = {  # what happens, and what is named
@@ -195,13 +201,19 @@ CHANGES = {  # what happens, and what is named
     "no archive": (ARCHIVE.unlink, "classes.jsa"),
     "no options with it": (OPTIONS_WITH_IT.unlink, "java.options"),
     "archive unreadable": (lambda: ARCHIVE.chmod(0), "classes.jsa"),
-    "archive cut short": (lambda: cut(ARCHIVE.stat().st_size // 2), "classes.jsa"),
-    "archive empty": (lambda: cut(0), "classes.jsa"),
+    "archive cut short": (cut_archive, "classes.jsa"),
     "archive written to": (flip_the_middle, "classes.jsa"),
-    "a copy in its place": (lambda: replace_archive(ARCHIVE), "classes.jsa"),
-    "another archive in its place": (lambda: replace_archive(VM / "lib/server/classes.jsa"), "classes.jsa"),
+    "a copy in its place": (replace_archive, "classes.jsa"),
     "the VM changed": (lambda: os.utime(LIBRARY), "libjvm.so"),
-    "options changed": (append_option, "shipped.options"),
+    "no VM": (lambda: LIBRARY.rename(LIBRARY_ASIDE), "libjvm.so"),
+    "options changed": (lambda: add_option("-Dvemo.greeting=other\n"), "shipped.options"),
+    "a pipe for a record": (replace_record, "JAVA_OPTIONS"),
+    "the record's end alone": (recorded(lambda record: b"end\n"), "JAVA_OPTIONS"),
+    "more before it": (recorded(lambda record: b"x" + record), "JAVA_OPTIONS"),
+    "the record twice": (recorded(lambda record: record + record), "goes on after its end"),
+    "more behind it": (recorded(lambda record: record + b"more"), "goes on after its end"),
+    "a zero behind it": (recorded(lambda record: record + b"\0"), "no record"),
+    "a record that is too large": (recorded(lambda record: b"x" * 2 ** 20), "no record"),
 }
 
 
@@ -213,27 +225,14 @@ def test_is_not_used_after_a_change(change):
     expect_not_used()
 
 
-def test_is_not_used_without_its_vm():
-    aside = LIBRARY.rename(LIBRARY.with_suffix(".aside"))
-    try:
-        assert "libjvm.so" in mismatch()
-        expect_not_used()
-    finally:
-        aside.rename(LIBRARY)
-
-
-def test_is_not_used_with_another_vm_in_front():
-    others = {name: value for name, value in REQUEST.items() if name not in BY_OUR_VM}
-    expect_not_used({**others, **IN_FRONT})
-
-
-def test_is_not_used_with_other_options():
-    expect_not_used({**REQUEST, "JAVA_OPTIONS": "-Xmx16m"})
+@pytest.mark.parametrize("more", [IN_FRONT, {"JAVA_OPTIONS": "-Xmx16m"}], ids=["VM in front", "options"])
+def test_is_not_used_with_another(more):
+    expect_not_used(more)
 
 
 def test_is_not_used_in_a_copied_folder():
     """Its record vouches for the files of the folder that it is a copy of."""
-    expect_not_used(folder=shutil.copytree(FOLDER, "/app/aside"))
+    expect_not_used(folder=shutil.copytree(FOLDER, COPY))
 
 
 # --- The record
@@ -247,34 +246,14 @@ def test_a_record_cut_anywhere_fits_nothing():
     expect_not_used()
 
 
-@pytest.mark.parametrize("other", [
-    lambda record: b"end\n", lambda record: record + record, lambda record: record + b"more",
-    lambda record: b"x" * 2 ** 20, lambda record: b"x" + record, lambda record: bytes(100),
-    lambda record: record + b"\0",
-], ids=["its end alone", "twice", "more behind it", "too large", "more before it", "zeros", "a zero behind it"])
-def test_a_record_of_another_form_fits_nothing(other):
-    RECORD.write_bytes(other(RECORD.read_bytes()))
-    mismatch()
-
-
-@pytest.mark.parametrize("value", ["one line\nand another", "x" * 5000], ids=["two lines", "too long"])
-def test_a_variable_that_no_line_holds_leaves_no_record(value):
-    status, _, error = run([TOOL, "record", FOLDER, OPTIONS], {**BY_OUR_VM, "JAVA_OPTIONS": value})
-    assert (status, error) == (1, "class-archive: record: Invalid argument\n")
+@pytest.mark.parametrize("file, value, why", [
+    (OPTIONS, "one line\nand another", "Invalid argument"), (OPTIONS, "x" * 5000, "Invalid argument"),
+    ("/nowhere", "", "No such file or directory"),
+], ids=["two lines", "too long", "no file"])
+def test_what_no_line_holds_leaves_no_record(file, value, why):
+    made = run([TOOL, "record", FOLDER, file], {**BY_OUR_VM, "JAVA_OPTIONS": value})
+    assert made == (1, b"", f"class-archive: record: {why}\n")
     assert not RECORD.exists()
-
-
-def test_a_file_that_is_not_there_leaves_no_record():
-    status, _, error = run([TOOL, "record", FOLDER, "/nowhere"], BY_OUR_VM)
-    assert (status, error) == (1, "class-archive: record: No such file or directory\n")
-    assert not RECORD.exists()
-
-
-def test_a_record_that_is_no_file_fits_nothing():
-    """Nothing waits for a pipe."""
-    RECORD.unlink()
-    os.mkfifo(RECORD)
-    expect_not_used()
 
 
 # --- Made anew
@@ -288,18 +267,13 @@ def test_is_not_made_again_while_it_fits():
 def test_damage_behind_the_systems_back_is_found_at_the_next_start():
     """Which changes no time stamp."""
     before = ARCHIVE.stat()
-    flip_the_middle()
-    os.utime(ARCHIVE, ns=(before.st_atime_ns, before.st_mtime_ns))
+    with same_time():
+        flip_the_middle()
     expect_made_anew()
     assert ARCHIVE.stat().st_ino != before.st_ino
 
 
-def test_is_made_anew_for_a_changed_vm():
-    os.utime(LIBRARY)
-    expect_made_anew()
-
-
-def test_is_made_anew_at_a_terminal():
+def test_is_made_anew_for_a_changed_vm_at_a_terminal():
     """What was there is read-only, and at a terminal mv asks. Nobody answers."""
     master, terminal = pty.openpty()
     os.utime(LIBRARY)
@@ -313,8 +287,8 @@ def test_is_made_anew_at_a_terminal():
     os.close(terminal)
 
 
-def test_is_made_anew_without_standard_input():
-    os.utime(LIBRARY)
+def test_is_made_without_standard_input_and_with_options_whose_last_line_has_no_end():
+    add_option("-Dvemo.greeting=other")
     expect_made_anew(lambda: os.close(0))
 
 
@@ -350,31 +324,18 @@ def test_is_made_once_by_several_at_once():
 
 
 def test_the_lock_is_not_waited_for_for_ever():
-    def lock():
-        folder = os.open(FOLDER, os.O_RDONLY)
-        try:
-            return run([TOOL, "lock", "1"], {}, stdin=folder)
-        finally:
-            os.close(folder)
-
-    other = os.open(FOLDER, os.O_RDONLY)
-    fcntl.flock(other, fcntl.LOCK_EX)
-    status, _, error = lock()
-    assert status == 1
-    assert "another one" in error
-    os.close(other)
-    assert lock()[0] == 0
-
-
-def test_is_made_with_options_whose_last_line_has_no_end():
-    OPTIONS.write_text(OPTIONS.read_text() + "-Dvemo.greeting=other")
-    expect_made_anew()
+    with open(RECORD, encoding="utf-8") as one, open(RECORD, encoding="utf-8") as other:
+        fcntl.flock(other, fcntl.LOCK_EX)
+        status, _, error = run([TOOL, "lock", "1"], {}, stdin=one)
+        assert (status, "another one" in error) == (1, True)
+        fcntl.flock(other, fcntl.LOCK_UN)
+        assert run([TOOL, "lock", "1"], {}, stdin=one) == DONE
 
 
 # --- Not to be made
 
 def test_making_with_options_that_the_vm_refuses_names_them_and_its_words():
-    OPTIONS.write_text(OPTIONS.read_text() + "-Xmx1k\n")
+    add_option("-Xmx1k\n")
     status, _, error = make()
     assert status == 1
     assert str(OPTIONS) in error

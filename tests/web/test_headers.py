@@ -2,6 +2,7 @@
 
 import base64
 import hashlib
+import os
 import re
 
 import pytest
@@ -77,8 +78,9 @@ def test_lets_no_echo_give_orders(server, answer):
 @row("lets a script run in the reboot page alone, and no other than its own")
 def test_lets_the_reboot_page_run_its_script(server):
     """By the hash of what it holds where it may reboot the device."""
-    with device.reading_orders():
+    with device.reading_orders() as orders:
         answers = [server.ask(sent) for sent in (post("/reboot.cgi", ""), request("/reboot.cgi?before=x"))]
+        assert os.read(orders, 100) == b"reboot\n"
     script = re.search(b"<script>(.*)</script>", answers[0].body, re.DOTALL)[1]
     policy = (f"form-action 'self'; script-src 'sha256-{hash_of(script)}'; connect-src 'self'; {POLICY}")
     for answer in answers:
