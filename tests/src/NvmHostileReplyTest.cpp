@@ -12,7 +12,6 @@
 #include "NvmClient.h"
 #include "NvmService.h"
 #include "ScriptedService.h"
-#include "SocketCalls.h"
 
 namespace {
 

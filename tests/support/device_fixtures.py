@@ -4,7 +4,7 @@ import os
 
 import pytest
 
-pytest.register_assert_rewrite("program", "nvm")
+pytest.register_assert_rewrite("program", "nvm", "page")
 
 import program  # noqa: E402
 
