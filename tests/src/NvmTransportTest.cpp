@@ -206,7 +206,6 @@ const NoLength WITHOUT_A_LENGTH[] = {
     {"BehindAZeroByte", {{"HTTP/1.1 200 OK\r\n\0"s + HEADER + BODY}}, "HTTP/1.1 200 OK\r\n"},
     {"CutInItsName", {{"content-lengt", "h: 25\r\n\r\n" + BODY}}, "content-lengt"},
     {"ClosedAtOnce", {{}, End::kClose}, ""},
-    {"ResetAtOnce", {{}, End::kReset}, ""},
     {"FailingReceive", {{HEADER + BODY}}, "", 1}};
 
 using NvmReplyWithoutALength = NvmTransport;

@@ -108,9 +108,7 @@ void ScriptedService::BeforeReceive() {
   if (connections_.empty() || (unread_ > 0 && sent_ == 0)) {
     return;
   }
-  static const ScriptedReply NONE = {{}, ScriptedReply::End::kClose};
-  const ScriptedReply& reply =
-      requests_.size() <= replies_.size() ? replies_[requests_.size() - 1] : NONE;
+  const ScriptedReply& reply = replies_.at(requests_.size() - 1);
   if (chunk_ == reply.chunks.size()) {
     End(reply.end);
     return;
@@ -130,10 +128,6 @@ void ScriptedService::BeforeReceive() {
 void ScriptedService::End(ScriptedReply::End end) {
   if (end == ScriptedReply::End::kWhole || ++receivesBeyond_ > MAX_RECEIVES_BEYOND) {
     throw std::runtime_error("the client receives on");
-  }
-  if (end == ScriptedReply::End::kReset) {
-    const linger atOnce = {1, 0};
-    setsockopt(connections_.back(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
   }
   if (end != ScriptedReply::End::kSilent && connections_.back() != -1) {
     close(std::exchange(connections_.back(), -1));

@@ -16,7 +16,6 @@ struct ScriptedReply {
     kWhole,   // a further receive is an error: it throws
     kSilent,  // the connection stays open
     kClose,   // of the connection; after ten thousand more receives it throws
-    kReset,   // the same, but the client sees a reset
   };
 
   // Each is sent when the client has read those before it and begins another receive.
@@ -28,7 +27,7 @@ struct ScriptedReply {
 // calls `recv`. One at a time.
 class ScriptedService {
  public:
-  // One reply for each connection; connections beyond these are closed without one.
+  // One reply for each connection.
   explicit ScriptedService(std::vector<ScriptedReply> replies);
   ~ScriptedService();
   ScriptedService(const ScriptedService&) = delete;
