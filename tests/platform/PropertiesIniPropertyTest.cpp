@@ -29,9 +29,9 @@ struct Line {
   Kind kind;
   std::string name;   // of the section or the key
   std::string start;  // up to the value; of lines other than entries, all
-  std::string value;
-  std::string rest;  // behind the value
-  std::string end;   // empty: the last line's newline is missing
+  std::string value = "";
+  std::string rest = "";  // behind the value
+  std::string end = "";   // empty: the last line's newline is missing
 };
 
 struct File {
@@ -67,7 +67,6 @@ void Insert(File& file, std::size_t position, Line line) {
 // The file with the value, as it stands there, for the key in the section.
 File Edited(File file, const std::string& section, const std::string& key,
             const std::string& value) {
-  const Line newEntry = {Kind::kEntry, key, key + "=", value, "", ""};
   std::string current;
   std::optional<std::size_t> sectionEnd;
   if (section.empty()) {
@@ -93,12 +92,12 @@ File Edited(File file, const std::string& section, const std::string& key,
   }
   if (!sectionEnd) {
     if (!file.lines.empty() && file.lines.back().kind != Kind::kBlank) {
-      Insert(file, file.lines.size(), {Kind::kBlank, "", "", "", "", ""});
+      Insert(file, file.lines.size(), {Kind::kBlank, "", ""});
     }
-    Insert(file, file.lines.size(), {Kind::kSection, section, "[" + section + "]", "", "", ""});
+    Insert(file, file.lines.size(), {Kind::kSection, section, "[" + section + "]"});
     sectionEnd = file.lines.size();
   }
-  Insert(file, *sectionEnd, newEntry);
+  Insert(file, *sectionEnd, {Kind::kEntry, key, key + "=", value});
   return file;
 }
 
@@ -126,51 +125,34 @@ rc::Gen<std::string> ForeignValue() {
                         rc::gen::element("=1"s, "[S]"s, "; 1"s, "\" 1\\n\""s, "\"1\" 2"s, "\""s));
 }
 
-Line AnySection() {
-  const std::string name = *SectionName();
-  return {Kind::kSection,
-          name,
-          *Blanks() + "[" + *Blanks() + name + *Blanks() + "]",
-          *rc::gen::element(""s, " ; x"s, "=1"s, "]"s),
-          *Blanks(),
-          ""};
-}
-
-Line AnyEntry() {
+Line AnyLine() {
+  const std::string section = *SectionName();
   const std::string key = *Key();
   const std::string value = *ForeignValue();
-  // Without a value, one would go to the end of the line.
-  return {Kind::kEntry,
-          key,
-          *Blanks() + key + *Blanks() + "=" + *Blanks(),
-          value,
-          value.empty() ? "" : *Blanks(),
-          ""};
-}
-
-Line AnyLine() {
+  const std::string start = *Blanks();
+  const std::string rest = *Blanks();
   switch (*rc::gen::weightedElement<Kind>({{1, Kind::kBlank},
                                            {1, Kind::kComment},
                                            {1, Kind::kUnknown},
                                            {2, Kind::kSection},
                                            {4, Kind::kEntry}})) {
     case Kind::kBlank:
-      return {Kind::kBlank, "", *Blanks(), "", "", ""};
+      return {Kind::kBlank, "", start};
     case Kind::kComment:
-      return {Kind::kComment,
-              "",
-              *Blanks() + *rc::gen::element(";"s, "#"s) + *rc::gen::element("k=1"s, "[S]"s, ""s),
-              *Words(),
-              *Blanks(),
-              ""};
+      return {Kind::kComment, "",
+              start + *rc::gen::element(";k=1"s, "#[S]"s, ";"s, "#k=1"s) + *Words() + rest};
     case Kind::kUnknown:
-      return {Kind::kUnknown, "", *Blanks(), *Words(), *Blanks(), ""};
+      return {Kind::kUnknown, "", start + *Words() + rest};
     case Kind::kSection:
-      return AnySection();
+      return {Kind::kSection, section,
+              start + "[" + *Blanks() + section + *Blanks() + "]" +
+                  *rc::gen::element(""s, " ; x"s, "=1"s, "]"s) + rest};
     case Kind::kEntry:
       break;
   }
-  return AnyEntry();
+  // Without a value, one would go to the end of the line.
+  return {Kind::kEntry, key, start + key + *Blanks() + "=" + *Blanks(), value,
+          value.empty() ? "" : rest};
 }
 
 File AnyFile() {
