@@ -33,7 +33,7 @@ class Rule:
     stdin: str = ""
     until: str = ""  # it would take long, or never end: it is ended when this succeeds, $OUT being its output
     layer: str = ""  # shared with others of this name, in the place of its block's
-    of: str = ""  # the kind of place within the place
+    of: str = ""  # "elsewhere": the files of those tests. "checkout": device, its sandbox. "root": beside it
 
 
 PASSED = r"\n[1-9]\d* passed, 0 failed, \d+ skipped\n"

@@ -121,7 +121,7 @@ class TestLifeCycle:
         for packages, *more in ((device.made, "--reinstall"), (older,), (device.made,)):
             device.run(*APT, "--no-install-recommends", "--allow-downgrades", *more, "install",
                        *(device.put(packages[name]) for name in OURS))
-            assert packages["vemo-web"].name.split("_")[1] in device.run("dpkg-query", "--show", "vemo-web")
+            assert packages["vemo-web"].stem.split("_")[1] in device.run("dpkg-query", "--show", "vemo-web")
             assert device.read(SETTINGS) == TEXT
             assert device.owner(SETTINGS) == "games:games 640"
             assert device.owner(FOLDER) == "vemo-web:vemo-web 700"
@@ -363,7 +363,7 @@ class TestUnanswered:
 
     # At a terminal debconf may ask, too.
     TERMINAL = ("env", "--unset=DEBIAN_FRONTEND", "TERM=dumb", "bash", "-c",
-                'exec script --quiet --return --command "${*@Q}" /dev/null < <(sleep infinity)', "bash")
+                'script --quiet --return --command "${*@Q}" /dev/null < <(exec sleep infinity); exit $?', "bash")
     NO_INPUT = ("sh", "-c", 'exec "$@" <&-', "sh")
 
     @pytest.mark.parametrize("way", [TERMINAL, NO_INPUT], ids=["at a terminal", "without input"])
