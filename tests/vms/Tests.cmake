@@ -6,7 +6,8 @@ function(add_tests_under_vm name folder)
   add_web_test(browser_journey.${name} ENV LD_LIBRARY_PATH=${folder} TESTS ${journey})
   add_web_test(class_archive.${name} ENV LD_LIBRARY_PATH=${folder} TESTS class_archive)
   add_sandbox_test(JavaVm.${name} program/test_set_option_page.py program/test_java_vm.py
-    program/test_java_calls.py program/test_start_up_options.py pages/test_sibling_pages.py
+    program/test_java_calls.py program/test_start_up_options.py program/test_form_input.py
+    program/test_output.py program/test_log_file.py pages/test_sibling_pages.py
     ARGUMENTS -k "not fake" --java-vm ${folder})
   set_tests_properties(browser_journey.${name} class_archive.${name} JavaVm.${name} PROPERTIES
     LABELS long ${test_PROPERTIES})
