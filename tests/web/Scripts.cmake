@@ -54,13 +54,14 @@ endforeach()
 
 # What a technician does and sees. At another address what depends on it; with --long all of it, with every web server,
 # and with what is ready to be turned on.
-set(journey journey reboot ways looks)
+set(journey journey ways)
 add_web_test(browser_journey TESTS ${journey})
 add_web_test(browser_journey.network NETWORK TESTS ways
-  journey::test_the_keyboard_alone_sets_the_timeout journey::test_the_warning_leads_back_to_the_form)
+  journey::test_the_keyboard_alone_sets_the_timeout journey::test_the_warning_leads_back_to_the_form
+  ARGUMENTS -k "not reboot and not console")
 add_web_test(browser_journey.tls NETWORK
   TESTS ways::test_a_reload_of_the_success_stores_the_value_again ARGUMENTS --tls --password)
-add_web_test(browser_journey.tls.long NETWORK TESTS journey reboot ways ARGUMENTS --tls --password)
+add_web_test(browser_journey.tls.long NETWORK TESTS journey ways ARGUMENTS --tls --password)
 list(APPEND long browser_journey.tls.long)
 add_web_test(accessibility TESTS accessibility)
 

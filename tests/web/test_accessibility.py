@@ -1,5 +1,5 @@
-"""What an accessibility checker, axe-core, finds on every page and in every state of it; whether its text can be read
-in the sun and by night, whether a finger hits its links and buttons. With --long pictures of all that are left in /tmp.
+"""How every page, and every state of it, looks on a desk and on a phone: what an accessibility checker, axe-core, finds;
+whether its text can be read in the sun and by night, whether a finger hits its links and buttons. With --long pictures of all that are left in /tmp.
 The checker comes from build/npm, where ./test puts it."""
 
 import contextlib
@@ -141,6 +141,7 @@ FRAMED = {
     "reboot-back": opened(REBOOT + "?before=another", "it has rebooted"),
     "reboot-not-known": opened(REBOOT + "?before=unknown", "is not known"),
     "success": opened(success("500")),
+    "long-success": opened(success("5" * 300)),
     "warning": opened(WARNING),
 }
 VIEWS = {**OWN, **FRAMED}
@@ -203,6 +204,27 @@ def shown(request, visitor):
         visitor.take_pictures()
         visitor.set_media({})
     return visitor
+
+
+def test_both_logos_are_shown_side_by_side_above_the_rest(shown):
+    logos = shown.driver.find_elements(By.TAG_NAME, "img")[:2]
+    assert [logo.accessible_name for logo in logos] == ["KESTA AG", "TARN BELOX"]
+    assert all(int(logo.get_property("naturalWidth")) > 0 for logo in logos)
+    left, right = (logo.rect for logo in logos)
+    assert left["x"] + left["width"] < right["x"]
+    assert left["y"] == pytest.approx(right["y"], abs=1)
+    navigation = shown.driver.find_element(By.CSS_SELECTOR, ".navi").rect
+    assert left["y"] + left["height"] <= navigation["y"]
+
+
+def test_text_is_large_enough_and_nothing_scrolls_sideways(shown):
+    content, layout, width, sizes = shown.run(
+        "const area = document.scrollingElement;"
+        "const texts = [...document.querySelectorAll('.content, .navi a, input')];"
+        "return [area.scrollWidth, area.clientWidth, screen.width, texts.map(e => getComputedStyle(e).fontSize)]")
+    assert content <= layout
+    # A phone shrinks pages that are laid out wider.
+    assert min(float(size.removesuffix("px")) for size in sizes) * width / layout >= 14
 
 
 def test_finds_no_more_than_is_known(shown):

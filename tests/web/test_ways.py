@@ -1,12 +1,16 @@
-"""By which a technician comes to a change, beside the form that he opens and sends."""
+"""What a technician does and sees beside the journey: by which ways he comes to a change, the reboot, and the pages as
+the browser has them under their policy. A real reboot, on an emulated machine: tests/machine/installed.py."""
 
+import re
 import tempfile
 
 import pytest
 
 import browser
 import device
-from browser import FORM, success
+from browser import FORM, PAGES, REBOOT, REFUSALS, TITLES, WARNING, success
+
+NO_SCRIPTS = {"profile.managed_default_content_settings.javascript": 2}
 
 
 def expect_success(technician, value):
@@ -14,18 +18,14 @@ def expect_success(technician, value):
     assert f"\nVEMODCanDetectTimeout={value}\n" in technician.settings()
 
 
-def test_a_reload_of_the_success_stores_the_value_again(technician):
-    technician.post("500")
+# --- Ways to a change
+
+@pytest.mark.parametrize("send", [browser.Technician.post, browser.Technician.set_by_address], ids=["post", "address"])
+def test_a_reload_of_the_success_stores_the_value_again(technician, send):
+    send(technician, "500")
     technician.write_shipped_settings()
     technician.leave(technician.driver.refresh)
     expect_success(technician, "500")
-
-
-def test_a_reload_of_a_success_by_address_stores_the_value_again(technician):
-    technician.open(success("501"))
-    technician.write_shipped_settings()
-    technician.leave(technician.driver.refresh)
-    expect_success(technician, "501")
 
 
 def test_the_browsers_own_back_leads_to_the_form(technician):
@@ -58,17 +58,12 @@ def test_a_browser_is_closed_and_opened_again(technician):
                 expect_success(again, value)
 
 
-@pytest.mark.loopback
-def test_a_typed_address_stores_its_value_on_loopback(technician):
+def test_a_typed_address_stores_its_value_on_loopback_alone(technician):
     technician.driver.get("about:blank")
     technician.driver.get(technician.root + success("508"))
-    expect_success(technician, "508")
-
-
-@pytest.mark.network
-def test_a_typed_address_is_refused_elsewhere_with_a_way_to_the_form(technician):
-    technician.driver.get("about:blank")
-    technician.driver.get(technician.root + success("508"))
+    if device.is_on_loopback():
+        expect_success(technician, "508")
+        return
     assert technician.settings() == device.SHIPPED_SETTINGS.read_text()
     assert technician.title == "VEMO Web Server - Refused"
     assert "This request did not come from the device's own pages." in technician.text()
@@ -76,3 +71,60 @@ def test_a_typed_address_is_refused_elsewhere_with_a_way_to_the_form(technician)
     technician.follow("Device Information")
     technician.press("Set")
     expect_success(technician, "300")
+
+
+# --- The reboot
+
+def order(technician):
+    technician.open(REBOOT)
+    assert "Reboot the device to activate new settings?" in technician.text()
+    technician.press("Reboot")
+    assert technician.title == TITLES["Reboot"]
+    assert "The device reboots now." in technician.text()
+    assert technician.style(".navi", "background-color") != "rgba(0, 0, 0, 0)"
+
+
+def test_a_new_value_is_there_when_the_page_reports_the_reboot(technician):
+    technician.post("500")
+    order(technician)
+    technician.wait_until(lambda: "The device is back: it has rebooted." in technician.driver.page_source,
+                          "the page does not report it")
+    technician.follow("Device Information")
+    assert technician.field().get_attribute("value") == "500"
+    assert "\nVEMODCanDetectTimeout=500\n" in technician.settings()
+
+
+def test_without_scripts_a_link_shows_the_reboot(technician):
+    def is_listening():
+        return device.can_connect((device.ADDRESS, browser.PORT))
+
+    with browser.running_browser(preferences=NO_SCRIPTS) as driver:
+        plain = browser.Technician(driver, technician.root)
+        order(plain)
+        plain.follow("Is it back?")
+        assert "The device has not rebooted yet." in plain.text()
+        assert device.eventually(lambda: not is_listening())
+        assert device.eventually(is_listening)
+        assert "The device has not rebooted yet." in plain.text()
+        plain.follow("Is it back?")
+        assert "The device is back: it has rebooted." in plain.text()
+
+
+# --- The pages under their policy
+
+# nginx shows that page for a refusal, and not by its own address.
+@pytest.mark.parametrize("path", [*PAGES, *(REFUSALS[1:2] if device.NAME != "nginx" else ())])
+def test_the_policy_lets_the_styles_apply_and_the_console_reports_nothing_unknown(everybody, path):
+    everybody.driver.get_log("browser")  # what was said before
+    everybody.open(path)
+    for part in (".navi", ".content", *([".warn"] if path == WARNING else [])):
+        assert everybody.style(part, "background-color") != "rgba(0, 0, 0, 0)"
+    if path == WARNING:
+        assert everybody.style(".mybutton", "appearance") == "none"
+    if ".cgi" in path:
+        # The frame's own.
+        assert everybody.style("body > p + div", "clear") == "both"
+    # Browsers ask for an icon unasked; the other is their own start page.
+    known = re.compile(r"/favicon\.ico .* 404|^chrome://")
+    messages = [entry["message"] for entry in everybody.driver.get_log("browser")]
+    assert [message for message in messages if not known.search(message)] == []
