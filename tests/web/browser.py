@@ -15,7 +15,6 @@ from selenium.webdriver.remote.remote_connection import RemoteConnection
 from selenium.webdriver.support.ui import WebDriverWait
 
 import device
-import server as web_server
 from prepared import PASSWORD, TLS
 
 PORT = 8080
@@ -46,26 +45,6 @@ PHONE = (360, 740, True)
 def root():
     """Of all addresses."""
     return f"http{'s' * (TLS in device.PARTS)}://{device.HOST}:{PORT}"
-
-
-@contextlib.contextmanager
-def running_device(edits=()):
-    """The stand-in as it is; or its parts, with another web server, address, or with edits."""
-    if device.is_on_loopback() and device.NAME == "lighttpd" and not device.PARTS and not edits:
-        with device.running_stand_in():
-            yield
-        return
-    device.write_shipped_settings()
-    subprocess.run(["/srv/vemo/make-class-archive", "/srv/vemo/htdocs/setobdconf.cgi", "/srv/vemo/java.options",
-                    "/srv/vemo/java", "/app/class-archive"], check=True)
-    service = subprocess.Popen(["/srv/vemo/bin/nvm-service"])
-    try:
-        with web_server.Server(*edits, parts=device.PARTS, java=None, port=PORT) as server, \
-                device.rebooting(server.restart_as_after_a_boot):
-            yield
-    finally:
-        service.kill()
-        service.wait()
 
 
 def order_of(owner, function):

@@ -12,7 +12,7 @@ import pytest
 sys.path += [str(pathlib.Path(__file__).parent), str(pathlib.Path(__file__).parents[1] / "docs")]
 
 import device  # noqa: E402
-import server as web_server  # noqa: E402
+import server  # noqa: E402
 import table  # noqa: E402
 from prepared import PASSWORD, TLS  # noqa: E402
 
@@ -69,12 +69,12 @@ def pytest_sessionfinish(session):
 @pytest.fixture(scope="session")
 def shared_server():
     device.reset()
-    with web_server.Server() as server:
-        yield server
+    with server.Server() as running:
+        yield running
 
 
-@pytest.fixture
-def server(shared_server):
+@pytest.fixture(name="server")
+def reset_server(shared_server):
     """Running, and the device as it is before the first request."""
     device.reset()
     return shared_server
@@ -82,9 +82,7 @@ def server(shared_server):
 
 @pytest.fixture(scope="session")
 def running_device():
-    import browser
-
-    with browser.running_device():
+    with server.running_device():
         yield
 
 

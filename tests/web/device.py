@@ -112,7 +112,7 @@ def reading_orders():
         yield orders
     finally:
         os.close(orders)
-        ORDERS.unlink()
+        ORDERS.unlink(missing_ok=True)
 
 
 @contextlib.contextmanager

@@ -221,6 +221,27 @@ class Server:
         return [server, *server.children(recursive=True)]
 
 
+@contextlib.contextmanager
+def running_device(edits=()):
+    """The stand-in as it is, with none of its processes; or its parts, with another web server, address, or with edits:
+    the web server's process and the nVm service's."""
+    if device.is_on_loopback() and device.NAME == "lighttpd" and not device.PARTS and not edits:
+        with device.running_stand_in():
+            yield
+        return
+    device.write_shipped_settings()
+    subprocess.run(["/srv/vemo/make-class-archive", "/srv/vemo/htdocs/setobdconf.cgi", "/srv/vemo/java.options",
+                    "/srv/vemo/java", "/app/class-archive"], check=True)
+    service = subprocess.Popen(["/srv/vemo/bin/nvm-service"])
+    try:
+        with Server(*edits, parts=device.PARTS, java=None, port=8080) as server, \
+                device.rebooting(server.restart_as_after_a_boot):
+            yield server.process, service
+    finally:
+        service.kill()
+        service.wait()
+
+
 def refusal_page(status):
     """The page for people."""
     return (SOURCE / f"web/htdocs/errors/{status}.html").read_bytes()

@@ -9,7 +9,6 @@ import os
 import pathlib
 import random
 import re
-import shutil
 import socket
 import threading
 import time
@@ -22,36 +21,26 @@ import client
 import device
 import logfile
 from client import FOREIGN, MULTIPART, part, post, request
-from device import FIELD, LOG, SET_OPTION, SETTINGS, SHIPPED, SHIPPED_SETTINGS
-from server import gate
+from device import FIELD, LOG, SET_OPTION, SETTINGS, SHIPPED_SETTINGS
+from server import gate, running_device
 
 AT_ONCE = 4
 SEED = 1
-OWN = pathlib.Path("/tmp/soak")  # what is ours
-LEFT_IN_TMP = {"cgi-gate.lock", "cgi.log", "lighttpd-access.log", "lighttpd-error.log", "nvm.log", OWN.name}
+LOGS = pathlib.Path("/tmp/soak")  # renamed
+LEFT_IN_TMP = {"cgi.log", "nvm.log", "web_8080", LOGS.name}
 # By which a server may grow from one half to the other: KiB for its buffers, and bytes a request.
 # lighttpd 1.4.69 loses a block of 32 for most programs that it starts.
 MOST_GROWTH = 128
-LOST = {"nvm-service": 0, "lighttpd": 32}
+LOST = {"lighttpd": 32, "nvm-service": 0}
 HANG = "hang&"
 
 
-def changed_start():
-    """As the device is shipped, but that a query that begins with HANG meets a configuration class that never gets
-    ready, and a gate that does not wait long."""
-    site = (SHIPPED / "lighttpd-site.conf").read_text()
-    environment = re.search(r"setenv\.set-environment = \(.*?\n\)\n", site, re.DOTALL)[0]
-    hanging = environment.replace("var.vemo_class_path", f'"{device.HOLDING_CLASS}"')
+def with_hanging(environment):
+    """A query that begins with HANG meets a configuration class that never gets ready, and a gate that does not wait
+    long."""
+    hanging = environment[0].replace("var.vemo_class_path", f'"{device.HOLDING_CLASS}"')
     hanging = re.sub(*gate("RUN_TIMEOUT", 2), hanging)
-    OWN.mkdir()
-    for file in SHIPPED.glob("lighttpd*.conf"):
-        shutil.copy(file, OWN)
-    with open(OWN / "lighttpd.conf", "a", encoding="utf-8") as configuration:
-        configuration.write(f'\n$HTTP["querystring"] =~ "^{HANG}" {{\n{hanging}}}\n')
-    start = OWN / "start"
-    start.write_text((SHIPPED / "start").read_text().replace("/srv/vemo/lighttpd.conf", str(OWN / "lighttpd.conf")))
-    start.chmod(0o755)
-    return start
+    return f'{environment[0]}$HTTP["querystring"] =~ "^{HANG}" {{\n{hanging}}}\n'
 
 
 # --- Clients
@@ -161,9 +150,8 @@ def accounts(log):
 class Soak:
     """One run, and what was seen in it."""
 
-    def __init__(self, stand_in, count):
-        processes = {process.name(): process for process in psutil.Process(stand_in.pid).children()}
-        self.servers = {name: processes[name] for name in LOST}
+    def __init__(self, processes, count):
+        self.servers = {name: psutil.Process(process.pid) for name, process in zip(LOST, processes)}
         self.memory = {name: [] for name in LOST}  # over time
         self.lock = threading.Lock()
         self.bad_pages = []
@@ -239,12 +227,12 @@ class Soak:
 
     def rename_log(self):
         with contextlib.suppress(FileNotFoundError):
-            LOG.rename(OWN / f"cgi.log.{self.counts['log file renamed']:06}")
+            LOG.rename(LOGS / f"cgi.log.{self.counts['log file renamed']:06}")
             self.counts["log file renamed"] += 1
 
     def logged(self):
         """The accounts of the log, all files of it together."""
-        files = [*sorted(OWN.glob("cgi.log.*")), LOG]
+        files = [*sorted(LOGS.glob("cgi.log.*")), LOG]
         found = accounts("".join(file.read_text() for file in files if file.exists()))
         # One that hangs may be ended before it has logged all.
         hang = next(iter(self.accounts["hang"]))
@@ -256,9 +244,11 @@ class Soak:
 
 @pytest.fixture(scope="module")
 def soak():
-    with device.running_stand_in(changed_start()) as stand_in:
+    LOGS.mkdir()
+    edit = r"(?s)setenv\.set-environment = \(.*?\n\)\n", with_hanging
+    with running_device((edit,)) as processes:
         device.ORDERS.unlink()  # nothing reboots it
-        run = Soak(stand_in, 5000 if device.IS_LONG else 300)
+        run = Soak(processes, 5000 if device.IS_LONG else 300)
         run.run()
         for name, number in run.counts.most_common():
             print(f"{number:7} {name}")
