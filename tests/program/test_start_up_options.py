@@ -64,7 +64,7 @@ def test_they_change_no_result_of_the_vms():
     results = logfile.foreign_lines(read(LOG))
     program.reset_device()
     run(computing.having(JAVA_OPTIONS=None))
-    assert len(results) == 58
+    assert len(results) == 57
     assert all(line.startswith("result ") for line in results)
     assert "result MD5 of abc [900150983cd24fb0d6963f7d28e17f72]" in results
     assert results == logfile.foreign_lines(read(LOG))

@@ -10,7 +10,6 @@ import java.util.function.DoubleUnaryOperator;
 import java.util.stream.*;
 import java.util.zip.*;
 import javax.crypto.Cipher;
-import javax.crypto.Mac;
 import javax.crypto.spec.*;
 import javax.net.ssl.SSLContext;
 
@@ -117,9 +116,6 @@ public final class ConfigVemo {
         reportCipher("AES/CBC/PKCS5Padding", new IvParameterSpec(bytes(16)));
         reportCipher("AES/CTR/NoPadding", new IvParameterSpec(bytes(16)));
         reportCipher("AES/GCM/NoPadding", new GCMParameterSpec(128, bytes(12)));
-        Mac mac = Mac.getInstance("HmacSHA256");
-        mac.init(KEY);
-        reportAll("HmacSHA256", mac::doFinal);
         report("TLS", (Object[]) SSLContext.getDefault().getDefaultSSLParameters().getProtocols());
     }
 
