@@ -50,13 +50,6 @@ def expect_refusal(page):
                  absent=["reboots now", BUTTON, SCRIPT])
 
 
-def expect_no_reboot(reason):
-    """The page offers nothing; it refuses an order and logs this reason."""
-    expect_refusal(ask())
-    expect_refusal(show(ORDER))
-    assert log_lines() == [STARTED, STARTED, f"ERROR pages/Reboot 3 Can't order the reboot: {reason}"]
-
-
 def test_asks_first_and_orders_nothing_by_that(reader):
     for query in ("", "reboot", "before=", "before=first", "before=other"):
         expect_texts(ask(query), absent=["reboots now"])
@@ -71,27 +64,17 @@ def test_orders_when_it_is_posted(reader):
     assert log_lines() == [STARTED, "DEBUG pages/Reboot 2 Reboot ordered"]
 
 
-def test_refuses_where_there_is_no_pipe():
-    expect_no_reboot("No such file or directory")
-    assert not PIPE.exists()
-
-
-def test_refuses_where_the_reader_has_gone():
-    os.mkfifo(PIPE, 0o600)
-    expect_no_reboot("No such device or address")
-
-
-def test_refuses_where_it_may_not_write(reader):
-    PIPE.chmod(0)
-    expect_no_reboot("Permission denied")
-    assert orders(reader) == b""
-
-
 # A file would take every order, and nothing would follow it.
-def test_refuses_where_a_file_is_in_the_pipes_place():
-    PIPE.touch()
-    expect_no_reboot("No such device or address")
-    assert read(PIPE) == ""
+@pytest.mark.parametrize("make, reason", ((lambda: None, "No such file or directory"),
+                                          (lambda: os.mkfifo(PIPE, 0o600), "No such device or address"),
+                                          (lambda: os.mkfifo(PIPE, 0), "Permission denied"),
+                                          (PIPE.touch, "No such device or address")),
+                         ids=("no_pipe", "no_reader", "no_permission", "file"))
+def test_offers_and_orders_nothing_where_nothing_reads_it(make, reason):
+    make()
+    expect_refusal(ask())
+    expect_refusal(show(ORDER))
+    assert log_lines() == [STARTED, STARTED, f"ERROR pages/Reboot 3 Can't order the reboot: {reason}"]
 
 
 def test_reports_that_it_ordered_nothing_where_the_pipe_is_full(reader):

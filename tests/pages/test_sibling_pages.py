@@ -30,18 +30,15 @@ def order(word):
 
 # --- Settings and addresses
 
-def test_shows_setting_allocation_and_addresses(service):
+def test_shows_setting_with_its_hints_allocation_and_addresses(service):
     expect_texts(show(GET.having(JAVA_CLASSPATH="/build/tests/java/calling")),
-                 "<title>VEMO Web Server - Device Information</title>", TIMEOUT_300, FREE,
-                 "<dt>Owner</dt><dd>None</dd>", "<dt>Status</dt><dd>No error (code 0)</dd>",
+                 "<title>VEMO Web Server - Device Information</title>",
+                 TIMEOUT_300, 'required="required" pattern="[0-9]{1,6}" maxlength="7"',
+                 'aria-describedby="timeout-hint"', '<p class="hint" id="timeout-hint" >', "number of milliseconds",
+                 "listens on a CAN line", "after a reboot", "some seconds",
+                 FREE, "<dt>Owner</dt><dd>None</dd>", "<dt>Status</dt><dd>No error (code 0)</dd>",
                  "<dt>LAN address</dt><dd>192.0.2.7</dd>", "<dt>WLAN address</dt><dd>198.51.100.9</dd>")
     assert log_lines()[0] == "DEBUG pages/DeviceInformation 1 main"
-
-
-def test_explains_the_timeout_beside_its_field():
-    expect_texts(show(GET), 'required="required" pattern="[0-9]{1,6}" maxlength="7"',
-                 'aria-describedby="timeout-hint"', '<p class="hint" id="timeout-hint" >', "number of milliseconds",
-                 "listens on a CAN line", "after a reboot", "some seconds")
 
 
 def test_escapes_the_stored_value():

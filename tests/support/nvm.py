@@ -78,11 +78,11 @@ ALLOCATED_REPLY = reply("1", "VEMO_WEB", "0")  # the web interface holds the dev
 
 # --- Requests, and what comes over the connection
 
-def request(function=STATUS, body=packet(), method="GET", target=None, host=ADDRESS, media_type="text/xml", more=""):
+def request(function=STATUS, body=packet(), method="GET", target=None, host=ADDRESS, more=""):
     """As the program's client writes it; `more` is a further header with its line end."""
     target = f"/nVm?FunctionName={function}" if target is None else target
     return (f"{method} {target} HTTP/1.1\r\nHost: {host}\r\nAccept: */*\r\nUser-Agent: USER_AGENT\r\n"
-            f"Content-type: {media_type}\r\nContent-length: {len(body)}\r\n{more}\r\n{body}")
+            f"Content-type: text/xml\r\nContent-length: {len(body)}\r\n{more}\r\n{body}")
 
 
 def http_reply(body):
