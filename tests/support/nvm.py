@@ -24,11 +24,11 @@ STATUS = "nvmGetDeviceStatus"
 
 @contextlib.contextmanager
 def service(address=ADDRESS, **more):
-    """In the background, with a new log; it listens when the context begins. `more` as for program.start."""
+    """In the background, with a new log; it serves when the context begins. `more` as for program.start."""
     LOG.unlink(missing_ok=True)
     with program.start(program.Request([SERVICE, address], {}), **more) as process:
         try:
-            assert program.eventually(lambda: is_listening(address))
+            assert program.eventually(lambda: is_listening(address) and LOG.exists())
             yield process
         finally:
             process.kill()
