@@ -1,5 +1,5 @@
-// The file that nobody else uses. Its modes, and each call that fails, are tests of the whole
-// program.
+// The file that nobody else uses. Its modes, a full disk, and each call that fails, are tests of the
+// whole program.
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -37,15 +37,6 @@ TEST_F(FileReplacement, MakesAMissingFileWithTheModeOfTheUmask) {
     EXPECT_EQ(ReadText(path), NEW);
     EXPECT_EQ(Status().st_mode & 07777, 0666u & ~static_cast<unsigned>(mask));
     fs::remove(path);
-  }
-}
-
-TEST_F(FileReplacement, KeepsTheMode) {
-  WriteText(path, OLD);
-  for (const unsigned mode : {0600u, 0666u, 0751u}) {
-    fs::permissions(path, fs::perms(mode));
-    EXPECT_TRUE(ReplaceFile(path, NEW));
-    EXPECT_EQ(Status().st_mode & 07777, mode);
   }
 }
 
@@ -138,18 +129,6 @@ TEST_F(FileReplacement, RefusesWhatLiesBelowAFileOrInAFolderThatMayNotBeSearched
   EXPECT_EQ(ReadText(path), OLD);
 }
 
-TEST_F(FileReplacement, LeavesTheOldContentOrNothingOnAFullDisk) {
-  SKIP_WHERE_TRACED(SmallDisk::NEED);
-  SmallDisk disk;
-  WriteText(disk.Path() / "file", OLD);
-  EXPECT_FALSE(ReplaceFile(disk.Path() / "file", OfLength(SmallDisk::SIZE))) << "half of it fits";
-  disk.Fill();
-  EXPECT_FALSE(ReplaceFile(disk.Path() / "file", NEW));
-  EXPECT_FALSE(ReplaceFile(disk.Path() / "new", NEW));
-  EXPECT_EQ(ReadText(disk.Path() / "file"), OLD);
-  EXPECT_THAT(Names(disk.Path()), testing::UnorderedElementsAre("file", "filler"));
-}
-
 // ---- Where the folder takes no temporary file
 
 using RewritingInPlace = FileTest;
@@ -164,16 +143,6 @@ TEST_F(RewritingInPlace, ReplacesTheContentByALongerAShorterAndOneOfTheSameLengt
     EXPECT_EQ(ReadText(path), text);
     EXPECT_EQ(Status().st_ino, number) << "still the same file";
   }
-}
-
-TEST_F(RewritingInPlace, KeepsTheModeAndOtherNamesOfTheFile) {
-  WriteText(path, OLD);
-  fs::permissions(path, fs::perms(0640));
-  fs::create_hard_link(path, elsewhere / "other name");
-  AllowNewFiles(false);
-  EXPECT_TRUE(ReplaceFile(path, NEW));
-  EXPECT_EQ(Status().st_mode & 07777, 0640u);
-  EXPECT_EQ(ReadText(elsewhere / "other name"), NEW);
 }
 
 TEST_F(RewritingInPlace, NeedsAFileThatIsThereAndMayBeReadAndWritten) {

@@ -1,9 +1,9 @@
-// The file that others use at the same moment: nobody waits for a lock, no texts are mixed, what is
-// kept of the file that is replaced, and what killed processes left behind.
+// The file that others use at the same moment: no texts are mixed, what is kept of the file that is
+// replaced, and what killed processes left behind. That nothing is locked is a test of the whole
+// program.
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
@@ -48,23 +48,6 @@ class FileSharing : public FileTest {
     return text;
   }
 };
-
-// ---- Locks of others
-
-// Both kinds of lock, held to the end of the test.
-TEST_F(FileSharing, AnothersLockKeepsNobodyFromReadingRenamingOrRewriting) {
-  for (const bool isNewFileAllowed : {true, false}) {
-    WriteText(path, OLD);
-    AllowNewFiles(isNewFileAllowed);
-    const auto stranger = Open();
-    EXPECT_EQ(flock(*stranger, LOCK_EX), 0);
-    struct flock records {};
-    records.l_type = F_WRLCK;
-    EXPECT_EQ(fcntl(*stranger, F_OFD_SETLK, &records), 0);
-    EXPECT_TRUE(ReplaceFile(path, NEW));
-    EXPECT_EQ(Read(), NEW);
-  }
-}
 
 // ---- Rewriting in place
 
