@@ -48,7 +48,8 @@ RULES = {
     "checkout": [
         # These have tests of their own: that they end with 0 is enough.
         Rule(r"cmake (-S \. -B|--build) build\b.*|cmake --preset release && ninja -C build|tests/arm/build armhf"
-             r"|\./test --help|tools/(package-version|make-readme-pictures|(make-java-runtime|unpack-packages) build/.*)"),
+             r"|\./test --help|tools/(package-version|make-readme-pictures)"
+             r"|tools/(make-java-runtime|unpack-packages) build/.*"),
         # ./test meets a ctest that runs a few tests when it is told none: this one is among the others.
         Rule(r"(VEMO_SANDBOX_KIND=proot )?\./test( -R SetOptionPage| --long| --verbose)?", PASSED, layer="test"),
         Rule(r"\./test --rerun-failed", PASSED, layer="test",
@@ -64,8 +65,9 @@ RULES = {
              after="readelf -d staging/usr/libexec/vemo-web/setobdconf.cgi | grep -F [/opt/jre/lib/server]"
                    " && pytest-3 tests/packaging/staged.py --staged staging"),
         Rule(r"git diff .*clang-format -i", after="git diff --quiet",
-             prepare="rm -rf .git; git init -q; git add src .clang-format; git -c user.name=n"
-                     " -c user.email=e@example.org commit -qm All; sed -i 's/^int main/int   main/' src/SetObdConf.cpp"),
+             prepare="rm -rf .git; git init -q; git add src .clang-format;"
+                     " git -c user.name=n -c user.email=e@example.org commit -qm All;"
+                     " sed -i 's/^int main/int   main/' src/SetObdConf.cpp"),
         Rule(r"tests/in-sandbox build program/\S+ (-k \w+|--java-vm \S+)", r"= [1-9]\d* passed"),
         Rule(r"build/tests/\w+ --gtest_filter=\S+", r"\[  PASSED  \] [1-9]"),
         Rule(r"build/tests/hostile_tests .*", until=SAYS % "^[0-9]+ stored"),
@@ -150,8 +152,8 @@ RULES = {
         Rule("systemctl start vemo-web-log"),
         Rule("systemd-analyze security vemo-web", "Overall exposure level for vemo-web.service: 1.7"),
         Rule("systemctl edit vemo-web",
-             prepare=r"printf '#!/bin/sh\nsed -i \"2a [Service]\\\\nIPAddressAllow=10.0.2.0/24\" \"$1\"\n' >/run/editor;"
-                     " chmod +x /run/editor; export SYSTEMD_EDITOR=/run/editor",
+             prepare=r"printf '#!/bin/sh\nsed -i \"2a [Service]\\\\nIPAddressAllow=10.0.2.0/24\" \"$1\"\n'"
+                     " >/run/editor; chmod +x /run/editor; export SYSTEMD_EDITOR=/run/editor",
              after="systemctl show -p IPAddressAllow vemo-web | grep -F 10.0.2.0 && systemctl revert vemo-web"),
     ],
 }
