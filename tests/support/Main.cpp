@@ -1,8 +1,5 @@
 // Runs the tests of one binary inside the device's sandbox, so that they and the programs they
 // start have an /app and a /tmp of their own. Outside it, the binary starts itself again inside.
-//
-// --java-vm=FOLDER: the programs find that folder's libjvm.so before the one that they are linked
-// to.
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -14,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "Process.h"
 #include "Sandbox.h"
 #include "SmallDisk.h"
 
@@ -29,22 +25,15 @@ bool HasArgument(int argc, char** argv, const std::string& wanted) {
   return false;
 }
 
-// The folder of --java-vm. GoogleTest has taken its own arguments away; what else is left is a
-// mistake.
-std::string JavaVmOf(int argc, char** argv) {
-  const std::string name = "--java-vm=";
-  std::string folder;
+// GoogleTest has taken its own arguments away; what else is left is a mistake.
+void RefuseOtherArguments(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     const std::string word = argv[i];
-    if (word.rfind(name, 0) == 0 && word.size() > name.size()) {
-      folder = word.substr(name.size());
-    } else if (word != "--help" && word != "-h") {
-      std::cerr << argv[0] << ": unknown argument " << word
-                << "; it takes GoogleTest's and --java-vm=FOLDER\n";
+    if (word != "--help" && word != "-h") {
+      std::cerr << argv[0] << ": unknown argument " << word << "; it takes GoogleTest's\n";
       std::exit(2);
     }
   }
-  return folder;
 }
 
 [[noreturn]] void RestartInSandbox(int argc, char** argv) {
@@ -86,6 +75,6 @@ int main(int argc, char** argv) {
     RestartInSandbox(argc, argv);
   }
   testing::InitGoogleTest(&argc, argv);
-  PutVmInFront(JavaVmOf(argc, argv));
+  RefuseOtherArguments(argc, argv);
   return RUN_ALL_TESTS();
 }

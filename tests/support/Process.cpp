@@ -17,10 +17,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr char LIBRARY_PATH[] = "LD_LIBRARY_PATH";
-
-std::string vmInFront;
-
 std::vector<char*> Pointers(std::vector<std::string>& words) {
   std::vector<char*> pointers;
   for (std::string& word : words) {
@@ -35,9 +31,6 @@ std::vector<char*> Pointers(std::vector<std::string>& words) {
   std::vector<std::string> environment;
   for (const auto& [name, value] : command.environment) {
     environment.push_back(name + "=" + value);
-  }
-  if (!vmInFront.empty() && command.environment.count(LIBRARY_PATH) == 0) {
-    environment.push_back(LIBRARY_PATH + ("=" + vmInFront));
   }
   signal(SIGPIPE, SIG_DFL);
   if (command.prepare) {
@@ -67,14 +60,6 @@ void Feed(Pipe& to, const std::string& text, std::size_t& fed) {
 }
 
 }  // namespace
-
-void PutVmInFront(const std::string& folder) {
-  vmInFront = folder;
-}
-
-std::string VmInFront() {
-  return vmInFront;
-}
 
 Command Preload(const std::string& name, Command command) {
   const std::string library = "/build/standin/lib" + name + ".so";

@@ -30,11 +30,6 @@ struct Result {
 // it has not been built: the loader would only warn, and the test would go on without it.
 Command Preload(const std::string& name, Command command);
 
-// From now on every command gets this folder as LD_LIBRARY_PATH, unless it names one itself; empty:
-// none does.
-void PutVmInFront(const std::string& folder);
-std::string VmInFront();
-
 // Runs the command to its end.
 Result Execute(const Command& command);
 
