@@ -18,6 +18,7 @@ import subprocess
 import pytest
 
 import root
+from installed_device import Device
 from root import SOURCE
 
 SECONDS = 300  # for one command, on a host that may be busy
@@ -331,17 +332,14 @@ def test_in_the_checkout(layers, command, rule):
 
 @pytest.fixture(scope="module")
 def device(build):
-    if reason := root.why_not():
-        pytest.skip(reason)
-    with root.Root(build, "Commands") as device:
-        packages = device.file("/root/build/packages")
-        packages.mkdir(parents=True)
-        for file in root.packages(build).values():
-            shutil.copy(file, packages)
+    with Device(build, "Commands") as device:
+        device.run("mkdir", "-p", "/root/build/packages")
+        for file in device.made.values():
+            shutil.copy(file, device.file("/root/build/packages"))
         # Who types the commands says yes.
         options = 'APT::Get::Assume-Yes "true"; APT::Sandbox::User "root";\n'
-        device.file("/etc/apt/apt.conf.d/commands").write_text(options, encoding="utf-8")
-        device.file("/root/simulate").write_text(options + 'APT::Get::Simulate "true";\n', encoding="utf-8")
+        device.write("/etc/apt/apt.conf.d/commands", options)
+        device.write("/root/simulate", options + 'APT::Get::Simulate "true";\n')
         yield device
 
 
