@@ -1,24 +1,22 @@
 """The Debian packages for another processor, held against this machine's:
 
-    python3 -B tests/arm/packages.py BUILD ARCHITECTURE [Class[.test]]
+    python3 -B -m pytest tests/arm/packages.py --build BUILD -k armhf
 """
 
-import pathlib
 import re
 import subprocess
-import sys
+import tempfile
 import unittest
 
-BUILD, ARCHITECTURE = pathlib.Path(sys.argv.pop(1)).resolve(), sys.argv.pop(1)
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "packaging"))
-import checks  # noqa: E402
-import root  # noqa: E402
-from checks import told  # noqa: E402
+import pytest
 
-FOLDER = BUILD / f"packages-{ARCHITECTURE}"
+import checks
+import root
+from checks import told
+
 FIELDS = ("Version", "Pre-Depends", "Depends", "Recommends", "Suggests", "Conffiles")
 # The unwinding of 32-bit Arm came later into the compiler's library.
-OTHERWISE = {"armhf": [("libgcc-s1 (>= 3.0)", "libgcc-s1 (>= 3.5)")]}
+OTHERWISE = {"armhf": ("libgcc-s1 (>= 3.0)", "libgcc-s1 (>= 3.5)")}
 
 
 def field(file, name):
@@ -36,52 +34,51 @@ def files(file):
     return listed
 
 
-class Packages(checks.Checks, unittest.TestCase):
-    BUILDERS = ("openjdk-amd64", f"openjdk-{ARCHITECTURE}")
+def names(folder):
+    """Of the packages, and of those for debuggers."""
+    return {file.relative_to(folder).as_posix().split("_")[0]
+            for pattern in ("*.deb", "debug/*.deb") for file in folder.glob(pattern)}
 
-    @classmethod
-    def setUpClass(cls):
-        if reason := root.why_not_for(ARCHITECTURE):
-            raise unittest.SkipTest(reason)
-        cls.folder = FOLDER
-        cls.own = root.packages(BUILD)
-        cls.made = root.packages(BUILD, architecture=ARCHITECTURE)
+
+class Held(checks.Checks):
+    """For a TestCase with ARCHITECTURE."""
+
+    @pytest.fixture(scope="class", autouse=True)
+    def packages(self, request, build):
+        architecture = request.cls.ARCHITECTURE
+        if reason := root.why_not_for(architecture):
+            pytest.skip(reason)
+        request.cls.BUILDERS = ("openjdk-amd64", f"openjdk-{architecture}")
+        request.cls.folder = build / f"packages-{architecture}"
+        request.cls.own, request.cls.made = root.packages(build), root.packages(build, architecture=architecture)
 
     def test_there_are_the_same_ones(self):
-        self.assertEqual(self.made.keys(), self.own.keys())
-        for name, file in self.made.items():
-            self.assertEqual(field(file, "Architecture"), ARCHITECTURE, name)
+        assert names(self.folder) == names(self.folder.with_name("packages"))
+        assert {field(file, "Architecture") for file in self.made.values()} == {self.ARCHITECTURE}
 
     def test_they_depend_on_the_same(self):
         for name, file in self.made.items():
             for which in FIELDS:
-                with self.subTest(name, field=which):
-                    wanted = field(self.own[name], which)
-                    for own, other in OTHERWISE.get(ARCHITECTURE, []):
-                        wanted = wanted.replace(own, other)
-                    self.assertEqual(field(file, which), wanted)
+                wanted = field(self.own[name], which).replace(*OTHERWISE.get(self.ARCHITECTURE, ("", "")))
+                assert field(file, which) == wanted, (name, which)
 
     def test_there_are_the_same_files_in_them(self):
         for name, file in self.made.items():
-            with self.subTest(name):
-                self.assertEqual(files(file), files(self.own[name]))
-
-    def test_there_is_something_for_debuggers(self):
-        own, made = ({file.name.split("_")[0] for file in (folder / "debug").glob("*.deb")}
-                     for folder in (BUILD / "packages", FOLDER))
-        self.assertTrue(own)
-        self.assertEqual(made, own)
+            assert files(file) == files(self.own[name]), name
 
     def test_the_java_vm_is_found_where_it_is_on_any_debian(self):
-        content = told("dpkg-deb", "--info", self.made["vemo-web"], "postinst")
-        self.assertIn("vemo-web-class-archive", content)
-        tree = BUILD / f"packages-{ARCHITECTURE}.tree"
-        self.addCleanup(subprocess.run, ["rm", "-rf", tree], check=True)
-        subprocess.run(["dpkg-deb", "--extract", self.made["vemo-web"], tree], check=True)
-        for page in ("setobdconf.cgi", "channeldeviceconfig.cgi"):
-            self.assertIn("[/usr/lib/jvm/default-java/lib/server]",
-                          told("readelf", "--dynamic", tree / "usr/libexec/vemo-web" / page), page)
+        package = self.made["vemo-web"]
+        assert "vemo-web-class-archive" in told("dpkg-deb", "--info", package, "postinst")
+        with tempfile.TemporaryDirectory() as tree:
+            subprocess.run(["dpkg-deb", "--extract", package, tree], check=True)
+            for page in ("setobdconf.cgi", "channeldeviceconfig.cgi"):
+                assert ("[/usr/lib/jvm/default-java/lib/server]"
+                        in told("readelf", "--dynamic", f"{tree}/usr/libexec/vemo-web/{page}")), page
 
 
-if __name__ == "__main__":
-    unittest.main(verbosity=2)
+class TestArm64(Held, unittest.TestCase):
+    ARCHITECTURE = "arm64"
+
+
+class TestArmhf(Held, unittest.TestCase):
+    ARCHITECTURE = "armhf"

@@ -1,4 +1,4 @@
-"""The web interface as a technician uses it. Once more on an emulated machine: tests/machine/installed.py."""
+"""The web interface as a technician uses it. Partly once more on an emulated machine: tests/machine/installed.py."""
 
 import re
 
