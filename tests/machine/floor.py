@@ -38,7 +38,6 @@ LOG_LINE = re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6}  (DEBUG|ERROR) +cg
 # Seconds. The gate ends a program after 60.
 LIMIT = 150
 # MiB
-PLENTY = 512
 MACHINE = 160
 MARGIN = 8
 
@@ -143,7 +142,7 @@ def made_disk(build):
     path = build / "machine/floor.disk"
     try:
         filled_tree(build).make_disk(path, "400M", "-m", "0")
-        with Device(path, PLENTY, keeps=True, task="archive") as device:
+        with Device(path, 512, keeps=True, task="archive") as device:
             assert "archive made" in device.machine.wait_until_off(LIMIT), device.machine.console()
         yield path
     finally:

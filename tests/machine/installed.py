@@ -76,7 +76,6 @@ WantedBy=multi-user.target
     "/etc/systemd/network/card.network":
         "[Match]\nName=en* eth*\n[Network]\nAddress=10.0.2.15/24\nGateway=10.0.2.2\n",
     "/etc/fstab": "/dev/vda / ext4 defaults 0 1\n",
-    "/etc/hostname": "vemo\n",
     "/root/obd.conf": booted.SHIPPED_SETTINGS,
 }
 
@@ -143,6 +142,8 @@ def device(build):
         with booted.Device(kernel, initramfs, disk, ("-action", "reboot=reset"), ARCHIVE, memory_mib=1024,
                            parameters="systemd.show_status=0 net.ifnames=0") as device:
             device.wait_for_page()
+            # It is made while the service serves already: the disk is a copy.
+            device.expect(CLASS_ARCHIVE)
             yield device
     finally:
         disk.unlink(missing_ok=True)
@@ -167,7 +168,6 @@ def boot_id(device):
 
 
 def expect_content(device):
-    # The class archive is made while the service serves already: the disk is a copy.
     device.run(CLASS_ARCHIVE)
     assert "WRONG" not in device.expect("vemo-web-check")
 
