@@ -6,8 +6,8 @@ from urllib.parse import quote, urlencode
 
 import program
 import pytest
-from program import (CONTENT_OPENING, FRAME_OPENING, OLD_SETTINGS, PROGRAM, SETTINGS, SUCCESS_LINES, WARNING_PAGE, Request,
-                     get, log_lines, post, post_multipart, run)
+from program import (CONTENT_OPENING, FRAME_OPENING, OLD_SETTINGS, PROGRAM, SETTINGS, SUCCESS_LINES, WARNING_PAGE,
+                     Request, get, log_lines, post, post_multipart, run)
 
 FIELD = "CanDetectTimeout"
 MULTIPART = "multipart/form-data; boundary=frontier"
