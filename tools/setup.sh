@@ -17,7 +17,7 @@ TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang libclang-rt-14-
 # against and to run.
 CROSS_PACKAGES=(g++-aarch64-linux-gnu g++-arm-linux-gnueabihf mmdebstrap)
 SYSROOT_PACKAGES=(libc6 libstdc++6 libcgicc-dev libxml2-dev libmicrohttpd-dev openjdk-17-jre-headless
-  libgtest-dev libgmock-dev librapidcheck-dev lighttpd busybox-static)
+  libgtest-dev libgmock-dev librapidcheck-dev python3-pytest lighttpd busybox-static)
 declare -A SYSROOT_KERNEL=([arm64]=linux-image-cloud-arm64 [armhf]=linux-image-armmp-lpae)
 # What ./test --long needs in addition, with PACKAGING_PACKAGES and CROSS_PACKAGES.
 LONG_TEST_PACKAGES=(lintian blhc ccache diffoscope-minimal faketime firefox-esr locales

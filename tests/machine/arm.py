@@ -17,14 +17,12 @@ from booted import (  # noqa: F401 - two tests
     FORM, SETTINGS, SOURCE, test_page_settings_file_and_log_are_as_they_must_be,
     test_the_java_side_knows_the_devices_address)
 
-TESTS = ("tests/program_tests", "tests/java-calls", "tests/java",
-         "standin/libfake-vm.so", "standin/libfailing-file-calls.so")
+TESTS = ("tests/java-calls", "tests/java", "standin/libfake-vm.so", "standin/libfailing-file-calls.so")
+PYTHON = ("conftest.py", "pytest.ini", "program", "support")
 # Some make mounts, by bubblewrap, or need strace; some make hundreds of requests, which would take minutes.
-NOT_HERE = ("*SettingsFileIn.*Mount*", "SettingsFile.IsWholeAfterRequestsAtTheSameTime*",
-            "SettingsFile.IsNotLockedNorIsTheLog")
+NOT_HERE = "mount or not_locked or at_the_same_time"
 # And those that make dozens, of which the first two say on armhf which kind of each call is made.
-DOZENS = {"arm64": ("SettingsFileCalls.RiskNothing*", "SettingsFileCalls.RewriteInPlace*",
-                    "Program/ClosedDescriptors.*"), "armhf": ()}
+DOZENS = {"arm64": " or not_even_opened or rewritten_in_place_where or bad_option or closed_descriptors", "armhf": ""}
 # Libraries that no program there needs.
 SANITIZERS = ("libasan", "libhwasan", "liblsan", "libtsan", "libubsan")
 
@@ -58,9 +56,11 @@ def make_disk(path, packages, build):
     for name in ("bin", "sbin", "lib"):
         tree.file(name).symlink_to(f"usr/{name}")
     # Busybox' setpriv sets no user.
-    tree.copy("usr/bin", packages / "usr/bin/busybox", packages / "usr/bin/setpriv")
+    tree.copy("usr/bin", packages / "usr/bin/busybox", packages / "usr/bin/setpriv",
+              *packages.glob("usr/bin/python3*"))
     tree.copy("usr/sbin", packages / "usr/sbin/lighttpd")
-    tree.copy("usr/lib", *packages.glob("usr/lib/ld-linux*"), packages / "usr/lib/lighttpd", packages / "usr/lib/jvm")
+    tree.copy("usr/lib", *packages.glob("usr/lib/ld-linux*"), packages / "usr/lib/lighttpd", packages / "usr/lib/jvm",
+              *packages.glob("usr/lib/python3*"))
     tree.copy("etc", *packages.glob("etc/java-*"))
     for libraries in packages.glob("usr/lib/*-linux-gnu*"):
         needed = [file for file in libraries.glob("*.so*") if not file.name.startswith(SANITIZERS)]
@@ -68,6 +68,7 @@ def make_disk(path, packages, build):
     for file in ("device", "setobdconf.cgi", *TESTS):
         tree.copy(pathlib.PurePath("build", file).parent, build / file)
     tree.copy("source/standin", SOURCE / "standin/obd.conf")
+    tree.copy("source/tests", *(SOURCE / "tests" / name for name in PYTHON))
     tree.file("srv/vemo").symlink_to("/build/device")
     machine.listen_to_outside(tree.file("build/device/lighttpd-paths.conf"))
     for name, text in (("etc/passwd", "root:x:0:0::/:/bin/sh\nweb:x:1000:1000::/tmp:/bin/sh\n"),
@@ -140,7 +141,7 @@ def test_the_nvm_client_allocates_and_releases(device):
 def test_the_programs_own_tests_pass(device, architecture):
     # They expect no address but the loopback's.
     device.run("kill $(pidof lighttpd) $(pidof nvm-service); ip link set eth0 down")
-    left_out = ":".join(NOT_HERE + DOZENS[architecture])
     said = device.expect(
-        f"{AS_USER} /build/tests/program_tests --gtest_brief=1 '--gtest_filter=-{left_out}'", seconds=2 * booted.BOOT)
-    assert re.search(r"PASSED  \] [1-9]", said), said
+        f"{AS_USER} PYTHONPATH=/source/tests/support python3 -B -m pytest -p device_fixtures /source/tests/program "
+        f"-k 'not ({NOT_HERE}{DOZENS[architecture]})'", seconds=2 * booted.BOOT)
+    assert re.search("= [1-9][0-9]* passed", said), said

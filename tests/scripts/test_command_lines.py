@@ -94,4 +94,4 @@ def test_packages_have_the_date_of_their_own_repository(machine):
 
 @pytest.mark.parametrize("arguments", ("--nonsense", "ConfigVemo", "/x --nonsense"))
 def test_test_binaries_refuse_unknown_arguments(build, arguments):
-    expect(2, f"unknown argument {arguments.split()[0]}", f"{build}/tests/program_tests {arguments}")
+    expect(2, f"unknown argument {arguments.split()[0]}", f"{build}/tests/library_tests {arguments}")
