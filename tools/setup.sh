@@ -10,8 +10,8 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libcgicc-dev libxml2-dev
 DEVICE_PACKAGES=(bubblewrap lighttpd)
 PACKAGING_PACKAGES=(build-essential debhelper dpkg-dev fakeroot git pkgconf)
 TEST_PACKAGES=(libgtest-dev libgmock-dev librapidcheck-dev clang libclang-rt-14-dev clang-format
-  clang-tidy llvm shellcheck curl iproute2 chromium chromium-driver python3-psutil python3-pytest python3-pytest-xdist
-  python3-selenium libxml2-utils proot
+  clang-tidy llvm shellcheck curl iproute2 chromium chromium-driver python3-hypothesis python3-psutil
+  python3-pytest python3-pytest-xdist python3-selenium libxml2-utils proot
   systemd strace nftables valgrind qemu-system-x86 qemu-user busybox-static cpio e2fsprogs git)
 # For other processors: Debian's cross compilers, and the packages of those processors that are unpacked to compile
 # against and to run.
