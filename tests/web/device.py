@@ -78,6 +78,17 @@ def reset():
     LOG.write_bytes(b"")
 
 
+@contextlib.contextmanager
+def pipe_for_the_log():
+    """That nobody reads."""
+    LOG.unlink(missing_ok=True)
+    os.mkfifo(LOG, 0o600)
+    try:
+        yield
+    finally:
+        LOG.unlink()
+
+
 def is_untouched():
     """Whether no program has run since the reset."""
     return LOG.stat().st_size == 0 and SETTINGS.read_bytes() == SHIPPED_SETTINGS.read_bytes()

@@ -4,7 +4,6 @@ The checker comes from build/npm, where ./test puts it."""
 
 import contextlib
 import math
-import os
 import subprocess
 
 import pytest
@@ -308,18 +307,14 @@ def hasty(visitor):
 ])
 def test_what_is_known_already_is_shown(hasty, path, name, there, suffix):
     hasty.set_screen(*SCREENS[suffix])
-    device.LOG.unlink(missing_ok=True)
-    os.mkfifo(device.LOG)
-    try:
+    with device.pipe_for_the_log():
         hasty.driver.get(hasty.root + path)
         hasty.wait_until(lambda: hasty.driver.find_elements(By.CSS_SELECTOR, there), "the beginning")
         hasty.wait_until(lambda: hasty.run("return [...document.images].every(i => i.complete && i.naturalWidth)"),
                          "the logos")
         assert hasty.run("return document.readyState") == "loading"
         hasty.driver.save_screenshot(f"/tmp/{name}{suffix}.png")
-    finally:
         with subprocess.Popen(["cat", device.LOG], stdout=subprocess.DEVNULL) as reader:
             is_done = device.eventually(lambda: hasty.run("return document.readyState") == "complete")
-            device.LOG.unlink()
             reader.terminate()
     assert is_done

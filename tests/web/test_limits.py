@@ -110,14 +110,10 @@ def test_drops_a_slow_client(more):
 def test_serves_one_request_a_connection(server):
     sent = request("/index.html").replace(b"Connection: close\r\n", b"")
     received = b""
-    with contextlib.closing(server.connect(WHILE)) as connection:
-        connection.sendall(sent)
-        with contextlib.suppress(OSError):
-            while more := connection.recv(65536):
-                received += more
-        with contextlib.suppress(OSError):
-            connection.sendall(sent)
-            received += connection.recv(100)
+    with contextlib.closing(server.connect(WHILE)) as connection, contextlib.suppress(OSError):
+        connection.sendall(2 * sent)
+        while more := connection.recv(65536):
+            received += more
     assert received.count(b"HTTP/1.1 200") + received.count(b"HTTP/1.0 200") == 1
 
 
@@ -254,17 +250,6 @@ def test_ends_a_program_that_hangs(kind):
 
 
 @contextlib.contextmanager
-def fifo_for_the_log():
-    """Where the Java side opens it, and waits for a reader."""
-    device.LOG.unlink()
-    os.mkfifo(device.LOG, 0o600)
-    try:
-        yield SET_OPTION
-    finally:
-        device.LOG.unlink()
-
-
-@contextlib.contextmanager
 def silent_nvm_service():
     with socket.create_server(("127.0.0.1", 5302)):
         yield "/channeldeviceconfig.cgi"
@@ -275,11 +260,12 @@ HOLDING = (r"/srv/vemo/java(?=[\";\n])", device.HOLDING_CLASS)
 
 @row("ends a program that hangs")
 @pytest.mark.parametrize("hanging, edits", [
-    (fifo_for_the_log, ()), (silent_nvm_service, ()), (lambda: contextlib.nullcontext(CHANGE), (HOLDING,)),
+    # Where the Java side opens it, and waits for a reader.
+    (device.pipe_for_the_log, ()), (silent_nvm_service, ()), (lambda: contextlib.nullcontext(CHANGE), (HOLDING,)),
 ], ids=["for the log", "for the nVm service", "in Java"])
 def test_ends_our_programs_when_they_hang(server, hanging, edits):
     with Server(*SHORT_TIMES, *edits, java=None) as limited, hanging() as page:
-        answer = limited.get(page)
+        answer = limited.get(page or SET_OPTION)
         assert eventually(lambda: not device.programs())
     assert answer.status in (0, 200, 500, 502, 504)
     assert b"</html>" not in answer.body or answer.status != 200

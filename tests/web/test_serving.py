@@ -107,15 +107,10 @@ def test_serves_twenty_at_once(server):
 
     with ThreadPoolExecutor(20) as clients:
         answers = list(clients.map(ask, values))
-    log, settings = device.LOG.read_text(), SETTINGS.read_text()
-    logged = {}
-    for process, text in logfile.statements(log):
-        logged.setdefault(process, []).append(text)
+    assert SETTINGS.read_text() in map(settings_with, values)
+    assert os.listdir(SETTINGS.parent) == [SETTINGS.name]
     for value, answer in zip(values, answers):
         assert (answer.status, answer.body) == (200, run_program(FIELD + value))
-    assert list(logged.values()) == 20 * [log_of_success(server)]
-    assert settings in map(settings_with, values)
-    assert os.listdir(SETTINGS.parent) == [SETTINGS.name]
 
 
 @row("hands a page on as it comes")

@@ -2,7 +2,6 @@
 the browser has them under their policy. A real reboot, on an emulated machine: tests/machine/installed.py."""
 
 import re
-import tempfile
 
 import pytest
 
@@ -34,28 +33,6 @@ def test_the_browsers_own_back_leads_to_the_form(technician):
     technician.enter("503")
     technician.press("Set")
     expect_success(technician, "503")
-
-
-def test_two_tabs_have_each_a_form(technician):
-    technician.open(FORM)
-    first = technician.driver.current_window_handle
-    technician.driver.switch_to.new_window("tab")
-    technician.post("504")
-    expect_success(technician, "504")
-    technician.driver.close()
-    technician.driver.switch_to.window(first)
-    technician.enter("505")
-    technician.press("Set")
-    expect_success(technician, "505")
-
-
-def test_a_browser_is_closed_and_opened_again(technician):
-    with tempfile.TemporaryDirectory(dir="/tmp", ignore_cleanup_errors=True) as profile:
-        for value in ("506", "507"):
-            with browser.running_browser(profile=profile) as driver:
-                again = browser.Technician(driver, technician.root)
-                again.post(value)
-                expect_success(again, value)
 
 
 def test_a_typed_address_stores_its_value_on_loopback_alone(technician):
