@@ -72,14 +72,13 @@ def log_in(driver):
 
 
 @contextlib.contextmanager
-def running_browser(without=(), page_load_strategy="normal", preferences=None, profile=None, limit=device.LIMIT):
-    """`without` names arguments of Chromium's that are left out; a profile stays."""
+def running_browser(without=(), page_load_strategy="normal", preferences=None, limit=device.LIMIT):
+    """`without` names arguments of Chromium's that are left out."""
     options = webdriver.ChromeOptions()
     options.page_load_strategy = page_load_strategy
     options.add_experimental_option("prefs", preferences or {})
     options.binary_location = "/usr/bin/chromium"
-    kept = profile
-    profile = profile or tempfile.mkdtemp(prefix="profile-", dir="/tmp")
+    profile = tempfile.mkdtemp(prefix="profile-", dir="/tmp")
     for argument in (
         "--headless",
         "--no-sandbox",  # it is in one, in which it cannot build its own
@@ -97,9 +96,8 @@ def running_browser(without=(), page_load_strategy="normal", preferences=None, p
             options.add_argument(argument)
     options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
     RemoteConnection.set_timeout(2 * limit)
-    driver = webdriver.Chrome(
-        service=Service("/usr/bin/chromedriver", log_path="/tmp/chromedriver.log"), options=options
-    )
+    service = Service("/usr/bin/chromedriver", log_path="/tmp/chromedriver.log")
+    driver = webdriver.Chrome(service=service, options=options)
     try:
         driver.set_page_load_timeout(limit)
         driver.set_script_timeout(limit)
@@ -108,8 +106,7 @@ def running_browser(without=(), page_load_strategy="normal", preferences=None, p
         yield driver
     finally:
         driver.quit()
-        if not kept:
-            shutil.rmtree(profile, ignore_errors=True)
+        shutil.rmtree(profile, ignore_errors=True)
 
 
 class Technician:
@@ -170,10 +167,6 @@ class Technician:
         self.driver.execute_script("arguments[0].form.noValidate = true", self.field())
         self.enter(value)
         self.press("Set")
-
-    def set_by_address(self, value):
-        """By an address that leads to the change."""
-        self.open(success(value))
 
     def set_screen(self, screen, scale=1):
         """A window that fills the screen."""

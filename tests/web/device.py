@@ -1,4 +1,4 @@
-"""The device as tests start it: its files and processes. Works inside the device's sandbox, with Debian's own Python."""
+"""The device as tests start it: its files and processes. Works inside the device's sandbox, with Debian's Python."""
 
 import contextlib
 import os

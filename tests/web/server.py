@@ -118,8 +118,9 @@ class Server:
         return "".join(texts)
 
     def configure_lighttpd(self, of_others):
-        files = [f"lighttpd/{name}.conf" for name in ("lighttpd-site", "lighttpd-same-site", "lighttpd-tls", "lighttpd")]
-        self.text += self.configure(self.shared, "lighttpd/lighttpd-paths.conf.in", *files)
+        files = [f"lighttpd/lighttpd{suffix}" for suffix in (
+            ".conf", "-site.conf", "-same-site.conf", "-tls.conf", "-paths.conf.in")]
+        self.text += self.configure(self.shared, *files)
         file = self.shared / "lighttpd.conf"
         if of_others:
             file.write_text(LIGHTTPD_OF_OTHERS + self.configure(self.shared, "lighttpd/50-vemo-web.conf.in"))

@@ -94,9 +94,6 @@ def test_lets_the_reboot_page_run_its_script(server):
 @row("sends Cache-Control with pages of programs")
 @pytest.mark.parametrize("page", device.CGI_PAGES)
 def test_forbids_to_keep_pages_of_programs(server, page):
-    """They show the settings of their moment."""
+    """They show the settings of their moment. The style sheet may be kept."""
     assert server.get(f"/{page}").headers.get("cache-control") == "no-store"
-
-
-def test_lets_the_style_sheet_be_kept(server):
     assert "cache-control" not in server.get("/css/all.css").headers

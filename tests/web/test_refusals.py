@@ -14,8 +14,8 @@ from table import row
 
 def cases(name, *headers, **how):
     """Of a row: a request for each, which has nothing else against it. A header, or more of them."""
-    return [pytest.param((words,) if isinstance(words, str) else words, how, marks=row(name), id=f"{name}: {words}{how}")
-            for words in headers]
+    tuples = [(words,) if isinstance(words, str) else words for words in headers]
+    return [pytest.param(words, how, marks=row(name), id=f"{name}: {words}{how}") for words in tuples]
 
 
 def expect_refused(server, sent):

@@ -19,7 +19,8 @@ def expect_success(technician, value):
 
 # --- Ways to a change
 
-@pytest.mark.parametrize("send", [browser.Technician.post, browser.Technician.set_by_address], ids=["post", "address"])
+@pytest.mark.parametrize("send", [browser.Technician.post, lambda technician, value: technician.open(success(value))],
+                         ids=["post", "address"])
 def test_a_reload_of_the_success_stores_the_value_again(technician, send):
     send(technician, "500")
     technician.write_shipped_settings()
