@@ -1,6 +1,6 @@
 """How every page, and every state of it, looks on a desk and on a phone: what an accessibility checker, axe-core,
-finds; whether its text can be read in the sun and by night, whether a finger hits its links. With --long pictures of all that
-are left in /tmp. The checker comes from build/npm, where ./test puts it."""
+finds; whether its text can be read in the sun and by night, whether a finger hits its links. With --long pictures of
+all that are left in /tmp. The checker comes from build/npm, where ./test puts it."""
 
 import contextlib
 import math
