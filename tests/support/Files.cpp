@@ -14,16 +14,6 @@ void WriteText(const std::filesystem::path& path, const std::string& text) {
   std::ofstream(path, std::ios::binary) << text;
 }
 
-void ResetDevice() {
-  const auto folder = std::filesystem::path(SETTINGS_FILE).parent_path();
-  std::filesystem::create_directories(folder);
-  std::filesystem::permissions(folder, std::filesystem::perms(0755));
-  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-    std::filesystem::remove_all(entry);
-  }
-  std::filesystem::remove_all(LOG_FILE);
-}
-
 std::ptrdiff_t OpenDescriptors() {
   const std::filesystem::directory_iterator descriptors("/proc/self/fd");
   return std::distance(begin(descriptors), end(descriptors));

@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-constexpr char SETTINGS_FILE[] = "/app/tarn-belox/runvex/obd.conf";
 constexpr char LOG_FILE[] = "/tmp/cgi.log";
 
 // The whole content; empty when there is no such file.
@@ -13,9 +12,6 @@ std::string ReadText(const std::filesystem::path& path);
 
 // Makes the folder too.
 void WriteText(const std::filesystem::path& path, const std::string& text);
-
-// /app with the runtime's folder but no settings file, no log file.
-void ResetDevice();
 
 // How many descriptors this process has open.
 std::ptrdiff_t OpenDescriptors();
