@@ -80,6 +80,10 @@ int Toggle(const std::string& reply) {
 struct Reference {
   const char* name;
   std::string reply;
+
+  friend std::ostream& operator<<(std::ostream& out, const Reference& row) {
+    return out << row.name;
+  }
 };
 
 class NvmForeignReference : public testing::TestWithParam<Reference> {};
