@@ -5,7 +5,6 @@ With a seed of one's own: tests/in-sandbox build hostile/test_hostile_requests.p
 
 import collections
 import os
-import pathlib
 import re
 import resource
 import signal
@@ -18,14 +17,14 @@ import program
 from program import CONTENT_OPENING, FRAME_ONLY, FRAME_OPENING, LOG, REDIRECTION, SETTINGS, WARNING_PAGE, read, run
 from strategies import KNOWN, requests
 
-# The CGI library allocates what a request announces. The real Java VM reserves some GiB.
-MEMORY = {"fake": 1 << 30, "real": 8 << 30}
+# The CGI library allocates what a request announces, and fills it. The real Java VM reserves some GiB.
+MEMORY = {"fake": 1 << 30, "real": 4 << 30}
 
 ABOVE = "; Of the runtime.\n[RUNTIME]\nVEMODCanDetectTimeout=1\n\n[SETTINGS]\nVEMODRequestRetries = 2\n"
 BELOW = "\n[CAN]\n# Lines.\nTermination=0\n"
 DOS = "[CAN]\r\nTermination=0\r\n\r\n[SETTINGS]\r\nVEMODCanDetectTimeout="
 # A settings file that a request meets, and what success leaves before and behind the value.
-FILES = {
+SETTINGS_FILES = {
     "key": (f"{ABOVE}VEMODCanDetectTimeout = 300 {BELOW}", f"{ABOVE}VEMODCanDetectTimeout = ", f" {BELOW}"),
     "no file": (None, "[SETTINGS]\nVEMODCanDetectTimeout=", "\n"),
     "no key": (ABOVE + BELOW, f"{ABOVE}VEMODCanDetectTimeout=", f"\n{BELOW}"),
@@ -113,7 +112,7 @@ def files(vm):
 def try_request(request, vm, kind):
     """How it ends on a device with that kind of settings file."""
     program.reset_device()
-    before, head, tail = FILES[kind]
+    before, head, tail = SETTINGS_FILES[kind]
     if before is not None:
         program.write(SETTINGS, before)
     untouched = files(vm)
@@ -133,7 +132,7 @@ def try_request(request, vm, kind):
 
 # --- Tests
 
-@pytest.mark.parametrize("kind", FILES)
+@pytest.mark.parametrize("kind", SETTINGS_FILES)
 @pytest.mark.parametrize("name", KNOWN)
 def test_a_known_one_ends_as_it_must(name, kind):
     request, outcome = KNOWN[name]
@@ -145,7 +144,7 @@ def try_many(vm, count):
 
     @settings(max_examples=count, deadline=None, database=None, suppress_health_check=list(HealthCheck),
               phases=(Phase.generate, Phase.shrink))
-    @given(requests(vm), st.sampled_from(sorted(FILES)))
+    @given(requests(vm), st.sampled_from(sorted(SETTINGS_FILES)))
     def try_one(request, kind):
         outcomes[try_request(request, vm, kind)] += 1
 
