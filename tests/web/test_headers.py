@@ -79,6 +79,7 @@ def test_lets_no_echo_give_orders(server, answer):
 def test_lets_the_reboot_page_run_its_script(server):
     """By the hash of what it holds where it may reboot the device."""
     with device.reading_orders() as orders:
+        os.set_blocking(orders, False)
         answers = [server.ask(sent) for sent in (post("/reboot.cgi", ""), request("/reboot.cgi?before=x"))]
         assert os.read(orders, 100) == b"reboot\n"
     script = re.search(b"<script>(.*)</script>", answers[0].body, re.DOTALL)[1]
