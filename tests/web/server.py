@@ -12,6 +12,7 @@ import socket
 import ssl
 import subprocess
 import time
+from concurrent.futures import ThreadPoolExecutor
 
 import psutil
 
@@ -190,6 +191,16 @@ class Server:
         finally:
             program.unlink()
             program.symlink_to(SHIPPED / "htdocs" / page)
+
+    @contextlib.contextmanager
+    def held_requests(self, count, script=""):
+        """To a program that runs the script and stays until it is let go: their answers, and the file that lets it."""
+        go = self.root / "go"
+        with self.own_program(f"{script} {until(go)} {TEXT}") as page, ThreadPoolExecutor(count) as clients:
+            try:
+                yield [clients.submit(self.get, page) for _ in range(count)], go
+            finally:
+                go.touch()
 
     # --- Asked
 

@@ -189,34 +189,25 @@ def test_serves_another_address_beside_requests_given_up():
 def test_runs_four_at_a_time():
     """Who waits keeps nobody from the pages that need none. A slot is free however its program ends."""
     with Server() as server:
-        running, go = server.root / "running", server.root / "go"
+        running = server.root / "running"
         running.mkdir()
-        script = f": >{running}/$$; {until(go)} {TEXT}"
-        with server.own_program(script) as page, ThreadPoolExecutor(10) as clients:
-            answers = [clients.submit(server.get, page) for _ in range(10)]
-            try:
-                assert eventually(lambda: len(list(running.iterdir())) >= 4)
-                time.sleep(device.MOMENT)
-                first = list(running.iterdir())
-                is_served = server.get("/index.html").status == 200
-                os.kill(int(first[0].name), signal.SIGKILL)
-                is_followed = eventually(lambda: len(list(running.iterdir())) == 5)
-            finally:
-                go.touch()
-            statuses = sorted(answer.result().status for answer in answers)
-    assert len(first) == 4 and is_served and is_followed
-    assert statuses[:9] == 9 * [200]
+        with server.held_requests(10, f": >{running}/$$;") as (answers, _):
+            assert eventually(lambda: len(list(running.iterdir())) >= 4)
+            time.sleep(device.MOMENT)
+            first = list(running.iterdir())
+            assert len(first) == 4
+            assert server.get("/index.html").status == 200
+            os.kill(int(first[0].name), signal.SIGKILL)
+            assert eventually(lambda: len(list(running.iterdir())) == 5)
+        assert sorted(answer.result().status for answer in answers)[:9] == 9 * [200]
 
 
 @waits
 def test_has_who_gets_no_slot_come_again():
-    with Server(gate("QUEUE_TIMEOUT", 1)) as server:
-        go = server.root / "go"
-        with server.own_program(until(go) + TEXT) as page, ThreadPoolExecutor(5) as clients:
-            answers = [clients.submit(server.get, page) for _ in range(5)]
-            eventually(lambda: any(answer.done() for answer in answers))
-            go.touch()
-            *served, refused = sorted((answer.result() for answer in answers), key=lambda answer: answer.status)
+    with Server(gate("QUEUE_TIMEOUT", 1)) as server, server.held_requests(5) as (answers, go):
+        eventually(lambda: any(answer.done() for answer in answers))
+        go.touch()
+        *served, refused = sorted((answer.result() for answer in answers), key=lambda answer: answer.status)
     assert [answer.status for answer in served] == 4 * [200]
     assert (refused.status, refused.body) == (503, refusal_page(503))
     assert refused.headers["retry-after"] == "10"
@@ -323,15 +314,11 @@ def test_ends_with_the_other_for_systemd_to_start_it_again():
 @pytest.mark.nginx
 @pytest.mark.loopback  # else it would need a crowd of addresses
 def test_answers_a_crowd_or_has_it_come_again():
-    with Server() as server:
-        go = server.root / "go"
-        with server.own_program(until(go) + TEXT) as page, ThreadPoolExecutor(200) as clients:
-            answers = [clients.submit(server.get, page) for _ in range(200)]
-            eventually(lambda: all(answer.done() for answer in answers), WHILE)
-            is_room_left = has_tasks_left(server)
-            go.touch()
-            answers = [answer.result() for answer in answers]
-    assert is_room_left
+    with Server() as server, server.held_requests(200) as (answers, go):
+        eventually(lambda: all(answer.done() for answer in answers), WHILE)
+        assert has_tasks_left(server)
+        go.touch()
+        answers = [answer.result() for answer in answers]
     assert {answer.status for answer in answers} == {200, 503}
     assert [answer.status for answer in answers].count(200) >= 100
     for answer in answers:
