@@ -1,5 +1,5 @@
-// The file that nobody else uses. Its modes, a full disk, and each call that fails, are tests of the
-// whole program.
+// The file that nobody else uses. Its modes, a full disk, and each call that fails, are tests of
+// the whole program.
 
 #include <fcntl.h>
 #include <sys/socket.h>

@@ -198,8 +198,8 @@ std::string AccessList(std::uint16_t mask) {
 class ListedFile : public FileSharing {
  protected:
   void SetUp() override {
-    SKIP_WHERE_TRACED("the file system of /tmp may know no access control lists");
     FileSharing::SetUp();
+    SKIP_WHERE_TRACED("the file system of /tmp may know no access control lists");
   }
 
   void GiveTheFolderADefaultList() const {
