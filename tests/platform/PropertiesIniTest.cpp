@@ -181,15 +181,6 @@ TEST(PropertiesIniGetProperty, GivesTheValueWithoutBlanksOrWhatStandsInQuotes) {
   }
 }
 
-TEST(PropertiesIniGetProperty, GivesWhatWasSetBeforeItIsStored) {
-  PropertiesIni settings;
-  settings.SetProperty("S", "k", " \n");
-  settings.SetProperty("T", "k", "2");
-  settings.SetProperty("S", "k", "3\n");
-  EXPECT_EQ(settings.GetProperty("S", "k"), "3\n");
-  EXPECT_EQ(settings.GetProperty("T", "k"), "2");
-}
-
 // ---- The header
 
 TEST(PropertiesIniHeader, StandsInCommentsAtTheTopWhateverItsLineEnds) {
@@ -219,7 +210,9 @@ TEST_F(PropertiesIniFile, ThatIsMissingIsAnEmptyOne) {
 }
 
 TEST_F(PropertiesIniFile, ReplacesWhatTheObjectHeld) {
-  settings.SetProperty("S", "k", "1");
+  settings.SetProperty("S", "k", " \n");
+  settings.SetProperty("S", "k", "3\n");
+  EXPECT_EQ(settings.GetProperty("S", "k"), "3\n");
   WriteText(PATH, "[S]\na=2\n");
   EXPECT_TRUE(settings.Load(PATH));
   EXPECT_EQ(settings.GetProperty("S", "k"), "");
