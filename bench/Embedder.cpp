@@ -6,18 +6,9 @@
 #include <string>
 
 int main() {
-  const char* const userOption = std::getenv("JAVA_OPTIONS");
-  const char* const classPath = std::getenv("JAVA_CLASSPATH");
-  std::string classPathOption =
-      std::string("-Djava.class.path=") + (classPath != nullptr ? classPath : "");
-  JavaVMOption options[2] = {};
-  jint count = 0;
-  if (userOption != nullptr) {
-    options[count++].optionString = const_cast<char*>(userOption);
-  }
-  options[count++].optionString = classPathOption.data();
-  JavaVMInitArgs arguments = {JNI_VERSION_1_2, count, options, JNI_TRUE};
-
+  std::string classPath = std::string("-Djava.class.path=") + std::getenv("JAVA_CLASSPATH");
+  JavaVMOption options[] = {{std::getenv("JAVA_OPTIONS"), nullptr}, {classPath.data(), nullptr}};
+  JavaVMInitArgs arguments = {JNI_VERSION_1_2, 2, options, JNI_TRUE};
   JavaVM* vm = nullptr;
   JNIEnv* env = nullptr;
   if (JNI_CreateJavaVM(&vm, reinterpret_cast<void**>(&env), &arguments) < 0) {

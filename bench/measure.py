@@ -69,7 +69,7 @@ def measure_everything(folder, rounds):
     costs = measure(subjects.requests(), rounds)
     steps = measure(subjects.steps(), rounds)
     curves = growth.measure()
-    counts = one_request.measure_instructions()
+    counts = {path: one_request.count_instructions(how) for path, how in one_request.COUNTED.items()}
     tables = [
         table(f"Ratios: medians of {rounds} rounds, with their middle halves", ["CPU", "wall", "peak memory"],
               ratio_rows(costs)),

@@ -27,10 +27,6 @@ def count_instructions(environment):
     return {"own": sum(map(int, own)), "with libraries": int(total[1])}
 
 
-def measure_instructions():
-    return {path: count_instructions(environment) for path, environment in COUNTED.items()}
-
-
 def instruction_rows(counts):
     """Against those that are kept."""
     kept = json.loads(INSTRUCTIONS.read_text())

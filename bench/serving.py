@@ -25,7 +25,7 @@ def first_byte_row():
 
 
 def under_load(clients, seconds=5):
-    """What wrk says of so many clients: requests in a second, the latencies of the half and of 99 %, failures."""
+    """What wrk measures with so many clients: requests in a second, the latencies of the half and of 99 %, failures."""
     said = told("wrk", "--threads", "1", "--connections", str(clients), "--duration", f"{seconds}s", "--timeout", "30s",
                 "--latency", ADDRESS)
     rate = float(re.search(r"Requests/sec:\s+([\d.]+)", said)[1])

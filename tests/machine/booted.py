@@ -125,6 +125,8 @@ def test_page_settings_file_and_log_are_as_they_must_be(device):
     before = device.expect(f"wc -l <{LOG}")
     status, page = device.get("/setobdconf.cgi?CanDetectTimeout=750")
     assert status == 200
+    # And not a word of the Java VM's.
+    assert page.startswith("\n<!DOCTYPE HTML") and page.endswith("</html>\n"), page
     assert "<p>Set CanDetectTimeout to 750 ms.\n</p>Set new option was successful.<br />\n" in page
     assert device.read(SETTINGS) == settings_with(750)
     lines = device.expect(f"tail -n +{int(before) + 1} {LOG}").splitlines()

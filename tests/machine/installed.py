@@ -73,8 +73,7 @@ Environment=PS1= TERM=dumb HISTFILE=
 [Install]
 WantedBy=multi-user.target
 """,
-    "/etc/systemd/network/card.network":
-        "[Match]\nName=en* eth*\n[Network]\nAddress=10.0.2.15/24\nGateway=10.0.2.2\n",
+    "/etc/systemd/network/card.network": "[Match]\nName=en* eth*\n[Network]\nAddress=10.0.2.15/24\nGateway=10.0.2.2\n",
     "/etc/fstab": "/dev/vda / ext4 defaults 0 1\n",
     "/root/obd.conf": booted.SHIPPED_SETTINGS,
 }
@@ -167,7 +166,7 @@ def boot_id(device):
     return device.read("/proc/sys/kernel/random/boot_id")
 
 
-def expect_content(device):
+def expect_no_fault(device):
     device.run(CLASS_ARCHIVE)
     assert "WRONG" not in device.expect("vemo-web-check")
 
@@ -183,7 +182,7 @@ def expect_no_reboot(device):
     status, page = device.ask("POST", browser.REBOOT, "", FORM)
     assert status == 200
     assert "The device does not reboot: this web interface is not allowed to reboot it." in page
-    # No installation starts what reboots, nor a slip.
+    # Neither an installation nor a mistake starts what reboots.
     status, output = device.run("systemctl start vemo-web-reboot.service")
     assert status != 0, output
     assert boot_id(device) == boot
@@ -206,12 +205,11 @@ def test_as_installed_the_service_runs_and_the_device_is_not_rebooted(device):
                            "systemctl is-active vemo-web-reboot.socket; ls /run/vemo-web-reboot")
     assert re.match(r"disabled\nstatic\ninactive\nls: ", output), output
     expect_no_reboot(device)
-    expect_content(device)
+    expect_no_fault(device)
 
 
 def test_one_client_does_not_get_all_connections(device):
-    """The emulator takes them all, and closes those that the machine refuses it. One of an earlier test's may
-    still be counted."""
+    """The emulator takes them all, and closes those that the machine refuses. An earlier test's may still count."""
     clients, is_over = [], threading.Event()
 
     def left():
@@ -268,7 +266,7 @@ def test_the_class_archive_is_made_beside_the_service_which_does_not_wait(device
         assert re.fullmatch(r"(net:\S+)\n(?!\1)net:\S+\n", output), output
     finally:
         device.run(f"exec 8<&-; rm -f /tmp/new; {CLASS_ARCHIVE}")
-    expect_content(device)
+    expect_no_fault(device)
 
 
 def test_a_class_archive_that_cannot_be_made_is_reported_with_the_reason(device):
@@ -279,7 +277,7 @@ def test_a_class_archive_that_cannot_be_made_is_reported_with_the_reason(device)
         assert "systemctl" not in output
     finally:
         device.run(f"cp /root/java.options {options}")
-    expect_content(device)
+    expect_no_fault(device)
 
 
 def test_a_stop_refuses_at_once(device):
@@ -331,7 +329,7 @@ def test_rotations_restarts_and_upgrades_refuse_and_lose_no_request(device):
     assert counts.total() > 2 * TIMES
     assert logged == {STORED: counts["stored"], ASKED: counts["asked"]}
     assert device.read(SETTINGS) in map(booted.settings_with, last.values())
-    expect_content(device)
+    expect_no_fault(device)
 
 
 @pytest.mark.parametrize("name, value", [("lighttpd", 800), ("apache2", 801), ("nginx", 802)])
@@ -351,7 +349,7 @@ def test_each_web_server_serves_as_confined(device, name, value):
         assert "Set new option was successful." in output
         assert device.read(SETTINGS) == booted.settings_with(value)
         assert [line.split()[6] for line in device.read(LOG).splitlines()] == STORED.split()
-        expect_content(device)
+        expect_no_fault(device)
 
         for file in ("web-server.conf", *([f"web-servers/{name}.conf"] if name != "lighttpd" else [])):
             own = f"/root/{pathlib.PurePath(file).name}"
@@ -374,7 +372,7 @@ def expect_found(device, word, what, command, before=":"):
     assert status == int(word == "WRONG")
     device.run(f"{before}; {found[0][2]}")
     device.wait_for_page()
-    expect_content(device)
+    expect_no_fault(device)
     return output
 
 
@@ -495,7 +493,7 @@ def test_purged_with_what_they_depend_on_and_installed_once_more(device):
     assert device.run(started) == before
     device.expect(f"sed -i '0,/127.0.0.1/s//0.0.0.0/' {WEB_SERVER}; systemctl restart vemo-web")
     device.wait_for_page()
-    expect_content(device)
+    expect_no_fault(device)
 
 
 def test_where_it_is_allowed_the_device_reboots(device, technician):
@@ -524,7 +522,7 @@ def test_where_it_is_allowed_the_device_reboots(device, technician):
     assert device.read(SETTINGS) == booted.settings_with(760)
     output = device.expect("dmesg | grep EXT4-fs")
     assert "recover" not in output
-    expect_content(device)
+    expect_no_fault(device)
     technician.open(browser.REBOOT)
     assert "Reboot the device to activate new settings?" in technician.text()
     device.run("systemctl disable --now vemo-web-reboot.socket")
@@ -549,4 +547,4 @@ def test_nothing_is_lost_when_the_power_is_cut(device):
     # The last that was answered, or the one that was under way.
     assert device.read(SETTINGS) in [booted.settings_with(answered[-1] + more) for more in (0, 1)]
     assert [line for line in device.read(LOG).splitlines() if not LOG_LINE.match(line)] == []
-    expect_content(device)
+    expect_no_fault(device)
