@@ -46,9 +46,13 @@ CONTRAST_OPTIONS = {
 BENCH = "Test bench 3"
 
 
-def opened(path, text=""):
+def reached(path, text="", button=None, meanwhile=contextlib.nullcontext):
+    """The page, or what it shows when its button was pressed, meanwhile."""
     def show(visitor):
-        visitor.open(path)
+        if button:
+            visitor.open(path)
+        with meanwhile():
+            (visitor.press if button else visitor.open)(button or path)
         assert text in visitor.text()
 
     return show
@@ -84,29 +88,15 @@ def without_orders():
         aside.rename(device.ORDERS)
 
 
-def show_not_allowed(visitor):
-    with without_orders():
-        opened(REBOOT, "This web interface is not allowed")(visitor)
-
-
-def show_refused_reboot(visitor):
-    """It was allowed when the page asked."""
-    visitor.open(REBOOT)
-    with without_orders():
-        visitor.press("Reboot")
-    assert "The device does not reboot" in visitor.text()
-
-
-def show_ordered(visitor):
-    """Read by nobody who follows it."""
+@contextlib.contextmanager
+def followed_by_nobody():
+    """Who reads orders to reboot does not reboot."""
     with without_orders(), device.reading_orders():
-        visitor.open(REBOOT)
-        visitor.press("Reboot")
-    assert "The device reboots now." in visitor.text()
+        yield
 
 
 def show_not_yet(visitor):
-    opened(f"{REBOOT}?before={device.BOOT.read_text().strip()}", "has not rebooted yet")(visitor)
+    reached(f"{REBOOT}?before={device.BOOT.read_text().strip()}", "has not rebooted yet")(visitor)
 
 
 def show_held_back(visitor):
@@ -123,25 +113,25 @@ def show_classes(visitor):
 
 
 OWN = {
-    "home": opened(HOME),
+    "home": reached(HOME),
     "classes": show_classes,
-    **{f"refusal-{path[-8:-5]}": opened(path) for path in REFUSALS},
+    **{f"refusal-{path[-8:-5]}": reached(path) for path in REFUSALS},
 }
 FRAMED = {
     "device-information": show_free,
     "allocated": show_allocated,
     "allocation-refused": show_refused_allocation,
     "held-back": show_held_back,
-    "reboot": opened(REBOOT, "Reboot the device"),
-    "reboot-not-allowed": show_not_allowed,
-    "reboot-refused": show_refused_reboot,
-    "reboot-ordered": show_ordered,
+    "reboot": reached(REBOOT, "Reboot the device"),
+    "reboot-not-allowed": reached(REBOOT, "This web interface is not allowed", meanwhile=without_orders),
+    "reboot-refused": reached(REBOOT, "The device does not reboot", "Reboot", without_orders),
+    "reboot-ordered": reached(REBOOT, "The device reboots now.", "Reboot", followed_by_nobody),
     "reboot-not-yet": show_not_yet,
-    "reboot-back": opened(REBOOT + "?before=another", "it has rebooted"),
-    "reboot-not-known": opened(REBOOT + "?before=unknown", "is not known"),
-    "success": opened(success("500")),
-    "long-success": opened(success("5" * 300)),
-    "warning": opened(WARNING),
+    "reboot-back": reached(REBOOT + "?before=another", "it has rebooted"),
+    "reboot-not-known": reached(REBOOT + "?before=unknown", "is not known"),
+    "success": reached(success("500")),
+    "long-success": reached(success("5" * 300)),
+    "warning": reached(WARNING),
 }
 VIEWS = {**OWN, **FRAMED}
 
