@@ -152,7 +152,7 @@ class Soak:
 
     def __init__(self, processes, count):
         self.servers = {name: psutil.Process(process.pid) for name, process in zip(LOST, processes)}
-        self.memory = {name: [] for name in LOST}  # over time
+        self.memory = {name: [] for name in LOST}  # of its own, over time
         self.lock = threading.Lock()
         self.bad_pages = []
         self.bad_settings = []
@@ -200,7 +200,7 @@ class Soak:
         number, name, value = planned
         if number % (len(self.plan) // 40) == 0:
             for server, process in self.servers.items():
-                self.memory[server].append(process.memory_full_info().uss)
+                self.memory[server].append(sum(part.anonymous for part in process.memory_maps()))
         kind = KINDS[name]
         if name not in UNHEARD:
             self.sent.add(value)
