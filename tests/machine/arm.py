@@ -142,6 +142,6 @@ def test_the_programs_own_tests_pass(device, architecture):
     # They expect no address but the loopback's.
     device.run("kill $(pidof lighttpd) $(pidof nvm-service); ip link set eth0 down")
     said = device.expect(
-        f"{AS_USER} PYTHONPATH=/source/tests/support python3 -B -m pytest -p device_fixtures /source/tests/program "
-        f"-k 'not ({NOT_HERE}{DOZENS[architecture]})'", seconds=2 * booted.BOOT)
+        f"{AS_USER} PYTHONPATH=/source/tests/support python3 -B -m pytest --color=no -p device_fixtures "
+        f"/source/tests/program -k 'not ({NOT_HERE}{DOZENS[architecture]})'", seconds=2 * booted.BOOT)
     assert re.search("= [1-9][0-9]* passed", said), said
