@@ -5,10 +5,8 @@ import statistics
 import subprocess
 import typing
 
-SPAWN = "/build/bench/bench-spawn"
 SETTINGS = pathlib.Path("/app/tarn-belox/runvex/obd.conf")
 LOG = pathlib.Path("/tmp/cgi.log")
-SHIPPED_SETTINGS = pathlib.Path("/source/standin/obd.conf")
 
 
 class Cost(typing.NamedTuple):
@@ -29,7 +27,7 @@ def told(*command, **more):
 def spawn(command, environment, body="/dev/null", cpu=None):
     """Runs the command, on that processor core alone if one is named."""
     pinned = [] if cpu is None else ["/usr/bin/taskset", "--cpu-list", str(cpu)]
-    said = told(*pinned, SPAWN, body, *command, env=environment, stderr=subprocess.DEVNULL)
+    said = told(*pinned, "/build/bench/bench-spawn", body, *command, env=environment, stderr=subprocess.DEVNULL)
     cost = Cost(*map(int, said.split()))
     if cost.status != 0:
         raise SystemExit(f"bench: {command} ended with status {cost.status}")
@@ -43,7 +41,7 @@ def reset(is_on_disk=False):
     if is_on_disk:
         pathlib.Path("/tmp/settings").mkdir(exist_ok=True)
         SETTINGS.symlink_to("/tmp/settings/obd.conf")
-    SETTINGS.write_bytes(SHIPPED_SETTINGS.read_bytes())
+    SETTINGS.write_bytes(pathlib.Path("/source/standin/obd.conf").read_bytes())
     LOG.write_bytes(b"")
 
 

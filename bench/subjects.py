@@ -54,10 +54,8 @@ def shipped_options(name, *more, without=()):
 def realistic_class_path():
     """The class that reads some hundred properties, with its properties; in a folder."""
     folder = shutil.copytree("/build/bench/realistic", pathlib.Path("/tmp/realistic"))
-    lines = ["lan.address=192.0.2.1", "wlan.address=198.51.100.1"]
-    for number in range(600):
-        kind, value = ("limit", number * 37) if number % 2 else ("name", f"Value of parameter {number}")
-        lines.append(f"vemo.bus{number % 7}.parameter{number}.{kind}={value}")
+    lines = [f"vemo.bus{n % 7}.parameter{n}." + (f"limit={n * 37}" if n % 2 else f"name=Value of parameter {n}")
+             for n in range(600)]
     (folder / "vemo.properties").write_text("\n".join(lines) + "\n")
     return {"JAVA_CLASSPATH": str(folder)}
 

@@ -27,10 +27,7 @@ import pages  # noqa: E402
 import root  # noqa: E402
 
 WEB_SERVER = pathlib.Path("/usr/sbin/lighttpd")
-MODULES = pathlib.Path("/usr/lib/lighttpd")
 ERRORS = "/var/log/web-server"
-ARCHIVE = "/var/cache/vemo-web/archive"
-PROGRAM = "/usr/libexec/vemo-web/setobdconf.cgi"
 READY = "^ready$"
 # The service's own, as the packages make them.
 WRITTEN = ("app/tarn-belox/runvex", "run/vemo-web", "tmp", "var/cache/vemo-web")
@@ -46,8 +43,9 @@ INIT = f"""
 export PATH=/bin:/sbin:/usr/bin
 {booted.MOUNTS_AND_NETWORK}
 if [ "$task" = archive ]; then
-  su vemo-web -c "/usr/libexec/vemo-web/make-class-archive {PROGRAM} /etc/vemo-web/java.options \\
-    /usr/share/vemo-web/java {ARCHIVE}" && echo archive made
+  programs=/usr/libexec/vemo-web
+  su vemo-web -c "$programs/make-class-archive $programs/setobdconf.cgi /etc/vemo-web/java.options \\
+    /usr/share/vemo-web/java /var/cache/vemo-web/archive" && echo archive made
   rm -f {booted.LOG}
   sync
   poweroff -f
@@ -71,7 +69,7 @@ def filled_tree(build):
     runtime = build / "java-runtime"
     subprocess.run(["cp", "-a", runtime, tree.file("usr/lib/jvm/default-java")], check=True)
     modules = re.findall(r'"(mod_\w+)"', (SOURCE / "web/lighttpd/lighttpd.conf").read_text(encoding="utf-8"))
-    files = [WEB_SERVER, *filter(pathlib.Path.exists, (MODULES / f"{name}.so" for name in modules))]
+    files = [WEB_SERVER, *(file for file in pathlib.Path("/usr/lib/lighttpd").glob("*.so") if file.stem in modules)]
     needed = machine.libraries(*files, build / "setobdconf.cgi", *runtime.rglob("*.so"), runtime / "bin/java")
     files += [file for file in map(pathlib.Path, needed) if build not in file.parents and "/jvm/" not in str(file)]
     for file in files:

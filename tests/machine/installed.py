@@ -380,8 +380,7 @@ def expect_found(device, word, what, command, before=":"):
     ("systemctl stop vemo-web", "WRONG", "service", "systemctl start vemo-web"),
     ("systemctl disable vemo-web", "risky", "service", "systemctl enable vemo-web"),
     ("systemctl stop vemo-web-nvm", "WRONG", "nVm service", "systemctl start vemo-web-nvm"),
-    ("nft delete table inet vemo_web", "WRONG", "connections",
-     "apt-get install nftables; systemctl restart vemo-web"),
+    ("nft delete table inet vemo_web", "WRONG", "connections", "apt-get install nftables; systemctl restart vemo-web"),
     ("systemctl unmask lighttpd; systemctl enable --now lighttpd", "risky", "port 80",
      "systemctl disable --now lighttpd"),
     (f"chmod 0640 {LOG}", "WRONG", "log", "systemctl restart vemo-web")])

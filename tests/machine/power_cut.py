@@ -39,7 +39,6 @@ from write_log import SECTOR, WriteLog
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 FILE_SYSTEM_MIB = 24
 MARK = FILE_SYSTEM_MIB << 20  # where on the disk the machine reports which store is done
-RESULT_MIB = 32
 DISKS_PER_MACHINE = 24
 PROGRAM = "/setobdconf.cgi"
 OWNER, OTHER, GROUP = 1000, 1001, 1002
@@ -232,7 +231,7 @@ class Laboratory:
         """Mounts the disks in a machine, which replays their journals: each with its file."""
         result = self.folder / "result"
         result.touch()
-        os.truncate(result, RESULT_MIB << 20)
+        os.truncate(result, 32 << 20)
         disks = [argument for path in (*(cut.path for cut in cuts), result) for argument in disk(path)]
         with self.machine(disks, task="read") as machine:
             console = machine.wait_until_off(LIMIT)
