@@ -363,7 +363,8 @@ class TestUnanswered:
 
     # At a terminal debconf may ask, too.
     TERMINAL = ("env", "--unset=DEBIAN_FRONTEND", "TERM=dumb", "bash", "-c",
-                'exec < <(exec sleep infinity); script --quiet --return --command "${*@Q}" /dev/null; exit $?', "bash")
+                'exec < <(exec sleep infinity 2>&-); script --quiet --return --command "${*@Q}" /dev/null; exit $?',
+                "bash")
     NO_INPUT = ("sh", "-c", 'exec "$@" <&-', "sh")
 
     @pytest.mark.parametrize("way", [TERMINAL, NO_INPUT], ids=["at a terminal", "without input"])
