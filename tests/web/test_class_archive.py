@@ -107,37 +107,25 @@ def expect_made_anew(prepare=None, stdin=subprocess.DEVNULL):
 
 @pytest.fixture(scope="module")
 def made():
-    """What the archive's record knows of files: size, time and inode; and their text."""
     device.reset()
     copy_vm()
     shutil.copy("/srv/vemo/java.options", OPTIONS)
     SETTINGS.unlink()
     assert make() == DONE
     assert not SETTINGS.exists(), "making it stored something"
-    KEPT.mkdir()
-    for file in FOLDER.iterdir():
-        os.link(file, KEPT / file.name)
-    texts = {file: file.read_bytes() for file in (*KEPT.iterdir(), OPTIONS)}
-    return texts, {file: file.stat() for file in (*texts, LIBRARY)}
+    shutil.copytree(FOLDER, KEPT)
 
 
 @pytest.fixture(autouse=True)
 def archive(made):
     """There, and fitting."""
-    texts, stats = made
     device.reset()
+    shutil.copy("/srv/vemo/java.options", OPTIONS)
     if LIBRARY_ASIDE.exists():
         LIBRARY_ASIDE.rename(LIBRARY)
-    for file, status in stats.items():
-        file.chmod(0o600)
-        if file in texts and file.read_bytes() != texts[file]:
-            file.write_bytes(texts[file])
-        file.chmod(status.st_mode)
-        os.utime(file, ns=(status.st_atime_ns, status.st_mtime_ns))
     shutil.rmtree(FOLDER, ignore_errors=True)
-    FOLDER.mkdir(mode=0o700)
-    for file in KEPT.iterdir():
-        os.link(file, FOLDER / file.name)
+    shutil.copytree(KEPT, FOLDER)
+    assert run([TOOL, "record", FOLDER, OPTIONS, PROGRAM, LIBRARY, VM / "lib/modules"], REQUEST) == DONE
 
 
 # --- Used
