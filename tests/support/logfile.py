@@ -38,6 +38,17 @@ def lines(text):
     return [statement.summary() if (statement := parse(line)) else line for line in text.split("\n")[:-1]]
 
 
+def statements(text):
+    """The process and summary of each, with the lines that follow it. What stands before the first has no process."""
+    found = [("", "")]
+    for line in text.split("\n")[:-1]:
+        if statement := parse(line):
+            found.append((statement.process, f"{statement.summary()}\n"))
+        else:
+            found[-1] = (found[-1][0], f"{found[-1][1]}{line}\n")
+    return found if found[0][1] else found[1:]
+
+
 def foreign_lines(text):
     """The lines that no statement wrote: the Java VM's."""
     return [line for line in text.split("\n")[:-1] if not parse(line)]

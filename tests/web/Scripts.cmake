@@ -59,8 +59,7 @@ add_web_test(browser_journey TESTS ${journey})
 add_web_test(browser_journey.network NETWORK TESTS ways
   journey::test_the_keyboard_alone_sets_the_timeout journey::test_the_warning_leads_back_to_the_form
   ARGUMENTS -k "not reboot and not console")
-add_web_test(browser_journey.tls NETWORK
-  TESTS ways::test_a_reload_of_the_success_stores_the_value_again ARGUMENTS --tls --password)
+add_web_test(browser_journey.tls NETWORK TESTS ways ARGUMENTS --tls --password -k reload)
 add_web_test(browser_journey.tls.long NETWORK TESTS journey ways ARGUMENTS --tls --password)
 list(APPEND long browser_journey.tls.long)
 add_web_test(accessibility TESTS accessibility)

@@ -3,10 +3,8 @@ with Debian's own Python."""
 
 import contextlib
 import shutil
-import subprocess
 import tempfile
 import urllib.parse
-import urllib.request
 
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
@@ -47,30 +45,6 @@ def root():
     return f"http{'s' * (TLS in device.PARTS)}://{device.HOST}:{PORT}"
 
 
-def order_of(owner, function):
-    """Another client of the nVm service's."""
-    packet = ("<wddxPacket version='1.0'><header/><data><struct><var name='DeviceOwner'><string>" + owner +
-              "</string></var><var name='IfhClientIpAddr'><string>0</string></var></struct></data></wddxPacket>")
-    address = f"http://127.0.0.1:5302/nVm?FunctionName={function}"
-    request = urllib.request.Request(address, packet.encode(), method="GET")
-    urllib.request.urlopen(request, timeout=device.LIMIT).close()
-
-
-def own_certificate():
-    """For Chromium, which takes it in spite of who made it."""
-    key = subprocess.run(f"openssl x509 -in /tmp/web_{PORT}/etc/certificate.pem -noout -pubkey | openssl pkey -pubin"
-                         " -outform der | openssl dgst -sha256 -binary | base64", shell=True, check=True,
-                         stdout=subprocess.PIPE, text=True)
-    return f"--ignore-certificate-errors-spki-list={key.stdout.strip()}"
-
-
-def log_in(driver):
-    """From here on the browser knows name and password and sends them unasked."""
-    secret = urllib.parse.quote(device.SECRET)
-    # A page that no browser keeps: it has to ask for it, and is asked.
-    driver.get("{0}://{2}:{3}@{1}{4}".format(*root().split("://"), device.USER, secret, FORM))
-
-
 @contextlib.contextmanager
 def running_browser(without=(), page_load_strategy="normal", preferences=None, limit=device.LIMIT):
     """`without` names arguments of Chromium's that are left out."""
@@ -90,7 +64,7 @@ def running_browser(without=(), page_load_strategy="normal", preferences=None, l
         "--disable-sync",
         "--disable-dev-shm-usage",
         f"--user-data-dir={profile}",
-        *([own_certificate()] if TLS in device.PARTS else []),
+        *(["--ignore-certificate-errors"] if TLS in device.PARTS else []),  # who made it
     ):
         if argument not in without:
             options.add_argument(argument)
@@ -102,7 +76,9 @@ def running_browser(without=(), page_load_strategy="normal", preferences=None, l
         driver.set_page_load_timeout(limit)
         driver.set_script_timeout(limit)
         if PASSWORD in device.PARTS:
-            log_in(driver)
+            # A page that no browser keeps: it is asked for name and password here, and sends them unasked from then on.
+            secret = urllib.parse.quote(device.SECRET)
+            driver.get("{0}://{2}:{3}@{1}{4}".format(*root().split("://"), device.USER, secret, FORM))
         yield driver
     finally:
         driver.quit()

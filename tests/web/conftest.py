@@ -9,7 +9,8 @@ import sys
 
 import pytest
 
-sys.path += [str(pathlib.Path(__file__).parent), str(pathlib.Path(__file__).parents[1] / "docs")]
+TESTS = pathlib.Path(__file__).parents[1]
+sys.path += [str(TESTS / folder) for folder in ("web", "docs", "support")]
 
 import device  # noqa: E402
 import server  # noqa: E402

@@ -6,6 +6,7 @@ import contextlib
 import math
 import subprocess
 
+import nvm
 import pytest
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
@@ -58,10 +59,15 @@ def reached(path, text="", button=None, meanwhile=contextlib.nullcontext):
     return show
 
 
+def order_of(owner, function):
+    """Another client of the nVm service's."""
+    nvm.exchange(nvm.request(function, nvm.owner_packet(owner)))
+
+
 def show_free(visitor):
     device.write_shipped_settings()
     for owner in ("VEMO_WEB", BENCH):
-        browser.order_of(owner, "nvmReleaseDevice")
+        order_of(owner, nvm.RELEASE)
     visitor.open(FORM)
 
 
@@ -73,7 +79,7 @@ def show_allocated(visitor):
 def show_refused_allocation(visitor):
     """Another client was quicker."""
     show_free(visitor)
-    browser.order_of(BENCH, "nvmAllocateDevice")
+    order_of(BENCH, nvm.ALLOCATE)
     visitor.press("Allocate")
 
 

@@ -18,23 +18,18 @@ from table import row
 ABORTS = post(SET_OPTION, part("X: y"), kind=MULTIPART)  # the program, within its page
 
 
-def log_of_success(server):
-    return ["DEBUG src/SetObdConf 30 main\n",
-            "DEBUG src/JavaVmWrapper 73 OpenJavaVM\n",
-            f"DEBUG src/JavaVmWrapper 81 JAVA_OPTIONS: -XX:VMOptionsFile={server.settings}/java.options\n",
-            "DEBUG src/JavaVmWrapper 99 JAVA_CLASSPATH:/srv/vemo/java\n",
-            "DEBUG src/JavaVmWrapper 155 ChangeStdErr\n"]
-
-
 def expect_stored(server, sent, value):
     answer = server.ask(sent)
     # Before the program runs again.
-    settings, log = SETTINGS.read_text(), logfile.statements(device.LOG.read_text())
+    settings, log = SETTINGS.read_text(), logfile.lines(device.LOG.read_text())
     assert (answer.status, answer.headers["content-type"]) == (200, "text/html")
     assert answer.body.decode("latin-1") == run_program(FIELD + urllib.parse.quote(value)).decode("latin-1")
     assert f"<p>Set CanDetectTimeout to {value} ms.".encode() in answer.body
     assert settings == settings_with(value)
-    assert [text for _, text in log] == log_of_success(server)
+    assert log == ["DEBUG src/SetObdConf 30 main", "DEBUG src/JavaVmWrapper 73 OpenJavaVM",
+                   f"DEBUG src/JavaVmWrapper 81 JAVA_OPTIONS: -XX:VMOptionsFile={server.settings}/java.options",
+                   "DEBUG src/JavaVmWrapper 99 JAVA_CLASSPATH:/srv/vemo/java",
+                   "DEBUG src/JavaVmWrapper 155 ChangeStdErr"]
 
 
 @pytest.mark.parametrize("sent, value", [

@@ -19,17 +19,11 @@ def expect_success(technician, value):
 
 # --- Ways to a change
 
-@pytest.mark.parametrize("send", [browser.Technician.post, lambda technician, value: technician.open(success(value))],
-                         ids=["post", "address"])
-def test_a_reload_of_the_success_stores_the_value_again(technician, send):
-    send(technician, "500")
+def test_a_reload_of_the_success_stores_the_value_again_and_back_leads_to_the_form(technician):
+    technician.post("500")
     technician.write_shipped_settings()
     technician.leave(technician.driver.refresh)
     expect_success(technician, "500")
-
-
-def test_the_browsers_own_back_leads_to_the_form(technician):
-    technician.post("502")
     technician.leave(technician.driver.back)
     technician.enter("503")
     technician.press("Set")
@@ -54,7 +48,6 @@ def test_a_typed_address_stores_its_value_on_loopback_alone(technician):
 # --- The reboot
 
 def order(technician):
-    technician.open(REBOOT)
     assert "Reboot the device to activate new settings?" in technician.text()
     technician.press("Reboot")
     assert technician.title == TITLES["Reboot"]
@@ -64,6 +57,7 @@ def order(technician):
 
 def test_a_new_value_is_there_when_the_page_reports_the_reboot(technician):
     technician.post("500")
+    technician.follow("reboot")
     order(technician)
     technician.wait_until(lambda: "The device is back: it has rebooted." in technician.driver.page_source,
                           "the page does not report it")
@@ -78,6 +72,7 @@ def test_without_scripts_a_link_shows_the_reboot(technician):
 
     with browser.running_browser(preferences=NO_SCRIPTS) as driver:
         plain = browser.Technician(driver, technician.root)
+        plain.open(REBOOT)
         order(plain)
         plain.follow("Is it back?")
         assert "The device has not rebooted yet." in plain.text()
