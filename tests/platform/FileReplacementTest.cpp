@@ -1,44 +1,79 @@
-// The file that nobody else uses. Its modes, a full disk, and each call that fails, are tests of
-// the whole program.
+// The settings file, alone and while others use it: no texts are mixed, what is kept of a file that
+// is replaced, and what killed processes left behind. Modes, a full disk, leases, and each call
+// that fails, are tests of the whole program.
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
-#include <cstdint>
+#include <atomic>
+#include <future>
+#include <thread>
 
-#include "FileTest.h"
+#include "FileReplacement.h"
+#include "Files.h"
 #include "Sandbox.h"
-#include "SmallDisk.h"
 
 namespace {
 
+using file_replacement::ReadFile;
+using file_replacement::ReadResult;
+using file_replacement::ReplaceFile;
 using std::string_literals::operator""s;
-using testing::ElementsAre;
+
+namespace fs = std::filesystem;
+
+const std::string OLD = "the old content\n";
+const std::string NEW = "the new content, which is longer\n";
+
+std::vector<std::string> Names(const fs::path& folder) {
+  std::vector<std::string> names;
+  for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
+    names.push_back(entry.path().filename());
+  }
+  return names;
+}
+
+// Every test leaves behind no temporary file and no open descriptor.
+class FileTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    fs::create_directories(folder);
+    fs::create_directories(elsewhere);
+  }
+  void TearDown() override {
+    AllowNewFiles(true);
+    for (const fs::path& one : {folder, elsewhere}) {
+      EXPECT_THAT(Names(one), testing::Each(testing::Not(testing::EndsWith(".tmp"))));
+      fs::remove_all(one);
+    }
+    EXPECT_EQ(OpenDescriptors(), descriptors);
+  }
+
+  // Without new files in the folder, the file is rewritten in place.
+  void AllowNewFiles(bool isAllowed) const {
+    fs::permissions(folder, fs::perms(isAllowed ? 0755 : 0555));
+  }
+
+  struct stat Status() const {
+    struct stat status {};
+    EXPECT_EQ(stat(path.c_str(), &status), 0);
+    return status;
+  }
+
+  const std::ptrdiff_t descriptors = OpenDescriptors();
+  const fs::path folder = "/tmp/replaced";
+  const fs::path elsewhere = "/tmp/elsewhere";
+  const fs::path path = folder / "file";
+};
 
 using FileReplacement = FileTest;
-
-// A text that needs room of its own on every file system.
-std::string OfLength(std::size_t length) {
-  std::string text;
-  while (text.size() < length) {
-    text += std::to_string(text.size()) + "\n";
-  }
-  text.resize(length);
-  return text;
-}
-
-TEST_F(FileReplacement, MakesAMissingFileWithTheModeOfTheUmask) {
-  for (const int mask : {022, 027, 0}) {
-    const mode_t before = umask(static_cast<mode_t>(mask));
-    EXPECT_TRUE(ReplaceFile(path, NEW));
-    umask(before);
-    EXPECT_EQ(ReadText(path), NEW);
-    EXPECT_EQ(Status().st_mode & 07777, 0666u & ~static_cast<unsigned>(mask));
-    fs::remove(path);
-  }
-}
 
 // A file system gives a time of no 32 bits, and with it, where they were too few, no answer at all.
 TEST_F(FileReplacement, ReplacesAFileDatedAfter2038) {
@@ -85,22 +120,16 @@ TEST_F(FileReplacement, FollowsAChainOfAbsoluteAndRelativeLinks) {
   EXPECT_EQ(ReadText(elsewhere / "target"), NEW);
 }
 
-TEST_F(FileReplacement, FollowsAsManyLinksAsTheSystemDoes) {
-  WriteText(folder / "link0", OLD);
+TEST_F(FileReplacement, FollowsAsManyLinksAsTheSystemDoesAndMakesTheirMissingTarget) {
   for (int i = 1; i <= 41; ++i) {
     fs::create_symlink("link" + std::to_string(i - 1), folder / ("link" + std::to_string(i)));
   }
-  EXPECT_TRUE(ReplaceFile(folder / "link40", NEW));
-  EXPECT_EQ(ReadText(folder / "link0"), NEW);
+  for (const std::string& text : {OLD, NEW}) {
+    EXPECT_TRUE(ReplaceFile(folder / "link40", text));
+    EXPECT_EQ(ReadText(folder / "link0"), text);
+  }
   EXPECT_FALSE(ReplaceFile(folder / "link41", OLD));
   EXPECT_EQ(ReadText(folder / "link0"), NEW);
-}
-
-TEST_F(FileReplacement, MakesTheMissingTargetOfALink) {
-  fs::create_symlink("../elsewhere/target", path);
-  EXPECT_TRUE(ReplaceFile(path, NEW));
-  EXPECT_TRUE(fs::is_symlink(path));
-  EXPECT_EQ(ReadText(elsewhere / "target"), NEW);
 }
 
 TEST_F(FileReplacement, RefusesWhatIsNoFileAndLeavesItAsItIs) {
@@ -120,55 +149,20 @@ TEST_F(FileReplacement, RefusesWhatIsNoFileAndLeavesItAsItIs) {
   }
 }
 
-TEST_F(FileReplacement, RefusesWhatLiesBelowAFileOrInAFolderThatMayNotBeSearched) {
+TEST_F(FileReplacement, NeedsAFolderThatIsOneAndThatMayBeSearchedOrAFileThatMayBeReadAndWritten) {
   WriteText(path, OLD);
+  for (const int mode : {0, 0200, 0400}) {
+    AllowNewFiles(false);
+    fs::permissions(path, fs::perms(mode));
+    EXPECT_FALSE(ReplaceFile(path, NEW));
+  }
+  EXPECT_FALSE(ReplaceFile(folder / "missing", NEW));
+  fs::permissions(path, fs::perms(0600));
   EXPECT_FALSE(ReplaceFile(path / "below", NEW));
   fs::permissions(folder, fs::perms(0600));
   EXPECT_FALSE(ReplaceFile(path, NEW));
   AllowNewFiles(true);
   EXPECT_EQ(ReadText(path), OLD);
-}
-
-// ---- Where the folder takes no temporary file
-
-using RewritingInPlace = FileTest;
-
-TEST_F(RewritingInPlace, ReplacesTheContentByALongerAShorterAndOneOfTheSameLength) {
-  WriteText(path, OLD);
-  AllowNewFiles(false);
-  const ino_t number = Status().st_ino;
-  for (const std::string& text :
-       {NEW, ""s, NEW, OfLength(300000), NEW, OLD, OfLength(OLD.size())}) {
-    EXPECT_TRUE(ReplaceFile(path, text));
-    EXPECT_EQ(ReadText(path), text);
-    EXPECT_EQ(Status().st_ino, number) << "still the same file";
-  }
-}
-
-TEST_F(RewritingInPlace, NeedsAFileThatIsThereAndMayBeReadAndWritten) {
-  WriteText(path, OLD);
-  AllowNewFiles(false);
-  EXPECT_FALSE(ReplaceFile(folder / "missing", NEW));
-  for (const int mode : {0, 0200, 0400}) {
-    fs::permissions(path, fs::perms(mode));
-    EXPECT_FALSE(ReplaceFile(path, NEW));
-  }
-  fs::permissions(path, fs::perms(0600));
-  EXPECT_EQ(ReadText(path), OLD);
-  EXPECT_THAT(Names(folder), ElementsAre("file"));
-}
-
-TEST_F(RewritingInPlace, OnAFullDiskLeavesTheOldContentOrShortensIt) {
-  SKIP_WHERE_TRACED(SmallDisk::NEED);
-  SmallDisk disk;
-  const fs::path file = disk.Path() / "file";
-  WriteText(file, NEW);
-  disk.Fill();
-  fs::permissions(disk.Path(), fs::perms(0555));
-  EXPECT_FALSE(ReplaceFile(file, OfLength(20000)));
-  EXPECT_EQ(ReadText(file), NEW);
-  EXPECT_TRUE(ReplaceFile(file, OLD));
-  EXPECT_EQ(ReadText(file), OLD);
 }
 
 // ---- Reading
@@ -183,8 +177,8 @@ class FileReading : public FileTest {
 };
 
 TEST_F(FileReading, GivesTheWholeText) {
-  for (const std::string& content : {""s, OLD, "a\0b\r\n"s, OfLength(65535), OfLength(65536),
-                                     OfLength(65537), OfLength(1000000)}) {
+  for (const std::string& content : {""s, "a\0b\r\n"s, std::string(65535, 'x'),
+                                     std::string(65536, 'x'), std::string(1000000, 'x')}) {
     WriteText(path, content);
     EXPECT_EQ(Read(path), ReadResult::kRead);
     EXPECT_EQ(text, content);
@@ -223,6 +217,185 @@ TEST_F(FileReading, TellsAMissingFileFromWhatIsNoRegularFileThatMayBeRead) {
   }
   fs::permissions(folder, fs::perms(0600));
   EXPECT_EQ(Read(folder / "missing"), ReadResult::kUnreadable) << "the folder is not searched";
+}
+
+// ---- While others use the file
+
+class FileSharing : public FileTest {
+ protected:
+  void SetUp() override {
+    FileTest::SetUp();
+    WriteText(path, OLD);
+  }
+
+  std::string Read() const {
+    std::string text;
+    EXPECT_EQ(ReadFile(path, text), ReadResult::kRead);
+    return text;
+  }
+};
+
+// ---- Rewriting in place
+
+// Texts of several lengths, each of one letter: a mix shows.
+TEST_F(FileSharing, ManyRewritersLeaveTheTextOfOneOfThem) {
+  AllowNewFiles(false);
+  const std::vector<std::string> texts = {std::string(1000, 'a'), std::string(51000, 'b'),
+                                          std::string(101000, 'c'), std::string(151000, 'd')};
+  for (int round = 0; round < 200; ++round) {
+    std::vector<std::future<bool>> results;
+    for (const std::string& text : texts) {
+      results.push_back(std::async(std::launch::async, ReplaceFile, path, text));
+    }
+    for (std::future<bool>& result : results) {
+      EXPECT_TRUE(result.get());
+    }
+    ASSERT_THAT(texts, testing::Contains(ReadText(path)));
+  }
+}
+
+// Between the writing of a shorter text and the cutting of the length stands a mix of both. On a
+// busy machine a rewriter may be kept from going on for longer than a reader waits, now and then.
+TEST_F(FileSharing, AReaderWaitsUntilTheFileHasSettled) {
+  AllowNewFiles(false);
+  constexpr int ROUNDS = 20;
+  constexpr int TOUCHES = 10;
+  int whole = 0;
+  for (int round = 0; round < ROUNDS; ++round) {
+    WriteText(path, NEW + OLD);
+    std::promise<void> begun;
+    auto text = std::async(std::launch::async, [&] {
+      begun.set_value();
+      return Read();
+    });
+    begun.get_future().wait();
+    for (int touch = 0; touch < TOUCHES; ++touch) {
+      utimensat(AT_FDCWD, path.c_str(), nullptr, 0);
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    fs::resize_file(path, NEW.size());
+    whole += text.get() == NEW;
+  }
+  EXPECT_GE(whole, ROUNDS / 2);
+}
+
+TEST_F(FileSharing, AFileThatNeverSettlesIsReadAllTheSame) {
+  AllowNewFiles(false);
+  std::atomic<bool> isRead = false;
+  auto toucher = std::async(std::launch::async, [&] {
+    while (!isRead) {
+      utimensat(AT_FDCWD, path.c_str(), nullptr, 0);
+    }
+  });
+  const std::string text = Read();
+  isRead = true;
+  toucher.get();
+  EXPECT_EQ(text, OLD);
+}
+
+// ---- Temporary files that killed processes left
+
+// The number of a process that has ended.
+std::string EndedProcess() {
+  const pid_t process = fork();
+  if (process == 0) {
+    _exit(0);
+  }
+  waitpid(process, nullptr, 0);
+  return std::to_string(process);
+}
+
+TEST_F(FileSharing, LeftoversOfEndedProcessesAreRemovedAndNothingElse) {
+  const std::string process = EndedProcess();
+  fs::create_directory(folder / (".ini-" + process + "-1.tmp"));
+  fs::create_symlink("file", folder / (".ini-" + process + "-2.tmp"));
+  for (const std::string& other : {
+           ".ini-a-0.tmp"s,
+           ".ini-" + process + "-0.tmp~",
+           "ini-" + process + "-0.tmp",
+           ".ini-" + process + "-0",
+           ".ini- " + process + "-+2.tmp",
+           ".ini-" + process + ".tmp",
+           ".ini--.tmp"s,
+           ".ini-9999999999-0.tmp"s,
+           ".ini-" + std::to_string(getpid()) + "-0.tmp",
+           // The first process of the sandbox may not be signalled by us everywhere, and lives.
+           ".ini-1-0.tmp"s,
+       }) {
+    WriteText(folder / other, "another's");
+  }
+  const std::vector<std::string> others = Names(folder);
+  WriteText(folder / (".ini-" + process + "-0.tmp"), "left");
+  WriteText(folder / (".ini-" + process + "-17.tmp"), "left");
+  fs::permissions(folder / (".ini-" + process + "-17.tmp"), fs::perms(0444));
+  EXPECT_TRUE(ReplaceFile(path, NEW));
+  EXPECT_EQ(ReadText(path), NEW);
+  EXPECT_THAT(Names(folder), testing::UnorderedElementsAreArray(others));
+  fs::remove_all(folder);
+  fs::create_directory(folder);
+}
+
+// ---- Access control lists
+
+// A list that gives the user 1000, who runs the tests, the right to read by name; owner, group and
+// mask as usual. The layout is the kernel's: a version, then a tag, rights and a number for each.
+std::string AccessList(char mask) {
+  return "\2\0\0\0"
+         "\x01\0\6\0\xff\xff\xff\xff"
+         "\x02\0\4\0\xe8\x03\0\0"
+         "\x04\0\0\0\xff\xff\xff\xff"
+         "\x10\0"s +
+         mask +
+         "\0\xff\xff\xff\xff"
+         "\x20\0\0\0\xff\xff\xff\xff"s;
+}
+
+class ListedFile : public FileSharing {
+ protected:
+  void SetUp() override {
+    FileSharing::SetUp();
+    SKIP_WHERE_TRACED("the file system of /tmp may know no access control lists");
+  }
+
+  void GiveTheFolderADefaultList() const {
+    SetAttribute(folder, "system.posix_acl_default", AccessList(7));
+  }
+
+  static void SetAttribute(const fs::path& path, const char* name, const std::string& value) {
+    ASSERT_EQ(setxattr(path.c_str(), name, value.data(), value.size(), 0), 0) << strerror(errno);
+  }
+
+  // Empty when there is none.
+  std::string List() const {
+    std::string value(4096, '\0');
+    const ssize_t size =
+        getxattr(path.c_str(), "system.posix_acl_access", value.data(), value.size());
+    return value.substr(0, size > 0 ? static_cast<std::size_t>(size) : 0);
+  }
+};
+
+TEST_F(ListedFile, GetsNoReadersFromTheFoldersDefaultList) {
+  fs::permissions(path, fs::perms(0640));
+  GiveTheFolderADefaultList();
+  EXPECT_TRUE(ReplaceFile(path, NEW));
+  EXPECT_EQ(List(), "");
+  EXPECT_EQ(fs::status(path).permissions(), fs::perms(0640));
+}
+
+TEST_F(ListedFile, KeepsItsOwnList) {
+  SetAttribute(path, "system.posix_acl_access", AccessList(5));
+  const std::string before = List();
+  const fs::perms permissions = fs::status(path).permissions();
+  EXPECT_TRUE(ReplaceFile(path, NEW));
+  EXPECT_EQ(List(), before);
+  EXPECT_EQ(fs::status(path).permissions(), permissions);
+}
+
+TEST_F(ListedFile, GetsTheFoldersDefaultListWhenItIsNew) {
+  fs::remove(path);
+  GiveTheFolderADefaultList();
+  EXPECT_TRUE(ReplaceFile(path, NEW));
+  EXPECT_NE(List(), "");
 }
 
 }  // namespace

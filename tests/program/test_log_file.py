@@ -1,6 +1,8 @@
 """How log lines are written, and that no refusal by the log file or by standard error ends a request, not even those
 that the kernel makes a signal or a wait of."""
 
+import concurrent.futures
+import fcntl
 import os
 import resource
 
@@ -112,6 +114,22 @@ def test_a_named_pipe_that_nobody_reads_is_reported_once(old_settings):
     os.mkfifo(LOG)
     expect_success(run(REQUEST.by("fake")), error="Can't open log file /tmp/cgi.log: No such device or address\n")
     program.expect_settings(NEW_SETTINGS)
+
+
+def test_no_line_is_lost_to_a_full_pipe():
+    os.mkfifo(LOG)
+    reader = os.open(LOG, os.O_RDONLY | os.O_NONBLOCK)
+    room = fcntl.fcntl(reader, fcntl.F_SETPIPE_SZ, 4096)
+    with concurrent.futures.ThreadPoolExecutor() as pool:
+        result = pool.submit(run, REQUEST.having(JAVA_OPTIONS=LONGEST_OPTION[:3 * room]).by("fake"))
+        with pytest.raises(concurrent.futures.TimeoutError):
+            result.result(0.2)
+        os.set_blocking(reader, True)  # from here on the writer is waited for
+        with open(reader) as pipe:
+            logged = pipe.read()
+        expect_success(result.result())
+    assert logged.count("\n") == len(SUCCESS_LINES)
+    assert LONGEST_OPTION[:3 * room] in logged
 
 
 def test_a_missing_class_is_described_on_standard_error(old_settings):

@@ -7,6 +7,7 @@ import fcntl
 import itertools
 import os
 import re
+import resource
 import shutil
 import signal
 import stat
@@ -105,10 +106,12 @@ def test_stays_a_link(tmp_path):
     assert os.listdir(tmp_path) == ["target"]
 
 
-def test_is_made_when_it_is_missing():
+@pytest.mark.parametrize("umask", (0o022, 0o027, 0), ids=oct)
+def test_is_made_when_it_is_missing(umask):
     SETTINGS.unlink()
-    expect_stores(request())
+    expect_success(run(request(), umask=umask))
     program.expect_settings(NEW_SETTINGS)
+    assert mode() == 0o666 & ~umask
 
 
 def test_is_not_made_when_its_folder_is_missing():
@@ -128,7 +131,18 @@ def test_stays_as_it_was_on_a_full_disk(small_disk):
     small_disk.chmod(0o555)
     expect_stores(request(20000 * "5"), 20000 * "5")
     assert read(SETTINGS) == OLD
+    expect_stores(request("5"), "5")
+    assert read(SETTINGS) == settings("5")
     assert sorted(os.listdir(small_disk)) == ["filler", "obd.conf"]
+
+
+@pytest.mark.parametrize("folder_mode", (0o755, 0o555), ids=("replaced", "rewritten"))
+def test_stays_as_it_was_at_the_limit_on_the_size_of_files(folder_mode):
+    FOLDER.chmod(folder_mode)
+    result = run(request(1000 * "5"), preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (300, 300)))
+    expect_success(result, 1000 * "5", "Can't write log file /tmp/cgi.log: File too large\n")
+    assert read(SETTINGS) == OLD
+    expect_no_other_file()
 
 
 def test_is_not_waited_for_when_it_is_a_named_pipe():
@@ -151,10 +165,17 @@ def test_of_absurd_size_stays_as_it_was():
     assert SETTINGS.stat().st_size == 1 << 40
 
 
-def test_is_waited_for_while_another_process_holds_a_lease_on_it():
+# A lease for reading is broken by a writer alone.
+@pytest.mark.parametrize("path, folder_mode, how, lease", (
+    pytest.param(SETTINGS, 0o755, "r+b", fcntl.F_WRLCK, id="read"),
+    pytest.param(SETTINGS, 0o555, "rb", fcntl.F_RDLCK, id="rewritten"),
+    pytest.param(program.LOG, 0o755, "r+b", fcntl.F_WRLCK, id="the log")))
+def test_is_waited_for_while_another_process_holds_a_lease_on_it(path, folder_mode, how, lease):
+    write(program.LOG, "an earlier request\n")
+    FOLDER.chmod(folder_mode)
     previous = signal.signal(signal.SIGIO, signal.SIG_IGN)
-    with open(SETTINGS, "r+b") as holder, concurrent.futures.ThreadPoolExecutor() as pool:
-        fcntl.fcntl(holder, fcntl.F_SETLEASE, fcntl.F_WRLCK)
+    with open(path, how) as holder, concurrent.futures.ThreadPoolExecutor() as pool:
+        fcntl.fcntl(holder, fcntl.F_SETLEASE, lease)
         result = pool.submit(run, request())
         with pytest.raises(concurrent.futures.TimeoutError):
             result.result(0.2)
@@ -162,6 +183,7 @@ def test_is_waited_for_while_another_process_holds_a_lease_on_it():
         expect_success(result.result())
     signal.signal(signal.SIGIO, previous)
     assert read(SETTINGS) == settings("500")
+    assert program.log_lines() == ["an earlier request", *program.SUCCESS_LINES]
 
 
 def store_at_the_same_time(rounds, mounts=()):
