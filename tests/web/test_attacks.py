@@ -101,10 +101,8 @@ class ForeignSite(http.server.BaseHTTPRequestHandler):
 @contextlib.contextmanager
 def foreign_sites():
     with contextlib.ExitStack() as stack:
-        for site in (CANARY, FOREIGN, *SAME_SITE):
-            parts = urllib.parse.urlsplit(site)
-            address = parts.hostname.replace("localhost", "127.0.0.1")
-            server = stack.enter_context(http.server.ThreadingHTTPServer((address, parts.port), ForeignSite))
+        for port in (9001, 9002, 9003):
+            server = stack.enter_context(http.server.ThreadingHTTPServer(("", port), ForeignSite))
             threading.Thread(target=server.serve_forever, daemon=True).start()
             stack.callback(server.shutdown)
         yield

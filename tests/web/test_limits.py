@@ -14,7 +14,7 @@ import pytest
 import client
 import device
 from client import post, request
-from device import CHANGE, FIELD, SECOND, SET_OPTION, eventually
+from device import FIELD, SECOND, SET_OPTION, eventually
 from server import NO_CLIENT_LIMIT, SHORT_TIMES, TEXT, Server, gate, refusal_page, until
 from table import row
 
@@ -240,23 +240,15 @@ def test_ends_a_program_that_hangs(kind):
         assert {answer.status for answer in answers} <= {0, 200, 500, 502, 504}
 
 
-@contextlib.contextmanager
-def silent_nvm_service():
-    with socket.create_server(("127.0.0.1", 5302)):
-        yield "/channeldeviceconfig.cgi"
-
-
-HOLDING = (r"/srv/vemo/java(?=[\";\n])", device.HOLDING_CLASS)
-
-
 @row("ends a program that hangs")
-@pytest.mark.parametrize("hanging, edits", [
+@pytest.mark.parametrize("hanging, page", [
     # Where the Java side opens it, and waits for a reader.
-    (device.pipe_for_the_log, ()), (silent_nvm_service, ()), (lambda: contextlib.nullcontext(CHANGE), (HOLDING,)),
-], ids=["for the log", "for the nVm service", "in Java"])
-def test_ends_our_programs_when_they_hang(server, hanging, edits):
-    with Server(*SHORT_TIMES, *edits, java=None) as limited, hanging() as page:
-        answer = limited.get(page or SET_OPTION)
+    (device.pipe_for_the_log, SET_OPTION),
+    (lambda: socket.create_server(("127.0.0.1", 5302)), "/channeldeviceconfig.cgi"),
+], ids=["for the log", "for the nVm service"])
+def test_ends_our_programs_when_they_hang(server, hanging, page):
+    with Server(*SHORT_TIMES, java=None) as limited, hanging():
+        answer = limited.get(page)
         assert eventually(lambda: not device.programs())
     assert answer.status in (0, 200, 500, 502, 504)
     assert b"</html>" not in answer.body or answer.status != 200
