@@ -2,8 +2,6 @@
 with Debian's own Python."""
 
 import contextlib
-import shutil
-import tempfile
 import urllib.parse
 
 from selenium import webdriver
@@ -52,19 +50,11 @@ def running_browser(without=(), page_load_strategy="normal", preferences=None, l
     options.page_load_strategy = page_load_strategy
     options.add_experimental_option("prefs", preferences or {})
     options.binary_location = "/usr/bin/chromium"
-    profile = tempfile.mkdtemp(prefix="profile-", dir="/tmp")
     for argument in (
-        "--headless",
-        "--no-sandbox",  # it is in one, in which it cannot build its own
-        "--disable-gpu",
-        "--disable-quic",
-        "--no-first-run",
-        "--disable-background-networking",
-        "--disable-component-update",
-        "--disable-sync",
-        "--disable-dev-shm-usage",
-        f"--user-data-dir={profile}",
-        *(["--ignore-certificate-errors"] if TLS in device.PARTS else []),  # who made it
+        # It is in a sandbox, in which it cannot build its own; who made the certificate matters elsewhere.
+        "--headless", "--no-sandbox", *(["--ignore-certificate-errors"] if TLS in device.PARTS else []),
+        "--disable-gpu", "--disable-quic", "--disable-sync", "--disable-dev-shm-usage", "--no-first-run",
+        "--disable-background-networking", "--disable-component-update",
     ):
         if argument not in without:
             options.add_argument(argument)
@@ -82,7 +72,6 @@ def running_browser(without=(), page_load_strategy="normal", preferences=None, l
         yield driver
     finally:
         driver.quit()
-        shutil.rmtree(profile, ignore_errors=True)
 
 
 class Technician:

@@ -62,8 +62,5 @@ def ask(connection, sent):
             body = response.read()
         except http.client.IncompleteRead as cut:
             body = cut.partial
-        headers = {}
-        for name, value in response.getheaders():
-            name = name.lower()
-            headers[name] = f"{headers[name]}, {value}" if name in headers else value
+        headers = {name.lower(): response.getheader(name) for name in response.headers}
         return Answer(response.status, headers, body)

@@ -148,22 +148,6 @@ def rebooting(restart):
             reader.join()
 
 
-# --- The stand-in as it is shipped
-
-@contextlib.contextmanager
-def running_stand_in(start=SHIPPED / "start"):
-    """Started by its own script, or by a changed copy."""
-    write_shipped_settings()
-    process = subprocess.Popen([start], env={**os.environ, "VEMO_PORT": "8080"})
-    try:
-        assert eventually(lambda: can_connect(("127.0.0.1", 8080))), "the web server does not listen"
-        yield process
-    finally:
-        # What it started ends with the sandbox.
-        process.kill()
-        process.wait()
-
-
 def can_connect(address):
     with socket.socket() as connection:
         return connection.connect_ex(address) == 0

@@ -235,23 +235,31 @@ class Server:
 
 @contextlib.contextmanager
 def running_device(edits=()):
-    """The stand-in as it is, with none of its processes; or its parts, with another web server, address, or with edits:
-    the web server's process and the nVm service's."""
+    """The stand-in as its script starts it, with none of its processes; or its parts, with another web server, address,
+    or with edits: the web server's process and the nVm service's."""
+    device.write_shipped_settings()
     if device.is_on_loopback() and device.NAME == "lighttpd" and not device.PARTS and not edits:
-        with device.running_stand_in():
+        # What it started ends with the sandbox.
+        with killed(SHIPPED / "start", env={**os.environ, "VEMO_PORT": "8080"}):
+            assert eventually(lambda: device.can_connect(("127.0.0.1", 8080))), "the web server does not listen"
             yield
         return
-    device.write_shipped_settings()
     subprocess.run(["/srv/vemo/make-class-archive", "/srv/vemo/htdocs/setobdconf.cgi", "/srv/vemo/java.options",
                     "/srv/vemo/java", "/app/class-archive"], check=True)
-    service = subprocess.Popen(["/srv/vemo/bin/nvm-service"])
-    try:
-        with Server(*edits, parts=device.PARTS, java=None, port=8080) as server, \
-                device.rebooting(server.restart_as_after_a_boot):
-            yield server.process, service
-    finally:
-        service.kill()
-        service.wait()
+    with killed("/srv/vemo/bin/nvm-service") as service, \
+            Server(*edits, parts=device.PARTS, java=None, port=8080) as server, \
+            device.rebooting(server.restart_as_after_a_boot):
+        yield server.process, service
+
+
+@contextlib.contextmanager
+def killed(program, **how):
+    """In the background, until the context ends."""
+    with subprocess.Popen([program], **how) as process:
+        try:
+            yield process
+        finally:
+            process.kill()
 
 
 def refusal_page(status):

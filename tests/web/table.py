@@ -1,12 +1,13 @@
-"""The table of docs/web-servers.md: what it says of the server under test."""
+"""The table of docs/web-servers.md: what it says of the server under test. Tests are marked by their rows."""
 
 import pages
 import pytest
 
 import device
 
-marked = set()  # the rows that have a test
 COLUMNS = {"lighttpd": "lighttpd", "apache2": "Apache", "nginx": "nginx"}
+row = pytest.mark.row
+marked = set()  # the rows of all tests
 
 
 def cells():
@@ -15,15 +16,8 @@ def cells():
 
 
 def says_yes(row):
+    marked.add(row)
     answer = cells()[row].split(":")[0]
     if answer not in ("yes", "no"):
         raise ValueError(f"{row}: neither yes nor no: {answer}")
     return answer == "yes"
-
-
-def row(name):
-    """Marks the test of this row."""
-    if name not in cells():
-        raise ValueError(f"docs/web-servers.md has no row {name}")
-    marked.add(name)
-    return pytest.mark.row(name)

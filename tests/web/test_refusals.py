@@ -8,7 +8,7 @@ import pytest
 import device
 from client import FOREIGN, post, request, typed
 from device import CHANGE, FIELD, HOST, NETWORK, SET_OPTION, SETTINGS, settings_with
-from server import Server, refusal_page
+from server import refusal_page
 from table import row
 
 
@@ -271,11 +271,3 @@ def test_shows_a_page_for_people_when_a_program_fails(server, program):
         (server.programs / page[1:]).write_bytes(program)
         answer = server.get(page)
     assert (answer.status, answer.body) == (500, refusal_page(500))
-
-
-def test_refuses_everybody_when_the_gate_has_no_file(server):
-    with Server((r"/run/gate\b", "/nowhere/gate"), first_page="/index.html") as broken:
-        device.reset()
-        answer = broken.get(CHANGE)
-    assert (answer.status, answer.body) == (500, refusal_page(500))
-    assert device.is_untouched()

@@ -4,7 +4,6 @@ import contextlib
 import os
 import re
 import urllib.parse
-from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 
@@ -90,22 +89,6 @@ def test_has_no_dead_link_and_names_the_type_of_each_file(server):
         "/index.html": "text/html;charset=iso-8859-1", "/css/all.css": "text/css", "/images/kesta.jpg": "image/jpeg",
         "/images/tarn.gif": "image/gif", **{f"/{page}": "text/html" for page in device.CGI_PAGES}}.items()
     assert b"<h2>VEMO Web Server</h2>" in server.get("/").body
-
-
-def test_serves_twenty_at_once(server):
-    values = [str(value) for value in range(100, 120)]
-
-    def ask(value):
-        # Two clients: each may have fewer.
-        source = "" if device.is_on_loopback() or int(value) % 2 else device.SECOND
-        return server.ask(request(f"{SET_OPTION}?{FIELD}{value}"), source=source)
-
-    with ThreadPoolExecutor(20) as clients:
-        answers = list(clients.map(ask, values))
-    assert SETTINGS.read_text() in map(settings_with, values)
-    assert os.listdir(SETTINGS.parent) == [SETTINGS.name]
-    for value, answer in zip(values, answers):
-        assert (answer.status, answer.body) == (200, run_program(FIELD + value))
 
 
 @row("hands a page on as it comes")

@@ -1,13 +1,6 @@
-"""The table of docs/web-servers.md as a whole; its rows are marks of the other tests."""
+"""The table of docs/web-servers.md as a whole, beside all tests that are marked by its rows."""
 
 import re
-
-# They mark rows.
-import test_headers  # noqa: F401
-import test_limits  # noqa: F401
-import test_parts  # noqa: F401
-import test_refusals  # noqa: F401
-import test_serving  # noqa: F401
 
 import table
 
