@@ -58,7 +58,7 @@ class NvmToggle : public testing::Test {
     }
     ScriptedService service(replies);
     const int result = Toggle();
-    requests_ = service.Stop();
+    requests_ = service.Requests();
     return result;
   }
 
@@ -101,9 +101,7 @@ const Allocation ALLOCATIONS[] = {
     Released("1"),
     Released(" 0"),
     Released("0 "),
-    Released("00"),
     Released(""),
-    Released("false"),
     Released("<string>0"),
     {DECLARATION + "<var name=\"First\"></var>\n" +
          StatusReply("\n<x/><string>0</string> ").substr(21),
@@ -152,12 +150,8 @@ const Unfound UNFOUND[] = {
      "Start 1 nicht gefunden!\n"},
     {"LastVariable", DECLARATION + "<var name=\"IsAllocated\"><string>0</string></var></struct>",
      "End 1 nicht gefunden!\n"},
-    {"NumberAsValue", StatusReply("<number>0</number>"),
-     "21 69 <var name=\"IsAllocated\"><number>0</number></var>\nStart 2 nicht gefunden!\n"},
     {"ValueOfTheNextVariable", StatusReply("") + "<string>0</string>",
      "21 51 <var name=\"IsAllocated\"></var>\nStart 2 nicht gefunden!\n"},
-    {"ValueWithoutAnEnd", StatusReply("<string>0"),
-     "21 60 <var name=\"IsAllocated\"><string>0</var>\nEnd 2 nicht gefunden!\n"},
     {"EndBeforeTheStart", StatusReply("</string><string>0"),
      "21 69 <var name=\"IsAllocated\"></string><string>0</var>\nEnd 2 nicht gefunden!\n"}};
 
@@ -166,11 +160,9 @@ using NvmToggleSearch = NvmToggle;
 TEST_F(NvmToggleSearch, GivesUpWithItsReason) {
   for (const auto& [name, status, lastWords] : UNFOUND) {
     SCOPED_TRACE(name);
-    EmptyLog();
     EXPECT_EQ(ToggleWith({status}), -1);
     EXPECT_EQ(trace_, Framed(status) + MARKS + lastWords);
     EXPECT_THAT(requests_, ElementsAre(RequestFor("nvmGetDeviceStatus")));
-    EXPECT_EQ(LogText(), Exchange("nvmGetDeviceStatus", status));
     EXPECT_EQ(ReadText(STATUS_FILE), status + "\n");
   }
 }
@@ -195,16 +187,13 @@ TEST_F(NvmToggle, TheStatusFileIsWrittenAnewAndWhereALinkInItsPlaceLeads) {
 }
 
 TEST_F(NvmToggle, AStatusFileThatCannotBeOpenedOrWrittenIsIgnored) {
-  const std::string trace =
-      Framed(FREE) + MARKS + FREE_TRACE + Framed(DECLARATION) + Framed(DECLARATION);
-  std::filesystem::create_directory(STATUS_FILE);
-  EXPECT_EQ(ToggleWith({FREE, DECLARATION, DECLARATION}), 0);
-  EXPECT_EQ(trace_, trace);
-  EXPECT_TRUE(std::filesystem::is_empty(STATUS_FILE));
-  std::filesystem::remove(STATUS_FILE);
-  std::filesystem::create_symlink("/dev/full", STATUS_FILE);
-  EXPECT_EQ(ToggleWith({FREE, DECLARATION, DECLARATION}), 0);
-  EXPECT_EQ(trace_, trace);
+  for (const std::string elsewhere : {"/tmp", "/dev/full"}) {
+    std::filesystem::create_symlink(elsewhere, STATUS_FILE);
+    EXPECT_EQ(ToggleWith({FREE, DECLARATION, DECLARATION}), 0);
+    EXPECT_EQ(trace_,
+              Framed(FREE) + MARKS + FREE_TRACE + Framed(DECLARATION) + Framed(DECLARATION));
+    std::filesystem::remove(STATUS_FILE);
+  }
 }
 
 TEST_F(NvmToggle, TheStatusFileIsReadOnceAndLibxml2CleanedUp) {

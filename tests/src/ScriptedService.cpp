@@ -17,11 +17,10 @@
 
 namespace {
 
-constexpr std::size_t NO_LIMIT = static_cast<std::size_t>(-1);
+constexpr auto NO_LIMIT = static_cast<std::size_t>(-1);
 constexpr int MAX_RECEIVES_BEYOND = 10000;
 
 std::vector<std::string> calls;
-std::vector<std::size_t> bytesSent;  // over each connection to the service
 std::size_t sendLimit = NO_LIMIT;
 std::string failingName;
 int callsUntilFailure;
@@ -37,18 +36,11 @@ bool MustFail(const std::string& name) {
   return true;
 }
 
-std::string Numbers(std::size_t size, int flags) {
-  return " " + std::to_string(size) + " flags " + std::to_string(flags);
-}
-
-int NewSocket(int type) {
-  return static_cast<int>(syscall(SYS_socket, AF_INET, type, 0));
-}
-
 }  // namespace
 
 ScriptedService::ScriptedService(std::vector<ScriptedReply> replies)
-    : listener_(NewSocket(SOCK_STREAM | SOCK_CLOEXEC)), replies_(std::move(replies)) {
+    : listener_(static_cast<int>(syscall(SYS_socket, AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))),
+      replies_(std::move(replies)) {
   const int on = 1;
   setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   sockaddr_in own{};
@@ -57,69 +49,39 @@ ScriptedService::ScriptedService(std::vector<ScriptedReply> replies)
   own.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   EXPECT_EQ(bind(listener_, reinterpret_cast<const sockaddr*>(&own), sizeof own), 0);
   EXPECT_EQ(listen(listener_, 16), 0);
-  bytesSent.clear();
   service = this;
 }
 
 ScriptedService::~ScriptedService() {
-  Stop();
+  close(connection_);
+  close(listener_);
+  service = nullptr;
 }
 
-std::vector<std::string> ScriptedService::Stop() {
-  if (service != nullptr) {
-    Accept();
-    for (const int connection : connections_) {
-      close(connection);
-    }
-    close(listener_);
-    service = nullptr;
-  }
-  return requests_;
-}
-
-// Takes the connections that were made, and what was sent over them.
 void ScriptedService::Accept() {
-  while (requests_.size() < bytesSent.size()) {
-    const int connection = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-    std::string request(bytesSent[requests_.size()], '\0');
-    for (std::size_t length = 0; length < request.size();) {
-      const ssize_t count = read(connection, &request[length], request.size() - length);
-      if (count <= 0) {
-        throw std::runtime_error("the request did not arrive");
-      }
-      length += static_cast<std::size_t>(count);
-    }
-    connections_.push_back(connection);
-    requests_.push_back(request);
-    chunk_ = sent_ = 0;
-    unread_ = 0;
-  }
+  close(connection_);
+  connection_ = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+  requests_.emplace_back();
+  chunk_ = sent_ = 0;
 }
 
-ssize_t ScriptedService::Receive(int descriptor, void* bytes, std::size_t size, int flags) {
-  BeforeReceive();
-  const ssize_t count = syscall(SYS_recvfrom, descriptor, bytes, size, flags, nullptr, nullptr);
-  unread_ -= count > 0 ? count : 0;
-  return count;
+void ScriptedService::Read(std::size_t size) {
+  std::string bytes(size, '\0');
+  EXPECT_EQ(syscall(SYS_recvfrom, connection_, bytes.data(), size, MSG_WAITALL, nullptr, nullptr),
+            size);
+  requests_.back() += bytes;
 }
 
-void ScriptedService::BeforeReceive() {
-  Accept();
-  if (connections_.empty() || (unread_ > 0 && sent_ == 0)) {
-    return;
-  }
+void ScriptedService::Write(std::size_t size) {
   const ScriptedReply& reply = replies_.at(requests_.size() - 1);
   if (chunk_ == reply.chunks.size()) {
     End(reply.end);
     return;
   }
-  const std::string& chunk = reply.chunks[chunk_];
-  const ssize_t count = syscall(SYS_sendto, connections_.back(), chunk.data() + sent_,
-                                chunk.size() - sent_, MSG_DONTWAIT | MSG_NOSIGNAL, nullptr, 0);
-  // When the client has to read first, the rest follows at the next receive.
-  sent_ += count > 0 ? static_cast<std::size_t>(count) : 0;
-  unread_ += count > 0 ? count : 0;
-  if (sent_ == chunk.size()) {
+  const std::string part = reply.chunks[chunk_].substr(sent_, size);
+  EXPECT_EQ(write(connection_, part.data(), part.size()), part.size());
+  sent_ += part.size();
+  if (sent_ == reply.chunks[chunk_].size()) {
     ++chunk_;
     sent_ = 0;
   }
@@ -129,16 +91,9 @@ void ScriptedService::End(ScriptedReply::End end) {
   if (end == ScriptedReply::End::kWhole || ++receivesBeyond_ > MAX_RECEIVES_BEYOND) {
     throw std::runtime_error("the client receives on");
   }
-  if (end != ScriptedReply::End::kSilent && connections_.back() != -1) {
-    close(std::exchange(connections_.back(), -1));
+  if (end == ScriptedReply::End::kClose) {
+    close(std::exchange(connection_, -1));
   }
-}
-
-int ScriptedService::Connections() {
-  return service == nullptr ? 0
-                            : static_cast<int>(std::count_if(service->connections_.begin(),
-                                                             service->connections_.end(),
-                                                             [](int one) { return one != -1; }));
 }
 
 std::string HttpReply(const std::string& body) {
@@ -193,30 +148,31 @@ extern "C" int connect(int descriptor, const sockaddr* address, socklen_t size) 
                   std::to_string(ntohs(ip->sin_port)));
   const auto result = static_cast<int>(syscall(SYS_connect, descriptor, address, size));
   if (result == 0 && service != nullptr) {
-    bytesSent.push_back(0);
+    service->Accept();
   }
   return result;
 }
 
 extern "C" ssize_t send(int descriptor, const void* bytes, size_t size, int flags) {
-  calls.push_back("send" + Numbers(size, flags));
+  calls.push_back("send " + std::to_string(size) + " flags " + std::to_string(flags));
   if (MustFail("send")) {
     return -1;
   }
   const ssize_t count =
       syscall(SYS_sendto, descriptor, bytes, std::min(size, sendLimit), flags, nullptr, 0);
-  if (count > 0 && !bytesSent.empty()) {
-    bytesSent.back() += static_cast<std::size_t>(count);
+  if (count > 0 && service != nullptr) {
+    service->Read(static_cast<std::size_t>(count));
   }
   return count;
 }
 
 extern "C" ssize_t recv(int descriptor, void* bytes, size_t size, int flags) {
-  calls.push_back("recv" + Numbers(size, flags));
+  calls.push_back("recv " + std::to_string(size) + " flags " + std::to_string(flags));
   if (MustFail("recv")) {
     return -1;
   }
-  return service != nullptr
-             ? service->Receive(descriptor, bytes, size, flags)
-             : syscall(SYS_recvfrom, descriptor, bytes, size, flags, nullptr, nullptr);
+  if (service != nullptr) {
+    service->Write(size);
+  }
+  return syscall(SYS_recvfrom, descriptor, bytes, size, flags, nullptr, nullptr);
 }

@@ -23,8 +23,8 @@ struct ScriptedReply {
   End end = End::kWhole;
 };
 
-// It listens on a real socket and runs in the client's thread: it does its part whenever the client
-// calls `recv`. One at a time.
+// It listens on a real socket and runs in the client's thread: it does its part in the client's
+// `connect`, `send` and `recv`. One at a time, and one connection at a time.
 class ScriptedService {
  public:
   // One reply for each connection.
@@ -33,28 +33,23 @@ class ScriptedService {
   ScriptedService(const ScriptedService&) = delete;
   ScriptedService& operator=(const ScriptedService&) = delete;
 
-  // Ends the service. Gives what was received, a text for each connection that was made, an empty
-  // one when nothing was sent over it.
-  std::vector<std::string> Stop();
+  // What was received over each connection that was made.
+  const std::vector<std::string>& Requests() const { return requests_; }
 
-  // How many the service holds open at this moment; 0 when there is no service.
-  static int Connections();
-
-  // The client's `recv`.
-  ssize_t Receive(int descriptor, void* bytes, std::size_t size, int flags);
+  // The client's calls: it has connected, has sent so many bytes, begins to receive so many.
+  void Accept();
+  void Read(std::size_t size);
+  void Write(std::size_t size);
 
  private:
-  void BeforeReceive();
-  void Accept();
   void End(ScriptedReply::End end);
 
   int listener_;
   std::vector<ScriptedReply> replies_;
   std::vector<std::string> requests_;
-  std::vector<int> connections_;  // -1: closed
-  std::size_t chunk_ = 0;         // of the latest connection: the next one, or the one begun
-  std::size_t sent_ = 0;          // of that chunk
-  ssize_t unread_ = 0;            // by the client
+  int connection_ = -1;    // the latest, while it is open
+  std::size_t chunk_ = 0;  // of the reply: the next one, or the one begun
+  std::size_t sent_ = 0;   // of that chunk
   int receivesBeyond_ = 0;
 };
 
