@@ -5,7 +5,6 @@
 #include <libxml/parser.h>
 
 #include "NvmClient.h"
-#include "XmlCalls.h"
 
 namespace {
 

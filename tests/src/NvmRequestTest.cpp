@@ -9,7 +9,6 @@
 
 #include "Files.h"
 #include "NvmClient.h"
-#include "XmlCalls.h"
 
 namespace {
 

@@ -8,7 +8,6 @@
 #include "Files.h"
 #include "NvmClient.h"
 #include "ScriptedService.h"
-#include "XmlCalls.h"
 
 namespace {
 
