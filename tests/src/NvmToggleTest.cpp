@@ -39,16 +39,8 @@ class NvmToggle : public testing::Test {
   }
   void TearDown() override { std::filesystem::remove_all(STATUS_FILE); }
 
-  // Toggles once, with the service that is there, if any; the trace is then in `trace_`.
-  int Toggle() {
-    testing::internal::CaptureStdout();
-    const int result = ToggleDeviceAllocation();
-    trace_ = testing::internal::GetCapturedStdout();
-    return result;
-  }
-
   // Toggles once, with a service that gives these bodies, and closes the connection in place of an
-  // empty one; what it was asked is then in `requests_`.
+  // empty one; the trace is then in `trace_`, what it was asked in `requests_`.
   int ToggleWith(const std::vector<std::string>& bodies) {
     std::vector<ScriptedReply> replies;
     for (const std::string& body : bodies) {
@@ -56,7 +48,9 @@ class NvmToggle : public testing::Test {
                                      : ScriptedReply{{HttpReply(body)}});
     }
     ScriptedService service(replies);
-    const int result = Toggle();
+    testing::internal::CaptureStdout();
+    const int result = ToggleDeviceAllocation();
+    trace_ = testing::internal::GetCapturedStdout();
     requests_ = service.Requests();
     return result;
   }
@@ -100,7 +94,9 @@ const Allocation ALLOCATIONS[] = {
     Released("1"),
     Released(" 0"),
     Released("0 "),
+    Released("00"),
     Released(""),
+    Released("false"),
     Released("<string>0"),
     {DECLARATION + "<var name=\"First\"></var>\n" +
          StatusReply("\n<x/><string>0</string> ").substr(21),
@@ -141,6 +137,7 @@ struct Unfound {
 };
 
 const Unfound UNFOUND[] = {
+    {"EmptyReply", "", "Start 1 nicht gefunden!\n"},
     {"NoVariable",
      DECLARATION + "<var name=\"isAllocated\"><string>0</string></var><var name=\"N\"/>",
      "Start 1 nicht gefunden!\n"},
@@ -164,14 +161,6 @@ TEST_F(NvmToggleSearch, GivesUpWithItsReason) {
     EXPECT_THAT(requests_, ElementsAre(RequestFor("nvmGetDeviceStatus")));
     EXPECT_EQ(ReadText(STATUS_FILE), status + "\n");
   }
-}
-
-TEST_F(NvmToggle, AnUnreachableServiceIsAnEmptyReply) {
-  EXPECT_EQ(Toggle(), -1);
-  EXPECT_EQ(trace_, Framed("") + MARKS + "Start 1 nicht gefunden!\n");
-  EXPECT_EQ(ReadText(STATUS_FILE), "\n");
-  EXPECT_EQ(LogText(), Debug(148, "SendToNvm") + Debug(151, "127.0.0.1 nvmGetDeviceStatus") +
-                           Error(168, "connect Connection refused"));
 }
 
 // --- The status file

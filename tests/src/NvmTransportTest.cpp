@@ -281,16 +281,4 @@ TEST_F(NvmTransport, ASilentServiceIsWaitedForWithoutATimeOut) {
   EXPECT_GE(rings, 1) << "it did not wait";
 }
 
-// --- One client, several exchanges
-
-TEST_F(NvmTransport, AFailureForgetsTheEarlierReplyButLeavesTheCallersCopy) {
-  ScriptedService service({{{HEADER + BODY}}, {{}, End::kClose}});
-  NvmClient client;
-  std::string replyText;
-  client.SendToNvm(ADDRESS, STATUS, replyText);
-  EXPECT_EQ(client.SendToNvm(ADDRESS, STATUS, replyText), -1);
-  EXPECT_EQ(client.reply, "");
-  EXPECT_EQ(replyText, BODY);
-}
-
 }  // namespace

@@ -75,7 +75,12 @@ void ScriptedService::Read(std::size_t size) {
 void ScriptedService::Write(std::size_t size) {
   const ScriptedReply& reply = replies_.at(requests_.size() - 1);
   if (chunk_ == reply.chunks.size()) {
-    End(reply.end);
+    if (reply.end == ScriptedReply::End::kWhole || ++receivesBeyond_ > MAX_RECEIVES_BEYOND) {
+      throw std::runtime_error("the client receives on");
+    }
+    if (reply.end == ScriptedReply::End::kClose) {
+      close(std::exchange(connection_, -1));
+    }
     return;
   }
   const std::string part = reply.chunks[chunk_].substr(sent_, size);
@@ -84,15 +89,6 @@ void ScriptedService::Write(std::size_t size) {
   if (sent_ == reply.chunks[chunk_].size()) {
     ++chunk_;
     sent_ = 0;
-  }
-}
-
-void ScriptedService::End(ScriptedReply::End end) {
-  if (end == ScriptedReply::End::kWhole || ++receivesBeyond_ > MAX_RECEIVES_BEYOND) {
-    throw std::runtime_error("the client receives on");
-  }
-  if (end == ScriptedReply::End::kClose) {
-    close(std::exchange(connection_, -1));
   }
 }
 

@@ -42,8 +42,6 @@ class ScriptedService {
   void Write(std::size_t size);
 
  private:
-  void End(ScriptedReply::End end);
-
   int listener_;
   std::vector<ScriptedReply> replies_;
   std::vector<std::string> requests_;
