@@ -143,6 +143,14 @@ def test_ends_by_the_programs_signal_and_dumps_no_memory_of_its_own(gate):
     assert (end.si_code, end.si_status) == (os.CLD_KILLED, signal.SIGSEGV)
 
 
+def test_reports_a_program_that_cannot_start(gate):
+    program = gate.folder / "program0"
+    status, page, error = gate.run("echo", program.unlink)
+    assert page.startswith("Status: 500 ")
+    assert f"{program}: No such file" in error
+    assert status != 0
+
+
 # --- The standard descriptors
 
 @pytest.mark.parametrize("closed", [(0,), (1,), (2,), (0, 2), (0, 1, 2)], ids=str)
