@@ -58,7 +58,7 @@ PARTS = {
 # What loopback is enough for: by http to other addresses the browser sends it nowhere.
 UNSENT_BY_HTTP = {"speculation-prefetch"}
 
-# Documents of their own. They are tried in a frame, and as a page.
+# Pages of their own.
 DOCUMENTS = {
     "location": "<script>location='{u}'</script>",
     "location-no-referrer": NO_REFERRER + "<script>location='{u}'</script>",
@@ -66,7 +66,7 @@ DOCUMENTS = {
     "form-text": FORM_OF_TEXT,
     "form-text-no-referrer": NO_REFERRER + FORM_OF_TEXT,
 }
-# Answers of the foreign server, as a page, in a frame and as a picture.
+# Answers of the foreign server, as a page; redirects as a picture, too.
 ANSWERS = {
     "redirect": (302, "Location", "{u}"),
     "redirect-by-method": (307, "Location", "{u}"),
