@@ -56,7 +56,7 @@ class Gate:
     def wait(self, name, **how):
         """In the queue as soon as it is asleep."""
         process = self.stay(name, **how)
-        assert eventually(lambda: "(cgi-gate) S" in pathlib.Path(f"/proc/{process.pid}/stat").read_text()), name
+        assert eventually(lambda: is_asleep(process)), name
         return process
 
     def let_go(self, name):
@@ -68,6 +68,10 @@ class Gate:
     def expect_began(self, *names):
         assert eventually(lambda: len(self.began()) >= len(names))
         assert self.began() == list(names)
+
+
+def is_asleep(process):
+    return "(cgi-gate) S" in pathlib.Path(f"/proc/{process.pid}/stat").read_text()
 
 
 def kill(process):
@@ -238,7 +242,7 @@ def test_the_queue_looks_now_and_then_where_the_kernel_watches_no_program(queue)
     descriptors = head.pid, resource.RLIMIT_NOFILE
     soft, hard = resource.prlimit(*descriptors)
     resource.prlimit(*descriptors, (4, hard))  # used up
-    assert eventually(lambda: not watched(head))
+    assert eventually(lambda: not watched(head) and is_asleep(head))
     assert sleeps(head, most=60)
     resource.prlimit(*descriptors, (soft, hard))  # the program needs some
     queue.let_go("first")
