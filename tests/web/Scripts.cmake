@@ -5,15 +5,15 @@
 add_custom_target(web_tests ALL)
 add_dependencies(web_tests device fake-vm test-java-holding test-java-mapping)
 
-# add_web_test(NAME [LONG] [NETWORK] [UNFILTERED] TESTS PART... [ARGUMENTS ARGUMENT...]):
-# the tests of test_PART.py, or PART::TEST of them, in a sandbox of their own.
+# add_web_test(NAME [LONG] [NETWORK] [UNFILTERED] [ENV VARIABLE=VALUE...] TESTS PART...
+# [ARGUMENTS ARGUMENT...]): the tests of test_PART.py, in a sandbox of their own.
 #
 # LONG        more of them, in an hour at most
 # NETWORK     the device is not on loopback, but at one of two other addresses, and the kernel limits connections as on
 #             an installed device, unless the test is UNFILTERED
 function(add_web_test name)
-  cmake_parse_arguments(PARSE_ARGV 1 test "LONG;NETWORK;UNFILTERED" "" "TESTS;ARGUMENTS")
-  list(TRANSFORM test_TESTS REPLACE "([a-z_]+)(.*)" "/source/tests/web/test_\\1.py\\2")
+  cmake_parse_arguments(PARSE_ARGV 1 test "LONG;NETWORK;UNFILTERED" "" "ENV;TESTS;ARGUMENTS")
+  list(TRANSFORM test_TESTS REPLACE "(.+)" "/source/tests/web/test_\\1.py")
   if(test_LONG)
     list(APPEND test_ARGUMENTS --long)
   endif()
@@ -28,7 +28,8 @@ function(add_web_test name)
   add_test(NAME ${name}
     COMMAND ${PROJECT_SOURCE_DIR}/standin/sandbox ${PROJECT_BINARY_DIR} ${sandbox}
             --read-only ${PROJECT_SOURCE_DIR} /source --
-            /usr/bin/env PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -m pytest ${test_TESTS} ${test_ARGUMENTS})
+            /usr/bin/env PYTHONDONTWRITEBYTECODE=1 ${test_ENV}
+            /usr/bin/python3 -m pytest ${test_TESTS} ${test_ARGUMENTS})
   # Skipped is a test with no other results.
   set_tests_properties(${name} PROPERTIES TIMEOUT 300
                        SKIP_REGULAR_EXPRESSION "= [0-9]+ skipped(, [0-9]+ deselected)? in ")
@@ -55,13 +56,11 @@ endforeach()
 
 # What a technician does and sees. At another address what depends on it; with --long all of it, with every web server,
 # and with what is ready to be turned on.
-set(journey journey ways)
-add_web_test(browser_journey TESTS ${journey})
-add_web_test(browser_journey.network NETWORK TESTS ways
-  journey::test_the_keyboard_alone_sets_the_timeout journey::test_the_warning_leads_back_to_the_form
-  ARGUMENTS -k "not reboot and not console")
-add_web_test(browser_journey.tls NETWORK TESTS ways ARGUMENTS --tls --password -k reload)
-add_web_test(browser_journey.tls.long NETWORK TESTS journey ways ARGUMENTS --tls --password)
+add_web_test(browser_journey TESTS journey)
+add_web_test(browser_journey.network NETWORK TESTS journey
+  ARGUMENTS -k "keyboard or reload or typed_address or warning_leads_back")
+add_web_test(browser_journey.tls NETWORK TESTS journey ARGUMENTS --tls --password -k reload)
+add_web_test(browser_journey.tls.long NETWORK TESTS journey ARGUMENTS --tls --password)
 list(APPEND long browser_journey.tls.long)
 add_web_test(accessibility TESTS accessibility)
 
@@ -73,7 +72,7 @@ add_web_test(browser_attacks.password NETWORK UNFILTERED TESTS attacks ARGUMENTS
 list(APPEND long browser_attacks.tls browser_attacks.password)
 add_web_test(browser_attacks.long LONG TESTS attacks)
 foreach(server lighttpd apache2 nginx)
-  add_web_test(browser_journey.${server}.network NETWORK TESTS ${journey} ARGUMENTS --server ${server})
+  add_web_test(browser_journey.${server}.network NETWORK TESTS journey ARGUMENTS --server ${server})
   add_web_test(browser_attacks.${server}.network LONG NETWORK UNFILTERED TESTS attacks ARGUMENTS --server ${server})
   list(APPEND long browser_journey.${server}.network)
 endforeach()

@@ -6,7 +6,6 @@ import contextlib
 import math
 import subprocess
 
-import nvm
 import pytest
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
@@ -44,9 +43,6 @@ CONTRAST_OPTIONS = {
 
 # --- How each page, and each state of it, is reached
 
-BENCH = "Test bench 3"
-
-
 def reached(path, text="", button=None, meanwhile=contextlib.nullcontext):
     """The page, or what it shows when its button was pressed, meanwhile."""
     def show(visitor):
@@ -59,28 +55,11 @@ def reached(path, text="", button=None, meanwhile=contextlib.nullcontext):
     return show
 
 
-def order_of(owner, function):
-    """Another client of the nVm service's."""
-    nvm.exchange(nvm.request(function, nvm.owner_packet(owner)))
-
-
-def show_free(visitor):
+def show_information(visitor):
     device.write_shipped_settings()
-    for owner in ("VEMO_WEB", BENCH):
-        order_of(owner, nvm.RELEASE)
     visitor.open(FORM)
-
-
-def show_allocated(visitor):
-    show_free(visitor)
-    visitor.press("Allocate")
-
-
-def show_refused_allocation(visitor):
-    """Another client was quicker."""
-    show_free(visitor)
-    order_of(BENCH, nvm.ALLOCATE)
-    visitor.press("Allocate")
+    if "VEMO_WEB" in visitor.text():
+        visitor.press("Release")
 
 
 @contextlib.contextmanager
@@ -120,9 +99,8 @@ OWN = {
     **{f"refusal-{path[-8:-5]}": reached(path) for path in REFUSALS},
 }
 FRAMED = {
-    "device-information": show_free,
-    "allocated": show_allocated,
-    "allocation-refused": show_refused_allocation,
+    "device-information": show_information,
+    "allocated": reached(FORM, "VEMO_WEB", "Allocate"),  # after it, when the device is free
     "held-back": show_held_back,
     "reboot": reached(REBOOT, "Reboot the device"),
     "reboot-not-allowed": reached(REBOOT, "This web interface is not allowed", meanwhile=without_orders),
