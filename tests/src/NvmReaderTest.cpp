@@ -42,8 +42,8 @@ std::string SingleVarLog(const std::string& name, const std::vector<std::string>
 std::string StatusLog(const std::vector<std::string>& seen) {
   std::string log = Debug(248, "GetStatusMessages") + Debug(236, "GetStatusNodeTree") +
                     Debug(281, "GetVarNode Status");
-  for (std::size_t i = 0; i < seen.size(); ++i) {
-    log += Debug(i == 0 ? 292 : 255, seen[i]);
+  for (const std::string& variable : seen) {
+    log += Debug(variable == seen[0] ? 292 : 255, variable);
   }
   return log;
 }
@@ -132,7 +132,7 @@ const Value VALUES[] = {
     {"OtherStruct", "<any><data><structs>" + A + "</structs></data></any>", "", {}},
     {"SecondData", "<any><data/><data><struct>" + A + "</struct></data></any>", "", {}},
     {"SecondStruct", "<any><data><struct/><struct>" + A + "</struct></data></any>", "", {}},
-    {"NoData", HEAD + "</wddxPacket>", "", {}},
+    {"NoData", "<any><struct>" + A + "</struct></any>", "", {}},
     {"TextAsStruct", HEAD + "<data>struct</data></wddxPacket>", "", {}},
     {"OthersAbove", "<a>\n<x/><data>\n<y/><struct>" + A + "</struct></data></a>", "a", {"A"}}};
 
@@ -188,7 +188,10 @@ const Status STATUSES[] = {
     {"MessageAndCode", StatusOf(MSG + CODE), "1/held", {"Status", "msg", "code"}},
     {"EmptyMessage", StatusOf(CODE + Var("msg", Text(""))), "1/", {"Status", "code", "msg"}},
     {"MessageAlone", StatusOf(MSG), "old code/held", {"Status", "msg"}},
-    {"Alike", StatusOf(Var("Code", "1") + Var("ms", "4")), NO_STATUS, {"Status", "Code", "ms"}},
+    {"Alike",
+     StatusOf(Var("Code", "1") + Var("msg ", "2") + Var("codes", "3") + Var("ms", "4")),
+     NO_STATUS,
+     {"Status", "Code", "msg ", "codes", "ms"}},
     {"LastOfSeveral",
      StatusOf(CODE + MSG + Var("code", Text("2")) + Var("msg", Text("b"))),
      "2/b",
@@ -215,6 +218,7 @@ TEST_F(NvmReaderStatus, GivesCodeAndMessageAndLeavesWhatIsMissing) {
     EmptyLog();
     EXPECT_EQ(StatusMessages(row.reply), row.messages);
     EXPECT_EQ(LogText(), StatusLog(row.seen));
+    EXPECT_EQ(client_.reply, row.reply);
   }
 }
 

@@ -140,7 +140,8 @@ TEST(NvmPacket, IsValidWddxButForTheStatusPacketsEmptyData) {
 TEST(UnknownNvmFunction, GivesNoRequestAndOneErrorLine) {
   for (const std::string& function :
        {""s, "nvmgetDeviceStatus"s, "NvmAllocateDevice"s, "nvmReleasedevice"s, "nvmReleaseDevice "s,
-        " nvmGetDeviceStatus"s, "nvmGetDeviceStatu"s, "nvmGetDeviceStatus\0"s}) {
+        "nvmAllocateDevices"s, " nvmGetDeviceStatus"s, "nvmGetDeviceStatu"s,
+        "nvmGetDeviceStatus\0"s}) {
     SCOPED_TRACE(function);
     EmptyLog();
     NvmClient client;

@@ -64,9 +64,10 @@ class NvmToggle : public testing::Test {
 
   // The log of an exchange: the reply is logged whole.
   static std::string Exchange(const std::string& functionName, const std::string& body) {
-    return Debug(148, "SendToNvm") + Debug(151, "127.0.0.1 " + functionName) +
-           Debug(185, "Receive:\n" + HttpReply(body)) +
-           Debug(191, "ConLen: " + std::to_string(body.size()));
+    const std::string begun = Debug(148, "SendToNvm") + Debug(151, "127.0.0.1 " + functionName);
+    return body.empty() ? begun + Debug(185, "Receive:\n")
+                        : begun + Debug(185, "Receive:\n" + HttpReply(body)) +
+                              Debug(191, "ConLen: " + std::to_string(body.size()));
   }
 
   std::string trace_;
@@ -146,6 +147,8 @@ const Unfound UNFOUND[] = {
      "Start 1 nicht gefunden!\n"},
     {"LastVariable", DECLARATION + "<var name=\"IsAllocated\"><string>0</string></var></struct>",
      "End 1 nicht gefunden!\n"},
+    {"NumberAsValue", StatusReply("<number>0</number>"),
+     "21 69 <var name=\"IsAllocated\"><number>0</number></var>\nStart 2 nicht gefunden!\n"},
     {"ValueOfTheNextVariable", StatusReply("") + "<string>0</string>",
      "21 51 <var name=\"IsAllocated\"></var>\nStart 2 nicht gefunden!\n"},
     {"EndBeforeTheStart", StatusReply("</string><string>0"),
@@ -156,9 +159,11 @@ using NvmToggleSearch = NvmToggle;
 TEST_F(NvmToggleSearch, GivesUpWithItsReason) {
   for (const auto& [name, status, lastWords] : UNFOUND) {
     SCOPED_TRACE(name);
+    EmptyLog();
     EXPECT_EQ(ToggleWith({status}), -1);
     EXPECT_EQ(trace_, Framed(status) + MARKS + lastWords);
     EXPECT_THAT(requests_, ElementsAre(RequestFor("nvmGetDeviceStatus")));
+    EXPECT_EQ(LogText(), Exchange("nvmGetDeviceStatus", status));
     EXPECT_EQ(ReadText(STATUS_FILE), status + "\n");
   }
 }
