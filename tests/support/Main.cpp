@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -12,18 +13,8 @@
 #include <vector>
 
 #include "Sandbox.h"
-#include "SmallDisk.h"
 
 namespace {
-
-bool HasArgument(int argc, char** argv, const std::string& wanted) {
-  for (int i = 1; i < argc; ++i) {
-    if (argv[i] == wanted) {
-      return true;
-    }
-  }
-  return false;
-}
 
 // GoogleTest has taken its own arguments away; what else is left is a mistake.
 void RefuseOtherArguments(int argc, char** argv) {
@@ -36,29 +27,22 @@ void RefuseOtherArguments(int argc, char** argv) {
   }
 }
 
-[[noreturn]] void RestartInSandbox(int argc, char** argv) {
+[[noreturn]] void RestartInSandbox(char** arguments) {
   const auto self = std::filesystem::read_symlink("/proc/self/exe");
   const std::string inside = "/build" / self.lexically_relative(BUILD_FOLDER);
-  const std::string source = SOURCE_FOLDER;
-  std::vector<std::string> words = {source + "/standin/sandbox",
+  std::vector<const char*> words = {SOURCE_FOLDER "/standin/sandbox",
                                     BUILD_FOLDER,
                                     "--private-network",
                                     "--read-only",
-                                    source,
+                                    SOURCE_FOLDER,
                                     "/source",
-                                    "--disk",
-                                    std::to_string(SmallDisk::SIZE),
-                                    SmallDisk::PATH,
                                     "--",
-                                    inside};
-  words.insert(words.end(), argv + 1, argv + argc);
-  std::vector<char*> arguments;
-  for (std::string& word : words) {
-    arguments.push_back(word.data());
+                                    inside.c_str()};
+  while (words.back() != nullptr) {
+    words.push_back(*++arguments);
   }
-  arguments.push_back(nullptr);
-  execv(arguments[0], arguments.data());
-  std::perror(arguments[0]);
+  execv(words[0], const_cast<char**>(words.data()));
+  std::perror(words[0]);
   std::exit(EXIT_FAILURE);
 }
 
@@ -71,8 +55,8 @@ extern "C" int __lsan_is_turned_off() {  // NOLINT(bugprone-reserved-identifier)
 
 int main(int argc, char** argv) {
   const bool isInside = std::getenv("VEMO_SANDBOX") != nullptr;
-  if (!isInside && !HasArgument(argc, argv, "--gtest_list_tests")) {
-    RestartInSandbox(argc, argv);
+  if (!isInside && std::count(argv, argv + argc, std::string("--gtest_list_tests")) == 0) {
+    RestartInSandbox(argv);
   }
   testing::InitGoogleTest(&argc, argv);
   RefuseOtherArguments(argc, argv);
