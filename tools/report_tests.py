@@ -148,7 +148,8 @@ def run(folder, options, arguments):
     is_verbose = "--verbose" in options
     results = {}
     try:
-        status, output = run_ctest(folder, ["--output-junit", str(junit), *WHOLE_OUTPUT, *arguments], is_verbose, results)
+        status, output = run_ctest(
+            folder, ["--output-junit", str(junit), *WHOLE_OUTPUT, *arguments], is_verbose, results)
     finally:
         note_failures(folder, results, before)
     counts = print_results(junit, results) if junit.exists() else {}
