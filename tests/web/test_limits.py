@@ -47,7 +47,10 @@ def is_closed(connection):
 
 def has_tasks_left(server):
     """For four Java VMs, of a dozen and a half threads each."""
-    tasks = sum(process.num_threads() for process in server.processes())
+    tasks = 0
+    for process in server.processes():
+        with contextlib.suppress(psutil.NoSuchProcess):  # it has ended since
+            tasks += process.num_threads()
     return tasks + 4 * 20 <= int(server.setting("TasksMax"))
 
 
