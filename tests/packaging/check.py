@@ -140,6 +140,10 @@ NAMED = [
 
 def test_a_whole_device_has_no_fault_and_nothing_is_stored(device):
     assert found_in(device) == []
+    checked = re.findall("^ok     (.{14})", device.run("vemo-web-check"), re.MULTILINE)
+    assert [name.strip() for name in checked] == [
+        "user", "configuration", "Java VM", "log", "VM options", "class", "class archive", "settings file", "service",
+        "port 80", "connections", "request", "nVm service"]
     assert not device.file(SETTINGS).exists()
 
 
