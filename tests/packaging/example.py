@@ -10,9 +10,9 @@ import shutil
 
 import pytest
 
-import checks
 import commands
 from installed_device import SETTINGS, Device
+from root import told
 
 PAGE = "/usr/share/vemo-web/htdocs/uptime.cgi"
 # Who types the commands says yes.
@@ -57,7 +57,7 @@ def test_five_commands_lead_from_the_packages_to_the_page(build, device):
 
 
 def test_what_the_package_recommends_is_what_it_was_built_with(device):
-    recommended = checks.told("dpkg-deb", "--field", device.made["vemo-web-dev"], "Recommends").strip()
+    recommended = told("dpkg-deb", "--field", device.made["vemo-web-dev"], "Recommends").strip()
     install, _ = commands.commands_in("development")[0]
     named = [word for word in install.text.split()[3:] if not word.startswith("./")]
     assert sorted(name.split(" ")[0] for name in recommended.split(", ")) == sorted(named)

@@ -7,7 +7,7 @@ import re
 
 import pytest
 
-from checks import told
+from root import told
 
 DYNAMIC = ("setobdconf.cgi", "pages/channeldeviceconfig.cgi", "pages/reboot.cgi", "device/bin/nvm-service",
            "device/bin/toggle-device-allocation", "web/keep-listening", "web/exchange")

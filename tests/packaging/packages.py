@@ -11,17 +11,16 @@ import re
 import shutil
 import socket
 import subprocess
-import unittest
 
 import pytest
 
-import checks
 import commands
 import pages
 import root
 from installed_device import (ARCHIVE, AS_SERVICE, CLASS_FOLDER, FOLDER, LOG, OPTIONS, OURS, PROGRAMS, SETTINGS,
                               TEXT, WEB_SERVER, Device)
 from prepared import PASSWORD, TLS, with_parts
+from root import told
 
 APT = ("apt-get", "-q", "-y", "-o", "APT::Sandbox::User=root")
 RECORD = f"{ARCHIVE}/record"
@@ -35,26 +34,99 @@ def device(build, request):
         yield device
 
 
-class TestLint(checks.Checks, unittest.TestCase):
-    @pytest.fixture(scope="class", autouse=True)
-    def packages(self, request, build):
-        request.cls.made, request.cls.folder = root.packages(build), build / "packages"
+class TestLint:
+    """The files; those for another processor are held against this machine's."""
 
-    def test_every_call_of_the_compiler_has_the_flags_of_hardening(self):
+    FIELDS = ("Version", "Pre-Depends", "Depends", "Recommends", "Suggests", "Conffiles")
+    # The unwinding of 32-bit Arm came later into the compiler's library.
+    OTHERWISE = {"armhf": ("libgcc-s1 (>= 3.0)", "libgcc-s1 (>= 3.5)")}
+
+    another = pytest.mark.parametrize("architecture", ["arm64", "armhf"], indirect=True)
+
+    @pytest.fixture(scope="class", params=["amd64", "arm64", "armhf"])
+    def architecture(self, request):
+        if request.param != "amd64" and (reason := root.why_not_for(request.param)):
+            pytest.skip(reason)
+        return request.param
+
+    @pytest.fixture(scope="class")
+    def own(self, build):
+        """This machine's, by their names."""
+        return root.packages(build)
+
+    @pytest.fixture(scope="class")
+    def made(self, build, architecture, own):
+        return own if architecture == "amd64" else root.packages(build, architecture=architecture)
+
+    @staticmethod
+    def field(file, name):
+        return told("dpkg-deb", "--field", file, name).strip()
+
+    @staticmethod
+    def names(folder):
+        """Of the packages, and of those for debuggers."""
+        return {file.relative_to(folder).as_posix().split("_")[0]
+                for pattern in ("*.deb", "debug/*.deb") for file in folder.glob(pattern)}
+
+    @staticmethod
+    def files(file):
+        """Name, owner, mode and length of what is in a package; the length only of what no compiler made."""
+        listed = set()
+        for line in told("dpkg-deb", "--contents", file).splitlines():
+            mode, owner, length, _, _, name = line.split(None, 5)
+            name = re.sub(r"/(x86_64|aarch64|arm)-linux-gnu(eabihf)?/", "/TRIPLET/", name + "/")
+            made = re.search(r"/libexec/|/TRIPLET/|/.build-id/|\.gz/", name)
+            listed.add((re.sub(r"/.build-id/.*", "/.build-id/", name), owner, mode, None if made else length))
+        return listed
+
+    def test_lintian_has_nothing_to_say(self, made):
+        folder = made["vemo-web"].parent
+        files = (*folder.glob("*.deb"), *folder.glob("debug/*.deb"))
+        assert told("lintian", "--pedantic", "--allow-root", *files) == ""
+
+    def test_the_checksums_are_those_of_the_files(self, made):
+        told("sh", "-c", "cd $0 && sha256sum --check --quiet SHA256SUMS", made["vemo-web"].parent)
+
+    def test_nothing_tells_of_the_building_machine(self, build, made, architecture):
+        """Neither paths of the build nor those of its Java VM."""
+        for name, file in made.items():
+            content = subprocess.run(["dpkg-deb", "--fsys-tarfile", file], capture_output=True, check=True).stdout
+            for path in (root.SOURCE, build, "openjdk-amd64", f"openjdk-{architecture}"):
+                assert str(path).encode() not in content, (name, path)
+
+    def test_the_java_vm_is_found_where_it_is_on_any_debian(self, made, tmp_path):
+        assert "vemo-web-class-archive" in told("dpkg-deb", "--info", made["vemo-web"], "postinst")
+        told("dpkg-deb", "--extract", made["vemo-web"], tmp_path)
+        for page in ("setobdconf.cgi", "channeldeviceconfig.cgi"):
+            entries = told("readelf", "--dynamic", tmp_path / "usr/libexec/vemo-web" / page)
+            assert "[/usr/lib/jvm/default-java/lib/server]" in entries, page
+
+    def test_the_check_says_the_packages_version(self, made, tmp_path):
+        (version,) = {file.name.split("_")[1] for file in made.values()}
+        assert {self.field(file, "Version") for file in made.values()} == {version}
+        told("dpkg-deb", "--extract", made["vemo-web"], tmp_path)
+        assert told("bash", tmp_path / "usr/sbin/vemo-web-check", "--version") == f"vemo-web {version}\n"
+
+    def test_every_call_of_the_compiler_has_the_flags_of_hardening(self, build):
         """Of those that link, blhc knows none that is static."""
-        log = self.folder.parent / "package/build.log"
-        said = subprocess.run(["blhc", "--all", "--ignore-line", ".* -static(-pie)? .*", log], capture_output=True,
-                              text=True, check=False)
-        self.assertEqual((said.returncode, said.stdout), (0, ""), said.stderr)
+        assert told("blhc", "--all", "--ignore-line", ".* -static(-pie)? .*", build / "package/build.log") == ""
 
-    def test_the_check_says_the_packages_version(self):
-        for name, file in self.made.items():
-            self.assertEqual(checks.told("dpkg-deb", "--field", file, "Version").strip(), file.name.split("_")[1], name)
-        content = subprocess.run(["dpkg-deb", "--fsys-tarfile", self.made["vemo-web"]], capture_output=True, check=True)
-        check = subprocess.run(["tar", "--extract", "--to-stdout", "./usr/sbin/vemo-web-check"], input=content.stdout,
-                               capture_output=True, check=True)
-        said = subprocess.run(["bash", "-s", "--", "--version"], input=check.stdout, capture_output=True, check=True)
-        self.assertEqual(said.stdout.decode().split(), ["vemo-web", self.made["vemo-web"].name.split("_")[1]])
+    @another
+    def test_there_are_the_same_ones(self, own, made, architecture):
+        assert self.names(made["vemo-web"].parent) == self.names(own["vemo-web"].parent)
+        assert {self.field(file, "Architecture") for file in made.values()} == {architecture}
+
+    @another
+    def test_they_depend_on_the_same(self, own, made, architecture):
+        for name, file in made.items():
+            for which in self.FIELDS:
+                wanted = self.field(own[name], which).replace(*self.OTHERWISE.get(architecture, ("", "")))
+                assert self.field(file, which) == wanted, (name, which)
+
+    @another
+    def test_there_are_the_same_files_in_them(self, own, made):
+        for name, file in made.items():
+            assert self.files(file) == self.files(own[name]), name
 
 
 class TestSizes:
@@ -66,7 +138,7 @@ class TestSizes:
     def measured(device, package, *others, recommends):
         """The package itself, and what it brings when it is installed together with the others."""
         if file := device.made.get(package):
-            fields = checks.told("dpkg-deb", "--field", file)
+            fields = told("dpkg-deb", "--field", file)
             fetched = file.stat().st_size / 1e6
         else:
             # Of a package of Debian's, apt's lists in the bare root know all.
@@ -74,12 +146,12 @@ class TestSizes:
             fetched = int(re.search(r"^Size: (\d+)", fields, re.MULTILINE)[1]) / 1e6
         kept = int(re.search(r"^Installed-Size: (\d+)", fields, re.MULTILINE)[1]) * 1024 / 1e6
         names = [device.put(device.made[one]) if one in device.made else one for one in (package, *others)]
-        told = device.run("apt-get", "-q", "--assume-no", "-o", f"APT::Install-Recommends={recommends}", "install",
+        said = device.run("apt-get", "-q", "--assume-no", "-o", f"APT::Install-Recommends={recommends}", "install",
                           *names, status=None)
         return {"fetched": fetched, "on the disk": kept,
-                "packages": int(re.search(r"(\d+) newly installed", told)[1]),
-                "fetched with them": float(re.search(r"([\d.]+) MB of archives", told)[1]),
-                "on the disk with them": float(re.search(r"([\d.]+) MB of additional", told)[1])}
+                "packages": int(re.search(r"(\d+) newly installed", said)[1]),
+                "fetched with them": float(re.search(r"([\d.]+) MB of archives", said)[1]),
+                "on the disk with them": float(re.search(r"([\d.]+) MB of additional", said)[1])}
 
     def test_each_package_has_a_row(self, device):
         assert len(self.ROWS) > len(device.made)

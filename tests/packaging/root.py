@@ -98,6 +98,10 @@ def ended(command, status, text=""):
     return done.stdout
 
 
+def told(*command):
+    return ended(command, 0)
+
+
 class Root:
     """A root unpacked into a folder; close() ends all that runs in it and removes it. A context that closes it."""
 
