@@ -64,6 +64,7 @@ RULES = {
                      " sleep 0.1; done"),
         Rule(r"DESTDIR=\S+ cmake --install build --component program",
              after="readelf -d staging/usr/libexec/vemo-web/setobdconf.cgi | grep -F [/opt/jre/lib/server]"
+                   " && ! test -e staging/usr/etc"
                    " && pytest-3 tests/packaging/staged.py --staged staging"),
         Rule(r"git diff .*clang-format -i", after="git diff --quiet",
              prepare="rm -rf .git; git init -q; git add src .clang-format;"
@@ -132,7 +133,7 @@ RULES = {
         Rule("apt purge vemo-web vemo-web-standin", "Purging configuration files for vemo-web "),
     ],
 
-    # A bare root with the dev package: tests/packaging/example.py.
+    # A bare root with the dev package: tests/packaging/packages.py.
     "development": [
         Rule(r"apt install .* \./vemo-web-dev_.*|cp -r \S+/vemo-web-dev/examples page|cmake -S page -B page/build"
              r"|cmake --build page/build|install page/build/uptime\.cgi \S+"),

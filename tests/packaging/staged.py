@@ -27,7 +27,3 @@ def test_the_web_server_starts_and_a_value_is_stored(build, request):
         device.start(*AS_SERVICE, *command)
         device.wait_for("127.0.0.1", 8080)
         assert "Set new option was successful." in device.ask("/setobdconf.cgi?CanDetectTimeout=700")[1]
-
-
-def test_nothing_of_the_configuration_is_where_nobody_looks(request):
-    assert not (request.config.getoption("staged") / "usr/etc").exists()

@@ -75,23 +75,18 @@ def repository(tmp_path):
     return Repository(tmp_path)
 
 
-@pytest.fixture(params=[False, True], ids=["a commit", "the tagged commit"])
+@pytest.fixture(params=[False, True], ids=["another tag", "the version's tag"])
 def expected(request, repository):
-    """The version there, without a tag or with it."""
+    """The version there."""
+    repository.git("tag", f"v{VERSION}1")
     if not request.param:
         return repository.first
     repository.git("tag", f"v{VERSION}")
-    repository.git("tag", "another")
     return VERSION
 
 
-def test_the_tagged_commit_has_the_version_itself(repository, expected):
+def test_the_commit_of_its_own_tag_alone_has_the_version_itself(repository, expected):
     assert version_in(repository.folder) == expected
-
-
-def test_another_tag_is_not_the_versions(repository):
-    repository.git("tag", f"v{VERSION}1")
-    assert version_in(repository.folder) == repository.first
 
 
 def test_later_commits_follow_it_and_one_another_and_the_next_version_them(repository):
