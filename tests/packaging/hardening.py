@@ -107,9 +107,3 @@ def test_its_calls_that_tests_watch_keep_their_names(file):
     others = {name for name in undefined(file)
               if (match := re.fullmatch(r"__(\w+?)(64)?_(chk|2)", name)) and match[1] in WATCHED}
     assert others == set()
-
-
-def test_the_java_vm_is_linked_and_found_in_the_build_machines_jdk(build):
-    program = build / DYNAMIC[0]
-    assert "JNI_CreateJavaVM" in undefined(program)
-    assert re.search(r"\(RUNPATH\).*\[/.*/lib/server\]", told("readelf", "--dynamic", program))

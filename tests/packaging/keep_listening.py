@@ -9,7 +9,6 @@ import os
 import signal
 import socket
 import subprocess
-import time
 
 import pytest
 
@@ -118,16 +117,6 @@ def test_a_client_between_two_starts_is_served_by_the_second(service):
         with service.running():
             expect_answer(waiting)
     assert service.addresses() == [(LOCAL, service.port)]
-
-
-def test_a_client_that_is_connected_at_the_stop_is_served_by_the_first(service):
-    with service.running() as server:
-        client = connect(service.port)
-        # Now it is accepted.
-        expect_answer(connect(service.port))
-        server.send_signal(signal.SIGINT)
-        time.sleep(0.2)
-        expect_answer(client)
 
 
 def test_an_address_that_is_not_named_any_more_refuses(service):
