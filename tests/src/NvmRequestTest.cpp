@@ -7,14 +7,12 @@
 #include <memory>
 #include <type_traits>
 
-#include "Files.h"
 #include "NvmClient.h"
 
 namespace {
 
 using std::string_literals::operator""s;
 using testing::ElementsAre;
-using testing::HasSubstr;
 
 // --- The object
 
@@ -114,27 +112,6 @@ TEST(NvmRequest, RequestAndPacketAreByteForByteAndLogNothing) {
     EXPECT_EQ(client.reply, "a reply");
   }
   EXPECT_EQ(LogText(), "");
-}
-
-bool IsValidWddx(std::string packet) {
-  const std::string url = "http://www.openwddx.org/downloads/dtd/wddx_dtd_10.txt";
-  packet.replace(packet.find(url), url.size(), "/source/tests/data/wddx_1_0.dtd");
-  const xmlParserCtxtPtr context = xmlNewParserCtxt();
-  xmlFreeDoc(xmlCtxtReadMemory(context, packet.data(), static_cast<int>(packet.size()), nullptr,
-                               nullptr, XML_PARSE_DTDVALID));
-  const bool isValid = context->valid == 1;
-  xmlFreeParserCtxt(context);
-  return isValid;
-}
-
-// The service wants the status packet like that.
-TEST(NvmPacket, IsValidWddxButForTheStatusPacketsEmptyData) {
-  EXPECT_TRUE(IsValidWddx(ALLOCATE_PACKET));
-  EXPECT_TRUE(IsValidWddx(RELEASE_PACKET));
-  testing::internal::CaptureStderr();
-  EXPECT_FALSE(IsValidWddx(STATUS_PACKET));
-  EXPECT_THAT(testing::internal::GetCapturedStderr(),
-              HasSubstr("Element data content does not follow the DTD"));
 }
 
 TEST(UnknownNvmFunction, GivesNoRequestAndOneErrorLine) {

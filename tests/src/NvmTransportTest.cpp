@@ -1,13 +1,11 @@
-// One exchange with the nVm service over a real connection, whatever the other side does.
+// One exchange with the nVm service, whatever the other side does. That the client waits for it
+// without a time-out: test_toggle_command.py.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/time.h>
 
 #include <cerrno>
 #include <optional>
-#include <stdexcept>
 
 #include "Files.h"
 #include "NvmClient.h"
@@ -15,7 +13,7 @@
 
 namespace {
 
-using End = ScriptedReply::End;
+using Chunks = ScriptedService::Reply;
 using std::string_literals::operator""s;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -52,12 +50,12 @@ class NvmTransport : public testing::Test {
   }
 
   // One exchange with a service that replies like this, if any. It is not the client's first one.
-  std::string Ask(const std::optional<ScriptedReply>& reply, const std::string& function = STATUS,
+  std::string Ask(const std::optional<Chunks>& reply, const std::string& function = STATUS,
                   const std::string& address = ADDRESS) {
     const auto openBefore = OpenDescriptors();
     std::optional<ScriptedService> service;
     if (reply) {
-      service.emplace(std::vector{*reply});
+      service.emplace(std::vector<Chunks>{*reply});
     }
     NvmClient client;
     client.address = "an earlier address";
@@ -97,9 +95,13 @@ class NvmTransport : public testing::Test {
 // --- Replies that are read
 
 TEST_F(NvmTransport, AReplyInOneChunkIsItsBody) {
-  EXPECT_EQ(Ask({{{HEADER + BODY}}}), Success(BODY, Received(HEADER + BODY, "25")));
+  EXPECT_EQ(Ask(Chunks{HEADER + BODY}), Success(BODY, Received(HEADER + BODY, "25")));
   EXPECT_THAT(SocketCalls(), ElementsAre("socket", "connect 127.0.0.1:5302", "send 317 flags 0",
                                          "recv 4096 flags 0"));
+  NvmClient client;
+  client.address = ADDRESS;
+  client.functionName = STATUS;
+  EXPECT_THAT(requests_, ElementsAre(client.BuildRequest()));
 }
 
 // A reply of these chunks: the text of the first is logged, with the announced length; the body is
@@ -165,7 +167,7 @@ TEST_F(NvmReply, IsReadAsFarAsItsLengthSays) {
     SCOPED_TRACE(reply.name);
     SetUp();
     FailSocketCall("recv", reply.failingReceive, EINTR);
-    EXPECT_EQ(Ask({{reply.chunks}}), Success(reply.body, Received(reply.first, reply.announced)));
+    EXPECT_EQ(Ask(reply.chunks), Success(reply.body, Received(reply.first, reply.announced)));
     EXPECT_EQ(SocketCalls().size(), 3 + reply.receives);
   }
 }
@@ -174,7 +176,7 @@ TEST_F(NvmTransport, AReplyOfTenMebibytesArrivesWhole) {
   const std::string body = DECLARATION + std::string(10 << 20, 'x');
   const std::string reply = HttpReply(body);
   const std::string log = Received(reply.substr(0, 4096), std::to_string(body.size()));
-  EXPECT_TRUE(Ask({{{reply}}}) == Success(body, log));
+  EXPECT_TRUE(Ask(Chunks{reply}) == Success(body, log));
 }
 
 // --- Replies without a length in their first chunk
@@ -190,7 +192,8 @@ const Reply WITHOUT_A_LENGTH[] = {
     {"BehindTheFirstChunk", {LONG_HEADER + HEADER_END + BODY}, "", "", LONG_HEADER},
     {"BehindAZeroByte", {"HTTP/1.1 200 OK\r\n\0"s + HEADER + BODY}, "", "", "HTTP/1.1 200 OK\r\n"},
     {"CutInItsName", {"content-lengt", "h: 25\r\n\r\n" + BODY}},
-    {"FailingReceive", {HEADER + BODY}, "", "", "", 1, 1}};
+    {"FailingReceive", {HEADER + BODY}, "", "", "", 1, 1},
+    {"ClosedAtOnce", {}, "", "", ""}};
 
 using NvmReplyWithoutALength = NvmTransport;
 
@@ -199,10 +202,8 @@ TEST_F(NvmReplyWithoutALength, FailsAndLeavesTheConnectionOpen) {
     SCOPED_TRACE(reply.name);
     SetUp();
     FailSocketCall("recv", reply.failingReceive, EINTR);
-    EXPECT_EQ(Ask({{reply.chunks}}), Failure(Received(reply.first), 1));
+    EXPECT_EQ(Ask(reply.chunks), Failure(Received(reply.first), 1));
   }
-  SetUp();
-  EXPECT_EQ(Ask({{{}, End::kClose}}), Failure(Received(""), 1)) << "closed at once";
 }
 
 // --- Nobody to talk to
@@ -232,7 +233,7 @@ TEST_F(NvmTransport, AFailingSocketIsAnError) {
 }
 
 TEST_F(NvmTransport, AnUnknownFunctionLeavesTheConnectionOpenAndUnused) {
-  EXPECT_EQ(Ask({{{HEADER + BODY}}}, "nvmGetdevicestatus"),
+  EXPECT_EQ(Ask(Chunks{HEADER + BODY}, "nvmGetdevicestatus"),
             Failure(Error(116, "Wrong command"), 1, "nvmGetdevicestatus"));
   EXPECT_THAT(requests_, ElementsAre(""));
   EXPECT_THAT(SocketCalls(), ElementsAre("socket", "connect 127.0.0.1:5302"));
@@ -250,35 +251,15 @@ TEST_F(NvmTransport, AnUnknownFunctionOfNobodyIsARefusedConnection) {
 
 TEST_F(NvmTransport, AFailingSendIsAnError) {
   FailSocketCall("send", 1, EPIPE);
-  EXPECT_EQ(Ask({{{HEADER + BODY}}}), Failure(Error(178, "send Broken pipe"), 0));
+  EXPECT_EQ(Ask(Chunks{HEADER + BODY}), Failure(Error(178, "send Broken pipe"), 0));
   EXPECT_THAT(requests_, ElementsAre(""));
 }
 
 TEST_F(NvmTransport, AShortSendIsNotContinued) {
   LimitSend(100);
-  EXPECT_EQ(Ask({{{HEADER + BODY}}}), Success(BODY, Received(HEADER + BODY, "25")));
+  EXPECT_EQ(Ask(Chunks{HEADER + BODY}), Success(BODY, Received(HEADER + BODY, "25")));
   ASSERT_EQ(requests_.size(), 1u);
   EXPECT_EQ(requests_[0].size(), 100u);
-}
-
-// The service gives up after ten thousand receives, by an exception.
-TEST_F(NvmTransport, ABodyThatEndsEarlyKeepsTheCallBusyForEver) {
-  EXPECT_THROW(Ask({{{BEGUN}, End::kClose}}), std::runtime_error);
-  EXPECT_EQ(LogText(), Entry() + Received(BEGUN, "25"));
-}
-
-int rings = 0;
-
-TEST_F(NvmTransport, ASilentServiceIsWaitedForWithoutATimeOut) {
-  // Nothing but a signal interrupts the receive, after a second; should it be early, another comes.
-  struct sigaction ring {};
-  ring.sa_handler = [](int) { ++rings; };
-  sigaction(SIGALRM, &ring, nullptr);
-  const itimerval everySecond = {{1, 0}, {1, 0}};
-  setitimer(ITIMER_REAL, &everySecond, nullptr);
-  EXPECT_EQ(Ask({{{}, End::kSilent}}), Failure(Received(""), 1));
-  setitimer(ITIMER_REAL, nullptr, nullptr);
-  EXPECT_GE(rings, 1) << "it did not wait";
 }
 
 }  // namespace

@@ -10,15 +10,11 @@
 #include <cerrno>
 #include <cstdlib>
 #include <new>
-#include <stdexcept>
 #include <utility>
-
-#include "NvmManipulator.h"
 
 namespace {
 
 constexpr auto NO_LIMIT = static_cast<std::size_t>(-1);
-constexpr int MAX_RECEIVES_BEYOND = 10000;
 
 std::vector<std::string> calls;
 std::size_t sendLimit = NO_LIMIT;
@@ -38,55 +34,43 @@ bool MustFail(const std::string& name) {
 
 }  // namespace
 
-ScriptedService::ScriptedService(std::vector<ScriptedReply> replies)
-    : listener_(static_cast<int>(syscall(SYS_socket, AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))),
-      replies_(std::move(replies)) {
-  const int on = 1;
-  setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  sockaddr_in own{};
-  own.sin_family = AF_INET;
-  own.sin_port = htons(NVM_SERVICE_PORT);
-  own.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  EXPECT_EQ(bind(listener_, reinterpret_cast<const sockaddr*>(&own), sizeof own), 0);
-  EXPECT_EQ(listen(listener_, 16), 0);
+ScriptedService::ScriptedService(std::vector<Reply> replies) : replies_(std::move(replies)) {
   service = this;
 }
 
 ScriptedService::~ScriptedService() {
   close(connection_);
-  close(listener_);
   service = nullptr;
 }
 
-void ScriptedService::Accept() {
+void ScriptedService::Accept(int client) {
   close(connection_);
-  connection_ = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+  int ends[2];
+  EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+  dup2(ends[0], client);
+  close(ends[0]);
+  connection_ = ends[1];
   requests_.emplace_back();
   chunk_ = sent_ = 0;
 }
 
 void ScriptedService::Read(std::size_t size) {
   std::string bytes(size, '\0');
-  EXPECT_EQ(syscall(SYS_recvfrom, connection_, bytes.data(), size, MSG_WAITALL, nullptr, nullptr),
-            size);
+  EXPECT_EQ(read(connection_, bytes.data(), size), size);
   requests_.back() += bytes;
 }
 
 void ScriptedService::Write(std::size_t size) {
-  const ScriptedReply& reply = replies_.at(requests_.size() - 1);
-  if (chunk_ == reply.chunks.size()) {
-    if (reply.end == ScriptedReply::End::kWhole || ++receivesBeyond_ > MAX_RECEIVES_BEYOND) {
-      throw std::runtime_error("the client receives on");
-    }
-    if (reply.end == ScriptedReply::End::kClose) {
-      close(std::exchange(connection_, -1));
-    }
+  const Reply& reply = replies_.at(requests_.size() - 1);
+  if (reply.empty()) {
+    close(std::exchange(connection_, -1));
     return;
   }
-  const std::string part = reply.chunks[chunk_].substr(sent_, size);
+  const std::string& chunk = reply.at(chunk_);
+  const std::string part = chunk.substr(sent_, size);
   EXPECT_EQ(write(connection_, part.data(), part.size()), part.size());
   sent_ += part.size();
-  if (sent_ == reply.chunks[chunk_].size()) {
+  if (sent_ == chunk.size()) {
     ++chunk_;
     sent_ = 0;
   }
@@ -142,11 +126,11 @@ extern "C" int connect(int descriptor, const sockaddr* address, socklen_t size) 
   const auto* const ip = reinterpret_cast<const sockaddr_in*>(address);
   calls.push_back(std::string("connect ") + inet_ntoa(ip->sin_addr) + ":" +
                   std::to_string(ntohs(ip->sin_port)));
-  const auto result = static_cast<int>(syscall(SYS_connect, descriptor, address, size));
-  if (result == 0 && service != nullptr) {
-    service->Accept();
+  if (service == nullptr) {
+    return static_cast<int>(syscall(SYS_connect, descriptor, address, size));
   }
-  return result;
+  service->Accept(descriptor);
+  return 0;
 }
 
 extern "C" ssize_t send(int descriptor, const void* bytes, size_t size, int flags) {

@@ -11,24 +11,16 @@
 #include <string>
 #include <vector>
 
-struct ScriptedReply {
-  enum class End {
-    kWhole,   // a further receive is an error: it throws
-    kSilent,  // the connection stays open
-    kClose,   // of the connection; after ten thousand more receives it throws
-  };
-
-  // Each is sent when the client has read those before it and begins another receive.
-  std::vector<std::string> chunks = {};
-  End end = End::kWhole;
-};
-
-// It listens on a real socket and runs in the client's thread: it does its part in the client's
-// `connect`, `send` and `recv`. One at a time, and one connection at a time.
+// It is the other end of the client's connection and runs in the client's thread: it does its part
+// in the client's `connect`, `send` and `recv`. One at a time, and one connection at a time.
 class ScriptedService {
  public:
+  // Each chunk is sent when the client has read those before it and begins another receive. A
+  // further receive is an error and throws. A reply of no chunks closes the connection.
+  using Reply = std::vector<std::string>;
+
   // One reply for each connection.
-  explicit ScriptedService(std::vector<ScriptedReply> replies);
+  explicit ScriptedService(std::vector<Reply> replies);
   ~ScriptedService();
   ScriptedService(const ScriptedService&) = delete;
   ScriptedService& operator=(const ScriptedService&) = delete;
@@ -36,19 +28,18 @@ class ScriptedService {
   // What was received over each connection that was made.
   const std::vector<std::string>& Requests() const { return requests_; }
 
-  // The client's calls: it has connected, has sent so many bytes, begins to receive so many.
-  void Accept();
+  // The client's calls: it connects this descriptor, has sent so many bytes, begins to receive so
+  // many.
+  void Accept(int client);
   void Read(std::size_t size);
   void Write(std::size_t size);
 
  private:
-  int listener_;
-  std::vector<ScriptedReply> replies_;
+  std::vector<Reply> replies_;
   std::vector<std::string> requests_;
   int connection_ = -1;    // the latest, while it is open
   std::size_t chunk_ = 0;  // of the reply: the next one, or the one begun
   std::size_t sent_ = 0;   // of that chunk
-  int receivesBeyond_ = 0;
 };
 
 // An HTTP reply with this body, as the service writes its header.

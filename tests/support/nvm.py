@@ -2,9 +2,12 @@
 
 import contextlib
 import http.server
+import itertools
 import pathlib
 import re
 import socket
+import socketserver
+import subprocess
 import threading
 
 import logfile
@@ -72,6 +75,14 @@ def reply(is_allocated="0", owner="", client_address="", code="0", message=""):
             "</struct></data></wddxPacket>")
 
 
+def is_valid(text):
+    """Whether it is a packet by the definition that it names, which is on the network."""
+    command = ["xmllint", "--nonet", "--noout", "--dtdvalid", "/source/tests/data/wddx_1_0.dtd", "-"]
+    done = subprocess.run(command, input=text.encode("latin-1"), stderr=subprocess.PIPE, check=False)
+    assert done.returncode in (0, 3), done.stderr  # 3: not valid
+    return done.returncode == 0
+
+
 FREE_REPLY = reply()
 ALLOCATED_REPLY = reply("1", "VEMO_WEB", "0")  # the web interface holds the device
 
@@ -121,19 +132,28 @@ def exchange(text, address=ADDRESS):
 
 # --- Another service
 
+def short_http_reply(body):
+    """As the program's client needs it; without a body there is none."""
+    return f"HTTP/1.1 200 OK\r\ncontent-length: {len(body)}\r\n\r\n{body}" if body else ""
+
+
 @contextlib.contextmanager
-def answering(body):
-    """In the service's place: answers every request with this body."""
-    class Handler(http.server.BaseHTTPRequestHandler):
-        def do_GET(self):
-            self.rfile.read(int(self.headers["Content-length"]))
-            self.wfile.write(f"HTTP/1.1 200 OK\r\ncontent-length: {len(body)}\r\n\r\n{body}".encode("latin-1"))
+def answering(*bodies):
+    """In the service's place: answers each request with the next of these bodies, and closes the connection in place of
+    an empty one. The context is a list of the requests."""
+    requests = []
+    left = itertools.cycle(bodies)
+
+    class Handler(socketserver.StreamRequestHandler):
+        def handle(self):
+            requests.append(self.request.recv(4096).decode("latin-1"))
+            self.wfile.write(short_http_reply(next(left)).encode("latin-1"))
 
     with http.server.HTTPServer((ADDRESS, PORT), Handler) as server:
         thread = threading.Thread(target=server.serve_forever, args=(0.01,))
         thread.start()
         try:
-            yield
+            yield requests
         finally:
             server.shutdown()
             thread.join()
