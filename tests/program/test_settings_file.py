@@ -8,7 +8,6 @@ import itertools
 import os
 import re
 import resource
-import shutil
 import signal
 import stat
 from typing import NamedTuple
@@ -68,7 +67,9 @@ MOUNTS = pytest.mark.namespaces("nothing can be mounted")
 
 
 def mounting(mounts, asked):
-    """The request in a mount namespace of its own."""
+    """The request in a mount namespace of its own, if there are any."""
+    if not mounts:
+        return asked
     return asked._replace(words=["/usr/bin/bwrap", "--dev-bind", "/", "/", *mounts, *asked.words])
 
 
@@ -85,7 +86,7 @@ def test_gets_the_value_and_keeps_the_rest_or_stays_as_it_was(file_mode, folder_
     FOLDER.chmod(folder_mode)
     for value in ("500", "50000", "5"):
         before = inode()
-        expect_stores(mounting(mounts, request(value)) if mounts else request(value), value)
+        expect_stores(mounting(mounts, request(value)), value)
         assert (inode() != before) == (store == REPLACED)
         assert mode() == file_mode
         expect_no_other_file()
@@ -95,29 +96,12 @@ def test_gets_the_value_and_keeps_the_rest_or_stays_as_it_was(file_mode, folder_
     assert read(SETTINGS) == (OLD if store == LEFT else settings("5"))
 
 
-def test_stays_a_link(tmp_path):
-    write(tmp_path / "target", OLD)
-    link = os.path.relpath(tmp_path / "target", FOLDER)
-    SETTINGS.unlink()
-    SETTINGS.symlink_to(link)
-    expect_stores(request())
-    assert os.readlink(SETTINGS) == link
-    assert read(tmp_path / "target") == settings("500")
-    assert os.listdir(tmp_path) == ["target"]
-
-
 @pytest.mark.parametrize("umask", (0o022, 0o027, 0), ids=oct)
 def test_is_made_when_it_is_missing(umask):
     SETTINGS.unlink()
     expect_success(run(request(), umask=umask))
     program.expect_settings(NEW_SETTINGS)
     assert mode() == 0o666 & ~umask
-
-
-def test_is_not_made_when_its_folder_is_missing():
-    shutil.rmtree(FOLDER)
-    expect_stores(request())
-    assert not FOLDER.exists()
 
 
 @pytest.mark.namespaces("there is no small disk to fill")
@@ -145,26 +129,6 @@ def test_stays_as_it_was_at_the_limit_on_the_size_of_files(folder_mode):
     expect_no_other_file()
 
 
-def test_is_not_waited_for_when_it_is_a_named_pipe():
-    SETTINGS.unlink()
-    os.mkfifo(SETTINGS)
-    expect_stores(request())
-    assert SETTINGS.is_fifo()
-
-
-def test_may_be_a_folder_which_stays():
-    SETTINGS.unlink()
-    write(SETTINGS / "inside", OLD)
-    expect_stores(request())
-    assert read(SETTINGS / "inside") == OLD
-
-
-def test_of_absurd_size_stays_as_it_was():
-    os.truncate(SETTINGS, 1 << 40)
-    expect_stores(request())
-    assert SETTINGS.stat().st_size == 1 << 40
-
-
 # A lease for reading is broken by a writer alone.
 @pytest.mark.parametrize("path, folder_mode, how, lease", (
     pytest.param(SETTINGS, 0o755, "r+b", fcntl.F_WRLCK, id="read"),
@@ -186,34 +150,34 @@ def test_is_waited_for_while_another_process_holds_a_lease_on_it(path, folder_mo
     assert program.log_lines() == ["an earlier request", *program.SUCCESS_LINES]
 
 
-def store_at_the_same_time(rounds, mounts=()):
-    """Of several requests at once, one stores last, and none meets a part of another's text."""
+@pytest.mark.parametrize("folder_mode, rounds", ((0o755, 75), (0o555, 60)), ids=("replaced", "rewritten"))
+def test_is_whole_after_requests_at_the_same_time(folder_mode, rounds):
+    """One stores last, and none meets a part of another's text."""
+    FOLDER.chmod(folder_mode)
     with concurrent.futures.ThreadPoolExecutor() as pool:
         for number in map(str, range(rounds)):
             values = (number, f"1000{number}", 90 * "5" + number, 3000 * "7" + number)
-            requests = [mounting(mounts, request(value)) if mounts else request(value) for value in values]
-            for value, result in zip(values, pool.map(run, requests)):
+            for value, result in zip(values, pool.map(run, map(request, values))):
                 expect_success(result, value)
             assert read(SETTINGS) in map(settings, values)
             expect_no_other_file()
 
 
-def test_is_whole_after_requests_at_the_same_time():
-    store_at_the_same_time(75)
-
-
-def test_is_whole_after_requests_at_the_same_time_in_a_read_only_folder():
-    FOLDER.chmod(0o555)
-    before = inode()
-    store_at_the_same_time(60)
-    assert inode() == before
-
-
-@MOUNTS
-def test_is_whole_after_requests_at_the_same_time_when_it_is_mounted_on_its_own():
-    before = inode()
-    store_at_the_same_time(25, OWN_MOUNT)
-    assert inode() == before
+@pytest.mark.parametrize("folder_mode, mounts", (
+    pytest.param(0o555, (), id="in a read-only folder"),
+    pytest.param(0o755, OWN_MOUNT, marks=MOUNTS, id="mounted on its own")))
+def test_is_read_again_while_another_process_rewrites_it_but_not_for_ever(folder_mode, mounts):
+    """A reader could meet a mix of two texts."""
+    FOLDER.chmod(folder_mode)
+    with concurrent.futures.ThreadPoolExecutor() as pool:
+        result = pool.submit(run, mounting(mounts, request().watched(FOLDER)))
+        while not result.done():
+            os.utime(SETTINGS)
+        expect_success(result.result())
+    assert read(SETTINGS) == settings("500")
+    made = calls()
+    # Two to the end of the file, each time; a busy machine may keep us from touching it.
+    assert made[:made.index("open temporary 600")].count("pread obd.conf") > 2
 
 
 @pytest.mark.namespaces("nothing else can be traced")
