@@ -8,8 +8,8 @@ import resource
 
 import program
 import pytest
-from program import (CALLS, FRAME_ONLY, LOG, NEW_SETTINGS, OLD_SETTINGS, SUCCESS_LINES, expect_success, get, log_lines,
-                     read, run, write)
+from program import (CALLS, FRAME_ONLY, LOG, NEW_SETTINGS, OLD_SETTINGS, SUCCESS_LINES, expect_success, get, read, run,
+                     write)
 
 REQUEST = get("CanDetectTimeout=500")
 # The kernel hands no longer text than this to a program, name, end and all.
@@ -138,18 +138,3 @@ def test_a_missing_class_is_described_on_standard_error(old_settings):
     assert (result.page, result.status) == (FRAME_ONLY, 1)
     assert "NoClassDefFoundError: com/tarn/vemo/config/ConfigVemo" in result.error
     program.expect_settings(OLD_SETTINGS)
-
-
-@pytest.mark.namespaces("there is no small disk to fill")
-def test_the_line_that_a_full_disk_cut_is_ended_later(old_settings, small_disk):
-    # Its disk has room for a part of one line.
-    log = small_disk / "cgi.log"
-    write(log, (4096 - 41) * "x" + "\n")
-    program.fill(small_disk)
-    LOG.symlink_to(log)
-    expect_success(run(REQUEST.by("fake")), error="Can't write log file /tmp/cgi.log: No space left on device\n")
-    (small_disk / "filler").unlink()
-    expect_success(run(REQUEST.by("fake")))
-    _, cut, *lines = log_lines()
-    assert len(cut) == 39
-    assert lines == SUCCESS_LINES

@@ -14,13 +14,13 @@
 
 namespace {
 
-// To be formatted in UTC.
+// To be formatted two hours east of UTC, after 2038.
 LogEvent ExampleEvent() {
-  setenv("TZ", "UTC", 1);
+  setenv("TZ", "UTC-2", 1);
   tzset();
   GetCgiLogHandler();  // registers the levels
   LogEvent event;
-  event.time = {1700000000, 42};
+  event.time = {2209032000, 42};
   event.level = LOG_LEVEL_INFO;
   event.handlerName = "cgi";
   event.processId = 4711;
@@ -96,10 +96,6 @@ TEST_F(CgiLogTest, PassesItsEventsToTheDefaultHandlerBeforeTheFile) {
   EXPECT_EQ(client.fileAtThatTime, "");
 }
 
-TEST_F(CgiLogTest, AMessageWithNewlinesIsWrittenAsItIs) {
-  EXPECT_EQ(Logged(GetCgiLogHandler(), "Receive:\na\r\nb"), Line("cgi", "Receive:\na\r\nb"));
-}
-
 // --- The layout
 
 std::string Format(const LogEvent& event) {
@@ -113,7 +109,7 @@ std::string Format(const LogEvent& event) {
 
 TEST(CgiLogLayout, IsPaddedColumnsOfOneUnflushedLine) {
   EXPECT_EQ(Format(ExampleEvent()),
-            "2023-11-14 22:13:20.000042  INFO      cgi            4711  "
+            "2040-01-01 14:00:00.000042  INFO      cgi            4711  "
             "src/SetObdConf           30    a message\n");
 }
 
@@ -127,7 +123,7 @@ TEST(CgiLogLayout, LeavesNoBlankBehindAValueThatFillsItsColumnAndCutsNone) {
   event.fileName = "src/AFileNameOfMoreThanTwentyFive";
   event.line = -1234567;
   EXPECT_EQ(Format(event),
-            "2023-11-14 22:13:20.000042  1234567890a-handler-of-more-than-1512345678"
+            "2040-01-01 14:00:00.000042  1234567890a-handler-of-more-than-1512345678"
             "src/AFileNameOfMoreThanTwentyFive-1234567a message\n");
 }
 
@@ -140,7 +136,7 @@ TEST(CgiLogLayout, IsAlikeOnAStreamInAnyStateButForTheBase) {
   event.line = -1;
   JniLayout().FormatAndAppend(out, event);
   EXPECT_EQ(out.str(),
-            "2023-11-14 22:13:20.000042  INFO      cgi            1267  "
+            "2040-01-01 14:00:00.000042  INFO      cgi            1267  "
             "src/SetObdConf           FFFFFFFFa message\n");
   EXPECT_EQ(out.flags(), (before & ~std::ios::adjustfield) | std::ios::left);
   EXPECT_EQ(out.fill(), ' ');
