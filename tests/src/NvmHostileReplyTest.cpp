@@ -57,7 +57,7 @@ const xmlExternalEntityLoader LOADER = xmlGetExternalEntityLoader();
 
 // Before libxml2 opens a file or a connection, it asks here.
 xmlParserInputPtr RecordAndOpen(const char* url, const char* id, xmlParserCtxtPtr context) {
-  opened.push_back(url);
+  opened.emplace_back(url != nullptr ? url : "");
   return LOADER(url, id, context);
 }
 
