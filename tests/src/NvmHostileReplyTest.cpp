@@ -84,7 +84,7 @@ TEST(NvmForeignReference, IsFollowedByNeitherTheReaderNorTheToggle) {
       EXPECT_THAT(opened, IsEmpty());
       EXPECT_EQ(Toggle(reply), -1);
       EXPECT_THAT(opened, Each("/tmp/cgirep.txt"));
-      EXPECT_EQ(xmlGetExternalEntityLoader(), RecordAndOpen) << "others still reach their files";
+      ASSERT_EQ(xmlGetExternalEntityLoader(), RecordAndOpen) << "others still reach their files";
     }
   }
   xmlSetExternalEntityLoader(LOADER);
