@@ -27,9 +27,7 @@ def told(*command, **more):
 def spawn(command, environment, body="/dev/null", cpu=None):
     """Runs the command, on that processor core alone if one is named."""
     pinned = [] if cpu is None else ["/usr/bin/taskset", "--cpu-list", str(cpu)]
-    variables = (f"{name}={text}" for name, text in environment.items())
-    said = told(*pinned, "/usr/bin/python3", "-I", "-S", "/source/bench/spawn.py", body, *variables, "--", *command,
-                stderr=subprocess.DEVNULL)
+    said = told(*pinned, "/build/bench/bench-spawn", body, *command, env=environment, stderr=subprocess.DEVNULL)
     cost = Cost(*map(int, said.split()))
     if cost.status != 0:
         raise SystemExit(f"bench: {command} ended with status {cost.status}")

@@ -68,6 +68,7 @@ def measure_everything(folder, rounds):
     subjects.make_archive(subjects.ARCHIVE)
     costs = measure(subjects.requests(), rounds)
     steps = measure(subjects.steps(), rounds)
+    curves = growth.measure()
     counts = {path: one_request.count_instructions(how) for path, how in one_request.COUNTED.items()}
     tables = [
         table(f"Ratios: medians of {rounds} rounds, with their middle halves", ["CPU", "wall", "peak memory"],
@@ -75,14 +76,15 @@ def measure_everything(folder, rounds):
         table("The VM's start in the bare embedder: each step with those above it, against the first",
               ["CPU", "peak memory", "page faults"], step_rows(steps)),
         table("One request, medians", ["CPU", "wall", "peak memory", "page faults"], cost_rows(costs)),
-        table("One request in time, medians", ["begins after", "takes"],
-              one_request.timeline_rows(max(5, rounds // 2))),
-        table("Growth of CPU time, with fake VM", ["sizes", "cost", "exponent"], growth.rows(growth.measure())),
+        table("Growth of CPU time, with fake VM", ["sizes", "cost", "exponent"], growth.rows(curves)),
         table("Through lighttpd", ["throughput", "latency", ""], serving.rows()),
         table("Instructions, with fake VM", ["now", "change"], one_request.instruction_rows(counts)),
     ]
+    plots = {"timeline": one_request.timeline(max(5, rounds // 2)),
+             "growth": {name: [(size, run.cpu) for size, run in points] for name, points in curves.items()}}
     (folder / "results.txt").write_text("\n".join(tables))
     (folder / "instructions.json").write_text(json.dumps(counts) + "\n")
+    (folder / "plots.json").write_text(json.dumps(plots))
     print("\n".join(tables))
 
 

@@ -37,7 +37,7 @@ def instruction_rows(counts):
 
 
 def one_timeline():
-    """When each of the PARTS begins, and the end: by the page's flushed lines and by the log's times."""
+    """The times of EVENTS, by the page's flushed lines and by the log's times."""
     reset()
     start = time.time()
     process = subprocess.Popen([PROGRAM], env=SHIPPED, stdout=subprocess.PIPE, bufsize=0)
@@ -58,12 +58,11 @@ def one_timeline():
             arrival(b"To activate"), end]
 
 
-PARTS = ("process start", "frame", "Java VM", "class", "page", "shutdown")
+EVENTS = ("process start", "frame", "Java VM", "class", "page", "shutdown", "end")
 
 
-def timeline_rows(rounds):
+def timeline(rounds):
+    """Name and time of each event: medians in microseconds from the process's start."""
     runs = [one_timeline() for _ in range(rounds)]
-    for index, name in enumerate(PARTS):
-        taken = (statistics.median((run[at] - run[start]) * 1000 for run in runs)
-                 for at, start in ((index, 0), (index + 1, index)))
-        yield [name, *(f"{milliseconds:.1f} ms" for milliseconds in taken)]
+    return [(name, statistics.median((run[index] - run[0]) * 1e6 for run in runs))
+            for index, name in enumerate(EVENTS)]

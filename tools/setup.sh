@@ -21,7 +21,7 @@ SYSROOT_PACKAGES=(libc6 libstdc++6 libcgicc-dev libxml2-dev libmicrohttpd-dev op
 declare -A SYSROOT_KERNEL=([arm64]=linux-image-cloud-arm64 [armhf]=linux-image-armmp-lpae)
 # What ./test --long needs in addition, with PACKAGING_PACKAGES and CROSS_PACKAGES.
 LONG_TEST_PACKAGES=(lintian blhc ccache diffoscope-minimal faketime firefox-esr locales
-  gdb linux-perf wrk pngquant qemu-system-arm)
+  gdb linux-perf python3-matplotlib wrk pngquant qemu-system-arm)
 # A Node.js that is not Debian's brings its own npm.
 command -v npm >/dev/null || TEST_PACKAGES+=(npm)
 # JAVA_HOME names another JDK than Debian's.

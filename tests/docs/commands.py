@@ -86,8 +86,8 @@ RULES = {
         Rule(r"\./bench/run( --vms)?", prepare="rm -rf build/bench-state",
              until=REQUESTED % "build/bench-state/tmp/cgi.log"),
         Rule(r"\./bench/run --keep", after="grep -qx kept docs/speed-results.txt",
-             prepare="mkdir -p build/bench-results; cp bench/instructions.json build/bench-results;"
-                     " echo kept >build/bench-results/results.txt"),
+             prepare="mkdir -p build/bench-results; cp docs/images/{growth,timeline}.png bench/instructions.json"
+                     " build/bench-results; echo kept >build/bench-results/results.txt"),
         Rule(r"\./bench/profile", until='compgen -G "$TMPDIR/*/samples"'),
         Rule(r"time /srv/vemo/htdocs/setobdconf\.cgi >/dev/null", r"\nreal\s", status=1, of="device"),
         Rule(r"/srv/vemo/make-class-archive .* /app/class-archive", after="test -s /app/class-archive/record",
