@@ -1,5 +1,5 @@
 // Replies that are made to do harm: nothing is opened that they refer to, and sizes do no harm.
-// Odd encodings, nodes and broken documents: tests/fuzz.
+// What is read of odd encodings, nodes and broken documents: tests/fuzz.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
