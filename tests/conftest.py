@@ -7,7 +7,7 @@ import pytest
 
 sys.dont_write_bytecode = True
 TESTS = pathlib.Path(__file__).parent
-sys.path += [str(TESTS / folder) for folder in ("packaging", "docs", "web")]
+sys.path += [str(TESTS / folder) for folder in ("packaging", "docs", "support", "web")]
 
 
 def pytest_addoption(parser):

@@ -3,8 +3,8 @@
 # PROPERTIES: of all of these tests.
 function(add_tests_under_vm name folder)
   cmake_parse_arguments(PARSE_ARGV 2 test "" "" PROPERTIES)
-  add_web_test(browser_journey.${name} ENV LD_LIBRARY_PATH=${folder} TESTS journey)
-  add_web_test(class_archive.${name} ENV LD_LIBRARY_PATH=${folder} TESTS class_archive)
+  add_web_test(browser_journey.${name} journey ENV LD_LIBRARY_PATH=${folder})
+  add_web_test(class_archive.${name} class_archive ENV LD_LIBRARY_PATH=${folder})
   add_sandbox_test(JavaVm.${name} program/test_set_option_page.py program/test_java_vm.py
     program/test_java_calls.py program/test_start_up_options.py program/test_form_input.py
     program/test_output.py program/test_log_file.py pages/test_sibling_pages.py

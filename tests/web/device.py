@@ -4,21 +4,18 @@ import contextlib
 import os
 import pathlib
 import re
-import shutil
 import socket
-import subprocess
 import threading
 import time
 
 import psutil
 
+import program
+from program import LOG, SETTINGS, eventually
+
 SOURCE = pathlib.Path("/source")
 SHIPPED = pathlib.Path("/srv/vemo")
-SETTINGS = pathlib.Path("/app/tarn-belox/runvex/obd.conf")
 SHIPPED_SETTINGS = SOURCE / "standin/obd.conf"
-LOG = pathlib.Path("/tmp/cgi.log")
-FAKE_VM = "/build/standin/libfake-vm.so"
-HOLDING_CLASS = "/build/tests/java/holding"  # a configuration class that never gets ready
 LIMIT = 20  # seconds for whatever is waited for
 MOMENT = 0.7  # seconds in which what is not to happen would
 
@@ -49,21 +46,10 @@ def is_on_loopback():
     return HOST == "localhost"
 
 
-def eventually(is_true, limit=LIMIT):
-    """Whether it became true."""
-    deadline = time.monotonic() + limit
-    while not is_true():
-        if time.monotonic() > deadline:
-            return False
-        time.sleep(0.02)
-    return True
-
-
 # --- Settings, log, processes
 
 def write_shipped_settings():
-    SETTINGS.parent.mkdir(parents=True, exist_ok=True)
-    shutil.copyfile(SHIPPED_SETTINGS, SETTINGS)
+    program.write(SETTINGS, program.read(SHIPPED_SETTINGS))
 
 
 def settings_with(value):
@@ -101,10 +87,8 @@ def programs(names=(".cgi",)):
 
 def run_program(query="", page="setobdconf.cgi"):
     """The page that the program writes without a web server and with a Java VM that costs nothing."""
-    environment = {"REQUEST_METHOD": "GET", "QUERY_STRING": query, "LD_PRELOAD": FAKE_VM}
-    done = subprocess.run([SHIPPED / "htdocs" / page], env=environment, stdout=subprocess.PIPE, timeout=LIMIT,
-                          check=False)
-    return done.stdout.split(b"\n\n", 1)[1]
+    done = program.run(program.get(query, f"{SHIPPED}/htdocs/{page}").by("fake"))
+    return done.page.partition("\n\n")[2].encode("latin-1")
 
 
 # --- Reboots

@@ -19,9 +19,10 @@ import psutil
 import client
 import device
 from client import Answer, request
-from device import FAKE_VM, LIMIT, NETWORK, SECRET, SHIPPED, SOURCE, eventually
+from device import LIMIT, NETWORK, SECRET, SHIPPED, SOURCE, eventually
 from prepared import TLS, with_parts
 
+FAKE_VM = "/build/standin/libfake-vm.so"
 UNPACKED = "/build/web-servers"  # by tools/unpack-packages
 # Processes of pytest-xdist have ports of their own.
 FIRST_PORT = 8080 + 6 * int(os.environ.get("PYTEST_XDIST_WORKER", "gw0")[2:])
@@ -48,25 +49,17 @@ SHORT_TIMES = (gate("RUN_TIMEOUT", 1), gate("QUEUE_TIMEOUT", 20), (r"(max-read-i
                (r"header=5 body=5", "header=1 body=1"), (r"(client_\w+_timeout) 5;", r"\1 1;"))
 
 LISTENS = r"(?m)^(Listen |\s*listen |<VirtualHost |var\.vemo_http = \"|server\.bind +=.*)127\.0\.0\.1"
-# The pages in a server of somebody else's, which has none of the modules that they rely on.
-LIGHTTPD_OF_OTHERS = """server.modules = ( "mod_access" )
-server.compat-module-load = "disable"
-server.document-root = "/tmp"
-server.port = 8099
-server.upload-dirs = ( "/tmp" )
-"""
 
 
 class Server:
     """Runs for as long as the context does. /tmp/web_PORT is instead of all folders. `edits` are made in the
     configuration; `parts` of it are turned on. With TLS, http is on the next port."""
 
-    def __init__(self, *edits, parts=(), java=WITH_FAKE_VM, of_others=False, port=None, first_page="/reboot.cgi"):
+    def __init__(self, *edits, parts=(), java=WITH_FAKE_VM, port=None):
         self.port = port or next(port for port in range(FIRST_PORT, FIRST_PORT + 6, 2) if port not in ports_in_use)
         ports_in_use.add(self.port)
         self.edits = [*AS_ROOT, *([java] if java else []), *edits]
         self.parts = parts
-        self.first_page = first_page  # of a program: what starts them may listen later
         self.root = pathlib.Path(f"/tmp/web_{self.port}")
         self.programs, self.run = self.root / "libexec", self.root / "run"
         self.settings, self.shared = self.root / "etc", self.root / "share"
@@ -75,24 +68,32 @@ class Server:
             folder.mkdir(parents=True)
         shutil.copy(SHIPPED / "java.options", self.settings)
         shutil.copytree(SHIPPED / "htdocs", self.shared / "htdocs", ignore=lambda *_: device.CGI_PAGES)
+        (self.shared / "java").symlink_to(SHIPPED / "java")
         (self.programs / "cgi-gate").symlink_to(SHIPPED / "bin/cgi-gate")
-        gated = self.configured("servers/gated.cgi.in")
+        (self.programs / "keep-listening").symlink_to("/build/web/keep-listening")
+        gated = self.configured("web/servers/gated.cgi.in")
         for page in device.CGI_PAGES:
             (self.programs / page).symlink_to(SHIPPED / "htdocs" / page)
             (self.shared / "htdocs" / page).symlink_to(self.programs / page)
             file = self.programs / "gated" / page
             file.write_text(gated.replace("@PAGE@", page))
             file.chmod(0o755)
-        # Its commands make key and certificate for all servers.
-        self.text = self.configure(self.settings, "lighttpd/web-server.conf.in")
-        self.command = self.configure_lighttpd(of_others) if device.NAME == "lighttpd" else self.configure_with_unit()
+        self.text = ""
+        if device.NAME == "lighttpd":
+            self.configure(self.settings, "lighttpd/web-server.conf.in")
+            self.configure(self.shared, *(f"lighttpd/lighttpd{suffix}" for suffix in (
+                ".conf", "-site.conf", "-same-site.conf", "-tls.conf", "-paths.conf.in")))
+        else:
+            # Its commands make key and certificate for all servers.
+            self.configured("web/lighttpd/web-server.conf.in")
+            self.configure(self.settings / "web-servers", *(
+                f"servers/{device.NAME}.{suffix}.in" for suffix in ("conf", "service.conf")))
 
     def configured(self, template):
-        text = (SOURCE / "web" / template).read_text()
+        text = (SOURCE / template).read_text()
         for name, folder in {
-            "@VEMO_SHARED@/java": SHIPPED / "java", "@VEMO_CLASS_PATH@": SHIPPED / "java", "@VEMO_RUN@": self.run,
+            "@VEMO_CLASS_PATH@": self.shared / "java", "@VEMO_RUN@": self.run, "/run/vemo-web": self.run,
             "@VEMO_PROGRAMS@": self.programs, "@VEMO_SHARED@": self.shared, "@VEMO_SETTINGS@": self.settings,
-            "/run/vemo-web": self.run, "/run/lighttpd": self.run,
             "@VEMO_ARCHIVE@": "/app/class-archive", "/var/cache/vemo-web/archive": "/app/class-archive",
         }.items():
             text = text.replace(name, str(folder))
@@ -108,30 +109,21 @@ class Server:
         return re.sub(r"\b8443\b", str(self.port), text)
 
     def configure(self, folder, *templates):
-        """Writes them, as installed and edited, into this folder; their text."""
-        texts = []
+        """Writes them, as installed and edited, into this folder."""
         for template in templates:
-            text = self.configured(template)
+            text = self.configured(f"web/{template}")
             for before, after in self.edits:
                 text = re.sub(before, after, text)
             (folder / pathlib.Path(template).name.removesuffix(".in")).write_text(text)
-            texts.append(text)
-        return "".join(texts)
+            self.text += text
 
-    def configure_lighttpd(self, of_others):
-        files = [f"lighttpd/lighttpd{suffix}" for suffix in (
-            ".conf", "-site.conf", "-same-site.conf", "-tls.conf", "-paths.conf.in")]
-        self.text += self.configure(self.shared, *files)
-        file = self.shared / "lighttpd.conf"
-        if of_others:
-            file.write_text(LIGHTTPD_OF_OTHERS + self.configure(self.shared, "lighttpd/50-vemo-web.conf.in"))
-        return ["/usr/sbin/lighttpd", "-D", "-f", str(file)]
+    def setting(self, name):
+        """The service's in its unit, or that of its drop-in for the server."""
+        unit = self.configured("packaging/systemd/vemo-web.service.in")
+        return re.findall(rf"(?m)^{name}=(.+)$", unit + self.text)[-1]
 
-    def configure_with_unit(self):
-        """What the drop-in of the service's unit starts."""
-        files = [f"servers/{device.NAME}.{suffix}.in" for suffix in ("conf", "service.conf")]
-        self.text = self.configure(self.settings / "web-servers", *files)
-        command = re.findall(r"(?m)^ExecStart=(.+)$", self.text)[-1].replace("$$", "$")
+    def command(self):
+        command = self.setting("ExecStart").replace("$$", "$")
         return shlex.split(re.sub(r"/usr/sbin/(fcgiwrap|nginx)", rf"{UNPACKED}\g<0>", command))
 
     # --- Running
@@ -148,7 +140,7 @@ class Server:
         with open(self.root / "errors", "wb") as errors:
             # Apache ends its whole process group.
             self.process = subprocess.Popen(
-                self.command, stdin=subprocess.DEVNULL, stdout=errors, stderr=errors, start_new_session=True,
+                self.command(), stdin=subprocess.DEVNULL, stdout=errors, stderr=errors, start_new_session=True,
                 env={"PATH": os.environ["PATH"], "HOME": "/nowhere",
                      "LD_LIBRARY_PATH": os.environ.get("LD_LIBRARY_PATH", "/nowhere")})
         if not eventually(lambda: self.is_ready() or self.process.poll() is not None) or not self.is_ready():
@@ -174,7 +166,7 @@ class Server:
     def is_ready(self):
         try:
             with contextlib.closing(self.connect(2)) as connection:
-                connection.sendall(request(self.first_page))
+                connection.sendall(request("/reboot.cgi"))
                 return re.search(b" (200|401) ", connection.recv(100)) is not None
         except OSError:
             return False
@@ -222,11 +214,6 @@ class Server:
     def get(self, target, *headers, **how):
         return self.ask(request(target, *headers, **how))
 
-    def setting(self, name):
-        """The service's in its unit, or that of its drop-in for the server."""
-        unit = (SOURCE / "packaging/systemd/vemo-web.service.in").read_text()
-        return re.findall(rf"(?m)^{name}=(.+)$", unit + self.text)[-1]
-
     def processes(self):
         """The server, and all that it has started."""
         server = psutil.Process(self.process.pid)
@@ -234,22 +221,24 @@ class Server:
 
 
 @contextlib.contextmanager
-def running_device(edits=()):
-    """The stand-in as its script starts it, with none of its processes; or its parts, with another web server, address,
-    or with edits: the web server's process and the nVm service's."""
+def running_device(*edits):
+    """All of it, with this web server, address and edits: the processes of the web server and the nVm service."""
     device.write_shipped_settings()
-    if device.is_on_loopback() and device.NAME == "lighttpd" and not device.PARTS and not edits:
-        # What it started ends with the sandbox.
-        with killed(SHIPPED / "start", env={**os.environ, "VEMO_PORT": "8080"}):
-            assert eventually(lambda: device.can_connect(("127.0.0.1", 8080))), "the web server does not listen"
-            yield
-        return
     subprocess.run(["/srv/vemo/make-class-archive", "/srv/vemo/htdocs/setobdconf.cgi", "/srv/vemo/java.options",
                     "/srv/vemo/java", "/app/class-archive"], check=True)
     with killed("/srv/vemo/bin/nvm-service") as service, \
             Server(*edits, parts=device.PARTS, java=None, port=8080) as server, \
             device.rebooting(server.restart_as_after_a_boot):
         yield server.process, service
+
+
+@contextlib.contextmanager
+def running_stand_in():
+    """As its script starts it; what that started ends with the sandbox."""
+    device.write_shipped_settings()
+    with killed(SHIPPED / "start", env={**os.environ, "VEMO_PORT": "8080"}):
+        assert eventually(lambda: device.can_connect(("127.0.0.1", 8080))), "the web server does not listen"
+        yield
 
 
 @contextlib.contextmanager

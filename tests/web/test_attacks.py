@@ -121,7 +121,7 @@ class Victim(browser.Technician):
 
 @pytest.fixture(scope="module")
 def anybody():
-    with running_device(WITH_ACCESS_LOG), foreign_sites(), browser.running_browser(
+    with running_device(*WITH_ACCESS_LOG), foreign_sites(), browser.running_browser(
             # Without which it fetches nothing ahead of time.
             without=("--disable-background-networking",),
             page_load_strategy="eager") as driver:
