@@ -14,7 +14,7 @@ import booted
 import machine
 import root
 from booted import (  # noqa: F401 - two tests
-    FORM, SETTINGS, SOURCE, test_page_settings_file_and_log_are_as_they_must_be,
+    SETTINGS, SOURCE, test_page_settings_file_and_log_are_as_they_must_be,
     test_the_java_side_knows_the_devices_address)
 
 TESTS = ("tests/java-calls", "tests/java", "standin/libfake-vm.so", "standin/libfailing-file-calls.so")
@@ -99,26 +99,6 @@ def device(architecture):
             device.run(f"{AS_USER} sh /srv/vemo/start </dev/null >/tmp/start.log 2>&1 &")
             device.wait_for_page()
             yield device
-
-
-def test_the_class_archive_is_made_and_fits(device):
-    device.expect(f"cat /tmp/start.log; {AS_USER} JAVA_OPTIONS=-XX:VMOptionsFile=/srv/vemo/java.options "
-                  f"JAVA_CLASSPATH=/srv/vemo/java /srv/vemo/bin/class-archive fits {device.archive}")
-
-
-def test_without_the_field_nothing_is_stored(device):
-    before = device.read(SETTINGS)
-    status, page = device.get("/setobdconf.cgi")
-    assert status == 200
-    assert '<p class="warn" >Option CanDetectTimeout not set</p>' in page
-    assert device.read(SETTINGS) == before
-
-
-def test_a_posted_value_is_stored_with_its_umlaut(device):
-    status, page = device.ask("POST", "/setobdconf.cgi", "CanDetectTimeout=8%FC0", FORM)
-    assert status == 200
-    assert "<p>Set CanDetectTimeout to 8\xfc0 ms.\n" in page
-    assert "8 374   0" in device.expect(f"grep CanDetect {SETTINGS} | od -c | head -n 3")
 
 
 @pytest.mark.parametrize("address", ["/channeldeviceconfig.cgi", "/reboot.cgi"])
