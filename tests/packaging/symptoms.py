@@ -390,7 +390,8 @@ def test_listed_row_has_one_test_can_be_read_and_says_what_to_do(row):
     assert len(tests) == 1, tests
 
 
-def test_listed_symptoms_are_those_of_the_manual_page():
+def test_listed_symptoms_are_all_that_are_tested_and_those_of_the_manual_page():
+    assert len(SYMPTOMS) == len(ROWS)
     diagnostics = pages.read(MANUAL).split(".Sh DIAGNOSTICS\n")[1].split(".El\n")[0]
     told = [re.sub(r'^"(.*)"$', r"\1", item).replace('""', '"')
             for item in re.findall(r"^\.It (.*)$", diagnostics, re.MULTILINE)]
