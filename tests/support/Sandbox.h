@@ -1,4 +1,4 @@
-// What the tests' sandbox cannot give where the machine refuses namespaces.
+// Which of the two sandboxes the tests run in.
 #pragma once
 
 #include <cstdlib>
@@ -9,12 +9,3 @@ inline bool IsTraced() {
   const char* const kind = std::getenv("VEMO_SANDBOX");
   return kind != nullptr && std::strcmp(kind, "proot") == 0;
 }
-
-// Skips the test where it cannot run. `reason` ends the sentence "Where namespaces are refused,
-// ...".
-#define SKIP_WHERE_TRACED(reason)                                   \
-  do {                                                              \
-    if (IsTraced()) {                                               \
-      GTEST_SKIP() << "Where namespaces are refused, " << (reason); \
-    }                                                               \
-  } while (false)
