@@ -5,15 +5,15 @@
 Each works in a copy of the scripts, so that a running device and the build folder stay as they are.
 """
 
-import fcntl
 import os
 import pathlib
 import shutil
 import subprocess
 import tempfile
-import time
 
 import pytest
+
+from program import read  # on the path by ../conftest.py
 
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 SCRIPTS = ("./run", "./test", "./package")
@@ -41,21 +41,6 @@ def expect_in_setup(status, text, commands, **more):
     return expect(status, text, f"set -euo pipefail; . tools/setup.sh; {commands}", **more)
 
 
-def eventually(is_true):
-    for _ in range(200):
-        if is_true():
-            return
-        time.sleep(0.1)
-    raise TimeoutError(is_true)
-
-
-exists = os.path.exists
-
-
-def read(file):
-    return pathlib.Path(file).read_text(encoding="utf-8")
-
-
 def append(file, text):
     pathlib.Path(file).parent.mkdir(parents=True, exist_ok=True)
     with open(file, "a", encoding="utf-8") as opened:
@@ -70,12 +55,7 @@ def fake(tool, commands):
 
 def is_free():
     """Whether no process lives that has inherited the file `held`, which is locked as long."""
-    with open("held", "a", encoding="utf-8") as held:
-        try:
-            fcntl.flock(held, fcntl.LOCK_EX | fcntl.LOCK_NB)
-        except BlockingIOError:
-            return False
-        return True
+    return run("flock --nonblock held true")[0] == 0
 
 
 @pytest.fixture

@@ -2,8 +2,10 @@
 
 import os
 import pathlib
+from os.path import exists
 
-from conftest import add_test, append, exists, expect, expect_tests, read
+from conftest import add_test, append, expect, expect_tests
+from program import read
 
 ONE, TWO, THREE = "build/one", "build/two", "build-clang/three"
 

@@ -1,10 +1,12 @@
 """What ./run, ./test and ./package take, and what they refuse before they do anything."""
 
 import os
+from os.path import exists
 
 import pytest
 
-from conftest import SCRIPTS, append, exists, expect, fake, read, run
+from conftest import SCRIPTS, append, expect, fake, run
+from program import read
 
 OWN = run("dpkg --print-architecture")[1].strip()
 NO_PORT = "run: --port takes a number from 1024 to 65535"

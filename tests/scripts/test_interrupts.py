@@ -6,10 +6,12 @@ import pathlib
 import pty
 import signal
 import subprocess
+from os.path import exists
 
 import pytest
 
-from conftest import MINUTE, SCRIPTS, add_test, eventually, exists, expect_tests, fake, is_free, read
+from conftest import MINUTE, SCRIPTS, add_test, expect_tests, fake, is_free
+from program import eventually, read
 
 # The terminal's shell stays: with it all of the terminal would be hung up.
 SHELL = "trap : INT; {}; status=$?; flock --nonblock held true || echo It has left something running; exit $status"
@@ -22,7 +24,7 @@ def interrupt(command):
     if shell == 0:
         signal.signal(signal.SIGINT, signal.SIG_DFL)
         os.execvp("bash", ["bash", "-c", SHELL.format(command)])
-    eventually(lambda: exists("begun"))
+    assert eventually(lambda: exists("begun"))
     os.write(terminal, b"\x03")
     shown = b""
     with contextlib.suppress(OSError):  # at the end

@@ -2,10 +2,12 @@
 
 import signal
 import subprocess
+from os.path import exists
 
 import pytest
 
-from conftest import eventually, exists, expect, expect_in_setup, fake, is_free, read, run
+from conftest import expect, expect_in_setup, fake, is_free, run
+from program import eventually, read
 
 CAPABILITIES = "grep CapEff /proc/self/status"
 NONE = "0000000000000000"
@@ -85,7 +87,7 @@ def test_nobody_has_capabilities(sandbox):
 
 def test_what_a_command_leaves_behind_ends(sandbox):
     expect(0, "", f"flock held {sandbox} -- sh -c 'setsid sleep 1000 </dev/null >/dev/null 2>&1 &'")
-    eventually(is_free)
+    assert eventually(is_free)
 
 
 @pytest.mark.parametrize("number", (signal.SIGTERM, signal.SIGKILL))
@@ -93,7 +95,7 @@ def test_what_a_command_leaves_behind_ends(sandbox):
 def test_all_ends_when_it_is_ended(sandbox, who, number):
     command = f"flock --no-fork held {sandbox} --state state -- sh -c 'setsid sleep 1000 & echo >/tmp/begun; wait'"
     started = subprocess.Popen(["sh", "-c", who.format(command)])
-    eventually(lambda: exists("state/tmp/begun"))
+    assert eventually(lambda: exists("state/tmp/begun"))
     started.send_signal(number)
     started.wait()
-    eventually(is_free)
+    assert eventually(is_free)
