@@ -60,10 +60,10 @@ def test_a_missing_file_of_them_is_kept_off_the_page():
 def test_they_change_no_result_of_the_vms():
     """They switch off what the processor does by itself."""
     computing = request(class_path="/build/tests/java/computing")
-    run(computing)
+    assert run(computing).status == 0
     results = logfile.foreign_lines(read(LOG))
     program.reset_device()
-    run(computing.having(JAVA_OPTIONS=None))
+    assert run(computing.having(JAVA_OPTIONS=None)).status == 0
     assert len(results) == 57
     assert all(line.startswith("result ") for line in results)
     assert "result MD5 of abc [900150983cd24fb0d6963f7d28e17f72]" in results
