@@ -50,16 +50,6 @@ def pytest_make_parametrize_id(val):
     return val.split(b"\r")[0].decode("latin-1") if isinstance(val, bytes) else None
 
 
-@pytest.hookimpl(hookwrapper=True)
-def pytest_runtest_makereport():
-    """With what the servers said, when a test fails."""
-    report = (yield).get_result()
-    if report.failed:
-        for file in sorted(pathlib.Path("/tmp").glob("web_*/**/error*")):
-            if file.is_file() and (said := file.read_text(errors="replace")):
-                report.sections.append((str(file), said[-1000:]))
-
-
 @pytest.fixture(scope="session")
 def shared_server():
     device.reset()

@@ -97,17 +97,30 @@ ORDERS, BOOT = pathlib.Path("/run/vemo-web-reboot"), pathlib.Path("/run/vemo-web
 
 
 @contextlib.contextmanager
-def reading_orders():
-    """The descriptor from which orders to reboot are read; it never ends."""
-    ORDERS.parent.mkdir(exist_ok=True)
-    ORDERS.unlink(missing_ok=True)
-    os.mkfifo(ORDERS)
-    orders = os.open(ORDERS, os.O_RDWR | os.O_CLOEXEC)
+def without_orders():
+    """Meanwhile nobody reads orders to reboot."""
+    aside = ORDERS.with_suffix(".aside")
+    if is_read := ORDERS.exists():
+        ORDERS.rename(aside)
     try:
-        yield orders
+        yield
     finally:
-        os.close(orders)
-        ORDERS.unlink(missing_ok=True)
+        if is_read:
+            aside.rename(ORDERS)
+
+
+@contextlib.contextmanager
+def reading_orders():
+    """The descriptor from which orders to reboot are read and not obeyed; it never ends."""
+    with without_orders():
+        ORDERS.parent.mkdir(exist_ok=True)
+        os.mkfifo(ORDERS)
+        orders = os.open(ORDERS, os.O_RDWR | os.O_CLOEXEC)
+        try:
+            yield orders
+        finally:
+            os.close(orders)
+            ORDERS.unlink()
 
 
 @contextlib.contextmanager

@@ -137,15 +137,14 @@ class Server:
         ports_in_use.discard(self.port)
 
     def start(self):
-        with open(self.root / "errors", "wb") as errors:
-            # Apache ends its whole process group.
-            self.process = subprocess.Popen(
-                self.command(), stdin=subprocess.DEVNULL, stdout=errors, stderr=errors, start_new_session=True,
-                env={"PATH": os.environ["PATH"], "HOME": "/nowhere",
-                     "LD_LIBRARY_PATH": os.environ.get("LD_LIBRARY_PATH", "/nowhere")})
+        # Apache ends its whole process group.
+        self.process = subprocess.Popen(
+            self.command(), stdin=subprocess.DEVNULL, start_new_session=True,
+            env={"PATH": os.environ["PATH"], "HOME": "/nowhere",
+                 "LD_LIBRARY_PATH": os.environ.get("LD_LIBRARY_PATH", "/nowhere")})
         if not eventually(lambda: self.is_ready() or self.process.poll() is not None) or not self.is_ready():
             self.stop()
-            raise RuntimeError(f"{device.NAME} does not start: {(self.root / 'errors').read_text()}")
+            raise RuntimeError(f"{device.NAME} does not start")
 
     def stop(self):
         for number, seconds in ((signal.SIGTERM, 5), (signal.SIGKILL, LIMIT)):
@@ -188,7 +187,7 @@ class Server:
     def held_requests(self, count, script=""):
         """To a program that runs the script and stays until it is let go: their answers, and the file that lets it."""
         go = self.root / "go"
-        with self.own_program(f"{script} {until(go)} {TEXT}") as page, ThreadPoolExecutor(count) as clients:
+        with self.own_program(f"{script} {until(go)} {TEXT} echo last") as page, ThreadPoolExecutor(count) as clients:
             try:
                 yield [clients.submit(self.get, page) for _ in range(count)], go
             finally:

@@ -62,24 +62,6 @@ def show_information(visitor):
         visitor.press("Release")
 
 
-@contextlib.contextmanager
-def without_orders():
-    """Meanwhile nobody reads orders to reboot."""
-    aside = device.ORDERS.with_suffix(".aside")
-    device.ORDERS.rename(aside)
-    try:
-        yield
-    finally:
-        aside.rename(device.ORDERS)
-
-
-@contextlib.contextmanager
-def followed_by_nobody():
-    """Who reads orders to reboot does not reboot."""
-    with without_orders(), device.reading_orders():
-        yield
-
-
 def show_held_back(visitor):
     visitor.open(FORM)
     visitor.field().clear()
@@ -103,8 +85,8 @@ FRAMED = {
     "allocated": reached(FORM, "VEMO_WEB", "Allocate"),  # after it, when the device is free
     "held-back": show_held_back,
     "reboot": reached(REBOOT, "Reboot the device"),
-    "reboot-not-allowed": reached(REBOOT, "This web interface is not allowed", meanwhile=without_orders),
-    "reboot-ordered": reached(REBOOT, "The device reboots now.", "Reboot", followed_by_nobody),
+    "reboot-not-allowed": reached(REBOOT, "This web interface is not allowed", meanwhile=device.without_orders),
+    "reboot-ordered": reached(REBOOT, "The device reboots now.", "Reboot", device.reading_orders),
     "reboot-back": reached(REBOOT + "?before=another", "it has rebooted"),
     "success": reached(success("500")),
     "long-success": reached(success("5" * 300)),

@@ -102,6 +102,7 @@ def test_drops_a_slow_client(more):
         connection.sendall(SLOW_HEADERS)
 
         def is_dropped():
+            time.sleep(0.02)  # fewer bytes than a header may have
             with contextlib.suppress(OSError):
                 connection.sendall(more)
             return is_closed(connection)
@@ -187,11 +188,17 @@ def test_serves_another_address_beside_requests_given_up():
 
 # --- Programs
 
+def expect_to_come_again(answer):
+    assert (answer.status, answer.body) == (503, refusal_page(503))
+    assert answer.headers["retry-after"] == "10"
+    assert "content-security-policy" in answer.headers
+
+
 @waits
 @row("runs four programs at a time")
-def test_runs_four_at_a_time():
+def test_runs_four_at_a_time_and_has_who_gets_no_slot_come_again():
     """Who waits keeps nobody from the pages that need none. A slot is free however its program ends."""
-    with Server() as server:
+    with Server(gate("QUEUE_TIMEOUT", 8)) as server:
         running = server.root / "running"
         running.mkdir()
         with server.held_requests(10, f": >{running}/$$;") as (answers, _):
@@ -202,19 +209,11 @@ def test_runs_four_at_a_time():
             assert server.get("/index.html").status == 200
             os.kill(int(first[0].name), signal.SIGKILL)
             assert eventually(lambda: len(list(running.iterdir())) == 5)
-        assert sorted(answer.result().status for answer in answers)[:9] == 9 * [200]
-
-
-@waits
-def test_has_who_gets_no_slot_come_again():
-    with Server(gate("QUEUE_TIMEOUT", 1)) as server, server.held_requests(5) as (answers, go):
-        eventually(lambda: any(answer.done() for answer in answers))
-        go.touch()
-        *served, refused = sorted((answer.result() for answer in answers), key=lambda answer: answer.status)
-    assert [answer.status for answer in served] == 4 * [200]
-    assert (refused.status, refused.body) == (503, refusal_page(503))
-    assert refused.headers["retry-after"] == "10"
-    assert "content-security-policy" in refused.headers
+            assert eventually(lambda: [answer.done() for answer in answers].count(True) == 6)
+        answers = sorted((answer.result() for answer in answers), key=lambda answer: answer.status)
+    assert [answer.status for answer in answers if answer.status == 200] == 4 * [200]
+    for answer in answers[-5:]:
+        expect_to_come_again(answer)
 
 
 HANGING = {
@@ -228,7 +227,7 @@ HANGING = {
 @waits
 @row("ends a program that hangs")
 @pytest.mark.parametrize("kind", HANGING)
-def test_ends_a_program_that_hangs(kind):
+def test_ends_a_program_that_hangs(kind, capfd):
     """More than may run at once: the limit has to hold while others wait. lighttpd logs it, but not of each, when it
     sees the answer's end before the program's."""
     with Server(*SHORT_TIMES) as server:
@@ -239,7 +238,7 @@ def test_ends_a_program_that_hangs(kind):
                                               for process in psutil.process_iter(["cmdline"])))
             if device.NAME == "lighttpd" and kind == "asleep":
                 is_logged = "died with signal 14\n"
-                assert eventually(lambda: is_logged in (server.root / "errors").read_text() or not server.get(page))
+                assert eventually(lambda: is_logged in capfd.readouterr().err or not server.get(page))
         assert {answer.status for answer in answers} <= {0, 200, 500, 502, 504}
 
 
@@ -281,10 +280,9 @@ def test_lets_a_program_finish_when_its_client_goes(first):
 @row("waits for the requests under way when it is stopped")
 def test_waits_for_the_requests_under_way_when_it_is_stopped():
     """As systemd stops it: a signal for the main process; with that, whatever is left ends."""
-    with Server() as server, ThreadPoolExecutor(1) as clients:
-        began, go = server.root / "began", server.root / "go"
-        with server.own_program(f": >{began}; {TEXT} {until(go)} echo last") as page:
-            answer = clients.submit(server.get, page)
+    with Server() as server:
+        began = server.root / "began"
+        with server.held_requests(1, f": >{began};") as ([answer], go):
             eventually(began.exists)
             os.kill(server.process.pid, getattr(signal, server.setting("KillSignal")))
             with contextlib.suppress(subprocess.TimeoutExpired):
@@ -314,8 +312,9 @@ def test_answers_a_crowd_or_has_it_come_again():
         assert has_tasks_left(server)
         go.touch()
         answers = [answer.result() for answer in answers]
-    assert {answer.status for answer in answers} == {200, 503}
-    assert [answer.status for answer in answers].count(200) >= 100
+    served = [answer for answer in answers if answer.status == 200]
+    assert 100 <= len(served) < 200
+    assert not any("retry-after" in answer.headers for answer in served)
     for answer in answers:
-        assert answer.headers.get("retry-after") == ("10" if answer.status == 503 else None)
-        assert answer.status == 200 or answer.body == refusal_page(503)
+        if answer not in served:
+            expect_to_come_again(answer)
