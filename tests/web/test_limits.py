@@ -155,35 +155,21 @@ def test_serves_another_address_beside_slow_clients(server):
 @pytest.mark.network
 @row("serves another address beside requests given up")
 def test_serves_another_address_beside_requests_given_up():
-    """Before another client's program begin only as many of this one's as it may have at a time, and some that
-    come meanwhile. At a port where the kernel limits nothing."""
-    given_up = []
-    is_over = False
-
-    def ask_and_go(server, page):
-        while not is_over:
-            with contextlib.suppress(OSError), contextlib.closing(server.connect(WHILE, SECOND)) as connection:
-                connection.sendall(request(page))
-                given_up.append(page)
-                time.sleep(0.025)
-
-    before_others = []
+    """Before another client's program begin only as many of this one's as it may have at a time. At a port where the
+    kernel limits nothing."""
     with Server(port=8082) as server:
-        begun = server.root / "begun"
-        script = f'echo "$REMOTE_ADDR" >>{begun}; /bin/sleep 0.05\n{TEXT}'
-        with server.own_program(script) as page, ThreadPoolExecutor(OF_ONE_CLIENT) as clients:
-            for _ in range(OF_ONE_CLIENT):
-                clients.submit(ask_and_go, server, page)
-            try:
-                assert eventually(lambda: len(given_up) > 600)
-                for _ in range(3):
-                    earlier = len(begun.read_text().splitlines())
-                    assert server.get(page).status == 200
-                    before_others.append(begun.read_text().splitlines()[earlier:].index(device.ADDRESS))
-            finally:
-                is_over = True
-    # Else it would be all that were given up.
-    assert sorted(before_others)[1] < 6 * OF_ONE_CLIENT
+        begun, go = server.root / "begun", server.root / "go"
+        script = f'echo "$REMOTE_ADDR" >>{begun}; {until(go)} {TEXT}'
+        with server.own_program(script) as page, ThreadPoolExecutor(1) as clients:
+            with contextlib.ExitStack() as stack:
+                for _ in range(6 * OF_ONE_CLIENT):
+                    begin_request(server, stack, request(page), SECOND)
+                time.sleep(device.MOMENT)
+            other = clients.submit(server.get, page)
+            time.sleep(device.MOMENT)
+            go.touch()
+            assert other.result().status == 200
+        assert begun.read_text().splitlines().index(device.ADDRESS) <= OF_ONE_CLIENT
 
 
 # --- Programs
