@@ -221,14 +221,14 @@ class Server:
 
 @contextlib.contextmanager
 def running_device(*edits):
-    """All of it, with this web server, address and edits: the processes of the web server and the nVm service."""
+    """All of it, with this web server, address and edits: the web server and the process of the nVm service."""
     device.write_shipped_settings()
     subprocess.run(["/srv/vemo/make-class-archive", "/srv/vemo/htdocs/setobdconf.cgi", "/srv/vemo/java.options",
                     "/srv/vemo/java", "/app/class-archive"], check=True)
     with killed("/srv/vemo/bin/nvm-service") as service, \
             Server(*edits, parts=device.PARTS, java=None, port=8080) as server, \
             device.rebooting(server.restart_as_after_a_boot):
-        yield server.process, service
+        yield server, service
 
 
 @contextlib.contextmanager

@@ -4,12 +4,10 @@ again and again. What each kind of request gives when it is alone is what it has
 
 import collections
 import contextlib
-import http.client
 import os
 import pathlib
 import random
 import re
-import socket
 import threading
 import time
 from concurrent.futures import ThreadPoolExecutor
@@ -36,32 +34,26 @@ LOST = {"lighttpd": 32, "nvm-service": 0}
 
 # --- Clients
 
-def connect():
-    return socket.create_connection(("127.0.0.1", 8080), timeout=3 * device.LIMIT)
+def ask(server, sent):
+    return server.ask(sent, timeout=3 * device.LIMIT)
 
 
-def ask(sent, connection=None):
-    """The status and the body of the answer."""
-    status, _, body = client.ask(connection or connect(), sent)
-    return status, body
-
-
-def ask_slowly(sent):
-    connection = connect()
+def ask_slowly(server, sent):
+    connection = server.connect(3 * device.LIMIT)
     while len(sent) > 30:
         connection.sendall(sent[:30])
         sent = sent[30:]
         time.sleep(0.01)
-    return ask(sent, connection)
+    return client.ask(connection, sent)
 
 
-def leave(sent):
-    with connect() as connection:
+def leave(server, sent):
+    with server.connect() as connection:
         connection.sendall(sent)
 
 
-def leave_within_the_page(sent):
-    connection = connect()
+def leave_within_the_page(server, sent):
+    connection = server.connect()
     connection.sendall(sent)
     connection.recv(1)
     client.reset(connection)
@@ -116,7 +108,8 @@ def values_of(text):
 
 
 def without_values(answer):
-    return answer and (answer[0], VALUE.sub(b"VALUE", answer[1]))
+    """Its status and body."""
+    return answer and (answer.status, VALUE.sub(b"VALUE", answer.body))
 
 
 def accounts(log):
@@ -133,8 +126,9 @@ def accounts(log):
 class Soak:
     """One run, and what was seen in it."""
 
-    def __init__(self, processes, count):
-        self.servers = {name: psutil.Process(process.pid) for name, process in zip(LOST, processes)}
+    def __init__(self, server, service, count):
+        self.server = server
+        self.processes = dict(zip(LOST, (psutil.Process(process.pid) for process in (server.process, service))))
         self.memory = {name: [] for name in LOST}  # of its own, over time
         self.bad_pages, self.bad_settings = [], []
         self.answers, self.accounts = {}, {}  # of each kind, alone
@@ -151,11 +145,11 @@ class Soak:
         for name, kind in KINDS.items():
             # The others are compared with this first of its kind.
             LOG.write_bytes(b"")
-            self.answers[name] = without_values(kind.client(kind.request(value)))
+            self.answers[name] = without_values(kind.client(self.server, kind.request(value)))
             self.calm_down()
             self.accounts[name] = accounts(LOG.read_text())
             LOG.unlink()
-        self.files = {name: server.num_fds() for name, server in self.servers.items()}
+        self.files = {name: process.num_fds() for name, process in self.processes.items()}
         with ThreadPoolExecutor() as others, ThreadPoolExecutor(AT_ONCE) as clients:
             watchers = [others.submit(self.repeat, self.read_settings, 0.001),
                         others.submit(self.repeat, self.rename_log, 0.2)]
@@ -168,8 +162,8 @@ class Soak:
         self.is_quiet = self.calm_down()
 
     def calm_down(self):
-        ask(request("/index.html"))  # who is answered now was heard after all others
-        return device.eventually(lambda: not self.servers["lighttpd"].children()
+        self.server.get("/index.html")  # who is answered now was heard after all others
+        return device.eventually(lambda: not self.processes["lighttpd"].children()
                                  and not device.programs((".cgi", "/cgi-gate")), 3 * device.LIMIT)
 
     def repeat(self, act, pause):
@@ -179,15 +173,12 @@ class Soak:
     def do(self, planned):
         number, name, value = planned
         if number % (len(self.plan) // 40) == 0:
-            for server, process in self.servers.items():
-                self.memory[server].append(sum(part.anonymous for part in process.memory_maps()))
+            for memory, process in zip(self.memory.values(), self.processes.values()):
+                memory.append(sum(part.anonymous for part in process.memory_maps()))
         kind = KINDS[name]
-        try:
-            answer = kind.client(kind.request(value))
-        except (OSError, http.client.HTTPException) as error:
-            answer = 0, repr(error).encode()
+        answer = kind.client(self.server, kind.request(value))
         is_whole = without_values(answer) == self.answers[name] and (
-            answer is None or values_of(answer[1]) <= (self.sent if name == "device information" else {value}))
+            answer is None or values_of(answer.body) <= (self.sent if name == "device information" else {value}))
         if not is_whole:
             self.bad_pages.append(f"{name}: {answer}")
 
@@ -212,8 +203,8 @@ class Soak:
 @pytest.fixture(scope="module")
 def soak():
     LOGS.mkdir()
-    with running_device() as processes:
-        run = Soak(processes, 5000 if device.IS_LONG else 300)
+    with running_device() as (server, service):
+        run = Soak(server, service, 5000 if device.IS_LONG else 300)
         run.run()
         yield run
 
@@ -251,7 +242,7 @@ def test_the_servers_do_not_grow(soak, name):
     middle = len(memory) // 2
     growth = max(memory[middle:]) - max(memory[:middle])
     assert growth <= 1024 * MOST_GROWTH + LOST[name] * len(soak.plan) / 2
-    assert device.eventually(lambda: soak.servers[name].num_fds() <= soak.files[name]), "open files"
+    assert device.eventually(lambda: soak.processes[name].num_fds() <= soak.files[name]), "open files"
 
 
 def test_nothing_is_left_behind(soak):
