@@ -18,6 +18,7 @@ import psutil
 
 import client
 import device
+import program
 from client import Answer, request
 from device import LIMIT, NETWORK, SECRET, SHIPPED, SOURCE, eventually
 from prepared import TLS, with_parts
@@ -142,7 +143,7 @@ class Server:
             self.command(), stdin=subprocess.DEVNULL, start_new_session=True,
             env={"PATH": os.environ["PATH"], "HOME": "/nowhere",
                  "LD_LIBRARY_PATH": os.environ.get("LD_LIBRARY_PATH", "/nowhere")})
-        if not eventually(lambda: self.is_ready() or self.process.poll() is not None) or not self.is_ready():
+        if not eventually(self.is_ready):
             self.stop()
             raise RuntimeError(f"{device.NAME} does not start")
 
@@ -163,25 +164,21 @@ class Server:
         self.start()
 
     def is_ready(self):
-        try:
-            with contextlib.closing(self.connect(2)) as connection:
-                connection.sendall(request("/reboot.cgi"))
-                return re.search(b" (200|401) ", connection.recv(100)) is not None
-        except OSError:
-            return False
+        # By a page of a program: what starts these may listen later.
+        return self.get("/reboot.cgi", timeout=2).status in (200, 401)
 
     @contextlib.contextmanager
     def own_program(self, script, mode=0o755, page="channeldeviceconfig.cgi"):
         """The script instead of a page's program."""
-        program = self.programs / page
-        program.unlink()
-        program.write_text(f"#!/bin/sh\n{script}\n")
-        program.chmod(mode)
+        file = self.programs / page
+        file.unlink()
+        file.write_text(f"#!/bin/sh\n{script}\n")
+        file.chmod(mode)
         try:
             yield "/" + page
         finally:
-            program.unlink()
-            program.symlink_to(SHIPPED / "htdocs" / page)
+            file.unlink()
+            file.symlink_to(SHIPPED / "htdocs" / page)
 
     @contextlib.contextmanager
     def held_requests(self, count, script=""):
@@ -210,8 +207,8 @@ class Server:
         except (OSError, http.client.HTTPException) as error:
             return Answer(0, {}, repr(error).encode())
 
-    def get(self, target, *headers, **how):
-        return self.ask(request(target, *headers, **how))
+    def get(self, target, *headers, timeout=LIMIT, **how):
+        return self.ask(request(target, *headers, **how), timeout=timeout)
 
     def processes(self):
         """The server, and all that it has started."""
@@ -225,7 +222,7 @@ def running_device(*edits):
     device.write_shipped_settings()
     subprocess.run(["/srv/vemo/make-class-archive", "/srv/vemo/htdocs/setobdconf.cgi", "/srv/vemo/java.options",
                     "/srv/vemo/java", "/app/class-archive"], check=True)
-    with killed("/srv/vemo/bin/nvm-service") as service, \
+    with program.Process("/srv/vemo/bin/nvm-service") as service, \
             Server(*edits, parts=device.PARTS, java=None, port=8080) as server, \
             device.rebooting(server.restart_as_after_a_boot):
         yield server, service
@@ -235,19 +232,9 @@ def running_device(*edits):
 def running_stand_in():
     """As its script starts it; what that started ends with the sandbox."""
     device.write_shipped_settings()
-    with killed(SHIPPED / "start", env={**os.environ, "VEMO_PORT": "8080"}):
+    with program.Process(SHIPPED / "start", env={**os.environ, "VEMO_PORT": "8080"}):
         assert eventually(lambda: device.can_connect(("127.0.0.1", 8080))), "the web server does not listen"
         yield
-
-
-@contextlib.contextmanager
-def killed(program, **how):
-    """In the background, until the context ends."""
-    with subprocess.Popen([program], **how) as process:
-        try:
-            yield process
-        finally:
-            process.kill()
 
 
 def refusal_page(status):

@@ -158,9 +158,11 @@ def is_allocated():
 
 # --- Foreign pages
 
-def pages_of(origin, target, tag, has_all, made):
-    """Path and text of each page of the origin: one with all parts; `has_all`: also those that lead away. The names of
-    the attempts are added to `made`."""
+def attack(look, origin, target, tag, has_all=False, is_hidden=False):
+    """Opens pages of the origin, which may hide their address: one with all parts; `has_all`: also those that lead
+    away. Returns the names of the attempts."""
+    made = set()
+
     def url(name):
         made.add(f"{tag}.{name}")
         # Nothing must stand behind the query of an order to the nVm service.
@@ -174,28 +176,25 @@ def pages_of(origin, target, tag, has_all, made):
         document_of[path] = status, {header: value.replace("{u}", url(f"{use}-{name}"))}, "<img src=/x.gif>"
         return path
 
-    answers = ANSWERS if origin.startswith("http") else ()
-    parts = [text.replace("{u}", url(name)) for name, text in PARTS.items()]
-    parts += [f"<img src='{answer('img', name)}'>" for name in answers if "redirect" in name]
-    yield f"/{tag}/all", "<!DOCTYPE html><body>" + "\n".join(parts)
-    if has_all:
-        for name, text in DOCUMENTS.items():
-            yield f"/{tag}/{name}", text.replace("{u}", url(name))
-        for name in answers:
-            # A redirect of an address that was typed would be taken for the typed address itself: the request is the
-            # same. So a page leads there.
-            yield f"/{tag}/{name}", DOCUMENTS["location"].replace("{u}", answer("page", name))
-
-
-def attack(look, origin, target, tag, has_all=False, is_hidden=False):
-    """Opens the pages of the origin, which may hide their address. Returns the names of the attempts."""
-    made = set()
-    for path, text in pages_of(origin, target, tag, has_all, made):
+    def show(name, text):
+        path = f"/{tag}/{name}"
         document_of[path] = 200, {"Referrer-Policy": "no-referrer"} if is_hidden else {}, text
         if origin == LOCAL_FILE.as_uri():
             LOCAL_FILE.write_text(text, encoding="utf-8")
             path = ""
         look(origin + path)
+
+    answers = ANSWERS if origin.startswith("http") else ()
+    parts = [text.replace("{u}", url(name)) for name, text in PARTS.items()]
+    parts += [f"<img src='{answer('img', name)}'>" for name in answers if "redirect" in name]
+    show("all", "<!DOCTYPE html><body>" + "\n".join(parts))
+    if has_all:
+        for name, text in DOCUMENTS.items():
+            show(name, text.replace("{u}", url(name)))
+        for name in answers:
+            # A redirect of an address that was typed would be taken for the typed address itself: the request is the
+            # same. So a page leads there.
+            show(name, DOCUMENTS["location"].replace("{u}", answer("page", name)))
     return made
 
 

@@ -5,7 +5,8 @@ import contextlib
 import fcntl
 import os
 import pathlib
-import pty
+import re
+import shlex
 import shutil
 import subprocess
 from concurrent.futures import ThreadPoolExecutor
@@ -42,8 +43,7 @@ pytestmark = pytest.mark.skipif(
 def copy_vm():
     linked = subprocess.run([PROGRAM], env={**IN_FRONT, "LD_TRACE_LOADED_OBJECTS": "1"}, stdout=subprocess.PIPE,
                             text=True, check=True).stdout
-    library = next(word for word in linked.split() if word.endswith("/lib/server/libjvm.so"))
-    own = pathlib.Path(library.removesuffix("/lib/server/libjvm.so")).resolve()
+    own = pathlib.Path(re.search(r"(\S+)/lib/server/libjvm\.so", linked)[1]).resolve()
     subprocess.run(["/bin/cp", "-as", f"{own}/.", VM], check=True)
     # The launcher takes the folder of libjli.so for its home.
     for name in ("bin/java", "lib/libjli.so", "lib/server/libjvm.so", "lib/server/classes.jsa"):
@@ -252,16 +252,11 @@ def test_damage_behind_the_systems_back_is_found_at_the_next_start():
 
 def test_is_made_anew_for_a_changed_vm_at_a_terminal():
     """What was there is read-only, and at a terminal mv asks. Nobody answers."""
-    master, terminal = pty.openpty()
     os.utime(LIBRARY)
-
-    def become_its_session():
-        os.setsid()
-        os.close(os.open(os.ttyname(terminal), os.O_RDWR))  # the first that is opened
-
-    expect_made_anew(preexec_fn=become_its_session, stdin=terminal)
-    os.close(master)
-    os.close(terminal)
+    words, environment = making()
+    at_a_terminal = ["/usr/bin/script", "--quiet", "--return", "--command", shlex.join(map(str, words)), "/dev/null"]
+    assert run(at_a_terminal, environment, stdin=subprocess.DEVNULL) == DONE
+    expect_used()
 
 
 def test_is_made_without_standard_input_and_with_options_whose_last_line_has_no_end():

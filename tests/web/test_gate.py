@@ -11,6 +11,7 @@ import time
 import psutil
 import pytest
 
+import program
 from device import LIMIT, eventually
 
 ADDRESS = "192.168.7.2"
@@ -26,13 +27,13 @@ class Gate:
 
     def start(self, script, prepare=None, **variables):
         """`prepare` is called in the process that becomes the gate."""
-        program = self.folder / f"program{len(self.started)}"
-        program.write_text(f"#!/bin/sh\n{script}\n")
-        program.chmod(0o755)
+        file = self.folder / f"program{len(self.started)}"
+        file.write_text(f"#!/bin/sh\n{script}\n")
+        file.chmod(0o755)
         environment = {"CGI_GATE_SLOT_FILE": self.slots, "CGI_GATE_SLOTS": 4, "CGI_GATE_QUEUE_TIMEOUT": 20,
                        "CGI_GATE_RUN_TIMEOUT": 20, **variables}
         self.started.append(subprocess.Popen(
-            ["/srv/vemo/bin/cgi-gate", program], env={name: str(value) for name, value in environment.items()},
+            ["/srv/vemo/bin/cgi-gate", file], env={name: str(value) for name, value in environment.items()},
             cwd=self.folder, preexec_fn=prepare, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE))
         return self.started[-1]
 
@@ -74,17 +75,12 @@ def is_asleep(process):
     return "(cgi-gate) S" in pathlib.Path(f"/proc/{process.pid}/stat").read_text()
 
 
-def kill(process):
-    process.kill()
-    process.wait()
-
-
 @pytest.fixture
 def gate(tmp_path):
     gate = Gate(tmp_path)
     yield gate
     for process in gate.started:
-        kill(process)
+        program.end(process)
 
 
 # --- The body, which the gate reads first
@@ -148,10 +144,10 @@ def test_ends_by_the_programs_signal_and_dumps_no_memory_of_its_own(gate):
 
 
 def test_reports_a_program_that_cannot_start(gate):
-    program = gate.folder / "program0"
-    status, page, error = gate.run("echo", program.unlink)
+    file = gate.folder / "program0"
+    status, page, error = gate.run("echo", file.unlink)
     assert page.startswith("Status: 500 ")
-    assert f"{program}: No such file" in error
+    assert f"{file}: No such file" in error
     assert status != 0
 
 
@@ -205,15 +201,15 @@ def test_the_queue_goes_on_whichever_program_is_killed(queue):
     running = [queue.run_in_a_slot(name, slots=3) for name in "abc"]
     head = queue.wait("head", slots=3)
     assert watched(head) == {process.pid for process in running}
-    kill(running[1])
+    program.end(running[1])
     queue.expect_began("a", "b", "c", "head")
 
 
 def test_the_queue_closes_up_when_its_head_and_others_in_it_are_killed(queue):
     queue.run_in_a_slot("first")
     head, second, third, last = [queue.wait(name) for name in ("head", "second", "third", "last")]
-    kill(head)
-    kill(third)
+    program.end(head)
+    program.end(third)
     assert sleeps(second) and sleeps(last)
     queue.let_go("first")
     queue.expect_began("first", "second")
@@ -272,5 +268,5 @@ def test_counts_the_requests_of_each_client(gate, address, other, most, is_let_i
         assert status == 1
         assert page.startswith("Status: 503 ") and "Retry-After" in page
     for process in running:
-        kill(process)
+        program.end(process)
     assert gate.run("echo in", CGI_GATE_CLIENT_SLOTS=1, REMOTE_ADDR=other)[1] == "in\n"

@@ -108,9 +108,7 @@ def environment(server):
     return dict(line.split("=", 1) for line in lines if "=" in line)
 
 
-def test_gives_the_java_vm_its_variables_and_nothing_of_the_gate(server, environment):
-    assert environment["JAVA_CLASSPATH"] == f"{server.shared}/java"
-    assert environment["JAVA_OPTIONS"] == f"-XX:VMOptionsFile={server.settings}/java.options"
+def test_gives_programs_nothing_of_the_gate(environment):
     assert [name for name in environment if name.startswith("CGI_GATE")] == []
 
 
