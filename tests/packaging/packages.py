@@ -9,7 +9,6 @@ import os
 import pathlib
 import re
 import shutil
-import socket
 import subprocess
 
 import pytest
@@ -22,8 +21,10 @@ from installed_device import (ARCHIVE, AS_SERVICE, CLASS_FOLDER, FOLDER, LOG, OP
 from prepared import PASSWORD, TLS, with_parts
 from root import told
 
-APT = ("apt-get", "-q", "-y", "-o", "APT::Sandbox::User=root")
+APT = ("apt-get", "-q", "-y")
 RECORD = f"{ARCHIVE}/record"
+# As docs/sibling-page.md has it.
+AUTHORS_PAGE = "/usr/share/vemo-web/htdocs/uptime.cgi"
 OUR_LOG = "root:vemo-web 664"
 
 
@@ -189,6 +190,7 @@ class TestLifeCycle:
         device.write(SETTINGS, TEXT)
         device.run("sh", "-ec", f"chown games:games {SETTINGS}; chmod 640 {SETTINGS}; chmod 0700 {FOLDER};"
                    f" sed -i s/8080/8088/ {WEB_SERVER}; echo -Xmx17m >>{OPTIONS}; echo a line >{LOG}")
+        device.run("install", "/bin/true", AUTHORS_PAGE)
         older = root.packages(build, "0.9.0")
         for packages, *more in ((device.made, "--reinstall"), (older,), (device.made,)):
             device.run(*APT, "--no-install-recommends", "--allow-downgrades", *more, "install",
@@ -200,6 +202,7 @@ class TestLifeCycle:
             assert "server.port = 8088" in device.read(WEB_SERVER)
             assert "-Xmx17m" in device.read(OPTIONS)
             assert device.read(LOG) == "a line\n"
+            assert device.file(AUTHORS_PAGE).exists()
 
     def test_another_java_vm_gets_an_archive_of_its_own(self, device):
         """As a package of it would: by the trigger."""
@@ -250,15 +253,6 @@ class TestLifeCycle:
         assert device.run("stat", "--format=%s:%U:%G:%a", "/root/target") == "0:root:root:644\n"
         assert device.file(LOG).is_symlink() == (planted == LOG)
 
-    def test_rotation_does_nothing_where_it_cannot_rename_all(self, device):
-        device.run("sh", "-c", f"rm -rf {LOG}*; systemd-tmpfiles --create vemo-web.conf;"
-                   f" truncate --size 2M {LOG}; touch {LOG}.3; mkdir {LOG}.4")
-        before = set(device.file("/tmp").iterdir())
-        assert f"{LOG}.4" in device.run(f"{PROGRAMS}/rotate-log", status=1)
-        assert device.file(LOG).stat().st_size == 2 << 20
-        assert set(device.file("/tmp").iterdir()) == before
-        device.run("sh", "-c", f"rm -r {LOG}.*; : >{LOG}")
-
     def test_removing_keeps_what_is_configured(self, device):
         device.run(*APT, "remove", *OURS)
         assert device.read(SETTINGS) == TEXT
@@ -275,7 +269,6 @@ class TestLifeCycle:
 class TestPurge:
     """What others have is there before, and afterwards; what we depend on is there all the time."""
 
-    PAGE = "/usr/share/vemo-web/htdocs/uptime.cgi"
     ASIDE = LOG + "-put-aside.AbCdEf"
     DROP_IN = "/etc/systemd/system/vemo-web.service.d/override.conf"
     # What dpkg and programs keep for themselves.
@@ -325,8 +318,8 @@ class TestPurge:
             device.write(file, text)
             device.run("bash", "-ec", made, text="secret\n")
         device.run("systemctl", "enable", "vemo-web-reboot.socket")
-        # As docs/sibling-page.md, vemo-web-check and the start of the service have it.
-        device.run("install", "/bin/true", self.PAGE)
+        # As an author, vemo-web-check and the start of the service have it.
+        device.run("install", "/bin/true", AUTHORS_PAGE)
         device.run("groupadd", "vemo-settings")
         device.run("install", "-d", "-m", "0700", self.ASIDE)
         # As `systemctl edit` leaves it, and `adduser www-data vemo-web`.
@@ -350,7 +343,7 @@ class TestPurge:
         left = {line.split(" ")[0] for line in left}
         files = {path for path in left if device.file(path).is_file()}
         copies = {f"/etc/vemo-web/web-servers/{file.stem}" for file in (root.SOURCE / "web/servers").glob("*.conf.in")}
-        assert files == {SETTINGS, self.PAGE, *copies, self.DROP_IN,
+        assert files == {SETTINGS, AUTHORS_PAGE, *copies, self.DROP_IN,
                          "/etc/systemd/system/vemo-web.service.d/web-server.conf"}
         for file in files | {self.ASIDE}:
             assert f"\n{file}\n" in said
@@ -408,14 +401,12 @@ class TestLighttpd:
         assert self.state(device) == "enabled"
         device.run(*APT, "purge", "lighttpd")
 
-    def test_one_that_comes_along_is_turned_off_and_stays_so(self, device):
+    def test_one_that_comes_along_is_off_until_an_administrator_turns_it_on(self, device):
         said = device.install(device.made["vemo-web"])
         assert "enable lighttpd.service where you want it" in said
         assert self.state(device) == "disabled"
         device.run("dpkg-reconfigure", "lighttpd")
         assert self.state(device) == "disabled"
-
-    def test_an_administrator_turns_it_on_and_it_stays_so(self, device):
         device.run("systemctl", "enable", "lighttpd")
         for name in ("lighttpd", "vemo-web"):
             device.run("dpkg-reconfigure", name)
@@ -437,11 +428,9 @@ class TestUnanswered:
     TERMINAL = ("env", "--unset=DEBIAN_FRONTEND", "TERM=dumb", "bash", "-c",
                 'exec < <(exec sleep infinity 2>&-); script --quiet --return --command "${*@Q}" /dev/null; exit $?',
                 "bash")
-    NO_INPUT = ("sh", "-c", 'exec "$@" <&-', "sh")
 
-    @pytest.mark.parametrize("way", [TERMINAL, NO_INPUT], ids=["at a terminal", "without input"])
-    def test_nothing_is_asked(self, device, way):
-        run = functools.partial(device.run, *way)
+    def test_nothing_is_asked_at_a_terminal(self, device):
+        run = functools.partial(device.run, *self.TERMINAL)
         files = [device.put(device.made[name]) for name in OURS]
         run(*APT, "--no-install-recommends", "install", *files)
         device.write(LOG, "full\n" * 300000)
@@ -467,10 +456,8 @@ class TestObstacles:
         "link to nowhere": f"ln -s /root/missing {LOG}",
         "pipe": f"mkfifo -m 666 {LOG}",
         "folder": f"mkdir {LOG}; echo theirs >{LOG}/file",
-        "device": f"mknod -m 666 {LOG} c 1 3",
         "file of another": f"echo theirs >{LOG}; chmod 666 {LOG}; chown games {LOG}",
         "other name of a file": f"ln /root/target {LOG}",
-        "socket": "true",
     }
 
     def plant(self, device, what):
@@ -478,9 +465,6 @@ class TestObstacles:
         device.write("/root/target", "of somebody\n")
         device.file(LOG).unlink(missing_ok=True)
         device.run("sh", "-euc", self.PLANTED[what])
-        if what == "socket":
-            with socket.socket(socket.AF_UNIX) as listener:
-                listener.bind(str(device.file(LOG)))
         return device.file(LOG).lstat().st_ino
 
     @staticmethod
@@ -515,13 +499,6 @@ class TestObstacles:
         device.run(f"{PROGRAMS}/make-log")
         self.expect_put_aside(device, number)
 
-    def test_our_own_stays(self, device):
-        device.write(LOG, "a line\n")
-        device.run("chown", "root:root", LOG)
-        device.run(f"{PROGRAMS}/make-log")
-        assert device.owner(LOG) == OUR_LOG
-        assert device.read(LOG) == "a line\n"
-
 
 class TestModule:
     def test_another_lighttpd_serves_the_pages(self, device):
@@ -537,3 +514,42 @@ class TestModule:
         assert device.ask("/setobdconf.cgi", "--header", "Host: foreign.example")[0] == 403
         assert "Set new option was successful." in device.ask("/setobdconf.cgi?CanDetectTimeout=700")[1]
         assert "VEMODCanDetectTimeout=700" in device.read(SETTINGS)
+
+
+class TestExample:
+    """The pages of packaging/example, as an author makes them who has the packages alone. In this order."""
+
+    def test_five_commands_of_the_document_lead_from_the_packages_to_the_page(self, build, device):
+        """The programs are left in BUILD/example."""
+        for file in device.made.values():
+            device.put(file)
+        # Who types the commands says yes.
+        device.write("/etc/apt/apt.conf.d/commands", 'APT::Get::Assume-Yes "true";\n')
+        done = commands.commands_in("development")
+        assert len(done) == 5
+        for command, rule in done:
+            device.run("bash", "-c", f"cd /root; {commands.script(command, rule)}\nexit")
+        assert device.file(AUTHORS_PAGE).exists()
+        shutil.rmtree(build / "example", ignore_errors=True)
+        (build / "example").mkdir()
+        for file in device.file("/root/page/build").glob("*.cgi"):
+            shutil.copy(file, build / "example")
+
+    def test_what_the_package_recommends_is_what_it_was_built_with(self, device):
+        recommended = told("dpkg-deb", "--field", device.made["vemo-web-dev"], "Recommends").strip()
+        install, _ = commands.commands_in("development")[0]
+        named = [word for word in install.text.split()[3:] if not word.startswith("./")]
+        assert sorted(name.split(" ")[0] for name in recommended.split(", ")) == sorted(named)
+
+    def test_a_form_stores_an_option(self, device):
+        device.run("install", "-m", "0755", "/root/page/build/name.cgi", "/usr/share/vemo-web/htdocs")
+        device.start_server()
+        page = device.ask("/name.cgi", "-d", "Name=<Halle 3> \"M%FCller\"")[1]
+        assert "The name is stored." in page
+        assert 'value="&lt;Halle 3&gt; &quot;M&uuml;ller&quot;"' in page
+        stored = device.file(SETTINGS).read_bytes()
+        assert stored == b'[SETTINGS]\nVEMODInterfaceName=<Halle 3> "M\xfcller"\n'
+        for name in ("", "x" * 41):
+            assert "Nothing was stored" in device.ask("/name.cgi", "-d", f"Name={name}")[1]
+        device.ask("/name.cgi?Name=by-GET")
+        assert device.file(SETTINGS).read_bytes() == stored

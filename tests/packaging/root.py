@@ -111,6 +111,8 @@ class Root:
         self.path.mkdir(parents=True)
         subprocess.run(["tar", "--extract", "--numeric-owner", "--xattrs", "--exclude=./dev/*",
                         "--file", bare_archive(build), "--directory", self.path], check=True)
+        # The packages are in /root, which apt's own user may not read.
+        self.file("/etc/apt/apt.conf.d/root").write_text('APT::Sandbox::User "root";\n', encoding="ascii")
         # The namespaces' first process; with it ends all in them.
         self._holder = subprocess.Popen(
             ["setpriv", "--pdeathsig", "KILL", "unshare", "--mount", "--net", "--pid", "--ipc", "--fork",
@@ -170,8 +172,7 @@ class Root:
         return f"/root/{file.name}"
 
     def install_known(self, *names):
-        return self.run("apt-get", "-q", "-y", "--no-install-recommends", "--allow-downgrades",
-                        "-o", "APT::Sandbox::User=root", "install", *names)
+        return self.run("apt-get", "-q", "-y", "--no-install-recommends", "--allow-downgrades", "install", *names)
 
     def file(self, path):
         return self.path / path.lstrip("/")
