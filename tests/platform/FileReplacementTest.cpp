@@ -11,6 +11,8 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <future>
+
 #include "FileReplacement.h"
 #include "Files.h"
 #include "Sandbox.h"
@@ -134,15 +136,29 @@ TEST_F(FileReplacement, NeedsAFolderThatIsOneAndThatMayBeSearchedOrAFileThatMayB
   }
   EXPECT_FALSE(ReplaceFile(folder / "missing", NEW));
   fs::permissions(path, fs::perms(0600));
-  for (const std::string& text : {NEW, OLD}) {
-    EXPECT_TRUE(ReplaceFile(path, text));
-    EXPECT_EQ(ReadText(path), text);
-  }
   EXPECT_FALSE(ReplaceFile(path / "below", NEW));
   fs::permissions(folder, fs::perms(0600));
   EXPECT_FALSE(ReplaceFile(path, NEW));
   AllowNewFiles(true);
   EXPECT_EQ(ReadText(path), OLD);
+}
+
+// Rewriting in place. Texts of several lengths, each of one letter: a mix shows.
+TEST_F(FileReplacement, ByManyAtTheSameTimeLeavesTheTextOfOneOfThem) {
+  WriteText(path, OLD);
+  AllowNewFiles(false);
+  const std::vector<std::string> texts = {std::string(1000, 'a'), std::string(51000, 'b'),
+                                          std::string(101000, 'c'), std::string(151000, 'd')};
+  for (int round = 0; round < 200; ++round) {
+    std::vector<std::future<bool>> results;
+    for (const std::string& text : texts) {
+      results.push_back(std::async(std::launch::async, ReplaceFile, path, text));
+    }
+    for (std::future<bool>& result : results) {
+      EXPECT_TRUE(result.get());
+    }
+    ASSERT_THAT(texts, testing::Contains(ReadText(path)));
+  }
 }
 
 // ---- Reading
