@@ -147,8 +147,8 @@ TEST_F(FileReplacement, NeedsAFolderThatIsOneAndThatMayBeSearchedOrAFileThatMayB
 TEST_F(FileReplacement, ByManyAtTheSameTimeLeavesTheTextOfOneOfThem) {
   WriteText(path, OLD);
   AllowNewFiles(false);
-  const std::vector<std::string> texts = {std::string(1000, 'a'), std::string(51000, 'b'),
-                                          std::string(101000, 'c'), std::string(151000, 'd')};
+  const std::vector<std::string> texts = {std::string(1000, 'a'), std::string(401000, 'b'),
+                                          std::string(801000, 'c'), std::string(1201000, 'd')};
   for (int round = 0; round < 200; ++round) {
     std::vector<std::future<bool>> results;
     for (const std::string& text : texts) {
