@@ -3,7 +3,7 @@
 
 # What these tests run.
 add_custom_target(web_tests ALL)
-add_dependencies(web_tests device fake-vm keep-listening test-java-mapping)
+add_dependencies(web_tests device fake-vm keep-listening test-java-holding test-java-mapping)
 
 # add_web_test(NAME PART... [LONG] [NETWORK] [UNFILTERED] [ENV VARIABLE=VALUE...]
 # [ARGUMENTS ARGUMENT...]): the tests of test_PART.py, in a sandbox of their own.
