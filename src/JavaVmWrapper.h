@@ -30,9 +30,9 @@ class JavaVmWrapper {
   // describe. Traces are logged as DEBUG. With some bad options the VM ends the process instead.
   bool OpenJavaVM();
 
-  // Redirects System.err to the end of the CGI log file. Stops at the first step that fails and
-  // logs it as ERROR; System.err then stays what it was, and the step's exception stays pending.
-  // Needs the VM.
+  // Redirects System.err to the end of the CGI log file. Stops at the first look-up or new stream
+  // that fails and logs it as ERROR; System.err then stays what it was, and the exception stays
+  // pending. The text of the file's name and the call of setErr are not checked. Needs the VM.
   void ChangeStdErr();
 
   // The operations from here on need an OpenJavaVM that returned true.

@@ -63,7 +63,7 @@ class NvmManipulator {
 
   // The top-level variable of that name in the last reply; null when there is none, or no reply
   // that can be parsed. This object owns the node. It is valid until the next call of any operation
-  // from here on, since each of them parses the reply again.
+  // from here on, since each of them parses a reply that is not empty again.
   xmlNodePtr GetVarNode(const std::string& name);
 
   // The variable "Status", as GetVarNode.
@@ -79,7 +79,7 @@ class NvmManipulator {
   xmlDocPtr doc;             // the last reply that was parsed; null when there is none; owned
   std::string address;       // of the last exchange
   std::string functionName;  // of the last exchange
-  std::string reply;         // body of the last reply; empty after a failed exchange
+  std::string reply;         // body of the last reply; empty after an exchange that failed
 };
 
 // Asks for the device's status, allocates the device when it is free and releases it otherwise, and

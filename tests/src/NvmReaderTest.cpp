@@ -116,6 +116,7 @@ const std::string A = Var("A", Text("a"));
 const Value VALUES[] = {
     {"FirstOfItsName", Packet(Var("A", Text("first")) + Var("A", Text("2"))), "first", {"A"}},
     {"Missing", Packet(Var("B", Text("b")) + Var("C", "") + "\n"), "", {"B", "C", "(null)"}},
+    {"BehindAnother", Packet(Var("B", Text("b")) + A), "a", {"B", "A"}},
     {"OfAnotherElement", Packet("<other name='A'>text</other>"), "text", {"A"}},
     {"BehindACommentAndBlanks", Packet("<!-- A -->\n" + A), "a", {"(null)", "(null)", "A"}},
     {"Nested", StatusOf(A), "", {"Status"}},
