@@ -28,8 +28,9 @@ def pytest_addoption(parser):
 
 
 def pytest_configure(config):
-    parts = [part for part, option in ((TLS, "tls"), (PASSWORD, "password")) if config.getoption(option)]
-    device.choose(config.getoption("server"), config.getoption("address"), parts, config.getoption("long"))
+    device.NAME, device.ADDRESS, device.IS_LONG = map(config.getoption, ("server", "address", "long"))
+    device.HOST = "localhost" if device.ADDRESS == "127.0.0.1" else device.ADDRESS
+    device.PARTS = [part for part, option in ((TLS, "tls"), (PASSWORD, "password")) if config.getoption(option)]
 
 
 def pytest_collection_modifyitems(config, items):

@@ -27,19 +27,13 @@ NETWORK = "192.168.7.1"  # a name of each server, whether or not it listens ther
 SECOND = "192.168.7.2"  # of another client there
 USER, SECRET = "technician", 'a$1 "b":c\\'
 
-# What is tested. Changed by choose(), before test modules are imported.
+# What is tested: the web server, its address, what of its configuration's prepared parts is turned on, and how much.
+# conftest.py changes it by the options of the run, before test modules are imported.
 NAME = "lighttpd"
 ADDRESS = "127.0.0.1"
 HOST = "localhost"
 PARTS = ()
 IS_LONG = False
-
-
-def choose(name, address, parts, is_long):
-    """The web server, its address, what of its configuration's prepared parts is turned on, and how much is tested."""
-    global NAME, ADDRESS, HOST, PARTS, IS_LONG
-    NAME, ADDRESS, PARTS, IS_LONG = name, address, parts, is_long
-    HOST = "localhost" if address == "127.0.0.1" else address
 
 
 def is_on_loopback():

@@ -30,7 +30,6 @@ from server import running_device
 
 ACCESS_LOG = pathlib.Path(f"/tmp/web_{PORT}/run/access.log")
 HAS_TLS, HAS_PASSWORD, IS_LONG = TLS in device.PARTS, PASSWORD in device.PARTS, device.IS_LONG
-loopback_is_enough = pytest.mark.long if IS_LONG else pytest.mark.loopback
 
 # Where the foreign pages are: on another site; under the device's own name or address with another port, which makes it
 # the same site.
@@ -287,7 +286,7 @@ def test_markup_in_the_echo_does_nothing(victim):
     assert hits == [], "loaded from a foreign server"
 
 
-@loopback_is_enough
+@pytest.mark.loopback
 def test_markup_in_the_echo_has_no_style_no_script_no_frame_and_sends_no_form(victim):
     styles = ("position:fixed", "clear:both;position:fixed", "clear:both ")
     forms = [f'<form action="{target}" method="{method}"><input type="submit" value="Win"></form>'
