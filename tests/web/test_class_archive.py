@@ -1,7 +1,6 @@
 """The CDS archive: made by one command from a request, used while nothing has changed, and never in the way.
 `class-archive run` does with it what the gate in front of the programs does."""
 
-import contextlib
 import fcntl
 import os
 import pathlib
@@ -142,65 +141,27 @@ def test_is_used_behind_the_gate():
 
 # --- Not used
 
-@contextlib.contextmanager
-def same_time():
-    before = ARCHIVE.stat()
-    ARCHIVE.chmod(0o600)
-    yield
-    os.utime(ARCHIVE, ns=(before.st_atime_ns, before.st_mtime_ns))
+KEEPING_ITS_TIME = "chmod u+w classes.jsa; touch -r classes.jsa /tmp/time; {}; touch -r /tmp/time classes.jsa"
 
 
-def cut_archive():
-    with same_time():
-        os.truncate(ARCHIVE, ARCHIVE.stat().st_size // 2)
-
-
-def flip_the_middle():
-    """The bits of one byte."""
-    ARCHIVE.chmod(0o600)
-    text = bytearray(ARCHIVE.read_bytes())
-    text[len(text) // 2] ^= 0xff
-    ARCHIVE.write_bytes(text)
-
-
-def replace_archive():
-    """By a copy of the same time."""
-    os.replace(shutil.copy2(ARCHIVE, FOLDER / "copy"), ARCHIVE)
-
-
-def replace_record():
-    """Nothing waits for a pipe."""
-    RECORD.unlink()
-    os.mkfifo(RECORD)
-
-
-def add_option(text):
-    OPTIONS.write_text(OPTIONS.read_text() + text)
-
-
-def recorded(change):
-    """The record as the function changes it."""
-    return lambda: RECORD.write_bytes(change(RECORD.read_bytes()))
-
-
-@pytest.mark.parametrize("happen, named", [pytest.param(*change, id=name) for name, change in {
-    "no folder": (lambda: shutil.rmtree(FOLDER), "no record"),
-    "no archive": (ARCHIVE.unlink, "classes.jsa"),
-    "no options with it": (OPTIONS_WITH_IT.unlink, "java.options"),
-    "archive unreadable": (lambda: ARCHIVE.chmod(0), "classes.jsa"),
-    "archive cut short": (cut_archive, "classes.jsa"),
-    "archive written to": (flip_the_middle, "classes.jsa"),
-    "a copy in its place": (replace_archive, "classes.jsa"),
-    "the VM changed": (lambda: os.utime(LIBRARY), "libjvm.so"),
-    "no VM": (lambda: LIBRARY.rename(LIBRARY_ASIDE), "libjvm.so"),
-    "options changed": (lambda: add_option("-Dvemo.greeting=other\n"), "shipped.options"),
-    "a pipe for a record": (replace_record, "JAVA_OPTIONS"),
-    "more behind it": (recorded(lambda record: record + b"more"), "goes on after its end"),
-    "a zero behind it": (recorded(lambda record: record + b"\0"), "no record"),
-    "a record that is too large": (recorded(lambda record: b"x" * 2 ** 20), "no record"),
+@pytest.mark.parametrize("happens, named", [pytest.param(*change, id=name) for name, change in {
+    "no folder": (f"rm -r {FOLDER}", "no record"),
+    "no archive": ("rm -f classes.jsa", "classes.jsa"),
+    "no options with it": ("rm java.options", "java.options"),
+    "archive unreadable": ("chmod 0 classes.jsa", "classes.jsa"),
+    "archive cut short": (KEEPING_ITS_TIME.format("truncate --size=-1 classes.jsa"), "classes.jsa"),
+    "archive written to": ("touch classes.jsa", "classes.jsa"),
+    "a copy in its place": ("cp -p classes.jsa copy; mv -f copy classes.jsa", "classes.jsa"),
+    "the VM changed": (f"touch {LIBRARY}", "libjvm.so"),
+    "no VM": (f"mv {LIBRARY} {LIBRARY_ASIDE}", "libjvm.so"),
+    "options changed": (f"echo -Dvemo.greeting=other >>{OPTIONS}", "shipped.options"),
+    "a pipe for a record": ("rm record; mkfifo record", "JAVA_OPTIONS"),  # nothing waits for it
+    "more behind it": ("printf more >>record", "goes on after its end"),
+    "a zero behind it": (r"printf '\0' >>record", "no record"),
+    "a record that is too large": ("yes | head --bytes=1M >record", "no record"),
 }.items()])
-def test_is_not_used_after_a_change(happen, named):
-    happen()
+def test_is_not_used_after_a_change(happens, named):
+    subprocess.run(["/bin/sh", "-ec", happens], cwd=FOLDER, check=True)
     assert named in mismatch()
     expect_not_used()
 
@@ -244,8 +205,11 @@ def test_is_not_made_again_while_it_fits():
 def test_damage_behind_the_systems_back_is_found_at_the_next_start():
     """Which changes no time stamp."""
     before = ARCHIVE.stat()
-    with same_time():
-        flip_the_middle()
+    ARCHIVE.chmod(0o600)
+    text = bytearray(ARCHIVE.read_bytes())
+    text[len(text) // 2] ^= 0xff
+    ARCHIVE.write_bytes(text)
+    os.utime(ARCHIVE, ns=(before.st_atime_ns, before.st_mtime_ns))
     expect_made_anew()
     assert ARCHIVE.stat().st_ino != before.st_ino
 
@@ -260,7 +224,7 @@ def test_is_made_anew_for_a_changed_vm_at_a_terminal():
 
 
 def test_is_made_without_standard_input_and_with_options_whose_last_line_has_no_end():
-    add_option("-Dvemo.greeting=other")
+    OPTIONS.write_text(OPTIONS.read_text() + "-Dvemo.greeting=other")
     expect_made_anew(preexec_fn=lambda: os.close(0))
 
 
@@ -304,7 +268,7 @@ def test_the_lock_is_not_waited_for_for_ever():
 ], ids=["no Java VM", "options that it refuses"])
 def test_making_that_fails_says_why_and_leaves_no_record(program, option, words):
     ARCHIVE.unlink()
-    add_option(option)
+    OPTIONS.write_text(OPTIONS.read_text() + option)
     status, _, error = make(FOLDER, program)
     assert status == 1
     assert [word for word in words if word not in error] == [], error

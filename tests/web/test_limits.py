@@ -38,10 +38,8 @@ def is_closed(connection):
     connection.setblocking(False)
     try:
         connection.recv(1000)
-    except BlockingIOError:
-        return False
-    except OSError:
-        pass
+    except OSError as error:
+        return not isinstance(error, BlockingIOError)
     return True
 
 
