@@ -128,11 +128,6 @@ def listen_to_outside(file):
     file.write_text(file.read_text(encoding="utf-8").replace('"127.0.0.1"', '"0.0.0.0"', 1), encoding="utf-8")
 
 
-def disk(path):
-    """A disk for Machine. Nothing is held back, so that what was written outlives a kill."""
-    return ["-drive", f"file={path},format=raw,if=virtio,cache=writeback"]
-
-
 def logged_disk(path, log):
     """A disk for Machine whose every write and flush goes to `log` too; see write_log.py."""
     return [

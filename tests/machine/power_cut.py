@@ -102,7 +102,7 @@ def cases(*ways):
 # Each of so many machines gives one cut at its kill, and so many more; cases; which fsync lies.
 PLANS = {
     "by_rename": (2, 11, cases("by_rename"), ""),
-    "shared": (2, 11, cases("shared_with_root", "shared_by_a_group"), ""),
+    "shared": (4, 5, cases("shared_with_root", "shared_by_a_group"), ""),
     "in_place": (2, 11, cases("in_place"), ""),
     # Were the first fsync missing, or the second, the test would see it.
     "sees_that_the_file_is_not_synced": (1, 23, [Case("by_rename", WRITEBACK)], "1"),
