@@ -82,11 +82,6 @@ def post_value(value):
     return post(SET_OPTION, FIELD + value)
 
 
-def half_a_post(value):
-    sent = post_value(value)
-    return sent[:len(sent) // 2]
-
-
 KINDS = {
     "store by GET": Kind(310, get_value, ask),
     "store by POST": Kind(260, post_value, ask),
@@ -94,7 +89,7 @@ KINDS = {
     "abort": Kind(50, lambda _: post(SET_OPTION, part("X: y"), kind=MULTIPART), ask),
     "hang": Kind(10, lambda _: request(f"{SET_OPTION}?{HANG}{FIELD}never"), ask),
     "slow client": Kind(30, post_value, ask_slowly),
-    "gone within the request": Kind(30, half_a_post, leave),
+    "gone within the request": Kind(30, lambda value: post_value(value)[:-10], leave),
     "gone after the request": Kind(50, get_value, leave),
     "gone within the page": Kind(50, post_value, leave_within_the_page),
     "device information": Kind(60, lambda _: request("/channeldeviceconfig.cgi"), ask),
