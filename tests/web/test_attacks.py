@@ -286,7 +286,7 @@ def test_markup_in_the_echo_does_nothing(victim):
     assert hits == [], "loaded from a foreign server"
 
 
-@pytest.mark.loopback
+@(pytest.mark.long if IS_LONG else pytest.mark.loopback)
 def test_markup_in_the_echo_has_no_style_no_script_no_frame_and_sends_no_form(victim):
     styles = ("position:fixed", "clear:both;position:fixed", "clear:both ")
     forms = [f'<form action="{target}" method="{method}"><input type="submit" value="Win"></form>'

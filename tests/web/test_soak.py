@@ -23,7 +23,7 @@ from device import FIELD, LOG, SET_OPTION, SETTINGS, SHIPPED_SETTINGS
 from server import gate, running_device
 
 AT_ONCE = 4
-SEED = 2
+SEED = 1
 LOGS = pathlib.Path("/tmp/soak")  # renamed
 LEFT_IN_TMP = {"cgi.log", "nvm.log", "web_8080", LOGS.name}
 # By which a server may grow from one half to the other: KiB for its buffers, and bytes a request.
