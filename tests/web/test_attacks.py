@@ -283,7 +283,8 @@ def test_markup_in_the_echo_does_nothing(victim):
     time.sleep(1)
     asked = asked_of_the_device("CanDetectTimeout=(harm|evil$)")
     assert {status for *_, status in asked} <= {403}, asked
-    assert hits == [], "loaded from a foreign server"
+    # The browser asks late for the icon of a foreign page that it has shown before.
+    assert set(hits) <= {"/favicon.ico"}, "loaded from a foreign server"
 
 
 @(pytest.mark.long if IS_LONG else pytest.mark.loopback)
