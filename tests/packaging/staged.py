@@ -22,8 +22,8 @@ def test_the_web_server_starts_and_a_value_is_stored(build, request):
         device.run("sh", "-ec", "systemd-sysusers vemo-web.conf; systemd-tmpfiles --create vemo-web.conf;"
                    " install -d -o vemo-web /run/vemo-web")
         unit = device.read("/usr/lib/systemd/system/vemo-web.service")
-        command = re.search(r"^ExecStart=(.*)$", unit, re.MULTILINE)[1].split()
-        assert device.run(*AS_SERVICE, command[0], "-tt", *command[-2:]) == ""
-        device.start(*AS_SERVICE, *command)
+        command = re.search(r"^ExecStart=(\S+ (\S+) (\S+))$", unit, re.MULTILINE)
+        assert device.run(*AS_SERVICE, command[2], "-tt", "-f", command[3]) == ""
+        device.start(*AS_SERVICE, *command[1].split())
         device.wait_for("127.0.0.1", 8080)
         assert "Set new option was successful." in device.ask("/setobdconf.cgi?CanDetectTimeout=700")[1]
