@@ -101,11 +101,6 @@ def device(architecture):
             yield device
 
 
-def test_the_class_archive_is_made_and_fits(device):
-    device.expect(f"cat /tmp/start.log; {AS_USER} JAVA_OPTIONS=-XX:VMOptionsFile=/srv/vemo/java.options "
-                  f"JAVA_CLASSPATH=/srv/vemo/java /srv/vemo/bin/class-archive fits {device.archive}")
-
-
 @pytest.mark.parametrize("address", ["/channeldeviceconfig.cgi", "/reboot.cgi"])
 def test_the_sibling_pages_are_served(device, address):
     status, page = device.get(address)
