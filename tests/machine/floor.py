@@ -169,7 +169,7 @@ def test_far_below_it_the_page_is_cut_the_logs_say_so_and_nothing_is_lost(disk):
         assert status in (200, 500), page
         assert "<h2>" not in page
         # The server logs it when it has seen the end, which it may after it answered.
-        errors = device.expect(f"for try in 1 2 3 4 5; do grep 'died with' {ERRORS} && break; sleep 1; done; "
+        errors = device.expect(f"for try in $(seq 60); do grep 'died with' {ERRORS} && break; sleep 1; done; "
                                f"cat {ERRORS}")
         end = re.search(r"CGI pid (\d+) died with signal (9|14)$", errors, re.MULTILINE)
         assert end, errors
