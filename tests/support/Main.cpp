@@ -30,19 +30,15 @@ void RefuseOtherArguments(int argc, char** argv) {
 [[noreturn]] void RestartInSandbox(char** arguments) {
   const auto self = std::filesystem::read_symlink("/proc/self/exe");
   const std::string inside = "/build" / self.lexically_relative(BUILD_FOLDER);
-  std::vector<const char*> words = {SOURCE_FOLDER "/standin/sandbox",
-                                    BUILD_FOLDER,
-                                    "--private-network",
-                                    "--read-only",
-                                    SOURCE_FOLDER,
-                                    "/source",
-                                    "--",
-                                    inside.c_str()};
+  const char* const sandbox = SOURCE_FOLDER "/standin/sandbox";
+  std::vector<const char*> words = {sandbox,       BUILD_FOLDER,  "--private-network",
+                                    "--read-only", SOURCE_FOLDER, "/source",
+                                    "--",          inside.c_str()};
   while (words.back() != nullptr) {
     words.push_back(*++arguments);
   }
-  execv(words[0], const_cast<char**>(words.data()));
-  std::perror(words[0]);
+  execv(sandbox, const_cast<char**>(words.data()));
+  std::perror(sandbox);
   std::exit(EXIT_FAILURE);
 }
 
