@@ -6,7 +6,7 @@ import pathlib
 
 import pytest
 from page import REBOOT, expect_texts, show
-from program import get, log_lines, post, read, write
+from program import get, log_lines, post, write
 
 PIPE = pathlib.Path("/run/vemo-web-reboot")
 BOOT = pathlib.Path("/run/vemo-web-boot")

@@ -35,7 +35,6 @@ MEDIA = {
 FORCED = {"forced-colors": "active", "prefers-color-scheme": "dark"}
 
 
-
 # --- How each page, and each state of it, is reached
 
 def reached(path, text="", button=None, meanwhile=contextlib.nullcontext):
